@@ -10,8 +10,9 @@
 // key. After a break of the bus the declarations are announced again.
 #include "tvevent.h"
 
+#include "glib_ptr.h"
+
 #include <cstdarg>
-#include <gio/gio.h>
 #include <map>
 #include <memory>
 #include <string>
@@ -24,15 +25,6 @@ constexpr const char *object_path = "/com/tarvo/Event1";
 constexpr unsigned reconnect_period_s = 1;
 
 using Texts = std::map<std::string, std::string>;
-
-struct ObjectReleaser {
-    void operator()(gpointer object) const { g_object_unref(object); }
-};
-struct Freer {
-    void operator()(gpointer memory) const { g_free(memory); }
-};
-using Connection = std::unique_ptr<GDBusConnection, ObjectReleaser>;
-using Chars = std::unique_ptr<gchar, Freer>;
 
 struct Declaration {
     Texts topic;
@@ -59,7 +51,7 @@ struct TVEvent {
 };
 
 struct TVEventHandler {
-    Connection connection;
+    gobject_ptr<GDBusConnection> connection;
     std::map<guint, Declaration> declarations;
     std::map<guint, Subscription> subscriptions;
     guint last_id = 0;
@@ -75,7 +67,7 @@ gboolean fail(GError **error, GIOErrorEnum code, const char *message) {
 
 // The bus takes valid UTF-8 only, and a nice name may hold bytes of a log line.
 std::string valid_text(const gchar *text) {
-    return Chars(g_utf8_make_valid(text, -1)).get();
+    return gchar_ptr(g_utf8_make_valid(text, -1)).get();
 }
 
 std::string full_key(const gchar *key, const gchar *name_space) {
@@ -156,7 +148,7 @@ void on_closed(GDBusConnection *, gboolean, GError *, gpointer data) noexcept;
 gboolean ensure_connected(TVEventHandler &handler, GError **error) {
     if (handler.connection && !g_dbus_connection_is_closed(handler.connection.get()))
         return TRUE;
-    const Chars address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
+    const gchar_ptr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
     if (!address)
         return FALSE;
     // A connection of its own: the shared one ends the process when the bus goes, and stays closed.

@@ -3,6 +3,9 @@
 // callback, whose writes go straight, and blocking, to the socket.
 #include "tvhttp.h"
 
+#include "handle.h"
+
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -25,27 +28,13 @@ namespace {
 constexpr const char *socket_folder = "/run/tvhttp";
 // An argument of 100 kB comes percent-encoded (three times the size) and twice, as QUERY_STRING and
 // in REQUEST_URI.
-constexpr size_t max_head_bytes = 2 * 1024 * 1024;
-constexpr size_t max_body_bytes = 1024 * 1024;
+constexpr size_t max_head_bytes = 2UL * 1024 * 1024;
+constexpr size_t max_body_bytes = 1024UL * 1024;
 // GLib's string hash is easily made to collide; this many names can't cost noticeable time.
 constexpr unsigned max_arguments = 1000;
 constexpr size_t max_open_requests = 64;
 constexpr unsigned request_limit_s = 30;
 constexpr int write_limit_ms = 20'000;
-
-struct FdCloser {
-    int fd = -1;
-    explicit FdCloser(int descriptor = -1) : fd(descriptor) {}
-    FdCloser(FdCloser &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    FdCloser &operator=(FdCloser &&other) noexcept {
-        std::swap(fd, other.fd);
-        return *this;
-    }
-    ~FdCloser() {
-        if (fd >= 0)
-            close(fd);
-    }
-};
 
 // A source attached to a context; goes when its owner does.
 struct SourceDestroyer {
@@ -144,9 +133,9 @@ void reply_stream_class_init(ReplyStreamClass *type) {
 }
 
 // The stream closes the descriptor when it is closed or its last reference goes.
-GOutputStream *reply_stream_new(FdCloser fd) {
+GOutputStream *reply_stream_new(unique_fd fd) {
     auto *stream = static_cast<ReplyStream *>(g_object_new(reply_stream_get_type(), nullptr));
-    stream->fd = std::exchange(fd.fd, -1);
+    stream->fd = fd.release();
     return G_OUTPUT_STREAM(stream);
 }
 
@@ -236,7 +225,7 @@ std::optional<Request> parse_headers(std::string_view head) {
 // Made when a client connects; gone when its request is handed over, malformed or too late.
 struct Connection {
     TVHttpHandler *handler = nullptr;
-    FdCloser fd;
+    unique_fd fd;
     std::string head;               // as received: "LENGTH:" and then LENGTH bytes and ","
     std::optional<Request> request; // from when the head is complete
     size_t body_received = 0;
@@ -272,7 +261,7 @@ Progress look_at_head(Connection &connection) {
 // One piece a call, so that a client that floods doesn't keep the others waiting.
 Progress read_piece(Connection &connection) {
     std::array<char, 65536> piece;
-    const ssize_t count = recv(connection.fd.fd, piece.data(), piece.size(), MSG_DONTWAIT);
+    const ssize_t count = recv(connection.fd.get(), piece.data(), piece.size(), MSG_DONTWAIT);
     if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return Progress::incomplete;
     if (count <= 0)
@@ -304,7 +293,7 @@ struct TVHttpHandler {
     TVHttpRequestCallback callback = nullptr;
     gpointer user_data = nullptr;
     GMainContext *context = nullptr;
-    FdCloser listener;
+    unique_fd listener;
     std::string socket_path;
     ino_t socket_inode = 0;
     std::map<Connection *, std::unique_ptr<Connection>> connections;
@@ -375,7 +364,7 @@ gboolean on_pause_over(gpointer data) noexcept {
 
 gboolean on_acceptable(gint, GIOCondition, gpointer data) noexcept {
     auto &handler = *static_cast<TVHttpHandler *>(data);
-    const int fd = accept4(handler.listener.fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int fd = accept4(handler.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
         if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED)
             return G_SOURCE_CONTINUE;
@@ -387,7 +376,7 @@ gboolean on_acceptable(gint, GIOCondition, gpointer data) noexcept {
     }
     auto connection = std::make_unique<Connection>();
     connection->handler = &handler;
-    connection->fd = FdCloser(fd);
+    connection->fd = unique_fd(fd);
     connection->readable =
         attach(g_unix_fd_source_new(fd, G_IO_IN), on_readable, connection.get(), handler.context);
     // Below what reads: after a callback that took long, first look at what came meanwhile.
@@ -405,8 +394,8 @@ void start_accepting(TVHttpHandler &handler) {
     if (handler.acceptable || handler.accept_pause ||
         handler.connections.size() + handler.ready.size() >= max_open_requests)
         return;
-    handler.acceptable = attach(g_unix_fd_source_new(handler.listener.fd, G_IO_IN), on_acceptable,
-                                &handler, handler.context);
+    handler.acceptable = attach(g_unix_fd_source_new(handler.listener.get(), G_IO_IN),
+                                on_acceptable, &handler, handler.context);
 }
 
 } // namespace
@@ -421,12 +410,12 @@ TVHttpHandler *tv_http_handler_new(TVHttpRequestCallback callback, gpointer user
     if (mkdir(socket_folder, 0755) != 0 && errno != EEXIST)
         return nullptr;
     unlink(path.c_str()); // left behind by a process that was killed
-    FdCloser listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    unique_fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     struct stat made;
     // The mode is right before anyone can connect: that takes the listen.
-    if (listener.fd < 0 ||
-        bind(listener.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        chmod(path.c_str(), 0666) != 0 || listen(listener.fd, SOMAXCONN) != 0 ||
+    if (listener.get() < 0 ||
+        bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        chmod(path.c_str(), 0666) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
         stat(path.c_str(), &made) != 0)
         return nullptr;
     auto handler = std::make_unique<TVHttpHandler>();

@@ -2,9 +2,12 @@
 // each parameter. Readers need no lock, since the file is only ever replaced.
 #include "tvparameter.h"
 
+#include "handle.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <fcntl.h>
+#include <cstring>
 #include <gio/gio.h>
 #include <memory>
 #include <optional>
@@ -26,13 +29,8 @@ void set_errno_error(GError **error, int number, const char *path) {
                 g_strerror(number));
 }
 
-struct FileCloser {
-    void operator()(FILE *file) const { fclose(file); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
-
 std::optional<std::string> read_store(GError **error) {
-    const File file(fopen(store_path, "re"));
+    const unique_file file(fopen(store_path, "re"));
     std::string content;
     char piece[4096];
     while (file) {
@@ -62,6 +60,15 @@ std::optional<Place> find_value(std::string_view content, std::string_view name)
         begin = end + 1;
     }
     return std::nullopt;
+}
+
+// The store's text with the parameter set, everything else as it was.
+std::string with_value(const std::string &content, const std::string &name, const char *value) {
+    if (const std::optional<Place> place = find_value(content, name))
+        return content.substr(0, place->begin) + value +
+               content.substr(place->begin + place->length);
+    const bool unfinished = !content.empty() && content.back() != '\n';
+    return content + (unfinished ? "\n" : "") + name + "=" + value + "\n";
 }
 
 bool is_name(const gchar *name) {
@@ -101,28 +108,22 @@ gboolean tv_parameter_set(TVParameter *handle, const gchar *name, const gchar *v
         return FALSE;
     }
     // Opened anew by each caller, so it keeps threads apart as well as processes.
-    const File lock(fopen(lock_path, "ae"));
+    const unique_file lock(fopen(lock_path, "ae"));
     if (!lock || TEMP_FAILURE_RETRY(flock(fileno(lock.get()), LOCK_EX)) != 0) {
         set_errno_error(error, errno, lock_path);
         return FALSE;
     }
-    std::optional<std::string> content = read_store(error);
+    const std::optional<std::string> content = read_store(error);
     if (!content)
         return FALSE;
-    if (const std::optional<Place> place = find_value(*content, name)) {
-        content->replace(place->begin, place->length, value);
-    } else {
-        if (!content->empty() && content->back() != '\n')
-            *content += '\n';
-        content->append(name).append("=").append(value).append("\n");
-    }
+    const std::string changed = with_value(*content, name, value);
     struct stat present;
     const int mode =
         stat(store_path, &present) == 0 ? static_cast<int>(present.st_mode & 07777) : 0644;
     constexpr auto replaced = static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT |
                                                                  G_FILE_SET_CONTENTS_DURABLE);
-    return g_file_set_contents_full(store_path, content->data(),
-                                    static_cast<gssize>(content->size()), replaced, mode, error);
+    return g_file_set_contents_full(store_path, changed.data(), static_cast<gssize>(changed.size()),
+                                    replaced, mode, error);
 }
 
 void tv_parameter_free(TVParameter *handle) {

@@ -96,6 +96,7 @@ def prepare(state, serial, password):
     for folder in ("var/log/boot", "var/spool/storage", "var/lib", "var/tmp", "etc/sysconfig",
                    "etc/systemd/system", PACKAGE + "/localdata"):
         os.makedirs(os.path.join(state, folder), exist_ok=True)
+    replace(os.path.join(state, "var/log/boot/console"), "")
     if not os.path.lexists(os.path.join(state, "var/run")):
         os.symlink("/run", os.path.join(state, "var/run"))
     shutil.copytree(os.path.join(SIMULATOR, "root/etc"), os.path.join(state, "etc"),

@@ -4,6 +4,7 @@
 #include "log.h"
 #include "strutil.h"
 
+#include <cerrno>
 #include <string>
 
 namespace {
@@ -12,6 +13,8 @@ using event_ptr = std::unique_ptr<TVEvent, deleter<tv_event_free>>;
 
 constexpr const char *topic_namespace = "tnstarvo";
 
+// The platform's failures have no errno of their own, and its calls leave that of inner workings:
+// it is cleared before a failure is logged.
 TVEventHandler *event_handler; // made once, never freed: the platform has no call for it
 
 // Names as the platform takes them: no blanks, no dots.
@@ -71,6 +74,7 @@ std::uint32_t declare_event(const char *name, const char *nice_name) {
     guint declaration = 0;
     if (tv_event_handler_declare(event_handler, keys.get(), stateless, &declaration, nullptr,
                                  nullptr, nullptr) == FALSE) {
+        errno = 0;
         return 0;
     }
     return declaration;
@@ -79,7 +83,12 @@ std::uint32_t declare_event(const char *name, const char *nice_name) {
 bool send_event(std::uint32_t declaration) {
     const event_key_value_set_ptr no_data(tv_event_key_value_set_new());
     const event_ptr event(tv_event_new(no_data.get(), nullptr));
-    return tv_event_handler_send_event(event_handler, declaration, event.get(), nullptr) != FALSE;
+    const bool sent =
+        tv_event_handler_send_event(event_handler, declaration, event.get(), nullptr) != FALSE;
+    if (!sent) {
+        errno = 0;
+    }
+    return sent;
 }
 
 nfd_event_ids declare_event_nfd(const char *address, int port) {
@@ -129,6 +138,7 @@ std::uint32_t subscribe_event_systemlogs(unsigned number, const char *text,
     if (tv_event_handler_subscribe(event_handler, keys.get(), &subscription, callback, user_data,
                                    nullptr) == FALSE ||
         subscription == 0) {
+        errno = 0;
         log_error("Failed to subscribe for the event: [System logs: %s]", text);
         return 0;
     }
@@ -137,6 +147,7 @@ std::uint32_t subscribe_event_systemlogs(unsigned number, const char *text,
 
 int unsubscribe_event_systemlogs(std::uint32_t subscription) {
     if (tv_event_handler_unsubscribe(event_handler, subscription, nullptr) == FALSE) {
+        errno = 0;
         log_error("Failed to unsubscribe for the subscription: [%d]",
                   static_cast<int>(subscription));
         return -1;

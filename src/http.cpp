@@ -108,6 +108,7 @@ void http_register_action(const char *name, http_callback handler) {
 }
 
 void http_access_callback(GDataOutputStream *stream, GHashTable *arguments) {
+    errno = 0; // what earlier work left is no part of this request's messages
     const char *action = http_argument(arguments, "action");
     if (action == nullptr) {
         http_write(stream, routing_error_type);

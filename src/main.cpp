@@ -145,6 +145,12 @@ gboolean stopped_cleanup(gpointer) noexcept {
     return G_SOURCE_REMOVE;
 }
 
+// The first SIGTERM takes its clean-up's source away, and GLib would give the signal back its
+// default action with the last one: a second SIGTERM must find something.
+gboolean stay(gpointer) noexcept {
+    return G_SOURCE_CONTINUE;
+}
+
 // Later steps depend on the state that earlier ones leave.
 void start_up() {
     open_missing_standard_descriptors();
@@ -161,6 +167,7 @@ void start_up() {
     apache2_included = is_directory("/etc/apache2/conf.d");
     event_init();
     g_unix_signal_add(SIGTERM, stopped_cleanup, nullptr);
+    g_unix_signal_add(SIGTERM, stay, nullptr);
     timer_count = 0;
     if (!resume_monitoring_session()) {
         log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);

@@ -136,6 +136,7 @@ export class Camera {
         const pieces = [];
         response.on("data", (piece) => pieces.push(piece));
         response.on("error", reject);
+        response.on("close", () => reject(new Error("the reply was cut"))); // after "end": nothing
         response.on("end", () => resolve({
           status: response.statusCode, headers: response.headers, complete: response.complete,
           body: Buffer.concat(pieces).toString(),

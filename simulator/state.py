@@ -49,11 +49,11 @@ class CameraError(Exception):
     """What can't be done, in one line for the user."""
 
 
-def lock(state):
+def lock(state, kind=fcntl.LOCK_EX):
     """The descriptor of the state directory with its lock, or None while a camera runs in it."""
     descriptor = os.open(state, os.O_RDONLY | os.O_DIRECTORY)
     try:
-        fcntl.flock(descriptor, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        fcntl.flock(descriptor, kind | fcntl.LOCK_NB)
         return descriptor
     except BlockingIOError:
         os.close(descriptor)
@@ -63,7 +63,7 @@ def lock(state):
 def running(state):
     """The record of the running camera, or None."""
     try:
-        descriptor = lock(state)
+        descriptor = lock(state, fcntl.LOCK_SH)
         if descriptor is not None:
             os.close(descriptor)
             return None

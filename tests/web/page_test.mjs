@@ -75,7 +75,7 @@ before(async () => {
 
 after(async () => {
   await browser?.close();
-  camera(['stop']);
+  camera(['stop', '--now']);
   rmSync(state, { recursive: true, force: true });
 });
 

@@ -37,6 +37,7 @@ def bwrap_arguments():
         "--symlink", "usr/sbin", "/sbin",
         "--dir", "/lib",
         "--proc", "/proc",
+        "--ro-bind", "/proc/sys", "/proc/sys",  # the kernel's settings are the host's
         "--dev", "/dev",
         "--tmpfs", "/tmp",
         "--tmpfs", "/run",

@@ -75,7 +75,7 @@ before(async () => {
 
 after(async () => {
   await browser?.close();
-  camera(['stop']);
+  camera(['stop', '--now']);
   rmSync(state, { recursive: true, force: true });
 });
 
@@ -237,6 +237,7 @@ test('no accessibility violation in any view, light and dark, wide and narrow', 
       await check();
       await page.route('**/access.cgi*', (route) => route.abort());
       await page.getByRole('button', { name: 'Error' }).click();
+      await page.evaluate(() => document.dispatchEvent(new Event('visibilitychange')));
       await page.getByRole('complementary').waitFor();
       await check();
       await context.close();

@@ -123,6 +123,10 @@ int get_storage_use_pcent(const char *path) {
     return pipe.next_line(line_max, line) ? percent_in(line) : 0;
 }
 
+bool storage_has_room(int percent_used) {
+    return percent_used < full_percent;
+}
+
 bool check_partition_usage(const char *path) {
     const int percent = get_storage_use_pcent(path);
     if (percent < 0) {
@@ -130,7 +134,7 @@ bool check_partition_usage(const char *path) {
                     path == nullptr ? "[NULL]" : path);
         return false;
     }
-    return percent < full_percent;
+    return storage_has_room(percent);
 }
 
 unsigned long get_dir_size_bytes(const std::string &path) {

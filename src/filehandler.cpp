@@ -479,9 +479,12 @@ void store_proc_net_dev(const std::string &session) {
     // last of them.
     std::array<char, net_dev_read_max> buffer;
     const ssize_t size = ::read(source.get(), buffer.data(), buffer.size());
+    store_net_dev(session, {buffer.data(), size < 0 ? 0 : static_cast<std::size_t>(size)});
+}
+
+void store_net_dev(const std::string &session, std::string_view text) {
     net_dev_values values;
-    if (const auto error = parse_proc_net_dev(
-            {buffer.data(), size < 0 ? 0 : static_cast<std::size_t>(size)}, values)) {
+    if (const auto error = parse_proc_net_dev(text, values)) {
         log_net_dev_error(*error);
         return;
     }

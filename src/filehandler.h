@@ -19,6 +19,8 @@ void store_proc_meminfo(const std::string &session_directory);
 void store_slab_info(const std::string &session_directory);
 // The counters of each network interface, and the bandwidth of eth0 since the last call.
 void store_proc_net_dev(const std::string &session_directory);
+// The same for a text that was read from /proc/net/dev.
+void store_net_dev(const std::string &session_directory, std::string_view text);
 // Appends one row to network.csv in the folder.
 void store_network_info_no_retention(const std::string &network_directory, const std::string &rate);
 

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <sys/wait.h>
 
 namespace {
 
@@ -93,7 +92,7 @@ bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also) {
         "dbus-send --system --print-reply --reply-timeout=6000 --dest=com.tarvo.Storage "
         "--type=method_call /com/tarvo/Storage com.tarvo.Storage.GetAllStoragesInfo",
         line_max, [&reply](const std::string &line) { reply.take_line(line); });
-    if (WIFSIGNALED(status)) {
+    if (was_ended_by_signal(status)) {
         return false;
     }
     if (reply.is_healthy()) {

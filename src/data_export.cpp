@@ -190,53 +190,60 @@ std::string first_line(int folder, const char *name) {
     return std::string(start.substr(0, start.find_first_of("\r\n")));
 }
 
-bool ends_with_csv(std::string_view name) {
-    return name.ends_with(".csv");
-}
+// The arguments that make action_view_monitor_data answer a CSV file; for velas and koral the name
+// is what stands behind the "@".
+struct selection {
+    std::string type;
+    std::string name;
+    std::string pid;
+};
 
-// The arguments that select a file of the session, as members of its JSON object.
-std::string selecting_members(const std::string &path) {
+selection selection_of(const std::string &path) {
     const std::vector<std::string> parts = split_path(path);
-    const auto members = [](const std::string &type, const std::string &name,
-                            const std::string &pid = "") {
-        return ",\"type\":" + json_text(type) +
-               ",\"name\":" + (name.empty() ? "null" : json_text(name)) +
-               ",\"pid\":" + (pid.empty() ? "null" : json_text(pid));
-    };
-    if (parts.size() < 3 || parts[0] != monitoring) {
-        return members("", "");
+    const std::size_t count = parts.size();
+    if (count < 3 || parts[0] != monitoring) {
+        return {};
     }
     const std::string &folder = parts[1];
-    const std::string &last = parts.back();
-    if (folder == "monitoring_meminfo" && parts.size() == 3) {
-        return members(std::string(meminfo_key) + last, "");
-    }
-    if (folder == "monitoring_environment") {
-        return parts.size() == 4 && last == "devicepower.csv"
-                   ? members("environment_power", parts[2])
-               : last == "power.csv" ? members("environment_power", "reqrev")
-                                     : members("environment", last);
-    }
+    const std::string &file = parts.back();
+    const auto is = [&](std::size_t parts_wanted, std::string_view folder_wanted) {
+        return count == parts_wanted && folder == folder_wanted;
+    };
     for (const export_type &type : export_types) {
-        const std::vector<std::string> type_folder = split_path(type.folder);
-        if (!std::equal(type_folder.begin(), type_folder.end(), parts.begin() + 1,
-                        parts.end() - 1) &&
-            !type.needs_pid) {
-            continue;
-        }
-        if (type.needs_pid) {
-            if (folder == type.folder && parts.size() == 5) {
-                return members(type.type, parts[2], parts[3]);
-            }
-        } else if (type.file != nullptr ? last == type.file : true) {
-            const std::string_view key = type.type;
-            return key == "slabinfo" ? members(type.type, last.substr(0, last.size() - 4))
-                   : key == "network" && last == "network.csv" ? members(type.type, "")
-                   : type.file != nullptr                      ? members(type.type, "")
-                                                               : members(type.type, last);
+        if (type.file != nullptr && is(3, type.folder) && file == type.file) {
+            return {type.type, "", ""};
         }
     }
-    return members("", "");
+    if (is(3, "monitoring_meminfo")) {
+        return {std::string(meminfo_key) + file, "", ""};
+    }
+    if (is(3, "monitoring_environment")) {
+        return file == "power.csv" ? selection{"environment_power", "reqrev", ""}
+                                   : selection{"environment", file, ""};
+    }
+    if (is(4, "monitoring_environment") && file == "devicepower.csv") {
+        return {"environment_power", parts[2], ""};
+    }
+    if (is(3, "monitoring_network")) {
+        return {"network", file == "network.csv" ? "" : file, ""};
+    }
+    if (is(3, "monitoring_slabinfo")) {
+        return {"slabinfo", file.substr(0, file.rfind('.')), ""};
+    }
+    if (is(5, "monitoring_vmstatus") || is(5, "monitoring_topstatus")) {
+        return {folder == "monitoring_vmstatus" ? "vmstat" : "topstat", parts[2], parts[3]};
+    }
+    if (is(3, "monitoring_vela")) {
+        return {"velas", file, ""};
+    }
+    if (is(4, "monitoring_koral") && parts[2] == "others") {
+        return {"koral", file, ""};
+    }
+    return {};
+}
+
+std::string json_or_null(const std::string &text) {
+    return text.empty() ? "null" : json_text(text);
 }
 
 void list_folder(int parent, const char *name, const std::string &path, int depth, listing &list) {
@@ -257,12 +264,15 @@ void list_folder(int parent, const char *name, const std::string &path, int dept
         const std::string entry_path = path + entry_name;
         if (S_ISDIR(status.st_mode) && depth < depth_max) {
             list_folder(folder_descriptor, entry_name, entry_path + "/", depth + 1, list);
-        } else if (S_ISREG(status.st_mode) && ends_with_csv(entry_name)) {
-            list.csv += format_text("%s{\"path\":%s%s,\"header\":%s,\"size\":%lld}",
-                                    list.csv.empty() ? "" : ",", json_text(entry_path).c_str(),
-                                    selecting_members(entry_path).c_str(),
-                                    json_text(first_line(folder_descriptor, entry_name)).c_str(),
-                                    static_cast<long long>(status.st_size));
+        } else if (S_ISREG(status.st_mode) && std::string_view(entry_name).ends_with(".csv")) {
+            const selection select = selection_of(entry_path);
+            list.csv += format_text(
+                "%s{\"path\":%s,\"type\":%s,\"name\":%s,\"pid\":%s,\"header\":%s,\"size\":%lld}",
+                list.csv.empty() ? "" : ",", json_text(entry_path).c_str(),
+                json_or_null(select.type).c_str(), json_or_null(select.name).c_str(),
+                json_or_null(select.pid).c_str(),
+                json_text(first_line(folder_descriptor, entry_name)).c_str(),
+                static_cast<long long>(status.st_size));
         } else if (S_ISREG(status.st_mode)) {
             list.files += format_text("%s{\"path\":%s,\"size\":%lld,\"time\":%lld}",
                                       list.files.empty() ? "" : ",", json_text(entry_path).c_str(),

@@ -16,8 +16,6 @@
 
 #include <cerrno>
 
-unsigned long connection_lost_count = 0;
-
 namespace {
 
 constexpr unsigned long timer_count_wrap = 60'000'000;

@@ -6,10 +6,6 @@
 #include <span>
 #include <string>
 
-// Consecutive ticks in which the session's external storage could not be used; 0 while it can.
-// Written by the main timer, cleared when a session starts.
-extern unsigned long connection_lost_count;
-
 // The 60-second timeout. Always TRUE: it stays installed.
 gboolean timer_callback(gpointer) noexcept;
 

@@ -12,6 +12,7 @@ std::optional<std::string> current_activity_folder;
 bool monitory_active = false;
 std::optional<std::string> monitor_start_time;
 unsigned long monitor_active_minutes_count = 0;
+unsigned long connection_lost_count = 0;
 unsigned long advanced_debug_mode_crash_recurrence = 0;
 unsigned long advanced_debug_mode_crash_recurrence_tick = 0;
 bool advanced_debug_mode_crash_interval_activated = false;

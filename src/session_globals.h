@@ -20,6 +20,10 @@ extern std::optional<std::string> monitor_start_time;
 // Minutes that the session has been active, in step with its information file's "Duration".
 extern unsigned long monitor_active_minutes_count;
 
+// Consecutive ticks in which the session's external storage could not be used; 0 while it can.
+// Written by the main timer, cleared when a session starts.
+extern unsigned long connection_lost_count;
+
 // Period of scheduled crash reports in ticks, 0 when off, and the tick within it. Set at activation
 // and resume.
 extern unsigned long advanced_debug_mode_crash_recurrence;

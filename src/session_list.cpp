@@ -4,7 +4,6 @@
 #include "dateutil.h"
 #include "fileutil.h"
 #include "log.h"
-#include "main_timer.h"
 #include "monitoring_session.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"

@@ -5,8 +5,9 @@
 #   continuous_syslog_cat.sh LOG
 #
 # The session's file is where localdata/current_continuous_syslog.txt points to. LOG is emptied, so
-# that no line is taken twice; if the lines can't be written, it stays as it is. Without the log, the
-# link or the session's folder nothing happens.
+# that no line is taken twice, but stays the same file, which the log service has open; if the lines
+# can't be written, it stays as it is. Without the log, the link or the session's folder nothing
+# happens.
 
 # shellcheck source=package/common.sh
 . "${0%/*}/common.sh"

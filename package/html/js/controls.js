@@ -71,7 +71,7 @@ export function createMessage() {
   const text = el('span');
   const elapsed = el('span', { class: 'quiet', 'aria-hidden': 'true' });
   const box = el('div', { class: 'message', hidden: true }, progress, text, elapsed);
-  const element = el('div', { role: 'status' }, box);
+  const element = el('div', { class: 'message-place', role: 'status' }, box);
   let ticking = 0;
 
   /** @param {'work' | 'good' | 'bad' | 'doubtful'} kind @param {...(Node | string)} parts */
@@ -102,11 +102,11 @@ export function createMessage() {
     /** Why something did not work: the daemon's words as a quotation. @param {unknown} error */
     fail(error, what = '') {
       const { kind, message, advice } = /** @type {RequestError} */ (error);
-      const prefix = what ? `${what}: ` : '';
       if (error instanceof RequestError && kind === 'refused') {
-        show('bad', `${prefix}the daemon refuses: `, el('q', {}, message), advice ? ` ${advice}` : '');
+        show('bad', what ? `${what}: the daemon refuses. ` : 'The daemon refuses. ',
+          el('q', {}, message), advice ? ` ${advice}` : '');
       } else {
-        show('bad', `${prefix}${message} ${advice ?? ''}`.trim());
+        show('bad', `${what ? `${what}: ` : ''}${message} ${advice ?? ''}`.trim());
       }
     },
   };

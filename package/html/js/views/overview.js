@@ -101,7 +101,7 @@ function selfTestCard() {
 export function create() {
   return {
     element: el('div', { class: 'view' }, el('h1', {}, 'Overview'),
-      el('div', { class: 'cards' },
+      el('div', { class: 'columns' },
         sessionCard(el('p', {}, el('a', { href: '#/sessions' }, 'Start, stop, download'))),
         cameraCard(), daemonCard(), selfTestCard())),
     show: schedule,

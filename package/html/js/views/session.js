@@ -28,7 +28,7 @@ const NOT_TEXT = /\.(?:jpe?g|png|zip|gz|tgz|xz|pcap(?:ng)?|core|bin|elf)$/i;
  * @property {string} time
  */
 
-/** @param {unknown} value @returns {{csv: Csv[], files: Item[]}} */
+/** @param {unknown} value @returns {{csv: Csv[], files: Item[], complete: boolean}} */
 function contentsOf(value) {
   const told = /** @type {Record<string, unknown>} */ (value ?? {});
   const records = (/** @type {unknown} */ many) =>
@@ -47,6 +47,7 @@ function contentsOf(value) {
       time: typeof one.time === 'number' ? dateTime(new Date(one.time * 1000))
         : text(one.time),
     })),
+    complete: told.complete !== false,
   };
 }
 
@@ -64,8 +65,8 @@ function createViewer() {
   /** @param {string} title @param {() => number} target */
   const step = (title, target) => actionButton(title, () => load(target()));
   const steps = [
-    step('Begin', () => 0), step('Back', () => Math.max(0, offset - PIECE_BYTES)),
-    step('On', () => Math.min(last(), offset + PIECE_BYTES)), step('End', last),
+    step('First', () => 0), step('Previous', () => Math.max(0, offset - PIECE_BYTES)),
+    step('Next', () => Math.min(last(), offset + PIECE_BYTES)), step('Last', last),
   ];
   const stepTools = el('div', { class: 'tools', role: 'group', 'aria-label': 'Part of the file' }, ...steps);
   const save = el('a', { class: 'button', download: '' }, 'Download file');
@@ -213,6 +214,10 @@ export function create() {
       showFiles();
       read = true;
       message.clear();
+      if (!found.complete) {
+        message.show('doubtful', 'The session holds more files than the daemon lists. The archive has '
+          + 'them all.');
+      }
     } catch (error) {
       if (asked === path) {
         message.fail(error instanceof RequestError ? error : new RequestError('unexpected',

@@ -113,8 +113,8 @@ export function sessionList(message) {
   /** @param {Session} first */
   function makeRow(first) {
     let session = first;
-    const start = el('a', { href: `#/session?path=${encodeURIComponent(session.path)}` }, session.title);
-    const end = el('span');
+    const start = el('a', { class: 'stamp', href: `#/session?path=${encodeURIComponent(session.path)}` }, session.title);
+    const end = el('span', { class: 'stamp' });
     const storage = el('span');
     const camera = el('span');
     const size = el('span');

@@ -139,12 +139,13 @@ std::optional<std::string> bandwidth(const bandwidth_sample &now, const bandwidt
     const std::int64_t delta = (now.received - before.received) + (now.sent - before.sent);
     const auto seconds = static_cast<std::int32_t>(now.time - before.time);
     const std::int64_t bytes_a_second = seconds == 0 ? 0 : delta / seconds;
-    const double rate = static_cast<double>(bytes_a_second / 12500) / 10.0;
+    const std::int64_t tenths =
+        bytes_a_second / 12500; // of 125,000 bytes a second; cut, not rounded
     // A fall by less than a whole step comes out as 0; the counters of a network do not fall.
-    if (delta < 0 || rate < 0) {
+    if (delta < 0 || tenths < 0) {
         return std::nullopt;
     }
-    return format_text("%.1f Mbit/s", rate);
+    return format_text("%.1f Mbit/s", static_cast<double>(tenths) / 10.0);
 }
 
 void log_net_dev_error(const net_dev_error &error) {
@@ -436,7 +437,9 @@ std::vector<interface_row> interface_rows(const net_dev_values &values) {
             rows.back().row += format_text(",%u,%u\n", failed[0], failed[1]);
         }
     };
-    for (const auto &[key, value] : values) {
+    for (const auto &entry : values) {
+        const std::string &key = entry.first;
+        const std::string &value = entry.second;
         const std::string file_name = key.substr(0, key.find('/'));
         const auto has = [&key](const char *word) { return key.find(word) != std::string::npos; };
         if (rows.empty() || rows.back().file_name != file_name) {

@@ -12,6 +12,10 @@ import os
 # dynamic loader without configuration, on a camera as here.
 PLATFORM_LIBRARY_FOLDER = "/lib"
 
+# What the host's programs and libraries need of its /etc. Whoever binds another /etc binds these
+# over it again.
+LOADER_FILES = ("/etc/ld.so.cache", "/etc/alternatives")
+
 
 def bwrap_arguments():
     """The arguments that make the root, without /etc, /var and /usr/local, which differ by use."""
@@ -44,7 +48,7 @@ def bwrap_arguments():
         arguments += ["--ro-bind", loader, loader]
     if os.path.isdir("/usr/lib64"):
         arguments += ["--ro-bind", "/usr/lib64", "/lib64"]
-    for path in ("/etc/ld.so.cache", "/etc/alternatives"):
+    for path in LOADER_FILES:
         if os.path.exists(path):
             arguments += ["--ro-bind", path, path]
     return arguments

@@ -1,0 +1,67 @@
+// The frame around the views: navigation by the address's hash and the state of the daemon.
+
+import { onDaemonState, watchDaemon } from './daemon.js';
+import { byId, el, setText } from './dom.js';
+
+/**
+ * A view is made when it is first shown and kept, so that nothing typed in it is lost.
+ * @typedef {object} View
+ * @property {HTMLElement} element
+ * @property {(values: URLSearchParams) => void} [show] with what follows "?" in the hash
+ */
+
+const VIEWS = [
+  { id: 'overview', title: 'Overview', load: () => import('./views/overview.js') },
+  { id: 'log', title: 'Log', load: () => import('./views/log.js') },
+];
+
+/** @type {Map<string, View>} */
+const made = new Map();
+const main = byId('main');
+
+const links = new Map(VIEWS.map(({ id, title }) => [id, el('a', { href: `#/${id}` }, title)]));
+byId('views').append(el('ul', {}, ...[...links.values()].map((link) => el('li', {}, link))));
+
+async function showView() {
+  const [path, query] = location.hash.replace(/^#\//, '').split('?');
+  const entry = VIEWS.find(({ id }) => id === path) ?? VIEWS[0];
+  if (!entry) {
+    return;
+  }
+  const view = made.get(entry.id) ?? (await entry.load()).create();
+  made.set(entry.id, view);
+  if (!view.element.isConnected) {
+    main.append(view.element);
+  }
+  for (const [id, { element }] of made) {
+    element.hidden = id !== entry.id;
+  }
+  for (const [id, link] of links) {
+    if (id === entry.id) {
+      link.setAttribute('aria-current', 'page');
+    } else {
+      link.removeAttribute('aria-current');
+    }
+  }
+  document.title = `${entry.title} – Vandrel`;
+  view.show?.(new URLSearchParams(query ?? ''));
+}
+
+window.addEventListener('hashchange', async () => {
+  await showView();
+  main.focus();
+});
+byId('skip-link').addEventListener('click', (event) => {
+  event.preventDefault(); // the hash names the view
+  main.focus();
+});
+
+onDaemonState(({ state, text, advice }) => {
+  byId('daemon-state').dataset.state = state;
+  setText(byId('daemon-text'), text);
+  const notice = byId('daemon-notice');
+  notice.hidden = advice === '';
+  setText(notice, advice);
+});
+watchDaemon();
+showView();

@@ -1,0 +1,81 @@
+// Whether the daemon answers, and the self-test of the logging.
+
+import { request, RequestError } from '../api.js';
+import { onDaemonState } from '../daemon.js';
+import { el, setText } from '../dom.js';
+import { clock } from '../format.js';
+
+/** The severities that the self-test knows, with what it logs. */
+const SEVERITIES = [
+  { type: 'warn', title: 'Warning', find: 'A test warning message!' },
+  { type: 'error', title: 'Error', find: 'A test error message!' },
+  { type: 'crit', title: 'Critical', find: 'A test critical message!' },
+  { type: 'alert', title: 'Alert', find: 'A test alert message!' },
+  { type: 'emerg', title: 'Emergency', find: 'A test emergency message!' },
+];
+const RESULTS_KEPT = 20;
+
+function daemonCard() {
+  const text = el('dd');
+  const answered = el('dd');
+  const roundTrip = el('dd');
+  onDaemonState((state) => {
+    setText(text, state.text);
+    setText(answered, state.answeredAt ? clock(state.answeredAt) : 'none yet');
+    setText(roundTrip, state.roundTripMs ? `${Math.round(state.roundTripMs)} ms` : '–');
+  });
+  return el('section', { class: 'card', 'aria-labelledby': 'daemon-heading' },
+    el('h2', { id: 'daemon-heading' }, 'Daemon'),
+    el('dl', { class: 'facts' },
+      el('dt', {}, 'State'), text,
+      el('dt', {}, 'Last answer'), answered,
+      el('dt', {}, 'Round trip'), roundTrip,
+      el('dt', {}, 'Camera'), el('dd', {}, location.host)));
+}
+
+function selfTestCard() {
+  const results = el('ol', { class: 'results', role: 'log', 'aria-label': 'Replies to the self-test' });
+  /** @param {typeof SEVERITIES[number]} severity @param {HTMLButtonElement} button */
+  async function run({ type, title, find }, button) {
+    button.setAttribute('aria-disabled', 'true');
+    const line = el('li', {}, el('time', {}, clock(new Date())), ' ', el('b', {}, title), ' ');
+    try {
+      const reply = await request('test', { type });
+      line.append(el('q', {}, reply.trim()), ' ',
+        el('a', { href: `#/log?find=${encodeURIComponent(find)}` }, 'Find it in the log'));
+    } catch (error) {
+      const { message, advice } = /** @type {RequestError} */ (error);
+      line.append(el('span', { class: 'failure' }, `${message} ${advice}`));
+    } finally {
+      button.removeAttribute('aria-disabled');
+    }
+    results.prepend(line);
+    results.children[RESULTS_KEPT]?.remove();
+  }
+  const buttons = SEVERITIES.map((severity) => {
+    const button = el('button', {
+      type: 'button',
+      'data-severity': severity.type,
+      onclick: () => {
+        if (!button.hasAttribute('aria-disabled')) {
+          run(severity, button);
+        }
+      },
+    }, severity.title);
+    return button;
+  });
+  return el('section', { class: 'card', 'aria-labelledby': 'self-test-heading' },
+    el('h2', { id: 'self-test-heading' }, 'Log self-test'),
+    el('p', { class: 'quiet' }, 'Writes one message of the chosen severity to the camera’s system '
+      + 'log, to try out triggers and a remote log server.'),
+    el('div', { class: 'tools', role: 'group', 'aria-labelledby': 'self-test-heading' }, ...buttons),
+    results);
+}
+
+/** @returns {import('../main.js').View} */
+export function create() {
+  return {
+    element: el('div', { class: 'view' }, el('h1', {}, 'Overview'),
+      el('div', { class: 'cards' }, daemonCard(), selfTestCard())),
+  };
+}

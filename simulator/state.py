@@ -1,0 +1,172 @@
+"""What a simulated camera keeps in its state directory, and how it gets there.
+
+    etc/ var/ persistent/ local/    the camera's /etc, /var, /lib/persistent and /usr/local
+    running.json                    of a running camera: its processes, its address
+
+A running camera's keeper holds a lock on the directory itself, so a camera that was ended by
+force is never taken for a running one.
+"""
+
+import base64
+import fcntl
+import hashlib
+import json
+import os
+import re
+import shutil
+
+CHECKOUT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
+SIMULATOR = os.path.join(CHECKOUT, "simulator")
+BUILD = os.path.join(CHECKOUT, "build/release")
+DEFAULT_STATE = os.path.join(CHECKOUT, ".camera")
+
+# Inside the camera, and where it lies in the state directory.
+PERSISTENT_FOLDERS = {"/etc": "etc", "/var": "var", "/lib/persistent": "persistent",
+                      "/usr/local": "local"}
+PACKAGE = "local/packages/Vandrel"
+PACKAGE_PAGE = "html"  # stays in the checkout, so that an edited page needs no restart
+DEFAULT_SERIAL = "02A5C41E90B7"
+CAMERA_ADDRESS = "192.168.0.90"
+
+PARAMETERS = """\
+root.Brand.Brand=TARVO
+root.Brand.ProdFullName=TARVO Q6318 PTZ Network Camera
+root.Brand.ProdShortName=TARVO Q6318
+root.Brand.ProdType=PTZ Network Camera
+root.Image.I0.Appearance.Resolution=1920x1080
+root.Network.eth0.IPAddress=
+root.Network.eth0.MACAddress=
+root.Network.FTP.Enabled=no
+root.Network.SSH.Enabled=no
+root.Properties.Firmware.Version=11.4.63
+root.Properties.Image.Resolution=1920x1080,1280x720,640x360
+root.Properties.System.Architecture=aarch64
+root.Properties.System.SerialNumber=
+"""
+
+
+class CameraError(Exception):
+    """What can't be done, in one line for the user."""
+
+
+def lock(state):
+    """The descriptor of the state directory with its lock, or None while a camera runs in it."""
+    descriptor = os.open(state, os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        fcntl.flock(descriptor, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        return descriptor
+    except BlockingIOError:
+        os.close(descriptor)
+        return None
+
+
+def running(state):
+    """The record of the running camera, or None."""
+    try:
+        descriptor = lock(state)
+        if descriptor is not None:
+            os.close(descriptor)
+            return None
+        with open(os.path.join(state, "running.json"), encoding="utf-8") as file:
+            return json.load(file)
+    except (OSError, ValueError):
+        return None
+
+
+def replace(path, text, mode=0o644):
+    """Writes a file beside and renames it, so that nobody sees half of it."""
+    with open(path + ".new", "w", encoding="utf-8", opener=lambda name, flags:
+              os.open(name, flags, mode)) as file:
+        file.write(text)
+    os.rename(path + ".new", path)
+
+
+def empty(state):
+    for entry in os.scandir(state):
+        if entry.is_dir(follow_symlinks=False):
+            shutil.rmtree(entry.path)
+        else:
+            os.unlink(entry.path)
+
+
+def prepare(state, serial, password):
+    """Brings the state directory up to what this checkout installs; `serial` may be None."""
+    for folder in PERSISTENT_FOLDERS.values():
+        os.makedirs(os.path.join(state, folder), exist_ok=True)
+    for folder in ("var/log/boot", "var/spool/storage", "var/lib", "var/tmp", "etc/sysconfig",
+                   "etc/systemd/system", PACKAGE + "/localdata"):
+        os.makedirs(os.path.join(state, folder), exist_ok=True)
+    if not os.path.lexists(os.path.join(state, "var/run")):
+        os.symlink("/run", os.path.join(state, "var/run"))
+    shutil.copytree(os.path.join(SIMULATOR, "root/etc"), os.path.join(state, "etc"),
+                    dirs_exist_ok=True)
+    install_package(os.path.join(state, PACKAGE))
+    write_parameters(os.path.join(state, "etc/tvparameter/parameters.conf"), serial)
+    write_passwords(os.path.join(state, "etc/apache2/passwords"), password)
+
+
+def install_package(target):
+    """Puts the package and the daemon to their place, and takes away what an earlier installation
+    had and this one has not. What the package wrote itself stays."""
+    source = os.path.join(CHECKOUT, "package")
+    daemon = os.path.join(BUILD, "bin/Vandrel")
+    if not os.path.exists(daemon):
+        raise CameraError("the daemon is not built: cmake --preset release && "
+                          "cmake --build --preset release")
+    record = os.path.join(target, ".installed")
+    try:
+        with open(record, encoding="utf-8") as file:
+            before = file.read().splitlines()
+    except FileNotFoundError:
+        before = []
+    for path in before:
+        try:
+            os.unlink(os.path.join(target, path))
+        except FileNotFoundError:
+            pass
+    installed = []
+    for folder, folders, files in os.walk(source):
+        if folder == source:
+            folders[:] = [name for name in folders if name != PACKAGE_PAGE]
+        inside = os.path.relpath(folder, source)
+        os.makedirs(os.path.join(target, inside), exist_ok=True)
+        for name in files:
+            installed.append(os.path.normpath(os.path.join(inside, name)))
+            shutil.copy2(os.path.join(folder, name), os.path.join(target, inside, name))
+    shutil.copy2(daemon, os.path.join(target, "Vandrel"))
+    os.makedirs(os.path.join(target, PACKAGE_PAGE), exist_ok=True)
+    replace(record, "".join(path + "\n" for path in installed + ["Vandrel"]))
+
+
+def write_parameters(path, serial):
+    """Makes the camera's parameter file, or gives the one it has another serial number."""
+    if serial is not None and not re.fullmatch("[0-9A-Fa-f]{12}", serial):
+        raise CameraError("a serial number has 12 hexadecimal digits")
+    if os.path.exists(path):
+        if serial is None:
+            return
+        with open(path, encoding="utf-8") as file:
+            text = file.read()
+    else:
+        text = PARAMETERS
+        serial = serial or DEFAULT_SERIAL
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+    serial = serial.upper()
+    # The serial number is the hardware address, as far as an interface takes it as its own.
+    hardware = ":".join(["02"] + re.findall("..", serial)[1:])
+    values = {"root.Properties.System.SerialNumber": serial,
+              "root.Network.eth0.MACAddress": hardware,
+              "root.Network.eth0.IPAddress": CAMERA_ADDRESS}
+    lines = []
+    for line in text.splitlines():
+        name = line.partition("=")[0]
+        lines.append(f"{name}={values[name]}\n" if name in values else line + "\n")
+    replace(path, "".join(lines))
+
+
+def write_passwords(path, password):
+    def entry(user, secret):
+        digest = base64.b64encode(hashlib.sha1(secret.encode()).digest()).decode()
+        return f"{user}:{{SHA}}{digest}\n"
+
+    replace(path, entry("root", password) + entry("operator", "camera"))

@@ -1,0 +1,41 @@
+#include "app_state.h"
+
+#include "glib_ptr.h"
+#include "log.h"
+#include "shell_word.h"
+#include "strutil.h"
+
+namespace {
+
+// Paths and commands with bounds of 99 and 199 bytes hold it beside other texts.
+constexpr std::size_t serial_number_max = 32;
+
+} // namespace
+
+std::unique_ptr<TVParameter, deleter<tv_parameter_free>> parameters;
+std::optional<std::string> serial_number;
+bool apache2_included = false;
+bool collect_only_from_this_camera = true;
+unsigned long timer_count = 0;
+
+std::optional<std::string> parameter_get(const char *name) {
+    gchar *value = nullptr;
+    if (!parameters || tv_parameter_get(parameters.get(), name, &value, nullptr) == FALSE) {
+        return std::nullopt;
+    }
+    const gchar_ptr owner(value);
+    return value == nullptr ? std::nullopt : std::optional<std::string>(value);
+}
+
+void read_serial_number() {
+    std::optional<std::string> value = parameter_get("root.Properties.System.SerialNumber");
+    if (!value) {
+        return;
+    }
+    str_terminate_at(*value, '\n');
+    if (!is_shell_word(*value) || value->size() > serial_number_max) {
+        log_error("The serial number '%s' can not be used.", value->c_str());
+        return;
+    }
+    serial_number = std::move(value);
+}

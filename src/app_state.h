@@ -1,0 +1,33 @@
+// What the whole application shares: the device's parameters and identity, and the main timer's
+// count. Main loop only, unless said otherwise.
+#pragma once
+
+#include "handle.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <tvparameter.h>
+
+// Made at start, freed by the clean-up at SIGTERM; empty when the store could not be reached.
+extern std::unique_ptr<TVParameter, deleter<tv_parameter_free>> parameters;
+
+// Read at start, and again by the main timer while it is missing; freed by the clean-up.
+extern std::optional<std::string> serial_number;
+
+// Whether the device's web server is configured under /etc/apache2/conf.d. Set at start.
+extern bool apache2_included;
+
+// Whether the session lists are limited to this device's own. Set at start and by the actions that
+// list, start or stop sessions.
+extern bool collect_only_from_this_camera;
+
+// Main-timer ticks since the start; written by the main timer alone.
+extern unsigned long timer_count;
+
+// A device parameter's value, or nothing: without a parameter store too.
+std::optional<std::string> parameter_get(const char *name);
+
+// Reads the serial number, cut at its first newline, into serial_number. It stands unquoted in
+// command lines and in every storage path: one that can't is logged and left out.
+void read_serial_number();

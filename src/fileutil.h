@@ -1,0 +1,57 @@
+// Files and folders: questions, whole-file reading and writing, removal of trees, lines.
+#pragma once
+
+#include "handle.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// Links are followed. Nothing is logged.
+bool is_directory(const char *path);
+bool is_file(const char *path); // a regular file
+bool is_readable(const char *path);
+bool is_writable(const char *path);
+bool is_executable(const char *path);
+
+// Bytes, or -1 after an error line.
+long long filesize(const char *path);
+
+// "1024 B", "1 KiB" ... "TiB" into `buffer`: divided by 1,024, remainder dropped, while above
+// 1,024. A buffer too small for the result ends the process; 24 bytes hold any.
+void suffix_bytes(char *buffer, std::size_t size, long long bytes);
+void filesize_human_readable(char *buffer, std::size_t size, const char *path);
+
+// Cuts the file to nothing (and makes it if it is missing); false if it can't be written.
+bool empty_file_if_possible(const char *path);
+
+// Copies contents, target with default permissions; an existing target is an error. Logged at
+// warning level.
+bool file_copy(const char *from, const char *to);
+
+// The whole file, or nothing after a warning. Meant for small files; fails on memory like
+// everything else.
+std::optional<std::string> file_get_contents(const char *path);
+
+// Replaces the file's contents so that after a power cut it holds the old or the new ones, whole.
+// False after a warning.
+bool file_put_string(const char *path, std::string_view text);
+
+// False, without a message and with errno cleared, when it did not work.
+bool file_remove(const char *path);
+bool file_rename(const char *from, const char *to);
+
+// Removes a folder with all that is in it and returns the number of removed entries, the folder
+// included. A link is removed, never followed; below 128 levels nothing is removed (and so the
+// folders above stay).
+int dir_remove_recursive(const char *path);
+
+// fopen with close-on-exec. Nothing is logged.
+unique_file file_open(const char *path, const char *mode);
+// The same, and a warning with the path when it fails.
+unique_file file_open_or_warn(const char *path, const char *mode);
+
+// The next line as fgets reads it: at most max_characters, the newline included; a longer line
+// comes in pieces. False at the end of the file. A NUL byte ends the text as it does for fgets.
+bool read_line(std::FILE *file, std::size_t max_characters, std::string &line);

@@ -1,0 +1,47 @@
+// Routes the requests that reach the package's CGI to action handlers, and holds what the replies
+// have in common. Everything here runs on the main loop, one request at a time.
+#pragma once
+
+#include <gio/gio.h>
+#include <string_view>
+
+// Writes the whole reply, header block first, before it returns; owns neither the stream nor the
+// table. Serves both a path and an action.
+using http_callback = void (*)(GDataOutputStream *stream, GHashTable *arguments);
+
+// Makes the platform's HTTP handler and the empty tables, freeing earlier ones.
+void http_init();
+
+// Registers a path callback under "/local/Vandrel/NAME"; at most 127 bytes in all.
+void http_cgi(const char *name, http_callback callback);
+
+// Registers an action by name, or replaces its handler.
+void http_register_action(const char *name, http_callback handler);
+
+// The path callback of access.cgi: calls the handler named by the argument "action".
+void http_access_callback(GDataOutputStream *stream, GHashTable *arguments);
+
+// An argument's value, or nullptr when the request has none of that name.
+const char *http_argument(GHashTable *arguments, const char *name);
+
+// Writes text to the reply. False once the client is gone or has stopped reading: what produces a
+// long reply ends then.
+bool http_write(GDataOutputStream *stream, std::string_view text);
+
+enum class http_status { ok, accepted, bad_request, internal_server_error, service_unavailable };
+
+// The header block: status line, the three lines that keep a reply out of caches, the lines of a
+// download if it is one ("Content-Description: ...\r\n..."), content type, empty line.
+void http_write_header(GDataOutputStream *stream, http_status status, const char *content_type,
+                       std::string_view download_lines = {});
+
+// A whole reply: header block and body.
+void http_reply(GDataOutputStream *stream, http_status status, const char *content_type,
+                std::string_view body);
+
+// A whole reply with status 400, the message and a line end, as plain text.
+void print_http_error(GDataOutputStream *stream, const char *message);
+
+// Copies a shell command's output to the reply as it comes; ends the command when the client is
+// gone.
+void http_write_command_output(GDataOutputStream *stream, const char *command);

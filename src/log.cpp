@@ -1,0 +1,99 @@
+#include "log.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+namespace {
+
+std::mutex sink_mutex;
+log_sink sink; // guarded by sink_mutex
+
+void deliver(int level, const std::string &message) {
+    {
+        const std::lock_guard lock(sink_mutex);
+        if (sink) {
+            sink(level, message);
+            return;
+        }
+    }
+    ::syslog(level, "%s", message.c_str());
+}
+
+void append_formatted(std::string &message, const char *format, va_list arguments) {
+    const std::size_t start = message.size();
+    message.resize(start + log_message_max + 1);
+    const int length =
+        std::vsnprintf(message.data() + start, log_message_max + 1, format, arguments);
+    const auto used = length < 0 ? 0 : static_cast<std::size_t>(length);
+    message.resize(start + (used < log_message_max ? used : log_message_max));
+}
+
+std::string prefix(std::string_view module, int line, int error) {
+    char text[128];
+    // GNU strerror_r: thread safe, and may answer with a text of its own instead of the buffer.
+    const char *reason = error == 0 ? "None" : ::strerror_r(error, text, sizeof text);
+    return "(" + std::string(module) + ":" + std::to_string(line) + ", errno: " + reason + ") ";
+}
+
+void out_of_memory() {
+    // Nothing here may allocate.
+    ::syslog(LOG_EMERG, "(log:%d, errno: None) Out of memory.", __LINE__);
+    std::abort();
+}
+
+} // namespace
+
+void log_open() {
+    ::openlog("Vandrel", LOG_CONS | LOG_PID, LOG_USER);
+}
+
+void log_write(int level, const char *format, ...) {
+    std::string message;
+    va_list arguments;
+    va_start(arguments, format);
+    append_formatted(message, format, arguments);
+    va_end(arguments);
+    deliver(level, message);
+}
+
+void log_write_at(int level, std::string_view module, int line, const char *format, ...) {
+    std::string message = prefix(module, line, errno);
+    va_list arguments;
+    va_start(arguments, format);
+    append_formatted(message, format, arguments);
+    va_end(arguments);
+    deliver(level, message);
+    errno = 0;
+}
+
+void log_fatal_at(std::string_view module, int line, const char *format, ...) {
+    std::string message = prefix(module, line, errno);
+    va_list arguments;
+    va_start(arguments, format);
+    append_formatted(message, format, arguments);
+    va_end(arguments);
+    deliver(LOG_EMERG, message);
+    std::abort();
+}
+
+void log_cannot_open(const char *path) {
+    const int error = errno;
+    char text[128];
+    log_warning("(errno: %s) Could not open file '%s'",
+                error == 0 ? "None" : ::strerror_r(error, text, sizeof text), path);
+    errno = 0;
+}
+
+void log_install_out_of_memory_handler() {
+    std::set_new_handler(out_of_memory);
+}
+
+void log_set_sink(log_sink new_sink) {
+    const std::lock_guard lock(sink_mutex);
+    sink = std::move(new_sink);
+}

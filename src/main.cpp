@@ -1,0 +1,187 @@
+// How the daemon comes up and goes down, and the small actions that belong to the application
+// itself.
+
+#include "app_state.h"
+#include "event.h"
+#include "fileutil.h"
+#include "glib_ptr.h"
+#include "http.h"
+#include "log.h"
+#include "main_timer.h"
+#include "monitoring_session.h"
+#include "scheduled_tasks.h"
+#include "session_globals.h"
+#include "strutil.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <glib-unix.h>
+
+namespace {
+
+using main_loop_ptr = std::unique_ptr<GMainLoop, deleter<g_main_loop_unref>>;
+
+constexpr const char *log_view_command = "cat /var/log/*.log* | sort";
+
+// A logging self-test: one message of the asked severity, behind one that is always there. It lets
+// the log triggers and the remote log be tried out.
+void action_test(GDataOutputStream *stream, GHashTable *arguments) {
+    static int refresher_count = 0;
+    const char *argument = http_argument(arguments, "type");
+    const std::string_view type = argument == nullptr ? "" : argument;
+    http_write_header(stream, http_status::ok, "text/plain");
+    log_info("Test %d: refresher message.", refresher_count++);
+    if (type == "warn") {
+        log_warning("A test warning message!");
+    } else if (type == "error") {
+        log_error("A test error message!");
+    } else if (type == "crit") {
+        log_critical("A test critical message!");
+    } else if (type == "alert") {
+        log_at(LOG_ALERT, "A test alert message!");
+    } else if (type == "emerg") {
+        log_at(LOG_EMERG, "A test emergency message!");
+    } else {
+        log_info("type mismatch.");
+    }
+    http_write(stream, "Check the logs now!\r\n");
+}
+
+void action_instant_log_view(GDataOutputStream *stream, GHashTable *) {
+    // The one reply whose content type stands before the expiry line.
+    http_write(stream, "Status: 200 OK\r\n"
+                       "Pragma: no-cache\r\n"
+                       "Cache-Control: no-cache\r\n"
+                       "Content-Type: text/plain\r\n"
+                       "Expires: -1\r\n\r\n");
+    http_write_command_output(stream, log_view_command);
+}
+
+void action_instant_log_view_download(GDataOutputStream *stream, GHashTable *) {
+    http_write_header(stream, http_status::ok, "text/plain",
+                      "Content-Description: File Transfer\r\n"
+                      "Content-Disposition: attachment; filename=\"log_viewer.txt\"\r\n");
+    http_write_command_output(stream, log_view_command);
+}
+
+struct action {
+    const char *name;
+    http_callback handler;
+};
+
+constexpr action actions[] = {
+    {"test", action_test},
+    {"instant_log_view", action_instant_log_view},
+    {"instant_log_view_download", action_instant_log_view_download},
+};
+
+// Children are started with pipes put in place of 0, 1 and 2; a daemon that was started without
+// them would get its first pipes there.
+void open_missing_standard_descriptors() {
+    int descriptor = 0;
+    do {
+        descriptor = ::open("/dev/null", O_RDWR);
+    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    if (descriptor >= 0) {
+        ::close(descriptor);
+    }
+    errno = 0;
+}
+
+// A client that goes away must not end the daemon. Ignoring the signal would be inherited by every
+// child; a handler is not.
+void survive_broken_pipes() {
+    struct sigaction action_for_pipe {};
+    action_for_pipe.sa_handler = [](int) {};
+    action_for_pipe.sa_flags = SA_RESTART;
+    ::sigaction(SIGPIPE, &action_for_pipe, nullptr);
+}
+
+// Packages are started with a PATH that lacks the administrator's folders.
+void extend_path() {
+    const char *path = std::getenv("PATH");
+    if (path == nullptr) {
+        log_error("Could not read env var PATH.");
+        return;
+    }
+    if (std::strstr(path, "sbin") != nullptr) {
+        return;
+    }
+    const std::string extended =
+        format_bounded(256, "%s:/usr/local/sbin:/usr/sbin:/sbin:/usr/local/bin", path);
+    if (::setenv("PATH", extended.c_str(), 1) != 0) {
+        log_error("Could not update PATH.");
+    }
+}
+
+void open_parameters() {
+    parameters.reset(tv_parameter_new("Vandrel", nullptr));
+    if (!parameters) {
+        log_info("Failed to create a new tv parameter");
+    }
+}
+
+void register_actions() {
+    http_init();
+    http_cgi("access.cgi", http_access_callback);
+    for (const action &entry : actions) {
+        http_register_action(entry.name, entry.handler);
+    }
+}
+
+// Gives back what the daemon changed on the device. The loop goes on until the service manager ends
+// the process, so everything that runs on it copes with what is gone; a running session stays as it
+// is and is continued at the next start.
+gboolean stopped_cleanup(gpointer) noexcept {
+    parameters.reset();
+    serial_number.reset();
+    monitor_start_time.reset();
+    _set_current_activity_folder(std::nullopt);
+    _set_storage_id(std::nullopt);
+    _set_secondary_storage_path(std::nullopt);
+    return G_SOURCE_REMOVE;
+}
+
+// The first SIGTERM takes its clean-up's source away, and GLib would give the signal back its
+// default action with the last one: a second SIGTERM must find something.
+gboolean stay(gpointer) noexcept {
+    return G_SOURCE_CONTINUE;
+}
+
+// Later steps depend on the state that earlier ones leave.
+void start_up() {
+    open_missing_standard_descriptors();
+    survive_broken_pipes();
+    log_install_out_of_memory_handler();
+
+    log_open();
+    extend_path();
+    collect_only_from_this_camera = true;
+    monitory_active = false;
+    open_parameters();
+    register_actions();
+    read_serial_number();
+    apache2_included = is_directory("/etc/apache2/conf.d");
+    event_init();
+    g_unix_signal_add(SIGTERM, stopped_cleanup, nullptr);
+    g_unix_signal_add(SIGTERM, stay, nullptr);
+    timer_count = 0;
+    if (!resume_monitoring_session()) {
+        log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);
+    }
+    g_timeout_add_seconds(60, timer_callback, nullptr);
+    g_timeout_add_seconds(10, nc_timer_callback, nullptr);
+    g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
+}
+
+} // namespace
+
+int main() {
+    start_up();
+    const main_loop_ptr loop(g_main_loop_new(nullptr, FALSE));
+    g_main_loop_run(loop.get());
+    return 0;
+}

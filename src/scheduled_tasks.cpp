@@ -1,0 +1,5 @@
+#include "scheduled_tasks.h"
+
+gboolean scheduled_tasks_timer_callback(gpointer) noexcept {
+    return G_SOURCE_CONTINUE;
+}

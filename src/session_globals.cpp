@@ -1,0 +1,46 @@
+#include "session_globals.h"
+
+#include "app_state.h"
+#include "shell_word.h"
+#include "strutil.h"
+
+#include <utility>
+
+std::optional<std::string> secondary_storage_path;
+std::optional<std::string> storage_id;
+std::optional<std::string> current_activity_folder;
+bool monitory_active = false;
+std::optional<std::string> monitor_start_time;
+unsigned long monitor_active_minutes_count = 0;
+unsigned long advanced_debug_mode_crash_recurrence = 0;
+unsigned long advanced_debug_mode_crash_recurrence_tick = 0;
+
+void _set_secondary_storage_path(std::optional<std::string> path) {
+    secondary_storage_path = std::move(path);
+}
+
+void _set_storage_id(std::optional<std::string> id) {
+    storage_id = std::move(id);
+}
+
+void _set_current_activity_folder(std::optional<std::string> folder) {
+    current_activity_folder = std::move(folder);
+}
+
+std::optional<std::string> storage_root_of(const std::string &storage) {
+    if (!is_shell_word(storage) || storage.find('/') != std::string::npos || storage == "." ||
+        storage == "..") {
+        return std::nullopt;
+    }
+    std::string root =
+        "/var/spool/storage/" + storage + "/Vandrel_" + serial_number.value_or("") + "/";
+    return root.size() < storage_root_size ? std::optional(std::move(root)) : std::nullopt;
+}
+
+std::optional<std::string> session_directory() {
+    if (!secondary_storage_path || !current_activity_folder) {
+        return std::nullopt;
+    }
+    return format_bounded(session_directory_size, "%s%s", secondary_storage_path->c_str(),
+                          current_activity_folder->c_str());
+}

@@ -1,0 +1,52 @@
+#include "sysutil.h"
+
+#include "fileutil.h"
+#include "log.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <sys/wait.h>
+#include <utility>
+
+int system_ret(const char *command) {
+    if (command == nullptr) {
+        return system_ret_no_command;
+    }
+    const int status = std::system(command);
+    if (status == -1) {
+        log_error("Could not execute: %s", command);
+        return system_ret_no_shell;
+    }
+    if (WIFEXITED(status)) {
+        return WEXITSTATUS(status);
+    }
+    if (WIFSIGNALED(status)) {
+        log_notice("Command terminated by signal %d: %s", WTERMSIG(status), command);
+        return system_ret_signal;
+    }
+    return system_ret_stopped;
+}
+
+command_pipe::command_pipe(const char *command) : pipe_(::popen(command, "re")) {
+    if (pipe_ == nullptr) {
+        log_fatal("Could not popen '%s'", command);
+    }
+}
+
+bool command_pipe::next_line(std::size_t max_characters, std::string &line) {
+    return read_line(pipe_, max_characters, line);
+}
+
+int command_pipe::close() noexcept {
+    return pipe_ == nullptr ? -1 : ::pclose(std::exchange(pipe_, nullptr));
+}
+
+int command_read_lines(const char *command, std::size_t max_characters,
+                       const std::function<void(const std::string &)> &take_line) {
+    command_pipe pipe(command);
+    std::string line;
+    while (pipe.next_line(max_characters, line)) {
+        take_line(line);
+    }
+    return pipe.close();
+}

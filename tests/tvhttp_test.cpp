@@ -1,0 +1,315 @@
+#include "tvhttp.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr const char *socket_path = "/run/tvhttp/tvhttp_test.sock";
+
+void wait_until(const std::function<bool()> &condition) {
+    for (int i = 0; i < 60'000 && !condition(); i++) {
+        if (!g_main_context_iteration(nullptr, FALSE))
+            g_usleep(1000);
+    }
+    EXPECT_TRUE(condition());
+}
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+std::string scgi(const Fields &fields, const std::string &length = "0") {
+    std::string head =
+        std::string("CONTENT_LENGTH") + '\0' + length + '\0' + "SCGI" + '\0' + "1" + '\0';
+    for (const auto &[name, value] : fields)
+        head += name + '\0' + value + '\0';
+    return std::to_string(head.size()) + ":" + head + ",";
+}
+
+std::string get(const std::string &query) {
+    return scgi({{"REQUEST_METHOD", "GET"},
+                 {"REQUEST_URI", "/local/X/access.cgi?" + query},
+                 {"QUERY_STRING", query}});
+}
+
+class Client {
+  public:
+    explicit Client(const std::string &bytes = "") {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::string(socket_path).copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        send_bytes(bytes);
+    }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+    ~Client() { hang_up(); }
+    void hang_up() {
+        if (fd >= 0)
+            close(std::exchange(fd, -1));
+    }
+    // The loop runs meanwhile, as more may be sent than the socket holds.
+    void send_bytes(std::string bytes) {
+        wait_until([&] {
+            const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (sent > 0)
+                bytes.erase(0, static_cast<size_t>(sent));
+            return bytes.empty() || (sent < 0 && errno == EPIPE);
+        });
+    }
+    bool ended() {
+        char piece[65536];
+        const ssize_t count = recv(fd, piece, sizeof piece, MSG_DONTWAIT);
+        if (count > 0)
+            received.append(piece, static_cast<size_t>(count));
+        reset = count < 0 && errno == ECONNRESET;
+        return count == 0 || reset;
+    }
+    std::string reply() {
+        wait_until([this] { return ended(); });
+        return received;
+    }
+    std::string received;
+    bool reset = false; // the connection ended with bytes of ours unread
+
+  private:
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
+
+struct Seen {
+    std::string path, method, query;
+    std::map<std::string, std::string> arguments;
+};
+
+class TvHttp : public testing::Test {
+  protected:
+    void SetUp() override {
+        g_set_prgname("tvhttp_test");
+        handler = tv_http_handler_new(on_request, this);
+        ASSERT_NE(handler, nullptr);
+    }
+    void TearDown() override {
+        tv_http_handler_free(handler);
+        EXPECT_FALSE(std::filesystem::exists(socket_path));
+    }
+    static void on_request(const gchar *path, const gchar *method, const gchar *query,
+                           GHashTable *arguments, GOutputStream *output, gpointer data) {
+        auto *test = static_cast<TvHttp *>(data);
+        Seen request{path, method, query, {}};
+        GHashTableIter iterator;
+        gpointer name = nullptr;
+        gpointer value = nullptr;
+        g_hash_table_iter_init(&iterator, arguments);
+        while (g_hash_table_iter_next(&iterator, &name, &value))
+            request.arguments[static_cast<char *>(name)] = static_cast<char *>(value);
+        test->seen.push_back(request);
+        test->answer(output);
+    }
+    static bool write(GOutputStream *output, const std::string &text) {
+        return g_output_stream_write_all(output, text.data(), text.size(), nullptr, nullptr,
+                                         nullptr);
+    }
+    TVHttpHandler *handler = nullptr;
+    std::vector<Seen> seen;
+    std::function<void(GOutputStream *)> answer = [](GOutputStream *output) {
+        write(output, "Status: 200 OK\r\n\r\nhello");
+        g_object_unref(output);
+    };
+};
+
+TEST_F(TvHttp, HandsOverPathAndArguments) {
+    const struct {
+        Fields fields;
+        std::string path;
+        std::map<std::string, std::string> arguments;
+    } cases[] = {
+        {{{"REQUEST_URI", "/local/X/a.cgi"}}, "/local/X/a.cgi", {}},
+        {{{"REQUEST_URI", "/local/%58/a%2ecgi?a=b"}, {"QUERY_STRING", "a=b"}},
+         "/local/X/a.cgi",
+         {{"a", "b"}}},
+        {{{"REQUEST_URI", "/a.cgi%00.txt"}}, "/a.cgi%00.txt", {}},
+        {{{"SCRIPT_NAME", "/local/X"}, {"PATH_INFO", "/a.cgi"}}, "/local/X/a.cgi", {}},
+        {{{"QUERY_STRING", "a=1&b=x+y%20%26%3d&a=2&c&d=e=f&=g&&"}},
+         "",
+         {{"a", "2"}, {"b", "x+y &="}, {"c", ""}, {"d", "e=f"}}},
+        {{{"QUERY_STRING", "bad=%4&worse=%zz&last=%&%6E%61me=%ff%C3%a5"}},
+         "",
+         {{"bad", "%4"}, {"worse", "%zz"}, {"last", "%"}, {"name", "\xff\xc3\xa5"}}},
+        {{{"QUERY_STRING", "a=1&a=%00&b%00=2&c=x%00y"}}, "", {{"a", "1"}}},
+    };
+    for (const auto &row : cases) {
+        EXPECT_EQ(Client(scgi(row.fields)).reply(), "Status: 200 OK\r\n\r\nhello");
+        ASSERT_FALSE(seen.empty());
+        EXPECT_EQ(seen.back().path, row.path);
+        EXPECT_EQ(seen.back().arguments, row.arguments) << row.path;
+    }
+    const std::string large(100'000, '%');
+    std::string encoded;
+    for (size_t i = 0; i < large.size(); i++)
+        encoded += "%25";
+    std::string query = "text=" + encoded;
+    for (int i = 0; i < 5000; i++)
+        query += "&a=" + std::to_string(i);
+    Client client(get(query));
+    client.reply();
+    EXPECT_EQ(seen.back().query, query);
+    EXPECT_EQ(seen.back().arguments["a"], "4999");
+    Client second(get("text=" + encoded));
+    second.reply();
+    EXPECT_EQ(seen.back().arguments["text"], large);
+    EXPECT_EQ(seen.back().method, "GET");
+}
+
+TEST_F(TvHttp, ClosesWhatIsNoRequest) {
+    using namespace std::string_literals;
+    const auto netstring = [](const std::string &text) {
+        return std::to_string(text.size()) + ":" + text + ",";
+    };
+    const std::string bad[] = {
+        "GET / HTTP/1.1\r\n\r\n",
+        ":,",
+        "-1:,",
+        "9999999:",
+        "99999999999999999999999:",
+        "\xff\xfe",
+        "5:abcdef",
+        netstring(""),
+        netstring("CONTENT_LENGTH\0000\0SCGI\0001"s),
+        netstring("CONTENT_LENGTH\0000\0SCGI\0"s),
+        netstring("CONTENT_LENGTH\0000\0"s),
+        netstring("SCGI\0001\0"s),
+        scgi({}, "-1"),
+        scgi({}, ""),
+        scgi({}, "1e9"),
+        scgi({}, "1048577"),
+    };
+    for (const std::string &bytes : bad)
+        EXPECT_EQ(Client(bytes).reply(), "") << bytes;
+    Client flood(std::string(5 * 1024 * 1024, '1'));
+    EXPECT_EQ(flood.reply(), "");
+    EXPECT_TRUE(seen.empty());
+}
+
+TEST_F(TvHttp, SlowClientsDoNotStopTheOthers) {
+    const std::string request = scgi({{"QUERY_STRING", "slow=1"}}, "100000");
+    Client slow;
+    Client silent;
+    for (const char byte : request) {
+        slow.send_bytes(std::string(1, byte));
+        g_main_context_iteration(nullptr, FALSE);
+    }
+    EXPECT_EQ(Client(get("quick=1")).reply(), "Status: 200 OK\r\n\r\nhello");
+    slow.send_bytes(std::string(100'000, 'b') + "more than announced");
+    EXPECT_EQ(slow.reply(), "Status: 200 OK\r\n\r\nhello");
+    EXPECT_FALSE(slow.reset);
+    ASSERT_EQ(seen.size(), 2U);
+    EXPECT_EQ(seen[1].arguments["slow"], "1");
+}
+
+TEST_F(TvHttp, WaitsAtTheCapAndGoesOn) {
+    std::vector<std::unique_ptr<Client>> idle;
+    for (int i = 0; i < 64; i++)
+        idle.push_back(std::make_unique<Client>("12"));
+    Client waiting(get("a=1"));
+    for (int i = 0; i < 1000; i++)
+        g_main_context_iteration(nullptr, FALSE);
+    EXPECT_TRUE(seen.empty());
+    idle.pop_back();
+    EXPECT_EQ(waiting.reply(), "Status: 200 OK\r\n\r\nhello");
+    // The rest is still there when the handler is freed: nothing of it may leak.
+}
+
+TEST_F(TvHttp, RepliesStreamUntilTheLastReferenceGoes) {
+    GOutputStream *kept = nullptr;
+    answer = [&](GOutputStream *output) {
+        kept = output;
+        write(output, "first");
+    };
+    Client client(get("a=1"));
+    wait_until([&] { return !client.ended() && client.received == "first"; });
+    EXPECT_TRUE(write(kept, " second"));
+    g_object_unref(kept);
+    EXPECT_EQ(client.reply(), "first second");
+    EXPECT_FALSE(client.reset);
+
+    bool written = true;
+    Client gone;
+    answer = [&](GOutputStream *output) {
+        gone.hang_up();
+        written = write(output, "too late");
+        g_object_unref(output);
+    };
+    gone.send_bytes(get("a=1"));
+    wait_until([&] { return !written; });
+}
+
+TEST_F(TvHttp, OneRequestAtATimeEvenWhenTheCallbackRunsTheLoop) {
+    int depth = 0;
+    Client first;
+    Client second(get("a=2"));
+    answer = [&](GOutputStream *output) {
+        EXPECT_EQ(depth++, 0);
+        for (int i = 0; i < 100; i++)
+            g_main_context_iteration(nullptr, FALSE);
+        depth--;
+        write(output, "done");
+        g_object_unref(output);
+    };
+    first.send_bytes(get("a=1"));
+    EXPECT_EQ(first.reply(), "done");
+    EXPECT_EQ(second.reply(), "done");
+}
+
+TEST_F(TvHttp, ThousandRequestsLeaveNoDescriptor) {
+    const auto open_sockets = [] {
+        size_t count = 0;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            const int fd = std::stoi(entry.path().filename());
+            struct stat status;
+            if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) {
+                EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+                count++;
+            }
+        }
+        return count;
+    };
+    const size_t before = open_sockets();
+    answer = [&](GOutputStream *output) {
+        EXPECT_EQ(open_sockets(), before + 2);
+        g_object_unref(output);
+    };
+    for (int i = 0; i < 1000; i++)
+        EXPECT_EQ(Client(get("a=1")).reply(), "");
+    EXPECT_EQ(seen.size(), 1000U);
+    EXPECT_EQ(open_sockets(), before);
+    struct stat status;
+    ASSERT_EQ(stat(socket_path, &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0666U);
+}
+
+// Takes as long as the limit on writing.
+TEST_F(TvHttp, ClientThatNeverReadsIsGivenUp) {
+    Client client(get("a=1"));
+    int failed = 0;
+    answer = [&](GOutputStream *output) {
+        for (int i = 0; i < 100; i++)
+            failed += !write(output, std::string(1024 * 1024, 'x'));
+        g_object_unref(output);
+    };
+    wait_until([&] { return !seen.empty(); });
+    EXPECT_EQ(failed, 100);
+    answer = [](GOutputStream *output) { g_object_unref(output); };
+    EXPECT_EQ(Client(get("a=1")).reply(), "");
+}
+
+} // namespace

@@ -1,0 +1,245 @@
+// The package's page in a real browser, served by a simulated camera.
+
+import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
+import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { createRequire } from 'node:module';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { after, afterEach, before, test } from 'node:test';
+import { fileURLToPath } from 'node:url';
+
+import { chromium } from 'playwright-core';
+
+const AXE = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
+const CAMERA = fileURLToPath(new URL('../../simulator/camera', import.meta.url));
+const LINES = 100000;
+const MARKUP = '<img src=x onerror=alert(1)>';
+
+let state;
+let address;
+let browser;
+let context;
+let faults;
+
+function camera(words, input) {
+  return execFileSync(CAMERA, ['--state', state, ...words], { encoding: 'utf8', input });
+}
+
+// A page of a user, and in `faults` whatever goes wrong in it.
+async function openPage(hash = '', options = {}) {
+  faults = [];
+  context = await browser.newContext({
+    httpCredentials: { username: 'root', password: 'camera' }, ...options,
+  });
+  context.setDefaultTimeout(60000);
+  const page = await context.newPage();
+  page.on('pageerror', (error) => faults.push(error.message));
+  page.on('dialog', (dialog) => faults.push(`dialog: ${dialog.message()}`));
+  page.on('console', (message) => {
+    if (/Content.Security.Policy|Trusted/i.test(message.text())) {
+      faults.push(message.text());
+    }
+  });
+  page.on('request', (request) => {
+    if (!request.url().startsWith(`${address}/`) && !request.url().startsWith('blob:')) {
+      faults.push(`request to ${request.url()}`);
+    }
+  });
+  await page.goto(`${address}/local/Vandrel/${hash}`);
+  return page;
+}
+
+async function openLog(options) {
+  const page = await openPage('#/log', options);
+  await page.getByRole('button', { name: 'Load log' }).click();
+  await page.getByText(/^[\d,]+ lines$/).waitFor();
+  return page;
+}
+
+const topRow = (page) => page.getByRole('region', { name: 'Log lines' }).evaluate((list) => {
+  const { top } = list.getBoundingClientRect();
+  return [...list.querySelectorAll('li')]
+    .find((row) => row.getBoundingClientRect().bottom > top + 1)?.textContent;
+});
+
+before(async () => {
+  state = mkdtempSync(join(tmpdir(), 'page_test-'));
+  address = /http:\/\/[\d.:]+/.exec(camera(['start', '--port', '0']))[0];
+  browser = await chromium.launch({
+    executablePath: '/usr/bin/chromium',
+    args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+  });
+});
+
+after(async () => {
+  await browser?.close();
+  camera(['stop']);
+  rmSync(state, { recursive: true, force: true });
+});
+
+afterEach(async () => {
+  await context?.close();
+  assert.deepEqual(faults, []);
+});
+
+test('the self-test logs each severity, and the log shows it', async () => {
+  const page = await openPage();
+  await page.getByRole('status').filter({ hasText: 'Daemon answers' }).waitFor();
+  const replies = page.getByRole('log').getByRole('listitem');
+  const severities = ['Warning', 'Error', 'Critical', 'Alert', 'Emergency'];
+  for (const [index, title] of severities.entries()) {
+    await page.getByRole('button', { name: title }).click();
+    await page.getByRole('log').getByText('Check the logs now!').nth(index).waitFor();
+    assert.match(await replies.first().textContent(), new RegExp(title));
+  }
+  await replies.filter({ hasText: 'Critical' }).getByRole('link').click();
+  await page.getByText(/^1 of [\d,]+ lines match$/).waitFor();
+  assert.equal(await page.getByLabel('Filter').inputValue(), 'A test critical message!');
+  const row = page.getByRole('region', { name: 'Log lines' }).getByRole('listitem');
+  assert.match(await row.textContent(), /\[ CRIT +\] Vandrel\[\d+\]: \(main:\d+, errno: None\) A test/);
+  await page.getByLabel('Filter').fill('');
+  await page.getByLabel('Severity').selectOption('Critical and above');
+  await page.getByText(/^3 of [\d,]+ lines match$/).waitFor();
+});
+
+test('text from the device is shown as text', async () => {
+  camera(['log', MARKUP]);
+  const page = await openLog();
+  await page.getByLabel('Filter').fill('ONERROR=alert');
+  const list = page.getByRole('region', { name: 'Log lines' });
+  await list.getByRole('listitem').filter({ hasText: MARKUP }).first().waitFor();
+  assert.equal(await list.locator('img').count(), 0);
+  assert.equal(await list.locator('mark').first().textContent(), 'onerror=alert');
+});
+
+test('a large log stays usable, and loading it again loses nothing', async () => {
+  let text = '';
+  for (let i = 0; i < LINES; i++) {
+    const time = new Date(Date.UTC(2020, 0, 1) + i * 1000).toISOString().slice(0, -1);
+    text += `${time}+00:00 camera [ INFO    ] filler[1]: line ${i} ${'x'.repeat(i % 60)}\n`;
+  }
+  camera(['exec', 'sh', '-c', 'cat > /var/log/large.log'], text);
+  const page = await openLog();
+  const list = page.getByRole('region', { name: 'Log lines' });
+  assert.ok(await list.getByRole('listitem').count() < 200);
+  assert.ok(Number(await list.getByRole('listitem').last().getAttribute('aria-setsize')) > LINES);
+
+  await page.getByLabel('Filter').fill('LINE 5');
+  await page.getByText(/^11,111 of [\d,]+ lines match$/).waitFor();
+  await list.evaluate((element) => { element.scrollTop = 50007; });
+  await list.getByRole('listitem').filter({ hasText: 'line 51111 ' }).waitFor();
+  const [top, scrollTop] = [await topRow(page), await list.evaluate((element) => element.scrollTop)];
+
+  // Older lines come and push those in sight down; the view goes away and comes back.
+  camera(['exec', 'sh', '-c', 'for i in 1 2 3; do echo "1999 line 5"; done > /var/log/older.log']);
+  await page.getByLabel('Refresh').selectOption('Every 10 s');
+  await page.getByText(/^11,114 of [\d,]+ lines match$/).waitFor();
+  assert.equal(await topRow(page), top);
+  assert.notEqual(await list.evaluate((element) => element.scrollTop), scrollTop);
+  await page.getByRole('link', { name: 'Overview' }).click();
+  await page.getByRole('link', { name: 'Log', exact: true }).click();
+  assert.equal(await page.getByLabel('Filter').inputValue(), 'LINE 5');
+  await list.getByRole('listitem').first().waitFor();
+  assert.equal(await topRow(page), top);
+
+  const [download] = await Promise.all([
+    page.waitForEvent('download'), page.getByRole('link', { name: 'Download' }).click(),
+  ]);
+  assert.equal(download.suggestedFilename(), 'log_viewer.txt');
+  assert.ok(readFileSync(await download.path(), 'utf8').includes(`line ${LINES - 1} `));
+  camera(['exec', 'rm', '/var/log/large.log', '/var/log/older.log']);
+});
+
+test('the page says what to do when the daemon does not answer', async () => {
+  const html = { contentType: 'text/html', body: '<h1>page of something else</h1>' };
+  const cases = [
+    [(route) => route.fulfill({ status: 503, ...html }), /web server \(503\)/, /wait a minute/],
+    [(route) => route.fulfill({ status: 200, ...html }), /Something else/, /proxy/],
+    [(route) => route.fulfill({ status: 200, body: 'odd' }), /not understood/, /Reload/],
+    [(route) => route.abort(), /cannot be reached/, /power/],
+    [() => {}, /No reply within/, /busy/],
+    [(route) => route.fulfill({ status: 403, ...html }), /may not use/, /administrator/],
+    [(route) => route.fulfill({ status: 401, ...html }), /Not signed in/, /Reload/],
+  ];
+  for (const [answer, text, advice] of cases) {
+    const page = await openPage('#/log');
+    const status = page.locator('#daemon-state');
+    await status.getByText('Daemon answers').waitFor();
+    const pattern = '**/access.cgi*';
+    await page.route(pattern, answer);
+    await page.getByRole('button', { name: 'Load log' }).waitFor();
+    // Coming back to the page asks at once.
+    await page.evaluate(() => document.dispatchEvent(new Event('visibilitychange')));
+    await status.getByText(text).waitFor();
+    await page.getByRole('complementary').getByText(advice).waitFor();
+    if (!/No reply/.test(text.source)) {
+      await page.getByRole('button', { name: 'Load log' }).click();
+      await page.getByRole('main').getByRole('status').filter({ hasText: /\w/ }).first().waitFor();
+    }
+    await page.unroute(pattern);
+    await page.evaluate(() => document.dispatchEvent(new Event('visibilitychange')));
+    await status.getByText('Daemon answers').waitFor();
+    assert.equal(await page.getByRole('complementary').count(), 0);
+    await context.close();
+  }
+});
+
+test('others than administrators get no page', async () => {
+  for (const [httpCredentials, expected] of [
+    [undefined, 401], [{ username: 'operator', password: 'camera' }, 403],
+  ]) {
+    const stranger = await browser.newContext({ httpCredentials });
+    const reply = await stranger.request.get(`${address}/local/Vandrel/`);
+    assert.equal(reply.status(), expected);
+    await stranger.close();
+  }
+});
+
+test('the keyboard reaches everything', async () => {
+  const page = await openPage();
+  await page.getByRole('heading', { name: 'Overview' }).waitFor();
+  const focused = () => page.evaluate(() => document.activeElement?.id
+    || document.activeElement?.textContent);
+  await page.keyboard.press('Tab');
+  assert.equal(await focused(), 'skip-link');
+  await page.keyboard.press('Enter');
+  assert.equal(await focused(), 'main');
+  await page.keyboard.press('Tab');
+  assert.equal(await focused(), 'Warning');
+  await page.keyboard.press('Space');
+  await page.getByText('Check the logs now!').waitFor();
+  assert.equal(await focused(), 'Warning');
+  await page.getByRole('link', { name: 'Log', exact: true }).focus();
+  await page.keyboard.press('Enter');
+  await page.getByRole('heading', { name: 'Log' }).waitFor();
+  await page.waitForFunction(() => document.activeElement?.id === 'main');
+  assert.equal(await page.title(), 'Log – Vandrel');
+});
+
+test('no accessibility violation in any view, light and dark, wide and narrow', async () => {
+  for (const colorScheme of ['light', 'dark']) {
+    for (const width of [1280, 400]) {
+      const page = await openLog({ colorScheme, viewport: { width, height: 800 } });
+      const check = async () => {
+        const { violations } = await page.evaluate(() => window.axe.run());
+        assert.deepEqual(violations.map(({ id, nodes }) => [id, nodes.map(({ html }) => html)]), []);
+      };
+      await page.evaluate(AXE);
+      await page.getByLabel('Filter').fill('test');
+      await check();
+      await page.getByLabel('Filter').fill('in no line at all');
+      await check();
+      await page.getByRole('link', { name: 'Overview' }).click();
+      await page.getByRole('button', { name: 'Error' }).click();
+      await page.getByText('Check the logs now!').waitFor();
+      await check();
+      await page.route('**/access.cgi*', (route) => route.abort());
+      await page.getByRole('button', { name: 'Error' }).click();
+      await page.getByRole('complementary').waitFor();
+      await check();
+      await context.close();
+    }
+  }
+});

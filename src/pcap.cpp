@@ -3,6 +3,7 @@
 #include "pcapfix.h"
 
 #include <algorithm>
+#include <bit>
 #include <cinttypes>
 #include <climits>
 #include <cstring>
@@ -203,6 +204,19 @@ void write_packet(repair_s &r, const packet_hdr_s &header, std::uint64_t data, b
     r.last_correct_ts_usec = header.ts_usec;
 }
 
+// Whether a header may start at one of the `block` positions from `bytes`: both its lengths fit 16
+// bits, so that the upper halves are zero. A loop that compilers make vectors of.
+constexpr std::ptrdiff_t block = 64;
+bool may_hold_header(const unsigned char *bytes) {
+    const bool little_endian = (std::endian::native == std::endian::little) == (swapped == 0);
+    const unsigned char *const upper = bytes + (little_endian ? 10 : 8);
+    unsigned char any = 0;
+    for (std::ptrdiff_t i = 0; i < block; i++) {
+        any |= (upper[i] | upper[i + 1] | upper[i + 4] | upper[i + 5]) == 0;
+    }
+    return any != 0;
+}
+
 // The first header that starts in [from, to) and has its 32 bytes in the file; all of them in the
 // window.
 std::optional<found_header_s> find_header(const repair_s &r, std::uint64_t from, std::uint64_t to) {
@@ -219,6 +233,10 @@ std::optional<found_header_s> find_header(const repair_s &r, std::uint64_t from,
     for (const unsigned char *p = at(r, from); p < end; p++) {
         if (carriage_return < p) {
             carriage_return = next_pair(p);
+        }
+        if (end - p >= block && carriage_return - p >= block + 16 && !may_hold_header(p)) {
+            p += block - 1;
+            continue;
         }
         packet_hdr_s header = load_header(p);
         int deleted = is_plausible(header, r.last_correct_ts_sec) == 0 ? 0 : -1;

@@ -29,12 +29,15 @@ def bwrap_arguments():
         "--dir", "/usr",
         "--ro-bind", "/usr/lib", "/usr/lib",
         "--ro-bind", "/usr/share", "/usr/share",
+        "--dir", "/host",  # for all users: made on the way to a bind it would be root's alone
+        "--dir", "/host/usr",
         "--ro-bind", "/usr/bin", "/host/usr/bin",
         "--ro-bind", "/usr/sbin", "/host/usr/sbin",
         "--symlink", "usr/bin", "/bin",
         "--symlink", "usr/sbin", "/sbin",
         "--dir", "/lib",
         "--proc", "/proc",
+        "--ro-bind", "/proc/sys", "/proc/sys",  # the kernel's settings are the host's
         "--dev", "/dev",
         "--tmpfs", "/tmp",
         "--tmpfs", "/run",

@@ -49,11 +49,11 @@ class CameraError(Exception):
     """What can't be done, in one line for the user."""
 
 
-def lock(state):
+def lock(state, kind=fcntl.LOCK_EX):
     """The descriptor of the state directory with its lock, or None while a camera runs in it."""
     descriptor = os.open(state, os.O_RDONLY | os.O_DIRECTORY)
     try:
-        fcntl.flock(descriptor, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        fcntl.flock(descriptor, kind | fcntl.LOCK_NB)
         return descriptor
     except BlockingIOError:
         os.close(descriptor)
@@ -63,7 +63,7 @@ def lock(state):
 def running(state):
     """The record of the running camera, or None."""
     try:
-        descriptor = lock(state)
+        descriptor = lock(state, fcntl.LOCK_SH)
         if descriptor is not None:
             os.close(descriptor)
             return None
@@ -96,6 +96,7 @@ def prepare(state, serial, password):
     for folder in ("var/log/boot", "var/spool/storage", "var/lib", "var/tmp", "etc/sysconfig",
                    "etc/systemd/system", PACKAGE + "/localdata"):
         os.makedirs(os.path.join(state, folder), exist_ok=True)
+    replace(os.path.join(state, "var/log/boot/console"), "")
     if not os.path.lexists(os.path.join(state, "var/run")):
         os.symlink("/run", os.path.join(state, "var/run"))
     shutil.copytree(os.path.join(SIMULATOR, "root/etc"), os.path.join(state, "etc"),

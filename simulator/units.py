@@ -150,6 +150,7 @@ class Unit:
                 self._run(command)
 
     def kill(self, number):
+        """Sends a signal to those processes that a stop would send SIGTERM."""
         with self.jobs:
             if self.process is None:
                 raise UnitError(f"Failed to kill unit {self.name}: No process to kill")

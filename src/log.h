@@ -32,7 +32,7 @@ void log_cannot_open(const char *path);
 void log_install_out_of_memory_handler();
 
 // "src/line_parser.cpp" -> "line_parser"
-consteval std::string_view log_module_of(std::string_view path) {
+constexpr std::string_view log_module_of(std::string_view path) {
     if (const auto slash = path.rfind('/'); slash != std::string_view::npos) {
         path.remove_prefix(slash + 1);
     }

@@ -25,13 +25,6 @@ std::string vformat(const char *format, va_list arguments, int &length) {
     return text;
 }
 
-std::string_view file_stem(std::string_view path) {
-    if (const auto slash = path.rfind('/'); slash != std::string_view::npos) {
-        path.remove_prefix(slash + 1);
-    }
-    return path.substr(0, path.find('.'));
-}
-
 // Blanks and one sign, as the C library's number readers skip them.
 std::string_view skip_blanks_and_sign(std::string_view text, bool &negative) {
     const auto start = text.find_first_not_of(" \t\n\v\f\r");
@@ -92,7 +85,7 @@ std::string format_bounded(text_bound bound, const char *format, ...) {
     std::string text = vformat(format, arguments, length);
     va_end(arguments);
     if (length < 0 || static_cast<std::size_t>(length) >= bound.size) {
-        log_fatal_at(file_stem(bound.where.file_name()), static_cast<int>(bound.where.line()),
+        log_fatal_at(log_module_of(bound.file), bound.line,
                      "snprintf for %s returned %d, expected between 0 and %zu", format, length,
                      bound.size);
     }

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <optional>
-#include <source_location>
 #include <string>
 #include <string_view>
 
@@ -23,11 +22,13 @@ char *str_replace_next_char(char *text, char from, char to);
 // The size of a buffer, its end mark included, and who formats into it.
 struct text_bound {
     std::size_t size;
-    std::source_location where;
+    const char *file;
+    int line;
 
-    text_bound(std::size_t buffer_size, // NOLINT(google-explicit-constructor): used as a number
-               std::source_location caller = std::source_location::current())
-        : size(buffer_size), where(caller) {}
+    // Not explicit: written as a plain number. The caller's place comes by the default arguments.
+    text_bound(std::size_t buffer_size, const char *caller_file = __builtin_FILE(),
+               int caller_line = __builtin_LINE())
+        : size(buffer_size), file(caller_file), line(caller_line) {}
 };
 
 // printf into a text of at most bound.size - 1 bytes: format_bounded(200, "%s%s", root, folder).

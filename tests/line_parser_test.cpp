@@ -2,6 +2,7 @@
 #include "log_capture.h"
 #include "sandbox.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <thread>
@@ -44,10 +45,10 @@ std::string voluntary_switches(const std::string &task) {
     return status.substr(start, status.find('\n', start) - start);
 }
 
-// The line-reader thread beside the main one; "" when there is none.
-std::string other_thread() {
+// The thread that has come since the tasks were listed; "" when there is none.
+std::string thread_since(const std::vector<std::string> &tasks) {
     for (const std::string &task : list_folder("/proc/self/task")) {
-        if (task != std::to_string(::getpid())) {
+        if (!std::binary_search(tasks.begin(), tasks.end(), task)) {
             return task;
         }
     }
@@ -119,15 +120,15 @@ TEST(LineParser, RefusesWhatItCanNotStart) {
 }
 
 TEST(LineParser, AnEndedChildCostsNothingUntilTheStop) {
+    const std::vector<std::string> tasks = list_folder("/proc/self/task");
     auto info = read_output_of("echo last");
     ASSERT_TRUE(wait_until([] { return !taken_lines().empty(); }));
-    const std::string reader = other_thread();
+    const std::string reader = thread_since(tasks);
     ASSERT_NE(reader, "");
-    // The end of the output wakes the reader once more at the most; from then on it sleeps.
     ASSERT_TRUE(wait_until([] { return zombie_children() == 1; }));
-    std::string before = voluntary_switches(reader);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    before = voluntary_switches(reader);
+    // The end of the output wakes the reader once more; from then on it sleeps.
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const std::string before = voluntary_switches(reader);
     std::this_thread::sleep_for(std::chrono::seconds(2));
     EXPECT_EQ(voluntary_switches(reader), before);
     EXPECT_TRUE(info->running);

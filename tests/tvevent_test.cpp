@@ -1,26 +1,19 @@
 #include "tvevent.h"
 
-#include <csignal>
-#include <fstream>
-#include <functional>
+#include "sandbox.h"
+#include "system_bus.h"
+
 #include <gio/gio.h>
 #include <gtest/gtest.h>
+#include <optional>
 #include <string>
-#include <sys/wait.h>
 #include <vector>
 
 namespace {
 
-constexpr const char *address = "unix:path=/tmp/system_bus";
-GPid bus_process = 0;
-
-void wait_until(const std::function<bool()> &condition) {
-    for (int i = 0; i < 60'000 && !condition(); i++) {
-        if (!g_main_context_iteration(nullptr, FALSE))
-            g_usleep(1000);
-    }
-    EXPECT_TRUE(condition());
-}
+// Where the library looks for the system bus.
+constexpr const char *address = "unix:path=/run/dbus/system_bus_socket";
+std::optional<system_bus> bus;
 
 GDBusConnection *connect_program() {
     constexpr auto flags =
@@ -30,28 +23,10 @@ GDBusConnection *connect_program() {
 }
 
 void start_bus() {
-    std::ofstream("/tmp/bus.conf")
-        << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
-           "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\"><busconfig>"
-           "<type>session</type><listen>"
-        << address
-        << "</listen><policy context=\"default\"><allow send_destination=\"*\"/>"
-           "<allow send_type=\"signal\"/><allow receive_sender=\"*\"/></policy></busconfig>";
-    const char *command[] = {"dbus-daemon", "--config-file=/tmp/bus.conf", "--nofork", nullptr};
-    ASSERT_TRUE(
-        g_spawn_async(nullptr, const_cast<gchar **>(command), nullptr,
-                      static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
-                                               G_SPAWN_STDERR_TO_DEV_NULL),
-                      nullptr, nullptr, &bus_process, nullptr));
+    bus.emplace();
     GDBusConnection *probe = nullptr;
-    wait_until([&] { return (probe = connect_program()) != nullptr; });
+    ASSERT_TRUE(run_until([&] { return (probe = connect_program()) != nullptr; }));
     g_object_unref(probe);
-}
-
-void stop_bus() {
-    kill(bus_process, SIGKILL);
-    waitpid(bus_process, nullptr, 0);
-    unlink("/tmp/system_bus");
 }
 
 TVEventKeyValueSet *topic(const char *name, const char *nice_name = nullptr) {
@@ -158,11 +133,10 @@ struct Program {
 class TvEvent : public testing::Test {
   protected:
     static void SetUpTestSuite() {
-        g_setenv("DBUS_SYSTEM_BUS_ADDRESS", address, TRUE);
         EXPECT_EQ(tv_event_handler_new(), nullptr); // no bus yet
         start_bus();
     }
-    static void TearDownTestSuite() { stop_bus(); }
+    static void TearDownTestSuite() { bus.reset(); }
     void SetUp() override {
         handler = tv_event_handler_new();
         ASSERT_NE(handler, nullptr);
@@ -184,7 +158,7 @@ TEST_F(TvEvent, OtherProgramsSeeDeclarationsAndEvents) {
     EXPECT_TRUE(tv_event_handler_undeclare(handler, id, nullptr));
     EXPECT_FALSE(send(handler, id));
     const std::string undeclared = "Undeclared(" + std::to_string(id) + ",)";
-    wait_until([&] { return program.saw(undeclared); });
+    EXPECT_TRUE(run_until([&] { return program.saw(undeclared); }));
     ASSERT_EQ(program.signals.size(), 4U);
     EXPECT_EQ(program.signals[0],
               "Declared(" + std::to_string(id) + ", " + topic_text +
@@ -215,12 +189,12 @@ TEST_F(TvEvent, SubscriptionsGetEveryEventThatHasAllTheirKeys) {
     EXPECT_TRUE(tv_event_handler_unsubscribe(handler, ended_id, nullptr));
     EXPECT_FALSE(tv_event_handler_unsubscribe(handler, ended_id, nullptr));
     send(handler, id);
-    wait_until([&] { return same.events == 2; });
+    EXPECT_TRUE(run_until([&] { return same.events == 2; }));
     Program program;
     program.emit("('no', 'event')");
     program.emit(("(" + topic_text + "foreign'}, {'a': 'b'}, int64 5)").c_str());
     program.emit(("(" + topic_text + "match'}, @a{ss} {}, int64 5)").c_str());
-    wait_until([&] { return same.events == 3; });
+    EXPECT_TRUE(run_until([&] { return same.events == 3; }));
     EXPECT_EQ(part.events, 4);
     EXPECT_EQ(other.events, 0);
     EXPECT_EQ(no_name_space.events, 0);
@@ -234,17 +208,17 @@ TEST_F(TvEvent, CopesWithABusThatGoesAndComesBack) {
     const guint id = declare(handler, "restart");
     Counter counter;
     const guint subscription = subscribe(handler, topic("restart"), counter);
-    stop_bus();
-    wait_until([&] { return !send(handler, id); });
+    bus.reset();
+    EXPECT_TRUE(run_until([&] { return !send(handler, id); }));
     EXPECT_EQ(declare(handler, "while away"), 0U);
     start_bus();
     Program program;
     // Comes back by itself, without a call, and tells again what is declared.
-    wait_until([&] { return program.saw("Declared(" + std::to_string(id) + ", "); });
+    EXPECT_TRUE(run_until([&] { return program.saw("Declared(" + std::to_string(id) + ", "); }));
     program.emit(("(" + topic_text + "restart'}, @a{ss} {}, int64 5)").c_str());
-    wait_until([&] { return counter.events == 1; });
+    EXPECT_TRUE(run_until([&] { return counter.events == 1; }));
     EXPECT_TRUE(send(handler, id));
-    wait_until([&] { return counter.events == 2; });
+    EXPECT_TRUE(run_until([&] { return counter.events == 2; }));
     tv_event_handler_unsubscribe(handler, subscription, nullptr);
 }
 
@@ -268,7 +242,7 @@ TEST_F(TvEvent, RefusesWhatIsIncomplete) {
         handler, set, TRUE, &id,
         [](guint declaration, gpointer data) { *static_cast<guint *>(data) = declaration; },
         &completed, nullptr);
-    wait_until([&] { return completed == id; });
+    EXPECT_TRUE(run_until([&] { return completed == id; }));
     tv_event_key_value_set_free(set);
 }
 

@@ -1,5 +1,7 @@
 #include "tvhttp.h"
 
+#include "sandbox.h"
+
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
@@ -17,14 +19,6 @@
 namespace {
 
 constexpr const char *socket_path = "/run/tvhttp/tvhttp_test.sock";
-
-void wait_until(const std::function<bool()> &condition) {
-    for (int i = 0; i < 60'000 && !condition(); i++) {
-        if (!g_main_context_iteration(nullptr, FALSE))
-            g_usleep(1000);
-    }
-    EXPECT_TRUE(condition());
-}
 
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
@@ -60,12 +54,12 @@ class Client {
     }
     // The loop runs meanwhile, as more may be sent than the socket holds.
     void send_bytes(std::string bytes) {
-        wait_until([&] {
+        EXPECT_TRUE(run_until([&] {
             const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
             if (sent > 0)
                 bytes.erase(0, static_cast<size_t>(sent));
             return bytes.empty() || (sent < 0 && errno == EPIPE);
-        });
+        }));
     }
     bool ended() {
         char piece[65536];
@@ -76,7 +70,7 @@ class Client {
         return count == 0 || reset;
     }
     std::string reply() {
-        wait_until([this] { return ended(); });
+        EXPECT_TRUE(run_until([this] { return ended(); }));
         return received;
     }
     std::string received;
@@ -236,7 +230,7 @@ TEST_F(TvHttp, RepliesStreamUntilTheLastReferenceGoes) {
         write(output, "first");
     };
     Client client(get("a=1"));
-    wait_until([&] { return !client.ended() && client.received == "first"; });
+    EXPECT_TRUE(run_until([&] { return !client.ended() && client.received == "first"; }));
     EXPECT_TRUE(write(kept, " second"));
     g_object_unref(kept);
     EXPECT_EQ(client.reply(), "first second");
@@ -250,7 +244,7 @@ TEST_F(TvHttp, RepliesStreamUntilTheLastReferenceGoes) {
         g_object_unref(output);
     };
     gone.send_bytes(get("a=1"));
-    wait_until([&] { return !written; });
+    EXPECT_TRUE(run_until([&] { return !written; }));
 }
 
 TEST_F(TvHttp, OneRequestAtATimeEvenWhenTheCallbackRunsTheLoop) {
@@ -306,7 +300,7 @@ TEST_F(TvHttp, ClientThatNeverReadsIsGivenUp) {
             failed += !write(output, std::string(1024 * 1024, 'x'));
         g_object_unref(output);
     };
-    wait_until([&] { return !seen.empty(); });
+    EXPECT_TRUE(run_until([&] { return !seen.empty(); }));
     EXPECT_EQ(failed, 100);
     answer = [](GOutputStream *output) { g_object_unref(output); };
     EXPECT_EQ(Client(get("a=1")).reply(), "");

@@ -1,9 +1,9 @@
 #include "tvparameter.h"
 
+#include "sandbox.h"
+
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,17 +11,6 @@
 namespace {
 
 const std::string store = "/etc/tvparameter/parameters.conf";
-
-void write_store(const std::string &content) {
-    std::filesystem::create_directories("/etc/tvparameter");
-    std::ofstream(store, std::ios::binary) << content;
-}
-
-std::string stored() {
-    std::ostringstream content;
-    content << std::ifstream(store, std::ios::binary).rdbuf();
-    return content.str();
-}
 
 // The value, or "(none)" when the library refuses with an error.
 std::string get(TVParameter *handle, const char *name) {
@@ -56,8 +45,8 @@ TEST(TvParameter, NewNeedsTheStore) {
 }
 
 TEST(TvParameter, ReadsAndWrites) {
-    write_store(
-        "root.A=1\nnot a parameter\nroot.AB==x = y \nroot.Empty=\nroot.A=later\nroot.Z=end");
+    write_file(store,
+               "root.A=1\nnot a parameter\nroot.AB==x = y \nroot.Empty=\nroot.A=later\nroot.Z=end");
     TVParameter *handle = tv_parameter_new("Vandrel", nullptr);
     ASSERT_NE(handle, nullptr);
     const std::pair<const char *, const char *> expected[] = {
@@ -74,14 +63,15 @@ TEST(TvParameter, ReadsAndWrites) {
     EXPECT_FALSE(set(handle, "root.A\nroot.B", "x"));
     EXPECT_FALSE(set(handle, "root.A", "x\nroot.B=1"));
     EXPECT_FALSE(set(handle, "root.A", nullptr));
-    EXPECT_EQ(stored(), "root.A=1\nnot a parameter\nroot.AB=new\nroot.Empty=\nroot.A=later\n"
-                        "root.Z=end\nroot.New=a=b\n");
+    EXPECT_EQ(read_file(store),
+              "root.A=1\nnot a parameter\nroot.AB=new\nroot.Empty=\nroot.A=later\n"
+              "root.Z=end\nroot.New=a=b\n");
     EXPECT_EQ(std::filesystem::status(store).permissions(), std::filesystem::perms(0640));
     tv_parameter_free(handle);
 }
 
 TEST(TvParameter, ThreadsLoseNoneOfEachOthersWrites) {
-    write_store("root.Common=0\n");
+    write_file(store, "root.Common=0\n");
     TVParameter *handle = tv_parameter_new("Vandrel", nullptr);
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; thread++) {

@@ -5,6 +5,7 @@ import { pending, request, RequestError } from './api.js';
 
 const PERIOD_MS = 10000;
 const PERIOD_WHILE_AWAY_MS = 3000;
+const PERIOD_WHILE_PENDING_MS = 500;
 const TIMEOUT_MS = 8000;
 
 /**
@@ -68,9 +69,11 @@ export function watchDaemon() {
     if (document.hidden) {
       return;
     }
-    if (pending() === 0) {
-      await ask();
+    if (pending() > 0) {
+      timer = setTimeout(poll, PERIOD_WHILE_PENDING_MS);
+      return;
     }
+    await ask();
     clearTimeout(timer);
     if (current.state === 'locked') {
       return; // each further poll would make the browser ask for a password again

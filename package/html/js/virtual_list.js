@@ -22,24 +22,42 @@ export function createVirtualList(label) {
   /** @type {Map<number, {row: HTMLLIElement, key: string}>} */
   const shown = new Map();
   let rowHeight = 0;
+  // Scrolled to, in pixels. The element's own value is lost while its view is hidden.
+  let position = 0;
+  let viewHeight = 0;
   let frame = 0;
 
+  // Whole pixels: millions of pixels down, fractions are lost and rows would be misplaced.
   function measure() {
-    const probe = el('li', {}, 'X');
+    const probe = el('li', { class: 'probe' }, 'X');
     list.append(probe);
-    rowHeight = probe.getBoundingClientRect().height;
+    const measured = probe.offsetHeight;
     probe.remove();
+    if (measured > 0 && measured !== rowHeight) {
+      position = rowHeight === 0 ? position : position / rowHeight * measured;
+      rowHeight = measured;
+      list.style.setProperty('--row-height', `${rowHeight}px`);
+    }
+  }
+
+  // Brings the element to `position`; in a hidden view that waits until it is shown.
+  function place() {
+    measure();
+    if (element.clientHeight === 0) {
+      return;
+    }
+    viewHeight = element.clientHeight;
+    height.style.height = `${rows.count * rowHeight}px`;
+    if (element.scrollTop !== position) {
+      element.scrollTop = position;
+      position = element.scrollTop;
+    }
+    render();
   }
 
   function render() {
-    if (rowHeight === 0) {
-      measure();
-    }
-    if (rowHeight === 0) {
-      return; // not in sight; rendered when it is
-    }
-    const first = Math.max(0, Math.floor(element.scrollTop / rowHeight) - SPARE_ROWS);
-    const visible = Math.ceil(element.clientHeight / rowHeight) + 2 * SPARE_ROWS;
+    const first = Math.max(0, Math.floor(position / rowHeight) - SPARE_ROWS);
+    const visible = Math.ceil(viewHeight / rowHeight) + 2 * SPARE_ROWS;
     const end = Math.min(rows.count, first + visible);
     for (const [index, { row, key }] of shown) {
       if (index < first || index >= end || key !== rows.key(index)) {
@@ -66,22 +84,21 @@ export function createVirtualList(label) {
     list.style.transform = `translateY(${first * rowHeight}px)`;
   }
 
-  function renderSoon() {
-    cancelAnimationFrame(frame);
-    frame = requestAnimationFrame(render);
-  }
-  element.addEventListener('scroll', renderSoon, { passive: true });
-  new ResizeObserver(() => {
-    measure(); // the zoom may have changed; in a hidden view nothing has a height
-    renderSoon();
-  }).observe(element);
+  element.addEventListener('scroll', () => {
+    if (element.clientHeight > 0) {
+      position = element.scrollTop;
+      cancelAnimationFrame(frame);
+      frame = requestAnimationFrame(render);
+    }
+  }, { passive: true });
+  new ResizeObserver(place).observe(element);
 
   return {
     element,
     /** Index of the topmost row in sight. */
-    top: () => (rowHeight === 0 ? 0 : Math.floor(element.scrollTop / rowHeight)),
+    top: () => (rowHeight === 0 ? 0 : Math.floor(position / rowHeight)),
     /** Whether the last row is in sight. */
-    atEnd: () => element.scrollTop + element.clientHeight >= element.scrollHeight - rowHeight,
+    atEnd: () => position + viewHeight >= (rows.count - 1) * rowHeight,
     /**
      * Shows other rows, with row `top` topmost.
      * @param {Rows} next
@@ -89,14 +106,10 @@ export function createVirtualList(label) {
      */
     show(next, top) {
       rows = next;
-      if (rowHeight === 0) {
-        measure();
-      }
       // What is scrolled off by less than a row stays so.
-      const part = rowHeight === 0 ? 0 : element.scrollTop % rowHeight;
-      height.style.height = `${rows.count * rowHeight}px`;
-      element.scrollTop = top === Infinity ? rows.count * rowHeight : top * rowHeight + part;
-      render();
+      const part = rowHeight === 0 ? 0 : position % rowHeight;
+      position = Math.min(top, rows.count) * rowHeight + (top === Infinity ? 0 : part);
+      place();
     },
   };
 }

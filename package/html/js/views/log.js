@@ -186,16 +186,16 @@ export function create() {
   }
 
   const element = el('div', { class: 'view log-view' },
-    el('h1', {}, 'Log'),
+    el('div', { class: 'tools apart' }, el('h1', {}, 'Log'),
+      el('a', { class: 'button', href: address('instant_log_view_download'), download: 'log_viewer.txt' },
+        'Download')),
     el('div', { class: 'tools', role: 'search', 'aria-label': 'Log' },
       loadButton, cancelButton,
       field('Filter', filter, 'grow'),
       field('Severity', severity),
-      field('Refresh', refresh),
-      el('a', { class: 'button', href: address('instant_log_view_download'), download: 'log_viewer.txt' },
-        'Download')),
+      field('Refresh', refresh)),
     notice,
-    el('div', { class: 'tools summary' }, count, progress),
+    el('div', { class: 'tools apart' }, count, progress),
     empty,
     list.element);
 

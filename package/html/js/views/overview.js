@@ -34,7 +34,7 @@ function daemonCard() {
 }
 
 function selfTestCard() {
-  const results = el('ol', { class: 'results', role: 'log', 'aria-label': 'Replies to the self-test' });
+  const results = el('ol', { class: 'results' });
   /** @param {typeof SEVERITIES[number]} severity @param {HTMLButtonElement} button */
   async function run({ type, title, find }, button) {
     button.setAttribute('aria-disabled', 'true');
@@ -69,7 +69,7 @@ function selfTestCard() {
     el('p', { class: 'quiet' }, 'Writes one message of the chosen severity to the camera’s system '
       + 'log, to try out triggers and a remote log server.'),
     el('div', { class: 'tools', role: 'group', 'aria-labelledby': 'self-test-heading' }, ...buttons),
-    results);
+    el('div', { role: 'log', 'aria-label': 'Replies to the self-test' }, results));
 }
 
 /** @returns {import('../main.js').View} */

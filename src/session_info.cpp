@@ -1,0 +1,129 @@
+#include "session_info.h"
+
+#include "fileutil.h"
+#include "log.h"
+#include "session_globals.h"
+#include "shell_word.h"
+#include "strutil.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr std::size_t field_name_max = 1000;
+constexpr std::size_t folder_length = 17;
+constexpr std::size_t info_path_size = 512;
+constexpr std::size_t info_line_max = 1023;
+constexpr unsigned minutes_a_day = 1440;
+
+bool is_start_stamp(const char *folder) {
+    unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
+    return std::strlen(folder) == folder_length &&
+           std::sscanf(folder, "%4u%2u%2u_%2u_%2u_%2u", &year, &month, &day, &hour, &minute,
+                       &second) == 6 &&
+           year >= 1000 && year <= 9999 && month <= 12 && day <= 31 && hour <= 24 && minute <= 60 &&
+           second <= 60;
+}
+
+bool starts_with(const char *text, const char *start) {
+    return std::strncmp(text, start, std::strlen(start)) == 0;
+}
+
+} // namespace
+
+bool is_monitory_dir(const char *path) {
+    if (path == nullptr || std::strlen(path) > session_path_max) {
+        return false;
+    }
+    const bool below_a_storage =
+        starts_with(path, "/usr/local/packages/Vandrel/localdata") ||
+        (starts_with(path, "/var/spool/storage/") && std::strstr(path, "Vandrel") != nullptr);
+    // The path is put into command lines too: nothing but what the daemon would name a session.
+    return below_a_storage && is_shell_word(path) && std::strstr(path, "/..") == nullptr &&
+           is_directory(path) && is_start_stamp(std::strrchr(path, '/') + 1);
+}
+
+bool rewrite_session_info(const std::string &session_directory, const char *temporary_name,
+                          std::size_t line_max,
+                          const std::function<void(std::string &line)> &edit_line,
+                          const std::function<std::string()> &text_at_end) {
+    const std::string path = format_bounded(info_path_size, "%s/%s", session_directory.c_str(),
+                                            "Session_Information.txt");
+    const std::string temporary =
+        format_bounded(info_path_size, "%s/%s", session_directory.c_str(), temporary_name);
+    const unique_file file = file_open_or_warn(path.c_str(), "r");
+    if (!file) {
+        return false;
+    }
+    unique_file copy = file_open_or_warn(temporary.c_str(), "w");
+    if (!copy) {
+        return false;
+    }
+    std::string line;
+    while (read_line(file.get(), line_max, line)) {
+        edit_line(line);
+        std::fputs(line.c_str(), copy.get());
+    }
+    std::fputs(text_at_end().c_str(), copy.get());
+    // The copy counts only when all of it is on the storage.
+    const bool whole = std::ferror(file.get()) == 0 && std::fflush(copy.get()) == 0 &&
+                       std::ferror(copy.get()) == 0 && ::fsync(::fileno(copy.get())) == 0;
+    if (!whole) {
+        log_warning("Could not write '%s': %s", temporary.c_str(), std::strerror(errno));
+    }
+    copy.reset();
+    if (!whole || !file_rename(temporary.c_str(), path.c_str())) {
+        file_remove(temporary.c_str());
+        return false;
+    }
+    return true;
+}
+
+void read_and_update_session_info(const std::string &session_directory, const std::string &field,
+                                  session_info_update update, const std::string &default_value) {
+    if (field.size() > field_name_max) {
+        log_error("Cannot read field names larger than 1000 characters, got: %s", field.c_str());
+        return;
+    }
+    const std::string start = field + ": ";
+    bool found = false;
+    const auto edit = [&](std::string &line) {
+        if (line.starts_with(start)) {
+            if (const auto value = update(line.substr(start.size()))) {
+                line = start + *value + "\n";
+                found = true;
+            }
+        }
+    };
+    const auto end = [&] { return found ? "" : start + default_value + "\n"; };
+    rewrite_session_info(session_directory, "Session_Information_tmp_tmp.txt", info_line_max, edit,
+                         end);
+}
+
+std::optional<std::string> update_data_points(const std::string &old_value) {
+    return format_text("%u", static_cast<unsigned>(decimal_prefix_unsigned(old_value)) + 1);
+}
+
+std::optional<std::string> update_duration(const std::string &old_value) {
+    unsigned days = 0, hours = 0, minutes = 0;
+    if (std::sscanf(old_value.c_str(), "%u Days %u hours %u minutes", &days, &hours, &minutes) !=
+        3) {
+        return std::nullopt;
+    }
+    const unsigned total = days * minutes_a_day + hours * 60 + minutes + 1;
+    monitor_active_minutes_count = total;
+    return format_text("%u Days %u hours %u minutes", total / minutes_a_day, total / 60 % 24,
+                       total % 60);
+}
+
+void update_number_of_collected_data_points(const std::string &session_directory) {
+    read_and_update_session_info(session_directory, "Collected Data Points", update_data_points,
+                                 "1");
+}
+
+void update_session_duration(const std::string &session_directory) {
+    read_and_update_session_info(session_directory, "Duration", update_duration,
+                                 "0 Days 0 hours 0 minutes");
+}

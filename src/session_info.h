@@ -1,0 +1,39 @@
+// A session's directory and its information file. Main loop only.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+// Texts longer than this can't be a session's path anywhere in the daemon.
+inline constexpr std::size_t session_path_max = 199;
+
+// Whether the path names an existing session directory: below the internal or a platform storage,
+// without "/..", its last part a start stamp such as 20230531_08_27_40. What is asked for by a
+// request must pass this before anything else is done with it.
+bool is_monitory_dir(const char *path);
+
+// Gives a field's new value from what stood behind its "NAME: " (line end included), or nothing to
+// leave the line as it is.
+using session_info_update = std::optional<std::string> (*)(const std::string &old_value);
+
+// Rewrites one field of the session's Session_Information.txt. When no line was replaced, the field
+// is added at the end with the default as it stands. A file that can't be read or replaced whole
+// stays as it is, with a warning.
+void read_and_update_session_info(const std::string &session_directory, const std::string &field,
+                                  session_info_update update, const std::string &default_value);
+
+// Replaces the session's information file by what `edit` leaves of its lines (each with its line
+// end); through a temporary file of the given name. False after a warning: the old file stays.
+bool rewrite_session_info(const std::string &session_directory, const char *temporary_name,
+                          std::size_t line_max,
+                          const std::function<void(std::string &line)> &edit_line,
+                          const std::function<std::string()> &text_at_end);
+
+// "Collected Data Points": one more.
+void update_number_of_collected_data_points(const std::string &session_directory);
+// "Duration": one minute more; monitor_active_minutes_count follows it.
+void update_session_duration(const std::string &session_directory);
+
+std::optional<std::string> update_data_points(const std::string &old_value);
+std::optional<std::string> update_duration(const std::string &old_value);

@@ -1,0 +1,41 @@
+// Whether a storage is there and healthy, how full it is, and what the running session occupies.
+// Main loop only; each of these runs a command and waits for it.
+#pragma once
+
+#include <functional>
+#include <glib.h>
+#include <string>
+
+// Asks the platform's storage service (at most 6 seconds). The loss of a storage is logged once, if
+// `log_also`, until a test succeeds again.
+bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also);
+
+// Finds one storage in the storage service's printed reply, line after line. A storage is healthy
+// when its status line says "OK" and of its properties, told by their position behind the line with
+// its name, number 6 is true and 9 and 10 are false.
+class storage_reply_reader {
+  public:
+    explicit storage_reply_reader(const std::string &name);
+    void take_line(const std::string &line);
+    [[nodiscard]] bool is_healthy() const;
+
+  private:
+    std::string quoted_name_;
+    bool in_block_ = false;
+    unsigned position_ = 0;
+    bool status_ok_ = false;
+    bool properties_[17] = {};
+};
+
+// Percent used of the partition that holds the path: 0 when the tool's output has no such number,
+// -1 on error.
+int get_storage_use_pcent(const char *path);
+
+// Whether less than 90 percent are used; false, with a warning, when that can't be found out.
+bool check_partition_usage(const char *path);
+
+// Size of a directory tree in bytes, rounded to KiB; 0 when it can't be found out.
+unsigned long get_dir_size_bytes(const std::string &path);
+
+// A one-shot callback: logs what the running session occupies. Returns FALSE.
+gboolean storage_consumption_log_message(gpointer) noexcept;

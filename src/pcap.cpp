@@ -105,6 +105,25 @@ bool hopeless(const packet_hdr_s &header, std::size_t settled, std::uint32_t pri
            (settled >= 12 && (header.incl_len < 10 || header.incl_len > max_packet));
 }
 
+// Lengths fit 16 bits, so that the upper halves of both are zero in every header: where in it that
+// of incl_len starts. That of orig_len is 4 bytes further.
+std::size_t upper_half() {
+    return (std::endian::native == std::endian::little) == (swapped == 0) ? 10 : 8;
+}
+
+// Whether up to `deletions` bytes less can bring zeros to both places.
+bool zeros_in_reach(const unsigned char *bytes, std::size_t deletions) {
+    const unsigned char *upper = bytes + upper_half();
+    const unsigned char *const last = upper + deletions;
+    while (upper <= last && (upper[0] | upper[1]) != 0) {
+        upper++;
+    }
+    while (upper <= last && (upper[4] | upper[5]) != 0) {
+        upper++;
+    }
+    return upper <= last;
+}
+
 // The body of check_header for at most 32 bytes; `header` is only touched on success. A copy is the
 // same whatever the order in which its carriage returns were deleted, and the first order that is
 // tried is the one from left to right. So the deletions after the one at index `from` are looked
@@ -120,7 +139,7 @@ int check_copy(const unsigned char *bytes, std::size_t size, std::uint32_t prior
     if (verbose > 1) {
         std::printf("[-] Header plausibility check failed with error code %d\n", error);
     }
-    if (size < 26) {
+    if (size < 26 || !zeros_in_reach(bytes, size - 25)) {
         return -1;
     }
     // Bytes that no further deletion moves: carriage returns may still go one after the other.
@@ -204,12 +223,11 @@ void write_packet(repair_s &r, const packet_hdr_s &header, std::uint64_t data, b
     r.last_correct_ts_usec = header.ts_usec;
 }
 
-// Whether a header may start at one of the `block` positions from `bytes`: both its lengths fit 16
-// bits, so that the upper halves are zero. A loop that compilers make vectors of.
+// Whether a header may start at one of the `block` positions from `bytes`. A loop that compilers
+// make vectors of.
 constexpr std::ptrdiff_t block = 64;
 bool may_hold_header(const unsigned char *bytes) {
-    const bool little_endian = (std::endian::native == std::endian::little) == (swapped == 0);
-    const unsigned char *const upper = bytes + (little_endian ? 10 : 8);
+    const unsigned char *const upper = bytes + upper_half();
     unsigned char any = 0;
     for (std::ptrdiff_t i = 0; i < block; i++) {
         any |= (upper[i] | upper[i + 1] | upper[i + 4] | upper[i + 5]) == 0;

@@ -367,9 +367,10 @@ void add_cases(std::vector<pcap_case> &cases, const capture &empty) {
         add("no global header", with_records(c, {}));
     }
 
-    for (const std::size_t size :
-         {1,     9,     15,    16,    17,    25,    26,    27,    31,    32,    33,   100,
-          65534, 65535, 65550, 65551, 65552, 65567, 65582, 65583, 65584, 65600, 70000}) {
+    constexpr std::size_t garbage_sizes[] = {1,     9,     15,    16,    17,    25,    26,    27,
+                                             31,    32,    33,    100,   65534, 65535, 65550, 65551,
+                                             65552, 65567, 65582, 65583, 65584, 65600, 70000};
+    for (const std::size_t size : garbage_sizes) {
         capture before = start;
         add_garbage(before, size);
         add("garbage before", with_records(before, {}));
@@ -440,7 +441,7 @@ void add_cases(std::vector<pcap_case> &cases, const capture &empty) {
     add("end of a second", with_records(whole_second, {}));
 
     if (!empty.nano) { // a line feed in a fraction of nanoseconds reads as another one
-        for (const std::size_t line_feeds : {0, 1, 3, 31, 32, 50}) {
+        for (const int line_feeds : {0, 1, 3, 31, 32, 50}) {
             capture c = start;
             for (int i = 0; i < 4; i++) {
                 c.sec = c.big_endian ? 0x650af100 : 0x0a654321;

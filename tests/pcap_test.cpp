@@ -86,6 +86,30 @@ TEST(Pcap, RepairsTheCorpus) {
     }
 }
 
+TEST(Pcap, ChecksPlausibilityInOrder) {
+    forget();
+    const struct {
+        packet_hdr_s header;
+        std::uint32_t prior_ts;
+        int expected;
+    } cases[] = {
+        {{0, 1000000, 10, 10}, 0, 0},     {{7, 1, 65535, 65535}, 86400 + 7, 0},
+        {{0, ~0U, 9, 9}, 0, -1},          {{0, ~0U, 65536, 9}, 0, -2},
+        {{0, ~0U, 65536, 65536}, 0, -3},  {{0, ~0U, 65535, 65536}, 0, -4},
+        {{0, ~0U, 11, 10}, 0, -5},        {{86402, ~0U, 10, 10}, 1, -6},
+        {{86401, 0, 10, 10}, 1, 0},       {{0, ~0U, 10, 10}, 86401, -7},
+        {{0, 0, 10, 10}, 86400, 0},       {{0, 1000001, 10, 10}, 86400, -8},
+        {{5, 0, 10, 10}, 0xffffffff, -7}, {{0xffffffff, 0, 10, 10}, 0xfffffff0, -6},
+    };
+    for (const auto &[header, prior_ts, expected] : cases) {
+        EXPECT_EQ(is_plausible(header, prior_ts), expected)
+            << header.ts_sec << ' ' << header.incl_len << ' ' << prior_ts;
+    }
+    nanoseconds = 1;
+    EXPECT_EQ(is_plausible({0, 1000000000, 10, 10}, 0), 0);
+    EXPECT_EQ(is_plausible({0, 1000000001, 10, 10}, 0), -9);
+}
+
 TEST(Pcap, KeepsItsFlagsForLaterRepairs) {
     forget();
     const std::string slow = global_header + record(7, 999, 20) + record(8, 5000000, 20);
@@ -94,8 +118,10 @@ TEST(Pcap, KeepsItsFlagsForLaterRepairs) {
     EXPECT_EQ(repair(nano).result, 0);
     EXPECT_EQ(repair(slow).result, 0);
 
-    EXPECT_EQ(repair({"\xa1\xb2\xc3\xd4\0\2\0\4\0\0\0\0\0\0\0\0\0\0\xff\xff\0\0\0\1", 24}).result,
-              0);
+    const std::string other_order("\xa1\xb2\xc3\xd4\0\2\0\4\0\0\0\0\0\0\0\0\0\0\xff\xff\0\0\0\1",
+                                  24);
+    EXPECT_EQ(repair(other_order).result, 0);
+    EXPECT_EQ(repair("magi" + other_order.substr(4)).output, other_order);
     const repaired made = repair(global_header);
     EXPECT_EQ(made.result, -2);
     EXPECT_EQ(made.log, "[*] Analyzing Global Header...\n"
@@ -118,13 +144,19 @@ TEST(Pcap, KnowsItsSettings) {
     forget();
     data_link_type = 105;
     EXPECT_EQ(repair(global_header).output, words({0xa1b2c3d4, 0x00040002, 0, 0, 65535, 105}));
+    EXPECT_EQ(repair(words({1, 2, 3, 4, 1000, 5})).output,
+              words({0xa1b2c3d4, 0x00040002, 0, 0, 65535, 105}));
     data_link_type = -1;
+    EXPECT_EQ(repair(words({1, 2, 3, 4, 1000, 5})).output, global_header);
 
     // Some garbage is a damaged first record, more is left out.
     deep_scan = 1;
     const std::string packets = record(1700000000, 600000, 60) + record(1700000000, 700000, 60);
     const std::string near = global_header + std::string(65551, '\xee') + packets;
     EXPECT_EQ(repair(near).result, 1);
+    const repaired later = repair(global_header + packets + std::string(70000, '\xee') + packets);
+    EXPECT_NE(later.log.find("[-] No next packet found within max packet range --> SKIPPING!\n"),
+              std::string::npos);
     for (const std::size_t size : {65552, 70000, 131104, 131105, 131200, 2000000}) {
         const repaired made = repair(global_header + std::string(size, '\xee') + packets);
         EXPECT_EQ(made.log, fine +
@@ -136,6 +168,9 @@ TEST(Pcap, KnowsItsSettings) {
         EXPECT_EQ(made.result, 0);
         EXPECT_TRUE(made.dropped);
         EXPECT_EQ(repair(global_header + std::string(size + 32, '\xee')).result, -1);
+        EXPECT_EQ(repair(global_header + std::string(size, '\xee') + record(1700000000, 600000, 16))
+                      .result,
+                  0);
     }
 }
 
@@ -193,7 +228,8 @@ TEST(Pcap, ReadsHeadersWithCarriageReturns) {
         std::string bytes;
         for (const char byte : header_bytes) {
             bytes +=
-                std::string(byte == '\n' ? random() % 6 / 4 + random() % 6 / 5 : 0, '\r') + byte;
+                std::string(byte == '\n' ? (random() % 3 == 0) * (1 + random() % 3) : 0, '\r') +
+                byte;
         }
         bytes.resize(std::min<std::size_t>(bytes.size(), 24 + random() % 9));
         const std::uint32_t prior_ts = random() % 3 == 0 ? 0x0a0a0a0a : 0;

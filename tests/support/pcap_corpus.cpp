@@ -383,6 +383,7 @@ void add_cases(std::vector<pcap_case> &cases, const capture &empty) {
         add("garbage after", after);
     }
 
+    add("no data", with_records(start, {{40, 40}}, 0));
     const std::vector<std::pair<const char *, lies>> damages = {
         {"too long by 1", {{1, 1}}},
         {"too long by 15", {{15, 100}}},
@@ -425,6 +426,12 @@ void add_cases(std::vector<pcap_case> &cases, const capture &empty) {
             add("time jump", with_records(c, {unreadable}));
         }
     }
+    capture far = intact; // within a day of the previous record, but not of the one before
+    for (const std::uint32_t sec : {80000U, 160000U, 0U}) {
+        far.sec = intact.sec + sec;
+        add_record(far, 10);
+    }
+    add("time jumps in a row", with_records(far, {}));
     for (const std::uint32_t sec : {0U, 5U}) { // a first record's time is taken from its successor
         capture c = start;
         add_record(c, 300, unreadable);
@@ -451,6 +458,15 @@ void add_cases(std::vector<pcap_case> &cases, const capture &empty) {
             }
             transfer_in_ascii_mode(c);
             add("ASCII mode", c);
+        }
+        for (std::uint32_t size = 200; size < 270; size++) {
+            capture c = start;
+            add_record(c, size, unreadable);
+            c.frac = 0x080a01;
+            add_record(c, 100);
+            add_record(c, 100);
+            transfer_in_ascii_mode(c);
+            add("ASCII mode after damage", c);
         }
     }
 

@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr std::uint64_t mebibyte = 1024 * 1024;
+constexpr std::uint64_t mebibyte = 1024UL * 1024;
 std::filesystem::path folder;
 
 struct close_file {
@@ -131,15 +131,14 @@ int main(int argc, char **argv) {
     const std::string in = name + "/in";
     const std::string out = name + "/out";
     const std::string damaged = name + "/damaged";
-    const std::string quoted = "'" + in + "' ";
+    const std::string tcpdump = "tcpdump -Z root 2>/dev/null -r '" + in + "' -w '" + out + "'";
+    const std::string files = "'" + in + "' '" + out + "'";
 
     for (const std::uint32_t length : {60U, 1500U}) {
         make_capture(in, size, length, 0);
         make_capture(damaged, size, length, mebibyte);
-        const auto best =
-            race({[&] { repair(in, out); }, [&] { command("cp " + quoted + "'" + out + "'"); },
-                  [&] { command("tcpdump -Z root -r " + quoted + "-w '" + out + "' 2>/dev/null"); },
-                  [&] { repair(damaged, out); }});
+        const auto best = race({[&] { repair(in, out); }, [&] { command("cp " + files); },
+                                [&] { command(tcpdump); }, [&] { repair(damaged, out); }});
         std::printf(
             "%u-byte packets, intact: repair %.2f s, cp %.2f s (ratio %.2f), "
             "tcpdump %.2f s (ratio %.2f)\n"

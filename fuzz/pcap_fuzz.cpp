@@ -36,22 +36,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (size < 2) {
         return 0;
     }
-    const unsigned options = data[0];
+    const int options = data[0];
     const std::string input(reinterpret_cast<const char *>(data) + 1, size - 1);
     swapped = nanoseconds = 0;
-    if (options & 16 && input.size() >= 16) { // takes far more time than the repair
-        const std::string window = input.substr(input.size() / 2, 32);
+    if ((options & 16) != 0 && input.size() >= 16) { // takes far more time than the repair
+        const std::string window = input.substr(input.size() / 2 - 8, 32);
+        const std::uint32_t prior_ts = data[0] * 0x01010101U;
         packet_hdr_s header;
-        if (window.size() >= 16) {
-            require(check_header(reinterpret_cast<const unsigned char *>(window.data()),
-                                 window.size(), options * 0x01010101U,
-                                 header) == check_header_by_trying(window, options * 0x01010101U),
-                    "check_header differs from trying all deletions");
-        }
+        require(check_header(reinterpret_cast<const unsigned char *>(window.data()), window.size(),
+                             prior_ts, header) == check_header_by_trying(window, prior_ts),
+                "check_header differs from trying all deletions");
     }
 
     deep_scan = options & 1;
-    data_link_type = options & 2 ? 7 : -1;
+    data_link_type = (options & 2) != 0 ? 7 : -1;
     swapped = options >> 2 & 1;
     nanoseconds = options >> 3 & 1;
     char *text = nullptr;

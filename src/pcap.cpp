@@ -25,7 +25,7 @@ constexpr std::size_t search_range = header_size + max_packet;
 // All that one step of the walk looks at lies within this many bytes of its position: up to 7
 // carriage returns, a record of the longest size, the look-ahead, and 31 positions further.
 constexpr std::size_t reach = 65536 + 128;
-constexpr std::size_t window_size = 512 * 1024;
+constexpr std::size_t window_size = 512UL * 1024;
 static_assert(search_range + look_ahead <= reach && 7 + 48 + max_packet + look_ahead <= reach);
 
 // In the file's byte order.
@@ -175,7 +175,8 @@ void write_out(repair_s &r, const void *bytes, std::size_t size) {
 }
 
 void flush_verbatim(repair_s &r) {
-    write_out(r, at(r, r.verbatim_start), r.verbatim_end - r.verbatim_start);
+    write_out(r, at(r, r.verbatim_start),
+              static_cast<std::size_t>(r.verbatim_end - r.verbatim_start));
     r.verbatim_start = r.verbatim_end = r.window_start;
 }
 
@@ -186,10 +187,11 @@ bool load_window(repair_s &r) {
         return true;
     }
     flush_verbatim(r);
-    const std::size_t kept = r.window_end - r.pos;
+    const auto kept = static_cast<std::size_t>(r.window_end - r.pos);
     std::memmove(r.window.get(), at(r, r.pos), kept);
     r.window_start = r.verbatim_start = r.verbatim_end = r.pos;
-    const std::size_t room = std::min<std::uint64_t>(r.window_capacity, r.filesize - r.pos) - kept;
+    const std::uint64_t rest = std::min<std::uint64_t>(r.window_capacity, r.filesize - r.pos);
+    const auto room = static_cast<std::size_t>(rest) - kept;
     r.window_end += std::fread(r.window.get() + kept, 1, room, r.in);
     return r.window_end >= wanted;
 }
@@ -538,7 +540,7 @@ int fix_file(repair_s &r) {
         return -2;
     }
     std::fputs("[*] Analyzing Global Header...\n", r.log);
-    r.window_capacity = std::min<std::uint64_t>(window_size, r.filesize);
+    r.window_capacity = static_cast<std::size_t>(std::min<std::uint64_t>(window_size, r.filesize));
     r.window = std::make_unique_for_overwrite<unsigned char[]>(r.window_capacity);
     if (!load_window(r)) {
         return -3;

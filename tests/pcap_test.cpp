@@ -161,16 +161,16 @@ TEST(Pcap, KnowsItsSettings) {
         fine + "[-] CORRUPTED Packet #1 at position 24 (4008636142 | 4008636142 | 4008636142 | "
                "4008636142).\n[+] (DEEP SCAN) FOUND FIRST Packet #1 at position ";
     for (const std::size_t size : {65552, 70000, 131104, 131105, 131200, 2000000}) {
-        const repaired made = repair(global_header + std::string(size, '\xee') + packets);
-        EXPECT_EQ(made.log,
-                  corrupted + std::to_string(24 + size) + " (1700000000 | 600000 | 60 | 60).\n");
+        std::string start = global_header;
+        start.append(size, '\xee');
+        const repaired made = repair(start + packets);
+        const std::string place = std::to_string(24 + size);
+        EXPECT_EQ(made.log, corrupted + place + " (1700000000 | 600000 | 60 | 60).\n");
         EXPECT_TRUE(made.output == global_header + packets);
         EXPECT_EQ(made.result, 0);
         EXPECT_TRUE(made.dropped);
-        EXPECT_EQ(repair(global_header + std::string(size + 32, '\xee')).result, -1);
-        EXPECT_EQ(repair(global_header + std::string(size, '\xee') + record(1700000000, 600000, 16))
-                      .result,
-                  0);
+        EXPECT_EQ(repair(start + std::string(32, '\xee')).result, -1);
+        EXPECT_EQ(repair(start + record(1700000000, 600000, 16)).result, 0);
     }
 }
 

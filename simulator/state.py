@@ -1,6 +1,7 @@
 """What a simulated camera keeps in its state directory, and how it gets there.
 
     etc/ var/ persistent/ local/    the camera's /etc, /var, /lib/persistent and /usr/local
+    storages/                       images of its storages, and which of them are in it
     running.json                    of a running camera: its processes, its address
 
 A running camera's keeper holds a lock on the directory itself, so a camera that was ended by
@@ -18,11 +19,13 @@ import shutil
 CHECKOUT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 SIMULATOR = os.path.join(CHECKOUT, "simulator")
 BUILD = os.path.join(CHECKOUT, "build/release")
+SERVICES = os.path.join(BUILD, "bin/device_services")
 DEFAULT_STATE = os.path.join(CHECKOUT, ".camera")
 
 # Inside the camera, and where it lies in the state directory.
 PERSISTENT_FOLDERS = {"/etc": "etc", "/var": "var", "/lib/persistent": "persistent",
                       "/usr/local": "local"}
+STORAGES = "storages"
 PACKAGE = "local/packages/Vandrel"
 PACKAGE_PAGE = "html"  # stays in the checkout, so that an edited page needs no restart
 DEFAULT_SERIAL = "02A5C41E90B7"
@@ -91,7 +94,7 @@ def empty(state):
 
 def prepare(state, serial, password):
     """Brings the state directory up to what this checkout installs; `serial` may be None."""
-    for folder in PERSISTENT_FOLDERS.values():
+    for folder in [*PERSISTENT_FOLDERS.values(), STORAGES]:
         os.makedirs(os.path.join(state, folder), exist_ok=True)
     for folder in ("var/log/boot", "var/spool/storage", "var/lib", "var/tmp", "etc/sysconfig",
                    "etc/systemd/system", PACKAGE + "/localdata"):
@@ -111,7 +114,7 @@ def install_package(target):
     had and this one has not. What the package wrote itself stays."""
     source = os.path.join(CHECKOUT, "package")
     daemon = os.path.join(BUILD, "bin/Vandrel")
-    if not os.path.exists(daemon):
+    if not os.path.exists(daemon) or not os.path.exists(SERVICES):
         raise CameraError("the daemon is not built: cmake --preset release && "
                           "cmake --build --preset release")
     record = os.path.join(target, ".installed")

@@ -16,6 +16,8 @@ std::unique_ptr<TVParameter, deleter<tv_parameter_free>> parameters;
 std::optional<std::string> serial_number;
 bool apache2_included = false;
 bool collect_only_from_this_camera = true;
+int syslog_program_installed = 0;
+bool has_libcapture = false;
 unsigned long timer_count = 0;
 
 std::optional<std::string> parameter_get(const char *name) {

@@ -22,6 +22,12 @@ extern bool apache2_included;
 // list, start or stop sessions.
 extern bool collect_only_from_this_camera;
 
+// The system-log daemon: 2 is rsyslog, 3 is syslog-ng. Set at start.
+extern int syslog_program_installed;
+
+// Whether the platform has a capture library. Set at start.
+extern bool has_libcapture;
+
 // Main-timer ticks since the start; written by the main timer alone.
 extern unsigned long timer_count;
 

@@ -103,7 +103,8 @@ void filesize_human_readable(char *buffer, std::size_t size, const char *path) {
 }
 
 bool empty_file_if_possible(const char *path) {
-    return file_open(path, "w") != nullptr;
+    const unique_file file = file_open(path, "w");
+    return file && ::fsync(::fileno(file.get())) == 0;
 }
 
 bool file_copy(const char *from, const char *to) {

@@ -23,7 +23,8 @@ long long filesize(const char *path);
 void suffix_bytes(char *buffer, std::size_t size, long long bytes);
 void filesize_human_readable(char *buffer, std::size_t size, const char *path);
 
-// Cuts the file to nothing (and makes it if it is missing); false if it can't be written.
+// Cuts the file to nothing (and makes it if it is missing), on storage when it returns; false if it
+// can't be written.
 bool empty_file_if_possible(const char *path);
 
 // Copies contents, target with default permissions; an existing target is an error. Logged at

@@ -2,6 +2,7 @@
 // itself.
 
 #include "app_state.h"
+#include "data_export.h"
 #include "event.h"
 #include "fileutil.h"
 #include "glib_ptr.h"
@@ -10,7 +11,10 @@
 #include "main_timer.h"
 #include "monitoring_session.h"
 #include "scheduled_tasks.h"
+#include "session_archive.h"
 #include "session_globals.h"
+#include "session_list.h"
+#include "storage_investigator.h"
 #include "strutil.h"
 
 #include <cerrno>
@@ -72,10 +76,18 @@ struct action {
     http_callback handler;
 };
 
+// In the order in which they came to be.
 constexpr action actions[] = {
+    {"activate_monitor_session", action_activate_monitor_session},
+    {"deactivate_monitor_session", action_deactivate_monitor_session},
+    {"list_data", action_list_data},
+    {"zip_monitor_data", action_zip_monitor_data},
+    {"get_monitor_data", action_get_monitor_data},
+    {"remove", action_remove},
     {"test", action_test},
     {"instant_log_view", action_instant_log_view},
     {"instant_log_view_download", action_instant_log_view_download},
+    {"view_monitor_data", action_view_monitor_data},
 };
 
 // Children are started with pipes put in place of 0, 1 and 2; a daemon that was started without
@@ -166,9 +178,13 @@ void start_up() {
     read_serial_number();
     apache2_included = is_directory("/etc/apache2/conf.d");
     event_init();
+    wait_and_collect_monitoring_sessions();
+    collect_action_rules();
     g_unix_signal_add(SIGTERM, stopped_cleanup, nullptr);
     g_unix_signal_add(SIGTERM, stay, nullptr);
     timer_count = 0;
+    // A storage that is not there at the start is no loss to log.
+    (void)determine_if_this_storage_is_ok("SD_DISK", false);
     if (!resume_monitoring_session()) {
         log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);
     }

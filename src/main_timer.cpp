@@ -1,16 +1,182 @@
 #include "main_timer.h"
 
 #include "app_state.h"
+#include "environment.h"
+#include "filehandler.h"
+#include "fileutil.h"
+#include "log.h"
+#include "monitoring_session.h"
+#include "scheduled_tasks.h"
+#include "session_globals.h"
+#include "session_info.h"
+#include "snapshots.h"
+#include "storage_investigator.h"
+#include "strutil.h"
+#include "sysutil.h"
+
+#include <cerrno>
 
 namespace {
 
 constexpr unsigned long timer_count_wrap = 60'000'000;
 
+std::string monitoring_folder(const std::string &session, const char *folder) {
+    return format_bounded(session_directory_size, "%s/%s/%s", session.c_str(), "system_monitoring",
+                          folder);
+}
+
+// --- Duties that are more than one call
+
+void note_storage_is_back(const std::string &) {
+    if (connection_lost_count > 0) {
+        // The minutes are the whole time's, not the rest's.
+        log_info("Connection to edge storage location re-established, connection was lost since "
+                 "%lu days %lu hours %lu minutes. Continuing system monitoring session.",
+                 connection_lost_count / 1440, connection_lost_count / 60 % 24,
+                 connection_lost_count);
+    }
+    connection_lost_count = 0;
+}
+
+void log_consumption_soon(const std::string &) {
+    g_timeout_add_seconds(10, storage_consumption_log_message, nullptr);
+}
+
+void take_interrupts_snapshots(const std::string &) {
+    create_two_interrupts_snapshots();
+}
+
+void run_vmstatus(const std::string &session) {
+    shellscript_invoker(monitoring_folder(session, "monitoring_vmstatus"), "vmstatus_monitoring");
+}
+
+void run_topstatus(const std::string &session) {
+    shellscript_invoker(monitoring_folder(session, "monitoring_topstatus"), "topstatus_monitoring");
+}
+
+void run_power(const std::string &session) {
+    shellscript_invoker(monitoring_folder(session, "monitoring_environment"), "power");
+}
+
+void update_session_lists(const std::string &) {
+    wait_and_collect_monitoring_sessions();
+}
+
+// --- The schedules
+
+void run_due(std::span<const duty> duties, unsigned long tick, const std::string &session);
+
+void collect(const std::string &session) {
+    run_due(collection_block(), 0, session);
+}
+
+constexpr duty external_schedule[] = {
+    {1, "what needs the storage", start_what_needs_the_storage},
+    {1, "storage is back", note_storage_is_back},
+    {120, "storage consumption", log_consumption_soon},
+    {120, "interrupts", take_interrupts_snapshots},
+    {120, "server report", create_serverreport_snapshot},
+    {2, "collection", collect},
+    {2, "session lists", update_session_lists},
+};
+
+constexpr duty collection_duties[] = {
+    {1, "load", store_load_avg_info_no_retention},
+    {1, "process memory", run_vmstatus},
+    {1, "process load", run_topstatus},
+    {1, "page faults", store_page_faults},
+    {1, "free pages", store_buddyinfo},
+    {1, "device tests", create_nc_snapshot},
+    {1, "memory", store_proc_meminfo},
+    {1, "slab caches", store_slab_info},
+    {1, "packages", vela_monitor_status_snapshot},
+    {1, "network", store_proc_net_dev},
+    {1, "power", run_power},
+    {1, "data points", update_number_of_collected_data_points},
+};
+
+constexpr duty internal_schedule[] = {
+    {360, "server report", create_serverreport_snapshot},
+    {2, "device tests", create_nc_snapshot},
+    {120, "storage consumption", log_consumption_soon},
+};
+
+void run_due(std::span<const duty> duties, unsigned long tick, const std::string &session) {
+    for (const duty &entry : duties) {
+        // A storage can go between two duties: what is left of the tick is for the next one.
+        if (tick % entry.every == 0 && is_directory(session.c_str())) {
+            entry.run(session);
+        }
+    }
+}
+
+// --- A tick's work for a session
+
+void note_storage_is_lost() {
+    if (connection_lost_count == 0) {
+        errno = 0;
+        log_error("Lost connection to edge storage location, no data can be saved.");
+        collect_action_rules();
+        collect_monitoring_sessions(collect_only_from_this_camera ? serial_number : std::nullopt);
+    }
+    ++connection_lost_count;
+}
+
+enum class space { enough, too_little, unknown };
+
+space free_space() {
+    const int percent = get_storage_use_pcent(secondary_storage_path->c_str());
+    return percent < 0 ? space::unknown
+                       : (storage_has_room(percent) ? space::enough : space::too_little);
+}
+
+void session_tick(unsigned long tick, const std::string &session) {
+    const space left = free_space();
+    const bool external = storage_id.has_value();
+    // An external storage that has gone has no usage to ask for: it is lost, not full.
+    const bool may_be_lost = external && left != space::too_little;
+    const bool usable = !may_be_lost || determine_if_this_storage_is_ok(storage_id->c_str(), true);
+    if (left == space::too_little || (left == space::unknown && usable)) {
+        log_warning("Secondary storage is running out of free space. Deactivating monitoring "
+                    "session.");
+        (void)deactivate_monitor_session(session);
+        return;
+    }
+    if (!usable) {
+        note_storage_is_lost();
+    } else if (external) {
+        run_due(external_storage_schedule(), tick, session);
+    } else {
+        run_due(internal_storage_schedule(), tick, session);
+    }
+    // On a lost storage there is no file to update; its absence has been said.
+    if (is_directory(session.c_str())) {
+        update_session_duration(session);
+    }
+}
+
 } // namespace
 
+std::span<const duty> external_storage_schedule() {
+    return external_schedule;
+}
+std::span<const duty> collection_block() {
+    return collection_duties;
+}
+std::span<const duty> internal_storage_schedule() {
+    return internal_schedule;
+}
+
 gboolean timer_callback(gpointer) noexcept {
+    const unsigned long tick = timer_count;
+    errno = 0;
     if (!serial_number) {
         read_serial_number();
+    }
+    scheduled_tasks_tick(tick);
+    const auto session = session_directory();
+    if (monitory_active && session) {
+        session_tick(tick, *session);
     }
     if (++timer_count == timer_count_wrap) {
         timer_count = 0;

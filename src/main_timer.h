@@ -1,10 +1,25 @@
-// The main timer: one tick a minute, for the whole life of the daemon.
+// The main timer: one tick a minute, for the whole life of the daemon. While a session runs, a tick
+// watches its storage and collects what is due.
 #pragma once
 
 #include <glib.h>
+#include <span>
+#include <string>
 
 // The 60-second timeout. Always TRUE: it stays installed.
 gboolean timer_callback(gpointer) noexcept;
 
 // The 10-second timeout that drives the network device test. Always TRUE.
 gboolean nc_timer_callback(gpointer) noexcept;
+
+// One of a tick's duties towards a session: due when the tick's number is a multiple of `every`.
+struct duty {
+    unsigned long every;
+    const char *name;
+    void (*run)(const std::string &session_directory);
+};
+
+// The schedules, in the order in which their duties run.
+std::span<const duty> external_storage_schedule();
+std::span<const duty> collection_block(); // run by the external schedule every second tick
+std::span<const duty> internal_storage_schedule();

@@ -1,20 +1,41 @@
 #include "monitoring_session.h"
 
+#include "app_state.h"
+#include "dateutil.h"
+#include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
+#include "scheduled_tasks.h"
+#include "session_archive.h"
 #include "session_globals.h"
+#include "session_info.h"
 #include "shell_word.h"
+#include "snapshots.h"
+#include "storage_investigator.h"
 #include "strutil.h"
 #include "sysutil.h"
 
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
 namespace {
 
+using namespace std::chrono_literals;
+
+// --- The session that ran before a restart
+
 constexpr long long session_file_min = 10; // bytes; a shorter file names no session
-constexpr std::size_t line_max = 200;
-constexpr int lines_max =
-    100; // a damaged file of megabytes gets no line of log for each of its own
-constexpr std::size_t key_length = 4; // one separator, whatever it is, follows
+constexpr std::size_t session_line_max = 200;
+constexpr int session_lines_max = 100; // of a damaged file no more is read, nor complained about
+constexpr std::size_t key_length = 4;  // one separator, whatever it is, follows
 constexpr std::size_t start_time_max = 99;
+
+constexpr const char *continuous_syslog_link =
+    "/usr/local/packages/Vandrel/localdata/current_continuous_syslog.txt";
 
 // What current_monitoring_session.txt says, before any of it is believed.
 struct stored_session {
@@ -25,6 +46,9 @@ struct stored_session {
     std::optional<unsigned long> crash_recurrence;
     std::string image_interval;
 };
+
+// After a restart the device log of that time is still to be brought into the session.
+bool device_log_is_due = false;
 
 // "SECS:SD_DISK", "ACTI:20230531_08_27_40"; the last line of a key wins.
 void take_line(stored_session &session, const std::string &line) {
@@ -58,7 +82,8 @@ std::optional<stored_session> read_stored_session() {
     }
     stored_session session;
     std::string line;
-    for (int lines = 0; lines < lines_max && read_line(file.get(), line_max, line); ++lines) {
+    for (int lines = 0; lines < session_lines_max && read_line(file.get(), session_line_max, line);
+         ++lines) {
         str_terminate_at(line, '\n');
         if (line.size() <= key_length) {
             log_warning("Unexpectedly short line '%s' in '%s'", line.c_str(),
@@ -75,18 +100,355 @@ bool names_a_session_directory(const stored_session &session) {
     return session.root && session.folder && is_shell_word(*session.folder) &&
            session.folder->find('/') == std::string::npos && *session.folder != "." &&
            *session.folder != ".." &&
-           session.root->size() + session.folder->size() < session_directory_size;
+           session.root->size() + session.folder->size() <= session_directory_max;
+}
+
+std::string continuous_syslog_path(const std::string &directory) {
+    return format_bounded(session_directory_size, "%s/%s/%s/%s", directory.c_str(),
+                          "system_monitoring", "monitoring_basic", "Continuous_Syslog.txt");
 }
 
 // The device log of the time around the restart, which the continuous log could not follow.
 void append_device_log(const std::string &directory) {
-    const std::string command = format_bounded(
-        256, "cat /var/log/info.log /var/log/error.log | sort >> %s/%s/%s/%s &", directory.c_str(),
-        "system_monitoring", "monitoring_basic", "Continuous_Syslog.txt");
+    const std::string command =
+        format_bounded(256, "cat /var/log/info.log /var/log/error.log | sort >> %s &",
+                       continuous_syslog_path(directory).c_str());
     (void)system_ret(command.c_str());
 }
 
+// --- Starting one
+
+constexpr std::size_t interval_digits_max = 9;
+constexpr std::size_t creation_command_max = 252;
+
+constexpr http_status ok = http_status::ok;
+constexpr const char *reply_type = "text/plain; charset=utf-8";
+
+bool is_interval(const char *value) {
+    return value == nullptr ||
+           (std::strlen(value) <= interval_digits_max && plain_decimal(value).has_value());
+}
+
+std::optional<std::string> optional_argument(GHashTable *arguments, const char *name) {
+    const char *value = http_argument(arguments, name);
+    return value == nullptr ? std::nullopt : std::optional<std::string>(value);
+}
+
+// The advanced debug mode that a request asks for, joined with what is still set from before.
+struct debug_decision {
+    bool proceed = true;
+    bool with_interval = false; // the creation script gets the interval
+};
+
+debug_decision decide_debug_mode(const session_request &request) {
+    const std::string &mode = *request.debug_mode;
+    const bool known = mode == "both" || mode == "interval" || mode == "log";
+    if (request.log_interval && (mode == "both" || mode == "interval")) {
+        advanced_debug_mode_crash_interval_activated = true;
+        if (mode == "both") {
+            advanced_debug_mode_crash_log_message_activated = true;
+        }
+        return {true, true};
+    }
+    if (known && mode != "interval") { // "log", or "both" without an interval
+        advanced_debug_mode_crash_log_message_activated = true;
+        return {true, advanced_debug_mode_crash_interval_activated && request.log_interval};
+    }
+    if (advanced_debug_mode_crash_interval_activated) {
+        return {true, request.log_interval.has_value()};
+    }
+    return {advanced_debug_mode_crash_log_message_activated, false};
+}
+
+// A folder name that no session has yet: the stamp knows only seconds.
+std::string new_folder_name(const std::string &root) {
+    std::string name = date_format_now(date_format_folder);
+    for (int tries = 0; tries < 30 && !name.empty() && is_directory((root + name).c_str());
+         ++tries) {
+        std::this_thread::sleep_for(100ms);
+        name = date_format_now(date_format_folder);
+    }
+    return is_directory((root + name).c_str()) ? "" : name;
+}
+
+// Runs the script that makes the session's tree and current_monitoring_session.txt; false, and
+// logged, when it left no session.
+bool create_session_tree(const session_request &request, bool with_interval,
+                         const std::string &directory) {
+    std::string command = format_text(
+        "/usr/local/packages/Vandrel/monitory_creator.sh \"%s\" \"%s\" \"%s\" \"%s\" \"%s\"",
+        request.storage.c_str(), serial_number.value_or("").c_str(),
+        current_activity_folder->c_str(), monitor_start_time->c_str(),
+        request.image_interval.value_or("").c_str());
+    if (with_interval) {
+        command += format_text(
+            " %u", static_cast<unsigned>(decimal_prefix_unsigned(*request.log_interval)));
+    }
+    errno = 0;
+    if (command.size() > creation_command_max || !is_safe_in_double_quotes(*monitor_start_time)) {
+        log_error("Could not start monitoring session: The start time '%s' can not be used.",
+                  monitor_start_time->c_str());
+        return false;
+    }
+    (void)system_ret(command.c_str());
+    if (!is_directory(directory.c_str())) {
+        log_error("Could not start monitoring session: '%s' was not created.", directory.c_str());
+        return false;
+    }
+    return true;
+}
+
+void link_continuous_syslog(const std::string &directory) {
+    file_remove(continuous_syslog_link); // a stale one leads into an older session
+    if (::symlink(continuous_syslog_path(directory).c_str(), continuous_syslog_link) != 0) {
+        log_error("Could not create symlink to Continuous_Syslog.txt, Continuous Syslog will be "
+                  "empty.");
+    }
+}
+
+void log_start(const session_request &request, unsigned long interval) {
+    log_info("Monitoring session started (%s)",
+             storage_id ? storage_id->c_str() : "Internal Storage");
+    if (!request.debug_mode || !storage_id) {
+        return;
+    }
+    log_info("Advanced Debug Mode: Activated");
+    if (advanced_debug_mode_crash_interval_activated) {
+        log_info("Advanced Debug Mode: Scheduled Crash Report generation every %lu hours",
+                 interval / 60);
+    }
+    if (advanced_debug_mode_crash_log_message_activated) {
+        log_info("Advanced Debug Mode: Crash Report generation based on Log Message configured.");
+    }
+}
+
+void write_session_information(const session_request &request, const std::string &directory,
+                               unsigned long interval) {
+    std::string text;
+    const auto model = parameter_get("root.Brand.ProdShortName");
+    const auto firmware = parameter_get("root.Properties.Firmware.Version");
+    if (model && firmware) {
+        text += "Model Name: " + *model + "\r\nSerial Number: " + serial_number.value_or("") +
+                "\r\nFirmware version: " + *firmware + "\r\n";
+    }
+    text += "Edge storage location: " + storage_id.value_or("Internal Storage") + "\r\n";
+    if (request.debug_mode && storage_id) {
+        if (advanced_debug_mode_crash_interval_activated) {
+            text += format_text(
+                "Advanced Debug Mode: Scheduled Crash Report generation every %d hours\r\n",
+                static_cast<int>(interval / 60));
+        }
+        if (advanced_debug_mode_crash_log_message_activated) {
+            text += "Advanced Debug Mode: Crash Report generation based on Log Message "
+                    "configured.\r\n";
+        }
+    }
+    text += "Start Time of the session: " + monitor_start_time.value_or("") +
+            "\r\nStop Time of the session: Still active\r\nCollected Data Points: 0\r\n";
+    file_put_string((directory + "/Session_Information.txt").c_str(), text);
+}
+
+// --- Completing one
+
+constexpr std::size_t signature_line_max = 255;
+constexpr std::size_t information_line_max = 399;
+
+void complete_signature(const std::string &directory) {
+    const std::string path = directory + "/.signature";
+    if (const unique_file file = file_open(path.c_str(), "r")) {
+        std::string line;
+        while (read_line(file.get(), signature_line_max, line)) {
+            if (line.starts_with("End")) {
+                return;
+            }
+        }
+    }
+    (void)system_ret(
+        format_text("(echo \"End:\" && date) >> %s/%s", directory.c_str(), ".signature").c_str());
+}
+
+void complete_session_information(const std::string &directory) {
+    rewrite_session_info(
+        directory, "Session_Information_tmp.txt", information_line_max,
+        [](std::string &line) {
+            if (line.find("Stop Time of the session:") != std::string::npos ||
+                line.find("Session Size: ") != std::string::npos) {
+                line.clear();
+            }
+        },
+        [] {
+            return "Stop Time of the session: " + date_format_now(date_format_information) + "\r\n";
+        });
+}
+
+void append_session_size(const std::string &directory) {
+    char size[24];
+    suffix_bytes(size, sizeof size, static_cast<long long>(get_dir_size_bytes(directory)));
+    const unique_file file =
+        file_open_or_warn((directory + "/Session_Information.txt").c_str(), "a");
+    if (file) {
+        std::fprintf(file.get(), "Session Size: %s\r\n", size);
+    }
+}
+
+void clear_session() {
+    _set_secondary_storage_path(std::nullopt);
+    _set_storage_id(std::nullopt);
+    _set_current_activity_folder(std::nullopt);
+}
+
 } // namespace
+
+void action_activate_monitor_session(GDataOutputStream *stream, GHashTable *arguments) {
+    collect_only_from_this_camera = true;
+    if (monitory_active) {
+        log_error("Can not start new monitoring session while another one is running.");
+        http_reply(stream, ok, reply_type, "Can not start new activity while another is running.");
+        return;
+    }
+    const char *storage = http_argument(arguments, "storage");
+    if (storage == nullptr) {
+        log_error("Storage is required in order to create a new monitor session.");
+        http_reply(stream, ok, reply_type,
+                   "Error: Storage is required in order to create a new monitor session, like "
+                   "this: access.cgi?storage=SD_DISK");
+        return;
+    }
+    if (std::strcmp(storage, "localdata") != 0 &&
+        (!storage_root_of(storage) || !determine_if_this_storage_is_ok(storage, true))) {
+        log_error("The given storage for monitor session was not valid.");
+        http_reply(stream, ok, reply_type,
+                   "Error: The given storage destination was not valid and the VELA failed to "
+                   "create a new monitor session.");
+        return;
+    }
+    for (const char *name : {"log_interval", "save_image_interval"}) {
+        if (!is_interval(http_argument(arguments, name))) {
+            log_error("The given %s for monitor session was not valid.", name);
+            http_reply(stream, ok, reply_type,
+                       format_text("Error: The %s must be a plain decimal number of at most %zu "
+                                   "digits.",
+                                   name, interval_digits_max));
+            return;
+        }
+    }
+    (void)_start_monitoring_session({storage,
+                                     optional_argument(arguments, "recurrence_crash_reports"),
+                                     optional_argument(arguments, "log_interval"),
+                                     optional_argument(arguments, "save_image_interval")});
+    http_reply(stream, ok, reply_type, "Session started.");
+}
+
+int _start_monitoring_session(const session_request &request) {
+    const bool internal = request.storage == "localdata";
+    const std::string root = internal ? localdata_root : storage_root_of(request.storage).value();
+    monitor_start_time = date_format_now(date_format_information);
+    // The first session on a new card makes the root, without which its space can't be asked for.
+    ::mkdir(root.c_str(), 0755);
+    const std::string folder = new_folder_name(root);
+    errno = 0;
+    if (folder.empty()) {
+        log_error("Could not start monitoring session: Could not get current date.");
+        return 0;
+    }
+    _set_current_activity_folder(folder);
+    _set_secondary_storage_path(root);
+    _set_storage_id(internal ? std::nullopt : std::optional(request.storage));
+    if (!check_partition_usage(root.c_str())) {
+        log_error("Could not start monitoring session: Secondary storage is soon out of disk "
+                  "space.");
+        return 0;
+    }
+    debug_decision debug;
+    unsigned long interval = 0;
+    if (request.debug_mode && !internal) {
+        debug = decide_debug_mode(request);
+        interval = decimal_prefix_unsigned(request.log_interval.value_or(""));
+        if (!debug.proceed) {
+            return 0;
+        }
+    }
+    const std::string directory = session_directory().value();
+    if (!create_session_tree(request, debug.with_interval, directory)) {
+        return 0;
+    }
+    link_continuous_syslog(directory);
+    create_two_interrupts_snapshots();
+    create_serverreport_snapshot(directory);
+    log_start(request, interval);
+    write_session_information(request, directory, interval);
+    if (storage_id && request.debug_mode && interval > 0) {
+        advanced_debug_mode_crash_recurrence = interval;
+        advanced_debug_mode_crash_recurrence_tick = 0;
+    }
+    crash_report_being_created = 0;
+    monitor_active_minutes_count = 0;
+    connection_lost_count = 0;
+    setup_session(directory, request.image_interval.value_or(""));
+    g_timeout_add_seconds(10, reload_httpd_now, nullptr);
+    return 0;
+}
+
+void action_deactivate_monitor_session(GDataOutputStream *stream, GHashTable *) {
+    if (!monitory_active) {
+        log_error("No monitor session is activated, can not deactive.");
+        http_reply(stream, ok, reply_type,
+                   "No monitor session is activated, can not deactivate anything.");
+        return;
+    }
+    const auto directory = session_directory();
+    if (!directory) {
+        log_error("Error: Path to secondary storage for active monitor session is null.");
+        http_reply(stream, ok, reply_type,
+                   "Error: Path to secondary storage for active monitor session is null.");
+        return;
+    }
+    (void)deactivate_monitor_session(*directory);
+    http_reply(stream, ok, reply_type, "Session deactivated.");
+}
+
+int deactivate_monitor_session(const std::string &directory) {
+    collect_only_from_this_camera = true;
+    monitory_active = false;
+    device_log_is_due = false;
+    (void)system_ret("/usr/local/packages/Vandrel/continuous_syslog_cat.sh "
+                     "/usr/local/vandrel.log");
+    file_remove(continuous_syslog_link);
+    // With the storage gone there is nothing to complete; nothing is made in its empty mount point.
+    const bool storage_is_there = is_directory(directory.c_str());
+    if (storage_is_there) {
+        complete_signature(directory);
+        complete_session_information(directory);
+    }
+    if (!empty_file_if_possible(current_monitoring_session_path)) {
+        log_cannot_open(current_monitoring_session_path);
+    }
+    wait_and_collect_monitoring_sessions();
+    if (storage_is_there) {
+        create_serverreport_snapshot(directory);
+        append_session_size(directory);
+    }
+    log_info("Monitoring session stopped. Monitoring session duration: %lu Days %lu hours %lu "
+             "minutes",
+             monitor_active_minutes_count / 1440, monitor_active_minutes_count / 60 % 24,
+             monitor_active_minutes_count % 60);
+    advanced_debug_mode_crash_recurrence = 0;
+    advanced_debug_mode_crash_recurrence_tick = 1;
+    advanced_debug_mode_crash_interval_activated = false;
+    advanced_debug_mode_crash_log_message_activated = false;
+    if (apache2_included) {
+        g_timeout_add_seconds(6, reload_httpd_now, nullptr);
+    }
+    const std::string archive = session_archive_path(directory);
+    if (is_file(archive.c_str())) {
+        file_remove(archive.c_str());
+    }
+    if (storage_is_there) {
+        zip_session(directory);
+    }
+    clear_session();
+    return 0;
+}
 
 bool resume_monitoring_session() {
     std::optional<stored_session> stored = read_stored_session();
@@ -110,12 +472,49 @@ bool resume_monitoring_session() {
         advanced_debug_mode_crash_recurrence_tick = 0;
     }
     log_info("Continuing System Monitoring Session. Device was rebooted or lost power.");
-    const std::string directory = session_directory().value();
-    append_device_log(directory);
-    setup_session(directory, stored->image_interval);
+    device_log_is_due = true;
+    setup_session(session_directory().value(), stored->image_interval);
     return true;
 }
 
-void setup_session(const std::string &, const std::string &) {
+void setup_session(const std::string &directory, const std::string &) {
     monitory_active = true;
+    start_what_needs_the_storage(directory);
+}
+
+void start_what_needs_the_storage(const std::string &directory) {
+    // A share may be mounted only minutes after the start.
+    if (!is_directory(directory.c_str())) {
+        return;
+    }
+    if (device_log_is_due) {
+        device_log_is_due = false;
+        append_device_log(directory);
+    }
+}
+
+void collect_action_rules() {
+    (void)system_ret(format_bounded(200, "/usr/local/packages/Vandrel/collect_action_rules.sh %s",
+                                    serial_number.value_or("").c_str())
+                         .c_str());
+}
+
+void collect_monitoring_sessions(const std::optional<std::string> &serial) {
+    const std::string script = "/usr/local/packages/Vandrel/collect_monitoring_sessions.sh";
+    (void)system_ret(
+        (serial ? format_bounded(100, "%s '%s'", script.c_str(), serial->c_str()) : script)
+            .c_str());
+}
+
+int wait_and_collect_monitoring_sessions() {
+    if (ps_grep_and_check_if_included("Vandrel", "collect_m")) {
+        return 0;
+    }
+    const std::string script = "/usr/local/packages/Vandrel/collect_monitoring_sessions.sh";
+    (void)system_ret(
+        (collect_only_from_this_camera
+             ? format_bounded(200, "%s %s &", script.c_str(), serial_number.value_or("").c_str())
+             : script + " &")
+            .c_str());
+    return 0;
 }

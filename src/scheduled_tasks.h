@@ -1,7 +1,26 @@
-// Restarts and PTZ tests at times of day.
+// Restarts and PTZ tests, at intervals and at times of day. Main loop only.
 #pragma once
 
 #include <glib.h>
+#include <optional>
+#include <string>
+
+// What is set, in main-timer ticks (one a minute); written at start and by the action that sets
+// them.
+extern bool automatic_restart_interval;
+extern unsigned long starting_tick;
+extern unsigned long nbr_of_ticks_until_activation;
+extern std::optional<std::string> automatic_restart_given_times;
+extern bool ptz_test_interval;
+extern unsigned long ptz_starting_tick; // also by the main timer, when a test has been run
+extern unsigned long ptz_nbr_of_ticks_until_activation;
+extern std::optional<std::string> ptz_test_given_times;
+
+// The restart's and the PTZ test's part of a tick.
+void scheduled_tasks_tick(unsigned long tick);
 
 // The 30-second timeout. Always TRUE: it stays installed.
 gboolean scheduled_tasks_timer_callback(gpointer) noexcept;
+
+// A one-shot callback: lets the web server read its configuration again. Returns FALSE.
+gboolean reload_httpd_now(gpointer) noexcept;

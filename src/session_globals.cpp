@@ -12,8 +12,12 @@ std::optional<std::string> current_activity_folder;
 bool monitory_active = false;
 std::optional<std::string> monitor_start_time;
 unsigned long monitor_active_minutes_count = 0;
+unsigned long connection_lost_count = 0;
 unsigned long advanced_debug_mode_crash_recurrence = 0;
 unsigned long advanced_debug_mode_crash_recurrence_tick = 0;
+bool advanced_debug_mode_crash_interval_activated = false;
+bool advanced_debug_mode_crash_log_message_activated = false;
+int crash_report_being_created = 0;
 
 void _set_secondary_storage_path(std::optional<std::string> path) {
     secondary_storage_path = std::move(path);
@@ -34,7 +38,10 @@ std::optional<std::string> storage_root_of(const std::string &storage) {
     }
     std::string root =
         "/var/spool/storage/" + storage + "/Vandrel_" + serial_number.value_or("") + "/";
-    return root.size() < storage_root_size ? std::optional(std::move(root)) : std::nullopt;
+    if (root.size() + session_folder_length > session_directory_max) {
+        return std::nullopt;
+    }
+    return root;
 }
 
 std::optional<std::string> session_directory() {

@@ -20,10 +20,20 @@ extern std::optional<std::string> monitor_start_time;
 // Minutes that the session has been active, in step with its information file's "Duration".
 extern unsigned long monitor_active_minutes_count;
 
+// Consecutive ticks in which the session's external storage could not be used; 0 while it can.
+// Written by the main timer, cleared when a session starts.
+extern unsigned long connection_lost_count;
+
 // Period of scheduled crash reports in ticks, 0 when off, and the tick within it. Set at activation
 // and resume.
 extern unsigned long advanced_debug_mode_crash_recurrence;
 extern unsigned long advanced_debug_mode_crash_recurrence_tick;
+// Whether crash reports are made on a schedule, and on log messages. Set at activation, cleared at
+// deactivation.
+extern bool advanced_debug_mode_crash_interval_activated;
+extern bool advanced_debug_mode_crash_log_message_activated;
+// 1 while a crash report is being made; cleared at activation.
+extern int crash_report_being_created;
 
 void _set_secondary_storage_path(std::optional<std::string> path);
 void _set_storage_id(std::optional<std::string> id);
@@ -35,12 +45,14 @@ inline constexpr const char *localdata_root = "/usr/local/packages/Vandrel/local
 inline constexpr const char *current_monitoring_session_path =
     "/usr/local/packages/Vandrel/localdata/current_monitoring_session.txt";
 
-// Sizes of the texts with their end marks: a storage root and a session directory.
-inline constexpr std::size_t storage_root_size = 100;
-inline constexpr std::size_t session_directory_size = 200;
+// The longest session directory. All that is named below one, and every command that quotes one,
+// keeps within the bound that it is formatted with as long as this holds.
+inline constexpr std::size_t session_directory_max = 110;
+inline constexpr std::size_t session_directory_size = 200; // of a text that holds one
+inline constexpr std::size_t session_folder_length = 17;   // "20230531_08_27_40"
 
-// "/var/spool/storage/STORAGE/Vandrel_SERIAL/", or nothing when it would be too long or the storage
-// is no plain file name that can stand in a command line.
+// "/var/spool/storage/STORAGE/Vandrel_SERIAL/", or nothing when a session directory below it would
+// be too long or the storage is no plain file name that can stand in a command line.
 std::optional<std::string> storage_root_of(const std::string &storage);
 
 // The running session's directory: its root followed directly by its folder; nothing without both.

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 
 namespace {
 
@@ -27,6 +28,12 @@ bool is_start_stamp(const char *folder) {
            second <= 60;
 }
 
+// A link on a share could lead anywhere.
+bool is_real_directory(const char *path) {
+    struct stat status {};
+    return ::lstat(path, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 bool starts_with(const char *text, const char *start) {
     return std::strncmp(text, start, std::strlen(start)) == 0;
 }
@@ -42,7 +49,7 @@ bool is_monitory_dir(const char *path) {
         (starts_with(path, "/var/spool/storage/") && std::strstr(path, "Vandrel") != nullptr);
     // The path is put into command lines too: nothing but what the daemon would name a session.
     return below_a_storage && is_shell_word(path) && std::strstr(path, "/..") == nullptr &&
-           is_directory(path) && is_start_stamp(std::strrchr(path, '/') + 1);
+           is_real_directory(path) && is_start_stamp(std::strrchr(path, '/') + 1);
 }
 
 bool rewrite_session_info(const std::string &session_directory, const char *temporary_name,

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <sys/wait.h>
 
 namespace {
 
@@ -93,7 +92,7 @@ bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also) {
         "dbus-send --system --print-reply --reply-timeout=6000 --dest=com.tarvo.Storage "
         "--type=method_call /com/tarvo/Storage com.tarvo.Storage.GetAllStoragesInfo",
         line_max, [&reply](const std::string &line) { reply.take_line(line); });
-    if (WIFSIGNALED(status)) {
+    if (was_ended_by_signal(status)) {
         return false;
     }
     if (reply.is_healthy()) {
@@ -123,6 +122,10 @@ int get_storage_use_pcent(const char *path) {
     return pipe.next_line(line_max, line) ? percent_in(line) : 0;
 }
 
+bool storage_has_room(int percent_used) {
+    return percent_used < full_percent;
+}
+
 bool check_partition_usage(const char *path) {
     const int percent = get_storage_use_pcent(path);
     if (percent < 0) {
@@ -130,7 +133,7 @@ bool check_partition_usage(const char *path) {
                     path == nullptr ? "[NULL]" : path);
         return false;
     }
-    return percent < full_percent;
+    return storage_has_room(percent);
 }
 
 unsigned long get_dir_size_bytes(const std::string &path) {

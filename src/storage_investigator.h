@@ -31,7 +31,11 @@ class storage_reply_reader {
 // -1 on error.
 int get_storage_use_pcent(const char *path);
 
-// Whether less than 90 percent are used; false, with a warning, when that can't be found out.
+// Whether a storage of which so much is used may be written to.
+bool storage_has_room(int percent_used);
+
+// Whether the partition that holds the path has room: less than 90 percent are used. False, with a
+// warning, when that can't be found out.
 bool check_partition_usage(const char *path);
 
 // Size of a directory tree in bytes, rounded to KiB; 0 when it can't be found out.

@@ -41,6 +41,13 @@ int command_pipe::close() noexcept {
     return pipe_ == nullptr ? -1 : ::pclose(std::exchange(pipe_, nullptr));
 }
 
+bool was_ended_by_signal(int wait_status) {
+    constexpr int shell_signal_status =
+        128; // the shell's own status for "ended by signal N" is 128 + N
+    return WIFSIGNALED(wait_status) ||
+           (WIFEXITED(wait_status) && WEXITSTATUS(wait_status) > shell_signal_status);
+}
+
 int command_read_lines(const char *command, std::size_t max_characters,
                        const std::function<void(const std::string &)> &take_line) {
     command_pipe pipe(command);

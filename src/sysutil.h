@@ -37,6 +37,9 @@ class command_pipe {
     std::FILE *pipe_;
 };
 
+// Whether a command, or the last program that its shell ran, was ended by a signal.
+bool was_ended_by_signal(int wait_status);
+
 // Reads all lines of a command's output (pieces of at most max_characters) and returns its wait
 // status, or -1.
 int command_read_lines(const char *command, std::size_t max_characters,

@@ -1,0 +1,444 @@
+#include "data_export.h"
+
+#include "fileutil.h"
+#include "log.h"
+#include "session_info.h"
+#include "strutil.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <optional>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t export_path_size = 300;
+constexpr std::size_t record_line_max = 549;
+constexpr std::size_t piece_size = 65536;
+constexpr const char *monitoring = "system_monitoring";
+
+// --- The CSV files and what they are called in a request
+
+enum class name_rule { none, required, optional };
+
+struct export_type {
+    const char *type;
+    const char *folder;
+    const char *file; // nullptr: made from name, pid or the part behind "@"
+    name_rule name;
+    bool needs_pid;
+    bool needs_at; // the file stands behind an "@" in the path
+};
+
+constexpr export_type export_types[] = {
+    {"load", "monitoring_load", "load.csv", name_rule::none, false, false},
+    {"self", "monitoring_self", "Vandrel_summary.csv", name_rule::none, false, false},
+    {"environment", "monitoring_environment", nullptr, name_rule::required, false, false},
+    {"pagefault", "monitoring_kernel", "pagefaults.csv", name_rule::none, false, false},
+    {"buddyinfo", "monitoring_kernel", "buddyinfo.csv", name_rule::none, false, false},
+    {"environment_power", "monitoring_environment", nullptr, name_rule::required, false, false},
+    {"velas", "monitoring_vela", nullptr, name_rule::none, false, true},
+    {"network", "monitoring_network", nullptr, name_rule::optional, false, false},
+    {"slabinfo", "monitoring_slabinfo", nullptr, name_rule::required, false, false},
+    {"stream", "monitoring_streams", "stream.csv", name_rule::none, false, false},
+    {"vmstat", "monitoring_vmstatus", nullptr, name_rule::required, true, false},
+    {"topstat", "monitoring_topstatus", nullptr, name_rule::required, true, false},
+    {"koral", "monitoring_koral/others", nullptr, name_rule::none, false, true},
+};
+
+constexpr std::string_view meminfo_key = "meminfo/";
+
+const export_type *find_type(std::string_view type) {
+    const auto found =
+        std::find_if(std::begin(export_types), std::end(export_types),
+                     [type](const export_type &entry) { return type == entry.type; });
+    return found == std::end(export_types) ? nullptr : found;
+}
+
+// The file below the type's folder; the name and the pid have been looked at.
+std::string file_below_folder(const export_type &type, const std::string &name,
+                              const std::string &pid) {
+    if (type.file != nullptr) {
+        return type.file;
+    }
+    const std::string_view key = type.type;
+    if (key == "environment_power") {
+        return name == "reqrev" ? "power.csv" : name + "/devicepower.csv";
+    }
+    if (key == "network") {
+        return name.empty() ? "network.csv" : name;
+    }
+    if (key == "slabinfo") {
+        return name + ".csv";
+    }
+    if (type.needs_pid) {
+        return name + "/" + pid + (key == "vmstat" ? "/vmstatus.csv" : "/topstatus.csv");
+    }
+    return name;
+}
+
+// The file that the arguments select; nothing for an unknown type.
+std::optional<std::string> selected_file(const std::string &path, std::string_view type,
+                                         const char *name, const char *pid) {
+    if (const export_type *entry = find_type(type)) {
+        if (entry->needs_pid && (name == nullptr || pid == nullptr)) {
+            errno = 0;
+            log_error("process_name and/or pid is null");
+            return std::nullopt;
+        }
+        if (entry->needs_at) {
+            const auto at = path.find('@');
+            return at == std::string::npos
+                       ? path
+                       : format_text("%s/%s/%s/%s", path.substr(0, at).c_str(), monitoring,
+                                     entry->folder, path.substr(at + 1).c_str());
+        }
+        return format_text(
+            "%s/%s/%s/%s", path.c_str(), monitoring, entry->folder,
+            file_below_folder(*entry, name == nullptr ? "" : name, pid == nullptr ? "" : pid)
+                .c_str());
+    }
+    if (type.find(meminfo_key) != std::string_view::npos) {
+        return format_text("%s/%s/%s/%s", path.c_str(), monitoring, "monitoring_meminfo",
+                           std::string(type.substr(type.find('/') + 1)).c_str());
+    }
+    return std::nullopt;
+}
+
+// --- What a request may ask for
+
+// A name that stays in its folder.
+bool is_plain_name(std::string_view name) {
+    return !name.empty() && name.size() <= 255 && name != "." && name != ".." &&
+           std::none_of(name.begin(), name.end(), [](char ch) {
+               return ch == '/' || static_cast<unsigned char>(ch) < ' ' || ch == 0x7f;
+           });
+}
+
+std::vector<std::string> split_path(std::string_view path) {
+    std::vector<std::string> parts;
+    while (true) {
+        const auto slash = path.find('/');
+        parts.emplace_back(path.substr(0, slash));
+        if (slash == std::string_view::npos) {
+            return parts;
+        }
+        path.remove_prefix(slash + 1);
+    }
+}
+
+// Opens a regular file below a session without leaving it: no part may be a link or "..".
+unique_fd open_inside(const std::string &session, std::string_view relative_path) {
+    unique_fd folder(::open(session.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const std::vector<std::string> parts = split_path(relative_path);
+    for (std::size_t i = 0; folder && i < parts.size(); ++i) {
+        const bool last = i + 1 == parts.size();
+        if (!is_plain_name(parts[i])) {
+            return {};
+        }
+        folder = unique_fd(
+            ::openat(folder.get(), parts[i].c_str(),
+                     O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | (last ? 0 : O_DIRECTORY)));
+    }
+    struct stat status {};
+    if (!folder || ::fstat(folder.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return {};
+    }
+    return folder;
+}
+
+std::string json_text(std::string_view text) {
+    std::string json = "\"";
+    for (const char ch : text) {
+        if (ch == '"' || ch == '\\') {
+            json.append(1, '\\').append(1, ch);
+        } else if (static_cast<unsigned char>(ch) < ' ') {
+            json += format_text("\\u%04x", static_cast<unsigned char>(ch));
+        } else {
+            json += ch;
+        }
+    }
+    return json + "\"";
+}
+
+void refuse(GDataOutputStream *stream, const char *reason) {
+    http_reply(stream, http_status::bad_request, "application/json",
+               format_text("{\"error\":%s}\r\n", json_text(reason).c_str()));
+}
+
+// --- The listing of a session
+
+constexpr int depth_max = 8;
+constexpr std::size_t entries_max = 20'000;
+constexpr std::size_t header_max = 2000;
+
+struct listing {
+    std::string csv;
+    std::string files;
+    std::size_t entries = 0;
+};
+
+std::string first_line(int folder, const char *name) {
+    const unique_fd file(::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    std::array<char, header_max> text;
+    const ssize_t size = file ? ::read(file.get(), text.data(), text.size()) : 0;
+    const std::string_view start(text.data(), size < 0 ? 0 : static_cast<std::size_t>(size));
+    return std::string(start.substr(0, start.find_first_of("\r\n")));
+}
+
+// The arguments that make action_view_monitor_data answer a CSV file; for velas and koral the name
+// is what stands behind the "@".
+struct selection {
+    std::string type;
+    std::string name;
+    std::string pid;
+};
+
+selection selection_of(const std::string &path) {
+    const std::vector<std::string> parts = split_path(path);
+    const std::size_t count = parts.size();
+    if (count < 3 || parts[0] != monitoring) {
+        return {};
+    }
+    const std::string &folder = parts[1];
+    const std::string &file = parts.back();
+    const auto is = [&](std::size_t parts_wanted, std::string_view folder_wanted) {
+        return count == parts_wanted && folder == folder_wanted;
+    };
+    for (const export_type &type : export_types) {
+        if (type.file != nullptr && is(3, type.folder) && file == type.file) {
+            return {type.type, "", ""};
+        }
+    }
+    if (is(3, "monitoring_meminfo")) {
+        return {std::string(meminfo_key) + file, "", ""};
+    }
+    if (is(3, "monitoring_environment")) {
+        return file == "power.csv" ? selection{"environment_power", "reqrev", ""}
+                                   : selection{"environment", file, ""};
+    }
+    if (is(4, "monitoring_environment") && file == "devicepower.csv") {
+        return {"environment_power", parts[2], ""};
+    }
+    if (is(3, "monitoring_network")) {
+        return {"network", file == "network.csv" ? "" : file, ""};
+    }
+    if (is(3, "monitoring_slabinfo")) {
+        return {"slabinfo", file.substr(0, file.rfind('.')), ""};
+    }
+    if (is(5, "monitoring_vmstatus") || is(5, "monitoring_topstatus")) {
+        return {folder == "monitoring_vmstatus" ? "vmstat" : "topstat", parts[2], parts[3]};
+    }
+    if (is(3, "monitoring_vela")) {
+        return {"velas", file, ""};
+    }
+    if (is(4, "monitoring_koral") && parts[2] == "others") {
+        return {"koral", file, ""};
+    }
+    return {};
+}
+
+std::string json_or_null(const std::string &text) {
+    return text.empty() ? "null" : json_text(text);
+}
+
+void list_folder(int parent, const char *name, const std::string &path, int depth, listing &list) {
+    unique_fd descriptor(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    unique_folder folder(descriptor ? ::fdopendir(descriptor.get()) : nullptr);
+    if (!folder) {
+        return;
+    }
+    const int folder_descriptor = descriptor.release(); // closed with the folder
+    while (const dirent *entry = ::readdir(folder.get())) {
+        const char *entry_name = entry->d_name;
+        struct stat status {};
+        if (std::strcmp(entry_name, ".") == 0 || std::strcmp(entry_name, "..") == 0 ||
+            ::fstatat(folder_descriptor, entry_name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+            ++list.entries > entries_max) {
+            continue;
+        }
+        const std::string entry_path = path + entry_name;
+        if (S_ISDIR(status.st_mode) && depth < depth_max) {
+            list_folder(folder_descriptor, entry_name, entry_path + "/", depth + 1, list);
+        } else if (S_ISREG(status.st_mode) && std::string_view(entry_name).ends_with(".csv")) {
+            const selection select = selection_of(entry_path);
+            list.csv += format_text(
+                "%s{\"path\":%s,\"type\":%s,\"name\":%s,\"pid\":%s,\"header\":%s,\"size\":%lld}",
+                list.csv.empty() ? "" : ",", json_text(entry_path).c_str(),
+                json_or_null(select.type).c_str(), json_or_null(select.name).c_str(),
+                json_or_null(select.pid).c_str(),
+                json_text(first_line(folder_descriptor, entry_name)).c_str(),
+                static_cast<long long>(status.st_size));
+        } else if (S_ISREG(status.st_mode)) {
+            list.files += format_text("%s{\"path\":%s,\"size\":%lld,\"time\":%lld}",
+                                      list.files.empty() ? "" : ",", json_text(entry_path).c_str(),
+                                      static_cast<long long>(status.st_size),
+                                      static_cast<long long>(status.st_mtime));
+        }
+    }
+}
+
+void reply_listing(GDataOutputStream *stream, const std::string &session) {
+    listing list;
+    list_folder(AT_FDCWD, session.c_str(), "", 0, list);
+    errno = 0;
+    http_reply(stream, http_status::ok, "application/json; charset=utf-8",
+               "{\"csv\":[" + list.csv + "],\"files\":[" + list.files +
+                   "],\"complete\":" + (list.entries > entries_max ? "false" : "true") + "}");
+}
+
+// --- A part of one file
+
+void reply_file(GDataOutputStream *stream, const std::string &session, const char *relative_path,
+                const char *offset_text, const char *length_text) {
+    const auto offset = plain_decimal(offset_text == nullptr ? "0" : offset_text);
+    const auto length = plain_decimal(length_text == nullptr ? "9223372036854775807" : length_text);
+    constexpr auto largest = static_cast<unsigned long long>(INT64_MAX);
+    if (!offset || !length || *offset > largest || *length > largest) {
+        refuse(stream, "offset and length must be plain decimal numbers");
+        return;
+    }
+    const unique_fd file = open_inside(session, relative_path);
+    if (!file) {
+        refuse(stream, "There is no such file in the session.");
+        return;
+    }
+    http_write_header(stream, http_status::ok, "text/plain; charset=utf-8");
+    std::array<char, piece_size> piece;
+    auto position = static_cast<off_t>(*offset);
+    auto left = *length;
+    ssize_t size = 0;
+    while (left > 0 &&
+           (size = ::pread(file.get(), piece.data(),
+                           std::min<unsigned long long>(left, piece.size()), position)) > 0 &&
+           http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
+        position += size;
+        left -= static_cast<unsigned long long>(size);
+    }
+}
+
+// Why the arguments select no CSV file, or nullptr.
+const char *reason_to_refuse(const std::string &path, const std::string &session, const char *type,
+                             const char *name, const char *pid) {
+    const bool has_at = session.size() != path.size();
+    if (has_at && !is_plain_name(std::string_view(path).substr(session.size() + 1))) {
+        return "The file behind @ must be a plain file name.";
+    }
+    const std::string_view key = type;
+    if (key.starts_with(meminfo_key)) {
+        return has_at || !is_plain_name(key.substr(meminfo_key.size()))
+                   ? "The type must be meminfo/ and a plain file name."
+                   : nullptr;
+    }
+    const export_type *entry = find_type(key);
+    if (entry == nullptr) {
+        return "There is no such type.";
+    }
+    if (entry->needs_at != has_at) {
+        return entry->needs_at ? "This type needs a file behind @ in storage."
+                               : "This type takes no file behind @ in storage.";
+    }
+    if (name == nullptr ? entry->name == name_rule::required : !is_plain_name(name)) {
+        return "name must be a plain file name.";
+    }
+    if (pid == nullptr ? entry->needs_pid : !is_plain_name(pid)) {
+        return "pid must be a plain file name.";
+    }
+    return nullptr;
+}
+
+} // namespace
+
+void print_file_as_json_data(GDataOutputStream *stream, const char *path) {
+    // A pipe or a device in the place of a file would hold up the daemon.
+    const unique_file file = is_file(path) ? file_open(path, "r") : nullptr;
+    errno = 0;
+    std::string line;
+    if (!file || !read_line(file.get(), record_line_max, line)) {
+        return;
+    }
+    // Many small records a piece: a write each would cost more than all the rest.
+    std::string records;
+    bool first = true;
+    while (read_line(file.get(), record_line_max, line)) {
+        str_terminate_at(line, '\r');
+        str_terminate_at(line, '\n');
+        records.append(first ? "{\"data\": \"" : ",{\"data\": \"").append(line).append("\"}");
+        first = false;
+        if (records.size() > piece_size) {
+            if (!http_write(stream, records)) {
+                return;
+            }
+            records.clear();
+        }
+    }
+    http_write(stream, records);
+}
+
+void output_data_json_no_retention(GDataOutputStream *stream, const char *path, const char *type,
+                                   const char *process_name, const char *pid) {
+    http_write(stream, "Status: 200 OK\r\nPragma: public\r\nContent-Type: application/json; "
+                       "charset=utf-8\r\n\r\n{ \"Records\" : [");
+    if (const auto file = selected_file(path, type, process_name, pid)) {
+        print_file_as_json_data(stream,
+                                format_bounded(export_path_size, "%s", file->c_str()).c_str());
+    }
+    http_write(stream, "]}");
+}
+
+int output_file(GDataOutputStream *stream, const char *path) {
+    const unique_fd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        log_cannot_open(path);
+        return 1;
+    }
+    std::array<char, piece_size> piece;
+    off_t left = status.st_size; // what the header has promised, also of a file that still grows
+    while (left > 0) {
+        const ssize_t size = ::read(file.get(), piece.data(),
+                                    static_cast<std::size_t>(std::min<off_t>(left, piece.size())));
+        if (size <= 0 || !http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
+            errno = 0;
+            return 1;
+        }
+        left -= size;
+    }
+    return 0;
+}
+
+void action_view_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *storage = http_argument(arguments, "storage");
+    const std::string path = storage == nullptr ? "" : storage;
+    const std::string session = path.substr(0, path.find('@'));
+    const char *type = http_argument(arguments, "type");
+    const char *file = http_argument(arguments, "file");
+    const char *name = http_argument(arguments, "name");
+    const char *pid = http_argument(arguments, "pid");
+    if (!is_monitory_dir(session.c_str())) {
+        refuse(stream, "storage must be the path of a session.");
+    } else if (type != nullptr) {
+        const char *reason = reason_to_refuse(path, session, type, name, pid);
+        const auto selected =
+            reason == nullptr ? selected_file(path, type, name, pid) : std::nullopt;
+        if (reason == nullptr && selected && selected->size() >= export_path_size) {
+            reason = "The file's path is too long.";
+        }
+        if (reason != nullptr) {
+            refuse(stream, reason);
+        } else {
+            output_data_json_no_retention(stream, path.c_str(), type, name, pid);
+        }
+    } else if (session.size() != path.size()) {
+        refuse(stream, "A file behind @ in storage needs a type.");
+    } else if (file != nullptr) {
+        reply_file(stream, session, file, http_argument(arguments, "offset"),
+                   http_argument(arguments, "length"));
+    } else {
+        reply_listing(stream, session);
+    }
+}

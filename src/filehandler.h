@@ -1,0 +1,77 @@
+// What the kernel and the process list tell, as rows of a session's files. Main loop only, but for
+// the parsers, which only look at their text.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// --- Collectors: each reads its source and appends to the session's files.
+
+void store_load_avg_info_no_retention(const std::string &session_directory);
+void store_page_faults(const std::string &session_directory);
+void store_buddyinfo(const std::string &session_directory);
+void store_proc_meminfo(const std::string &session_directory);
+void store_slab_info(const std::string &session_directory);
+// The counters of each network interface, and the bandwidth of eth0 since the last call.
+void store_proc_net_dev(const std::string &session_directory);
+// The same for a text that was read from /proc/net/dev.
+void store_net_dev(const std::string &session_directory, std::string_view text);
+// Appends one row to network.csv in the folder.
+void store_network_info_no_retention(const std::string &network_directory, const std::string &rate);
+
+// Copies /proc/interrupts into the folder as STAMP_interrupts.txt.
+void store_proc_interrupts(const std::string &interrupts_directory);
+
+// --- Small helpers
+
+// Whether a line of the process list that holds the pattern (as grep reads it) also holds the
+// needle. Both are the daemon's own words or have been checked to be such.
+bool ps_grep_and_check_if_included(const std::string &pattern, const std::string &needle);
+
+// The names listed in a folder joined by ",", cut to what fits a text of `capacity` bytes.
+std::string get_names_listed_from_directory(const std::string &path, std::size_t capacity);
+
+// The names of the folders in a folder (links are none), at most 100, in the order of the folder.
+std::vector<std::string> get_subdirectories(const char *path);
+
+// The digits of a counter of /proc/vmstat; "" after an error line when there is none.
+std::string vmstat_get_val(const char *counter);
+
+// --- Parsers
+
+// "/proc/net/dev" by key, "eth0.csv/receive_bytes" to "123"; sorted as the files' columns are.
+using net_dev_values = std::map<std::string, std::string>;
+
+// What is wrong with a text that is no /proc/net/dev, by the step that found out.
+struct net_dev_error {
+    int step;
+    std::string near; // the word that does not end, for step 3
+};
+
+// Parses what was read of it (at most 1,023 bytes; an unfinished last line is left out).
+std::optional<net_dev_error> parse_proc_net_dev(std::string_view text, net_dev_values &values);
+
+// One file of interface counters as its header and row; `first` and `last` enclose its keys.
+struct interface_row {
+    std::string file_name; // "eth0.csv"
+    std::string header;
+    std::string row; // without the time in front
+};
+std::vector<interface_row> interface_rows(const net_dev_values &values);
+
+// Free blocks by zone (DMA, DMA32, Normal, HighMem) and order.
+struct buddy_table {
+    static constexpr std::size_t orders = 16;
+    std::array<std::array<long long, orders>, 4> zones{};
+    std::array<long long, orders> totals{};
+    std::size_t highest_order = 0;
+};
+buddy_table parse_buddyinfo(std::string_view text);
+
+// The three averages of a line of `uptime` as printed; nothing when there are none.
+std::optional<std::array<std::string, 3>> parse_load_average(std::string_view uptime_line);

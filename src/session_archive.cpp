@@ -1,0 +1,244 @@
+#include "session_archive.h"
+
+#include "app_state.h"
+#include "data_export.h"
+#include "filehandler.h"
+#include "fileutil.h"
+#include "log.h"
+#include "monitoring_session.h"
+#include "session_globals.h"
+#include "session_info.h"
+#include "shell_word.h"
+#include "strutil.h"
+#include "sysutil.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <sys/stat.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t archive_name_size = 128;
+constexpr std::size_t zip_command_size = 1024;
+constexpr const char *json = "application/json";
+constexpr const char *text = "text/plain";
+constexpr const char *being_zipped =
+    "The monitoring session is in the process of being compressed into a zip archive. Please try "
+    "downloading it again in a few minutes.";
+
+std::string base_name(const std::string &path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+// Temporary files that a power cut left: the archive's exclude pattern does not reach below the
+// session's folder.
+void sweep_temporary_files(const std::string &folder) {
+    std::error_code error;
+    // Links are not followed; what can't be read or removed stays.
+    for (fs::recursive_directory_iterator
+             entry(folder, fs::directory_options::skip_permission_denied, error),
+         end;
+         !error && entry != end; entry.increment(error)) {
+        const std::string name = entry->path().filename();
+        std::error_code ignored;
+        if (name.starts_with(".tmp") && entry->is_regular_file(ignored)) {
+            file_remove(entry->path().c_str());
+        }
+    }
+}
+
+// A reply without a content type, as these refusals have always been.
+void reply_untyped(GDataOutputStream *stream, const char *status, const char *body) {
+    http_write(stream, format_text("Status: %s\r\nPragma: no-cache\r\nCache-Control: no-cache\r\n"
+                                   "Expires: -1\r\n\r\n%s",
+                                   status, body));
+}
+
+void reply_zipping(GDataOutputStream *stream) {
+    reply_untyped(stream, "503 Service Unavailable", being_zipped);
+}
+
+// A session path that a message quotes: what a request can make long is cut, what would break the
+// line is not shown.
+void log_invalid_session(const char *path) {
+    errno = 0;
+    log_error("Cannot download session '%.*s': Invalid session path.",
+              static_cast<int>(session_path_max), path);
+}
+
+// Part of a file name in a header line.
+std::string name_part(std::string value) {
+    std::replace_if(
+        value.begin(), value.end(),
+        [](char ch) { return static_cast<unsigned char>(ch) <= ' ' || ch == '"' || ch == '\\'; },
+        '_');
+    return value;
+}
+
+void send_archive(GDataOutputStream *stream, const std::string &session, const std::string &archive,
+                  const std::string &model, const std::string &firmware) {
+    http_write(stream,
+               format_text("Status: 200 OK\r\nPragma: no-cache\r\nCache-Control: no-cache\r\n"
+                           "Expires: -1\r\nContent-Description: File Transfer\r\n"
+                           "Content-Type: application/octet-stream\r\n"
+                           "Content-Disposition: attachment; filename=\"%s-%s-%s.zip\"\r\n"
+                           "Content-Length: %lld\r\n\r\n",
+                           name_part(model).c_str(), name_part(firmware).c_str(),
+                           base_name(session).c_str(), filesize(archive.c_str())));
+    output_file(stream, archive.c_str());
+}
+
+// Compared as the folder that it is: "//" or "/./" in the path lead to the running session too.
+bool is_current_monitor_dir(const std::string &path) {
+    const auto current = session_directory();
+    struct stat asked {};
+    struct stat running {};
+    return current &&
+           (path == *current ||
+            (::stat(path.c_str(), &asked) == 0 && ::stat(current->c_str(), &running) == 0 &&
+             asked.st_dev == running.st_dev && asked.st_ino == running.st_ino));
+}
+
+int remove_monitoring_session(const std::string &path) {
+    const int removed = dir_remove_recursive(path.c_str());
+    const std::string archive = session_archive_path(path);
+    if (is_file(archive.c_str())) {
+        file_remove(archive.c_str());
+    }
+    return removed;
+}
+
+} // namespace
+
+std::string session_archive_path(const std::string &session_directory) {
+    return session_directory + ".zip";
+}
+
+bool is_zipping_session(const std::string &session_directory) {
+    if (session_directory.find('/') == std::string::npos) {
+        log_warning("Could not get basename of path: %s", session_directory.c_str());
+        return false;
+    }
+    return ps_grep_and_check_if_included("zip", base_name(session_directory));
+}
+
+void zip_session_directory(const char *path) {
+    errno = 0;
+    if (path == nullptr) {
+        log_error("Path to zip is NULL");
+        return;
+    }
+    if (!is_directory(path)) {
+        log_error("Path to zip is not a directory: %s", path);
+        return;
+    }
+    if (path[0] != '/') {
+        log_error("Path to zip must be absolute, but got: %s", path);
+        return;
+    }
+    const std::string name = base_name(path);
+    if (!is_shell_word(name)) {
+        log_error("Invalid path to zip: %s", path);
+        return;
+    }
+    const std::string archive = format_bounded(archive_name_size, "%s.zip", name.c_str());
+    const std::string command =
+        format_bounded(zip_command_size, "zip --recurse-paths %s %s --exclude .tmp\\* &",
+                       archive.c_str(), name.c_str());
+    const std::string parent = std::string(path).substr(0, std::strlen(path) - name.size());
+    sweep_temporary_files(path);
+    if (::chdir(parent.c_str()) != 0) {
+        log_error("Could not change directory to: %s", parent.c_str());
+        return;
+    }
+    (void)system_ret(command.c_str());
+}
+
+int zip_session(const std::string &session_directory) {
+    if (is_zipping_session(session_directory)) {
+        return 0;
+    }
+    zip_session_directory(session_directory.c_str());
+    return 1;
+}
+
+void action_zip_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *session = http_argument(arguments, "storage");
+    if (session == nullptr) {
+        http_reply(stream, http_status::bad_request, json, "{\"error\":\"No storage given.\"}\r\n");
+    } else if (!is_monitory_dir(session)) {
+        log_invalid_session(session);
+        http_reply(stream, http_status::bad_request, json,
+                   "{\"error\":\"Invalid session path.\"}\r\n");
+    } else if (is_zipping_session(session)) {
+        http_reply(stream, http_status::service_unavailable, json,
+                   format_text("{\"error\":\"%s\"}\r\n", being_zipped));
+    } else if (is_file(session_archive_path(session).c_str())) {
+        http_reply(stream, http_status::ok, json,
+                   "{\"message\":\"The monitoring session has been zipped.\"}\r\n");
+    } else {
+        zip_session(session);
+        http_reply(stream, http_status::accepted, json,
+                   format_text("{\"message\":\"%s\"}\r\n", being_zipped));
+    }
+}
+
+void action_get_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *session = http_argument(arguments, "storage");
+    if (session == nullptr) {
+        http_reply(stream, http_status::bad_request, text, "Error: No storage or status given.");
+        return;
+    }
+    if (!is_monitory_dir(session)) {
+        log_invalid_session(session);
+        reply_untyped(stream, "400 Bad Request", "Invalid session path.");
+        return;
+    }
+    const auto model = parameter_get("root.Brand.ProdShortName");
+    const auto firmware = parameter_get("root.Properties.Firmware.Version");
+    if (!model || !firmware) {
+        errno = 0;
+        log_critical("Could not read product model and/or firmware version from parameters.");
+        http_reply(stream, http_status::internal_server_error, text,
+                   "Error: Could not product model and/or firmware version from parameters.");
+        return;
+    }
+    const std::string archive = session_archive_path(session);
+    if (is_zipping_session(session)) {
+        reply_zipping(stream);
+    } else if (is_file(archive.c_str())) {
+        send_archive(stream, session, archive, *model, *firmware);
+        const char *remove = http_argument(arguments, "remove");
+        if (remove != nullptr && std::strcmp(remove, "yes") == 0) {
+            file_remove(archive.c_str());
+        }
+    } else {
+        zip_session(session);
+        reply_zipping(stream);
+    }
+}
+
+void action_remove(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *path = http_argument(arguments, "path");
+    if (path == nullptr) {
+        http_reply(stream, http_status::bad_request, text, "Error: No storage given.\r\n");
+    } else if (!is_monitory_dir(path)) {
+        http_reply(stream, http_status::bad_request, text,
+                   "Error: Not a valid monitoring session.\r\n");
+    } else if (is_current_monitor_dir(path)) {
+        http_reply(stream, http_status::bad_request, text,
+                   "Error: Can't delete the current active monitoring session. Please deactivate "
+                   "the current monitoring session before attempting to delete it.\r\n");
+    } else if (is_zipping_session(path)) {
+        http_reply(stream, http_status::service_unavailable, text,
+                   "Error: Can't delete session right now, please try again in a few minutes.\r\n");
+    } else {
+        remove_monitoring_session(path);
+        collect_monitoring_sessions(collect_only_from_this_camera ? serial_number : std::nullopt);
+        http_reply(stream, http_status::ok, text, "Files deleted.\r\n");
+    }
+}

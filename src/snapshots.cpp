@@ -1,0 +1,86 @@
+#include "snapshots.h"
+
+#include "csv.h"
+#include "dateutil.h"
+#include "filehandler.h"
+#include "fileutil.h"
+#include "log.h"
+#include "session_globals.h"
+#include "shell_word.h"
+#include "strutil.h"
+#include "sysutil.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr std::size_t directory_size = 200;
+constexpr std::size_t report_command_size = 128;
+constexpr mode_t interrupts_mode = 0666;
+
+// Runs the platform's report generator in the folder, where the daemon's working directory stays.
+void serverreport_snapshot(const std::string &basic_directory) {
+    const std::string name = date_format_now("Server_Report_%Y-%m-%dT%H%M%S%Z.txt");
+    if (!is_shell_word(name) || ::chdir(basic_directory.c_str()) != 0) {
+        log_error("Could not write a server report into '%s'", basic_directory.c_str());
+        return;
+    }
+    (void)system_ret(format_bounded(report_command_size, "gen_serverreport.sh > %s/%s",
+                                    "Server_Reports", name.c_str())
+                         .c_str());
+}
+
+// So that only one archive is kept on storage that is small.
+void pack_serverreports(const std::string &basic_directory) {
+    (void)system_ret(format_text("( cd %s/%s && zip -J %s Server_Report_* && rm Server_Report_* )",
+                                 basic_directory.c_str(), "Server_Reports", "Server_Reports.zip")
+                         .c_str());
+    char size[24];
+    filesize_human_readable(size, sizeof size,
+                            (basic_directory + "/Server_Reports/Server_Reports.zip").c_str());
+    log_info("System Monitoring Session Storage Consumption on Internal Storage -> %s.", size);
+}
+
+} // namespace
+
+gboolean create_interrupts_snapshot(gpointer) noexcept {
+    const auto session = session_directory();
+    // On a storage that has gone meanwhile nothing is made in its empty mount point.
+    if (!session || !is_directory(session->c_str())) {
+        return G_SOURCE_REMOVE;
+    }
+    const std::string directory = format_bounded(directory_size, "%s/%s/%s", session->c_str(),
+                                                 "system_monitoring", "monitoring_interrupts");
+    if (!is_directory(directory.c_str())) {
+        ::mkdir(directory.c_str(), interrupts_mode);
+        errno = 0;
+    }
+    store_proc_interrupts(directory);
+    return G_SOURCE_REMOVE;
+}
+
+void create_two_interrupts_snapshots() {
+    create_interrupts_snapshot(nullptr);
+    g_timeout_add_seconds(3, create_interrupts_snapshot, nullptr);
+}
+
+void create_nc_snapshot(const std::string &session_directory) {
+    const std::string path =
+        format_bounded(250, "%s/%s/%s/%s", session_directory.c_str(), "system_monitoring",
+                       "monitoring_devicetest", "devicetest_snapshots.csv");
+    append_rows(path,
+                "date,time,name,address,port,interval,total_pings,total_ping_fails,"
+                "consecutive_fails,fail_threshold,connected_status\r\n",
+                "");
+}
+
+void create_serverreport_snapshot(const std::string &session_directory) {
+    const std::string basic_directory =
+        format_bounded(directory_size, "%s/%s/%s", session_directory.c_str(), "system_monitoring",
+                       "monitoring_basic");
+    serverreport_snapshot(basic_directory);
+    if (!storage_id) {
+        pack_serverreports(basic_directory);
+    }
+}

@@ -1,0 +1,186 @@
+#include "app_state.h"
+#include "log_capture.h"
+#include "main_timer.h"
+#include "sandbox.h"
+#include "scheduled_tasks.h"
+#include "session_globals.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void tick_at(unsigned long number) {
+    timer_count = number;
+    EXPECT_EQ(timer_callback(nullptr), TRUE);
+}
+
+// A session on a card of which `percent` is used, with the storage service's reply.
+class MainTimer : public testing::Test {
+  protected:
+    void SetUp() override {
+        serial_number = "A1B2C3D4E5F6";
+        root_ = "/var/spool/storage/SD_DISK/Vandrel_A1B2C3D4E5F6/";
+        session_ = root_ + "20230531_08_27_40";
+        fs::create_directories(session_);
+        write_file(session_ + "/Session_Information.txt", "Duration: 0 Days 0 hours 1 minutes\n");
+        _set_secondary_storage_path(root_);
+        _set_storage_id("SD_DISK");
+        _set_current_activity_folder("20230531_08_27_40");
+        monitory_active = true;
+        connection_lost_count = 0;
+        for (const char *script : {"collect_action_rules", "collect_monitoring_sessions",
+                                   "continuous_syslog_cat", "vela_status_monitor"}) {
+            install_recorder("/usr/local/packages/Vandrel/" + std::string(script) + ".sh");
+        }
+        for (const char *tool : {"gen_serverreport.sh", "zip", "ps"}) {
+            install_recorder(tool);
+        }
+        use(20);
+        storage(true);
+    }
+    void TearDown() override {
+        monitory_active = false;
+        fs::remove_all("/var/spool/storage/SD_DISK");
+    }
+
+    static void use(int percent) {
+        install_recorder("/bin/df", percent < 0 ? ""
+                                                : "Filesystem x\n/dev/x 1 1 1 " +
+                                                      std::to_string(percent) + "% /x\n");
+    }
+    static void storage(bool healthy) {
+        const std::string head = "\"SD_DISK\"\n1\n2\n\"OK\"\n4\ntrue\n";
+        install_recorder("dbus-send", healthy ? head + "true\n}\n" : head + "false\n}\n");
+    }
+
+    std::string root_;
+    std::string session_;
+};
+
+} // namespace
+
+TEST(Countdowns, AnnounceATickAheadAndAct) {
+    install_recorder("/sbin/reboot");
+    install_recorder("dbus-send");
+    automatic_restart_interval = true;
+    starting_tick = 10;
+    nbr_of_ticks_until_activation = 5;
+    ptz_test_interval = true;
+    ptz_starting_tick = 10;
+    ptz_nbr_of_ticks_until_activation = 3;
+    const std::string restart = "reboot";
+    const std::string test =
+        "dbus-send --system --type=method_call --print-reply --reply-timeout=3000 "
+        "--dest=com.tarvo.PTZ.Coordinator /com/tarvo/PTZ/Coordinator/1 "
+        "com.tarvo.PTZ.Coordinator.Auxiliary string:Operator int32:0 string:reset";
+    const struct {
+        unsigned long tick;
+        std::vector<std::string> log, calls;
+    } cases[] = {
+        {11, {}, {}},
+        {12, {"WARNING Automatic PTZ Test"}, {}},
+        {13, {}, {test}},
+        {14, {"WARNING Automatic Restart"}, {}},
+        {15, {"WARNING Automatic PTZ Test"}, {restart}},
+        {16, {}, {restart, test}},
+        // The count starts again at 0 and the countdowns with it.
+        {59'999'999, {}, {restart, test}},
+        {0, {}, {}},
+        {4, {"WARNING Automatic Restart"}, {test}},
+    };
+    for (const auto &c : cases) {
+        log_capture log;
+        tick_at(c.tick);
+        EXPECT_EQ(log.texts(), c.log) << c.tick;
+        EXPECT_EQ(recorded_calls(), c.calls) << c.tick;
+    }
+    tick_at(59'999'999);
+    EXPECT_EQ(timer_count, 0U);
+    automatic_restart_interval = ptz_test_interval = false;
+}
+
+TEST_F(MainTimer, RunsWhatIsDue) {
+    const auto periods = [](std::span<const duty> duties) {
+        std::vector<unsigned long> every;
+        for (const duty &entry : duties) {
+            every.push_back(entry.every);
+        }
+        return every;
+    };
+    EXPECT_EQ(periods(external_storage_schedule()),
+              (std::vector<unsigned long>{1, 1, 120, 120, 120, 2, 2}));
+    fs::create_directories(session_ + "/system_monitoring/monitoring_load");
+    install_tool("uptime", "echo 'load average: 1, 2, 3'\n");
+    const std::string rows = session_ + "/system_monitoring/monitoring_load/load.csv";
+    log_capture log;
+    tick_at(1);
+    EXPECT_FALSE(fs::exists(rows));
+    tick_at(2);
+    EXPECT_TRUE(fs::exists(rows));
+    EXPECT_EQ(read_file(session_ + "/Session_Information.txt"),
+              "Duration: 0 Days 0 hours 3 minutes\nCollected Data Points: 1\n");
+    _set_storage_id(std::nullopt);
+    fs::remove(rows);
+    tick_at(2);
+    EXPECT_FALSE(fs::exists(rows)) << "the internal storage collects little";
+}
+
+TEST_F(MainTimer, ALostStorageIsWaitedFor) {
+    use(-1);
+    storage(false);
+    recorded_calls();
+    log_capture log;
+    fs::rename(session_, root_ + "away");
+    for (unsigned long tick = 1; tick <= 1500; tick += 499) {
+        connection_lost_count = tick - 1;
+        tick_at(tick);
+        EXPECT_EQ(connection_lost_count, tick);
+    }
+    EXPECT_TRUE(monitory_active);
+    EXPECT_FALSE(fs::exists(session_));
+    const auto calls = recorded_calls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "collect_action_rules.sh A1B2C3D4E5F6"), 1);
+    fs::rename(root_ + "away", session_);
+    connection_lost_count = 1500;
+    use(20);
+    storage(true);
+    tick_at(1501);
+    EXPECT_EQ(log.texts(),
+              (std::vector<std::string>{
+                  "ERR (storage_investigator:#, errno: None) determine_if_this_storage_is_ok: Lost "
+                  "connection to storage location: SD_DISK, no data can be saved.",
+                  "ERR (main_timer:#, errno: None) Lost connection to edge storage location, no "
+                  "data can be saved.",
+                  "INFO Connection to edge storage location re-established, connection was lost "
+                  "since 1 days 1 hours 1500 minutes. Continuing system monitoring session."}));
+    EXPECT_EQ(connection_lost_count, 0U);
+}
+
+TEST_F(MainTimer, AFullStorageEndsTheSession) {
+    for (const bool usage_unknown : {false, true}) {
+        SetUp();
+        use(usage_unknown ? -1 : 90);
+        recorded_calls();
+        log_capture log;
+        tick_at(1);
+        EXPECT_FALSE(monitory_active);
+        EXPECT_FALSE(session_directory());
+        EXPECT_EQ(log.texts().at(0), "WARNING Secondary storage is running out of free space. "
+                                     "Deactivating monitoring session.");
+        const std::string information = read_file(session_ + "/Session_Information.txt");
+        EXPECT_NE(information.find("Stop Time of the session: "), std::string::npos);
+        EXPECT_NE(information.find("Session Size: "), std::string::npos);
+        // In the background.
+        EXPECT_TRUE(wait_until([] {
+            const auto calls = recorded_calls();
+            return std::count(calls.begin(), calls.end(),
+                              "zip --recurse-paths 20230531_08_27_40.zip 20230531_08_27_40 "
+                              "--exclude .tmp*") == 1;
+        }));
+        // What stands in the place of the session's storage now is nobody's to write to.
+        tick_at(2);
+    }
+}

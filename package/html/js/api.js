@@ -1,6 +1,8 @@
 // Requests to the daemon. It answers them one at a time: a reply may wait for the end of another's
 // work, so limits count from the last sign of life, not from the start.
 
+import { adviceFor } from './refusals.js';
+
 const ENDPOINT = 'access.cgi';
 
 /**
@@ -48,13 +50,69 @@ export function address(action, values = {}) {
 }
 
 /**
- * Sends an action and resolves to the text of its reply, or throws a RequestError.
+ * @typedef {object} Reply
+ * @property {number} status
+ * @property {string} text
+ */
+
+/**
+ * Sends an action and resolves to the text of its reply, or throws a RequestError, also when the
+ * daemon refuses by the reply's status.
  * @param {string} action
  * @param {Record<string, string>} [values]
  * @param {RequestOptions} [options]
  * @returns {Promise<string>}
  */
 export async function request(action, values = {}, options = {}) {
+  const { status, text } = await ask(action, values, options);
+  if (status >= 400) {
+    throw refusal(wordsOf(text) || `Refused with status ${status}.`);
+  }
+  return text;
+}
+
+/**
+ * As request, for an action that refuses in plain words with a good status.
+ * @param {string} action
+ * @param {Record<string, string>} values
+ * @param {string[]} granted the replies that are no refusals
+ * @param {RequestOptions} [options]
+ */
+export async function requestGranted(action, values, granted, options = {}) {
+  const words = wordsOf(await request(action, values, options));
+  if (!granted.includes(words)) {
+    throw refusal(words || 'The daemon’s reply is empty.');
+  }
+  return words;
+}
+
+/** @param {string} words the daemon's own */
+export function refusal(words) {
+  return new RequestError('refused', words, adviceFor(words));
+}
+
+/**
+ * The words of a reply, which is plain text or JSON with an error or a message.
+ * @param {string} text
+ */
+export function wordsOf(text) {
+  try {
+    const { error, message } = JSON.parse(text);
+    return String(error ?? message ?? text).trim();
+  } catch {
+    return text.trim();
+  }
+}
+
+/**
+ * Sends an action and resolves to the daemon's reply, a refusal too. Throws a RequestError when
+ * something else answers, or nothing.
+ * @param {string} action
+ * @param {Record<string, string>} [values]
+ * @param {RequestOptions} [options]
+ * @returns {Promise<Reply>}
+ */
+export async function ask(action, values = {}, options = {}) {
   const { timeoutMs = 20000, signal, onText } = options;
   const silence = new AbortController();
   let timer = 0;
@@ -72,12 +130,12 @@ export async function request(action, values = {}, options = {}) {
       cache: 'no-store',
       signal: silence.signal,
     });
-    const failed = !response.ok || isHtml(response);
-    const text = await readBody(response, alive, failed ? undefined : onText);
-    if (failed) {
-      throw errorOf(response, text);
+    const { status } = response;
+    const text = await readBody(response, alive, response.ok && !isHtml(response) ? onText : undefined);
+    if (status === 401 || status === 403 || isHtml(response)) {
+      throw errorOf(status);
     }
-    return text;
+    return { status, text };
   } catch (error) {
     if (error instanceof RequestError) {
       throw error;
@@ -131,12 +189,11 @@ function isHtml(response) {
 }
 
 /**
- * The daemon refuses in plain text; a page of HTML comes from the web server or something between.
- * @param {Response} response
- * @param {string} text
+ * The daemon refuses in plain text or JSON; a page of HTML comes from the web server or something
+ * between.
+ * @param {number} status
  */
-function errorOf(response, text) {
-  const { status } = response;
+function errorOf(status) {
   if (status === 401) {
     return new RequestError('login', 'Not signed in.',
       'Reload the page and sign in as an administrator of the camera.');
@@ -144,9 +201,6 @@ function errorOf(response, text) {
   if (status === 403) {
     return new RequestError('forbidden', 'This user may not use the package.',
       'Sign in as an administrator of the camera; closing the browser forgets the present user.');
-  }
-  if (!isHtml(response)) {
-    return new RequestError('refused', text.trim() || `Refused with status ${status}.`, '');
   }
   if (status === 404) {
     return new RequestError('unexpected', 'The web server does not know the package.',

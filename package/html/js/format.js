@@ -10,10 +10,16 @@ export function byteSize(bytes) {
   if (bytes < 1000) {
     return `${bytes} B`;
   }
-  return bytes < 1e6 ? `${(bytes / 1e3).toFixed(1)} kB` : `${(bytes / 1e6).toFixed(1)} MB`;
+  const [unit, size] = bytes < 1e6 ? ['kB', 1e3] : bytes < 1e9 ? ['MB', 1e6] : ['GB', 1e9];
+  return `${(bytes / Number(size)).toFixed(1)} ${unit}`;
 }
 
 /** Time of day on the engineer's computer, as 09:30:05. @param {Date} date */
 export function clock(date) {
   return date.toLocaleTimeString('en-GB');
+}
+
+/** On the engineer's computer, as 2024-05-17 09:30:05. @param {Date} date */
+export function dateTime(date) {
+  return date.toLocaleString('sv-SE');
 }

@@ -10,8 +10,19 @@ import { byId, el, setText } from './dom.js';
  * @property {(values: URLSearchParams) => void} [show] with what follows "?" in the hash
  */
 
+/**
+ * @typedef {object} Entry
+ * @property {string} id
+ * @property {string} title
+ * @property {string} [within] the view whose link stands for it
+ * @property {() => Promise<{create: () => View}>} load
+ */
+
+/** @type {Entry[]} */
 const VIEWS = [
   { id: 'overview', title: 'Overview', load: () => import('./views/overview.js') },
+  { id: 'sessions', title: 'Sessions', load: () => import('./views/sessions.js') },
+  { id: 'session', title: 'Session', within: 'sessions', load: () => import('./views/session.js') },
   { id: 'log', title: 'Log', load: () => import('./views/log.js') },
 ];
 
@@ -19,7 +30,8 @@ const VIEWS = [
 const made = new Map();
 const main = byId('main');
 
-const links = new Map(VIEWS.map(({ id, title }) => [id, el('a', { href: `#/${id}` }, title)]));
+const links = new Map(VIEWS.filter(({ within }) => !within)
+  .map(({ id, title }) => [id, el('a', { href: `#/${id}` }, title)]));
 byId('views').append(el('ul', {}, ...[...links.values()].map((link) => el('li', {}, link))));
 
 async function showView() {
@@ -37,7 +49,7 @@ async function showView() {
     element.hidden = id !== entry.id;
   }
   for (const [id, link] of links) {
-    if (id === entry.id) {
+    if (id === (entry.within ?? entry.id)) {
       link.setAttribute('aria-current', 'page');
     } else {
       link.removeAttribute('aria-current');

@@ -1,6 +1,7 @@
 // The camera's system log, loaded on demand, with a filter and optional refreshing.
 
 import { address, request, RequestError } from '../api.js';
+import { field, select } from '../controls.js';
 import { el, setText } from '../dom.js';
 import { byteSize, clock, counted } from '../format.js';
 import { createVirtualList } from '../virtual_list.js';
@@ -26,17 +27,6 @@ const REFRESH_CHOICES = [
   ['30', 'Every 30 s'],
   ['60', 'Every minute'],
 ];
-
-/** @param {string} label @param {HTMLElement} control @param {string} [className] */
-function field(label, control, className) {
-  return el('label', { class: `field ${className ?? ''}` }, el('span', {}, label), control);
-}
-
-/** @param {string[][]} choices @param {EventListener} onchange */
-function select(choices, onchange) {
-  return el('select', { onchange },
-    ...choices.map(([value, text]) => el('option', { value }, text)));
-}
 
 /** @returns {import('../main.js').View} */
 export function create() {

@@ -1,9 +1,12 @@
-// Whether the daemon answers, and the self-test of the logging.
+// The session's state, the camera, whether the daemon answers, and the self-test of the logging.
 
 import { request, RequestError } from '../api.js';
+import { onCamera, schedule } from '../camera.js';
+import { createFacts } from '../controls.js';
 import { onDaemonState } from '../daemon.js';
 import { el, setText } from '../dom.js';
 import { clock } from '../format.js';
+import { sessionCard } from './session_state.js';
 
 /** The severities that the self-test knows, with what it logs. */
 const SEVERITIES = [
@@ -31,6 +34,28 @@ function daemonCard() {
       el('dt', {}, 'Last answer'), answered,
       el('dt', {}, 'Round trip'), roundTrip,
       el('dt', {}, 'Camera'), el('dd', {}, location.host)));
+}
+
+function cameraCard() {
+  const facts = createFacts();
+  const empty = el('p', { class: 'quiet' });
+  const element = el('section', { class: 'card', 'aria-label': 'Camera' }, el('h2', {}, 'Camera'),
+    facts.element, empty);
+  onCamera(element, ({ camera, error }) => {
+    setText(empty, camera ? '' : error ? 'The camera’s facts can’t be read now.' : 'Asking the camera …');
+    empty.hidden = camera !== null;
+    if (camera) {
+      const { device } = camera;
+      facts.show([
+        ['Model', device.model], ['Type', device.type], ['Firmware', device.firmware],
+        ['Serial number', device.serial], ['Architecture', device.architecture],
+        ['IP address', device.ip], ['MAC address', device.mac],
+        ['Resolutions', device.resolutions], ['Camera’s time', device.time],
+        ['Log daemon', device.logDaemon], ['Still images', device.images ? 'can be taken' : 'no library'],
+      ]);
+    }
+  });
+  return element;
 }
 
 function selfTestCard() {
@@ -76,6 +101,9 @@ function selfTestCard() {
 export function create() {
   return {
     element: el('div', { class: 'view' }, el('h1', {}, 'Overview'),
-      el('div', { class: 'cards' }, daemonCard(), selfTestCard())),
+      el('div', { class: 'columns' },
+        sessionCard(el('p', {}, el('a', { href: '#/sessions' }, 'Start, stop, download'))),
+        cameraCard(), daemonCard(), selfTestCard())),
+    show: schedule,
   };
 }

@@ -1,0 +1,33 @@
+// What can be done when the daemon refuses, by its words.
+
+/** @type {[RegExp, string][]} */
+const ADVICE = [
+  [/another is running/, 'Someone else has started a session meanwhile. It goes on; stop it first to '
+    + 'start another.'],
+  [/storage destination was not valid/, 'The camera does not know this storage, or it is not mounted, '
+    + 'is write-protected or needs repair. Look at it in the camera’s own storage settings, then try '
+    + 'again, or choose another storage.'],
+  [/Storage is required|No storage/i, 'Choose a storage.'],
+  [/must be a plain decimal number/, 'Use a whole number of at most nine digits.'],
+  [/No monitor session is activated/, 'The session has ended meanwhile: someone else has stopped it, '
+    + 'or the daemon has because its storage was nearly full. The log tells which.'],
+  [/active monitor session is null/, 'The daemon has lost track of the session’s storage. Restart the '
+    + 'package on the camera: it takes the session over again.'],
+  [/invalid session path|not a valid monitoring session/i, 'The session is not there: it was deleted, '
+    + 'or its storage is gone. Bring the storage back and look again.'],
+  [/delete the current active/, 'Stop the session first.'],
+  [/being compressed|in the process of|in a few minutes/, 'An archive of the session is being made. '
+    + 'Wait until that is done.'],
+  [/did not match any installed|Missing option/, 'The daemon is older than this page. Install the '
+    + 'package again.'],
+  [/product model/, 'The camera’s parameters can’t be read. Restart the package on the camera and '
+    + 'look at the log.'],
+];
+
+/**
+ * "" when nothing is known to help.
+ * @param {string} words
+ */
+export function adviceFor(words) {
+  return ADVICE.find(([pattern]) => pattern.test(words))?.[1] ?? '';
+}

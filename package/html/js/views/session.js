@@ -1,0 +1,267 @@
+// One session: its information, what it has recorded, and its files.
+
+import { address, request, RequestError } from '../api.js';
+import { downloadArchive, haveArchive } from '../archive.js';
+import { actionButton, createFacts, createMessage, createTable, field } from '../controls.js';
+import { readInformation } from '../camera.js';
+import { el, setText } from '../dom.js';
+import { byteSize, clock, counted, dateTime } from '../format.js';
+import { list, number, partsOfPath, text } from '../session_data.js';
+
+// A folder of images may hold many thousands.
+const MOST_ROWS = 500;
+const PIECE_BYTES = 256 * 1024;
+const NOT_TEXT = /\.(?:jpe?g|png|zip|gz|tgz|xz|pcap(?:ng)?|core|bin|elf)$/i;
+
+/**
+ * @typedef {object} Csv
+ * @property {string} path
+ * @property {string} title
+ * @property {string} pid
+ * @property {string[]} columns
+ * @property {number} bytes
+ */
+/**
+ * @typedef {object} Item
+ * @property {string} path relative to the session
+ * @property {number} bytes
+ * @property {string} time
+ */
+
+/** @param {unknown} value @returns {{csv: Csv[], files: Item[], complete: boolean}} */
+function contentsOf(value) {
+  const told = /** @type {Record<string, unknown>} */ (value ?? {});
+  const records = (/** @type {unknown} */ many) =>
+    list(many).map((one) => /** @type {Record<string, unknown>} */ (one ?? {}));
+  return {
+    csv: records(told.csv).map((one) => ({
+      path: text(one.path),
+      title: [text(one.type), text(one.name)].filter(Boolean).join(' '),
+      pid: text(one.pid),
+      columns: text(one.header).split(',').map((column) => column.trim()).filter(Boolean),
+      bytes: number(one.size),
+    })),
+    files: records(told.files).map((one) => ({
+      path: text(one.path),
+      bytes: number(one.size),
+      time: typeof one.time === 'number' ? dateTime(new Date(one.time * 1000))
+        : text(one.time),
+    })),
+    complete: told.complete !== false,
+  };
+}
+
+/** The text of one file, in pieces: a log of weeks is too much for one. */
+function createViewer() {
+  let session = '';
+  /** @type {{path: string, bytes: number | null}} the size where it is known */
+  let item = { path: '', bytes: 0 };
+  let offset = 0;
+  const name = el('h2', { tabindex: -1 });
+  const place = el('span', { class: 'quiet', role: 'status' });
+  const content = el('pre', { class: 'content', tabindex: 0, role: 'region', 'aria-label': 'Content of the file' });
+  const message = createMessage();
+  const last = () => Math.max(0, Math.ceil((item.bytes ?? 0) / PIECE_BYTES) - 1) * PIECE_BYTES;
+  /** @param {string} title @param {() => number} target */
+  const step = (title, target) => actionButton(title, () => load(target()));
+  const steps = [
+    step('First', () => 0), step('Previous', () => Math.max(0, offset - PIECE_BYTES)),
+    step('Next', () => Math.min(last(), offset + PIECE_BYTES)), step('Last', last),
+  ];
+  const stepTools = el('div', { class: 'tools', role: 'group', 'aria-label': 'Part of the file' }, ...steps);
+  const save = el('a', { class: 'button', download: '' }, 'Download file');
+  const element = el('section', { class: 'card', 'aria-label': 'File' },
+    el('div', { class: 'tools apart' }, name, el('a', { class: 'button', href: '#/session' }, 'Close')),
+    el('div', { class: 'tools apart' }, el('div', { class: 'tools' }, stepTools, save), place),
+    message.element, content);
+
+  /** @param {number} from */
+  async function load(from) {
+    try {
+      const body = await request('view_monitor_data', {
+        storage: session, file: item.path, offset: String(from), length: String(PIECE_BYTES),
+      });
+      offset = from;
+      message.clear();
+      setText(content, body === '' ? 'This file is empty.' : body);
+      content.scrollTop = 0;
+      const { bytes } = item;
+      setText(place, bytes === null ? '' : bytes <= PIECE_BYTES ? byteSize(bytes)
+        : `${byteSize(from)} to ${byteSize(Math.min(bytes, from + PIECE_BYTES))} of ${byteSize(bytes)}`);
+    } catch (error) {
+      message.fail(error);
+    }
+  }
+  return {
+    element,
+    /** @param {string} path @param {typeof item} file */
+    async open(path, file) {
+      session = path;
+      item = file;
+      setText(name, file.path);
+      setText(content, '');
+      stepTools.hidden = (file.bytes ?? 0) <= PIECE_BYTES;
+      save.href = address('view_monitor_data', { storage: path, file: file.path });
+      save.download = file.path.slice(file.path.lastIndexOf('/') + 1);
+      element.querySelector('a[href^="#"]')?.setAttribute('href', hashOf(path));
+      await load(0);
+    },
+  };
+}
+
+/** @param {string} session @param {string} [file] */
+function hashOf(session, file) {
+  const query = `path=${encodeURIComponent(session)}`;
+  return `#/session?${file ? `${query}&file=${encodeURIComponent(file)}` : query}`;
+}
+
+/** @returns {import('../main.js').View} */
+export function create() {
+  let path = '';
+  let read = false;
+  /** @type {Item[]} */
+  let files = [];
+  /** @type {Map<string, number>} */
+  let sizes = new Map();
+  const title = el('h1');
+  const where = el('p', { class: 'quiet' });
+  const message = createMessage();
+  const information = createFacts();
+  const viewer = createViewer();
+
+  /** @param {{path: string}} item @param {HTMLElement} shown */
+  const openLink = (item, shown) => (NOT_TEXT.test(item.path)
+    ? el('a', { href: address('view_monitor_data', { storage: path, file: item.path }), download: '' }, shown)
+    : el('a', { href: hashOf(path, item.path) }, shown));
+
+  const csvTable = createTable({
+    caption: 'Recorded data',
+    columns: [{ title: 'Data' }, { title: 'Process' }, { title: 'Columns' }, { title: 'Size', number: true },
+      { title: 'File' }],
+    key: (/** @type {Csv} */ csv) => `${path}\n${csv.path}`,
+    make(csv) {
+      const size = el('span');
+      const columns = el('span');
+      return {
+        cells: [el('span', {}, csv.title || csv.path), el('span', {}, csv.pid), columns, size,
+          openLink(csv, el('span', {}, csv.path))],
+        update(next) {
+          setText(size, byteSize(next.bytes));
+          setText(columns, next.columns.length > 6
+            ? `${next.columns.slice(0, 5).join(', ')} and ${next.columns.length - 5} more`
+            : next.columns.join(', '));
+        },
+      };
+    },
+  });
+  const fileTable = createTable({
+    caption: 'Files',
+    columns: [{ title: 'File' }, { title: 'Changed' }, { title: 'Size', number: true }],
+    key: (/** @type {Item} */ item) => `${path}\n${item.path}`,
+    make(item) {
+      const time = el('span');
+      const size = el('span');
+      return {
+        cells: [openLink(item, el('span', {}, item.path)), time, size],
+        update(next) {
+          setText(time, next.time);
+          setText(size, byteSize(next.bytes));
+        },
+      };
+    },
+  });
+  const filter = el('input', {
+    type: 'search', placeholder: 'Part of the name', spellcheck: 'false', autocomplete: 'off',
+    oninput: () => showFiles(),
+  });
+  const fileCount = el('p', { class: 'quiet', role: 'status' });
+  const noData = el('p', { class: 'empty' }, 'No data has been recorded yet.');
+  const contents = el('div', { class: 'view' },
+    el('section', { class: 'card', 'aria-label': 'Information' }, el('h2', {}, 'Information'), information.element),
+    el('section', { class: 'card', 'aria-label': 'Recorded data' }, el('h2', {}, 'Recorded data'), noData,
+      csvTable.element),
+    el('section', { class: 'card', 'aria-label': 'Files' }, el('h2', {}, 'Other files'),
+      el('div', { class: 'tools apart' }, field('Filter', filter, 'grow'), fileCount), fileTable.element));
+
+  function showFiles() {
+    const wanted = filter.value.toLowerCase();
+    const matching = files.filter((file) => file.path.toLowerCase().includes(wanted));
+    fileTable.show(matching.slice(0, MOST_ROWS));
+    fileTable.element.hidden = matching.length === 0;
+    setText(fileCount, matching.length > MOST_ROWS
+      ? `The first ${MOST_ROWS} of ${counted(matching.length, 'file')}`
+      : counted(matching.length, 'file'));
+  }
+
+  async function load() {
+    const asked = path;
+    message.work('Reading what the session has …');
+    try {
+      const reply = await request('view_monitor_data', { storage: asked }, { timeoutMs: 120000 });
+      const facts = await readInformation(asked).catch(() => null);
+      if (asked !== path) {
+        return;
+      }
+      const found = contentsOf(JSON.parse(reply));
+      const order = (/** @type {{path: string}} */ a, /** @type {{path: string}} */ b) =>
+        a.path.localeCompare(b.path, 'en');
+      files = found.files.sort(order);
+      sizes = new Map([...found.csv, ...files].map((item) => [item.path, item.bytes]));
+      csvTable.show(found.csv.sort(order));
+      csvTable.element.hidden = found.csv.length === 0;
+      noData.hidden = found.csv.length > 0;
+      information.show(facts ?? [['Information', 'Session_Information.txt can’t be read.']]);
+      showFiles();
+      read = true;
+      message.clear();
+      if (!found.complete) {
+        message.show('doubtful', 'The session holds more files than the daemon lists. The archive has '
+          + 'them all.');
+      }
+    } catch (error) {
+      if (asked === path) {
+        message.fail(error instanceof RequestError ? error : new RequestError('unexpected',
+          'The daemon’s reply was not understood.', 'Reload the page.'));
+      }
+    }
+  }
+
+  const archiveButton = actionButton('Download archive', async () => {
+    const asked = path;
+    try {
+      await haveArchive(asked, () => message.work('Zipping …'));
+      message.show('good', `The archive is complete (${clock(new Date())}).`);
+      downloadArchive(asked);
+    } catch (error) {
+      message.fail(error);
+    }
+  });
+  const element = el('div', { class: 'view' },
+    el('p', {}, el('a', { href: '#/sessions' }, '← All sessions')),
+    el('div', { class: 'tools apart' }, title,
+      el('div', { class: 'tools' }, actionButton('Refresh', load), archiveButton)),
+    where, message.element, viewer.element, contents);
+
+  return {
+    element,
+    async show(values) {
+      const next = values.get('path') ?? path;
+      if (next !== path) {
+        path = next;
+        read = false;
+        filter.value = '';
+        contents.hidden = true;
+        const { title: start, storage, serial } = partsOfPath(path);
+        setText(title, `Session ${start}`);
+        setText(where, `${storage}${serial ? `, camera ${serial}` : ''}: ${path}`);
+        await load();
+      }
+      const file = values.get('file');
+      viewer.element.hidden = file === null;
+      contents.hidden = file !== null || !read;
+      if (file !== null) {
+        await viewer.open(path, { path: file, bytes: sizes.get(file) ?? null });
+      }
+    },
+  };
+}

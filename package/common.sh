@@ -71,3 +71,67 @@ sweep_beside() {
     done
     return 0
 }
+
+# cut_back FILE: takes back what a full storage left of a row at its end.
+cut_back() {
+    [ -f "$1" ] && [ -n "$(tail -c 1 "$1")" ] || return 0
+    rest=$(($(tail -n 1 "$1" | wc -c)))
+    dd if=/dev/null of="$1" bs=1 seek=$(($(wc -c <"$1") - rest)) 2>/dev/null
+}
+
+# append_row FILE HEADER ROW: appends the row, to a new file behind the header; all of it or nothing.
+# The file's folder has to be there.
+append_row() {
+    if [ -s "$1" ]; then
+        { printf '%s\n' "$3" >>"$1"; } 2>/dev/null && return 0
+    else
+        { printf '%s\n%s\n' "$2" "$3" >>"$1"; } 2>/dev/null && return 0
+    fi
+    cut_back "$1"
+    return 1
+}
+
+# append_rows DIRECTORY FILE HEADER: reads lines "FOLDER/SUBFOLDER<tab>ROW" and appends each row to
+# DIRECTORY/FOLDER/SUBFOLDER/FILE. Makes the folders, but never DIRECTORY itself: that may have gone
+# with its storage.
+append_rows() {
+    tab=$(printf '\t')
+    while IFS=$tab read -r folder row; do
+        [ -d "$1/$folder" ] || mkdir "$1/${folder%/*}" "$1/$folder" 2>/dev/null
+        append_row "$1/$folder/$2" "$3" "$row" || return 1
+    done
+}
+
+# The columns DATE and TIME.
+time_stamp() {
+    date '+%Y-%m-%d,%H:%M:%S'
+}
+
+# An awk function that gives a process's folder NAME/PID, or "" for a process that there is nothing
+# to record of: one that is gone, that belongs to the kernel, or that is younger than a few seconds.
+# The short-lived helpers of each sample would leave a folder each, thousands in a week.
+# /proc/PID/stat: 29 (Vandrel) S 2 29 ... ; 20 fields behind the name stands the start, in 1/100 s
+# since boot, as "uptime" is given in seconds.
+# shellcheck disable=SC2016 # awk's own variables
+process_folder='
+function process_folder(pid, path, line, name, rest, field) {
+    path = "/proc/" pid "/stat"
+    if ((getline line < path) <= 0) return ""
+    close(path)
+    rest = line
+    sub(/^.*\) /, "", rest)
+    name = substr(line, index(line, "(") + 1)
+    name = substr(name, 1, length(name) - length(rest) - 2)
+    split(rest, field, " ")
+    if (field[21] == 0 || uptime - field[20] / 100 < 5) return "" # 21: virtual memory
+    gsub(/[^A-Za-z0-9._+-]/, "_", name)
+    sub(/^[.-]/, "_", name)
+    return name == "" ? "" : name "/" pid
+}
+'
+
+# Seconds since boot, for the function above.
+uptime_s() {
+    read -r seconds _ </proc/uptime
+    echo "$seconds"
+}

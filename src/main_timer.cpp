@@ -131,11 +131,14 @@ space free_space() {
 }
 
 void session_tick(unsigned long tick, const std::string &session) {
-    const space left = free_space();
+    space left = free_space();
     const bool external = storage_id.has_value();
     // An external storage that has gone has no usage to ask for: it is lost, not full.
     const bool may_be_lost = external && left != space::too_little;
     const bool usable = !may_be_lost || determine_if_this_storage_is_ok(storage_id->c_str(), true);
+    if (left == space::unknown && usable) {
+        left = free_space(); // it may have come back between the two questions
+    }
     if (left == space::too_little || (left == space::unknown && usable)) {
         log_warning("Secondary storage is running out of free space. Deactivating monitoring "
                     "session.");

@@ -487,6 +487,15 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (!is_directory(directory.c_str())) {
         return;
     }
+    // A power cut while the session was being started left these out.
+    if (!is_file((directory + "/Session_Information.txt").c_str())) {
+        write_session_information({}, directory, 0);
+    }
+    struct stat status {};
+    if (::lstat(continuous_syslog_link, &status) != 0) {
+        link_continuous_syslog(directory);
+    }
+    errno = 0;
     if (device_log_is_due) {
         device_log_is_due = false;
         append_device_log(directory);

@@ -21,8 +21,8 @@ export function run(file, words, input = "") {
 }
 
 /** Waits until `condition` returns something true, and returns that. */
-export async function until(condition, what = condition) {
-  const end = Date.now() + PATIENCE_MS;
+export async function until(condition, what = condition, patience_ms = PATIENCE_MS) {
+  const end = Date.now() + patience_ms;
   for (;;) {
     const result = await condition();
     if (result) return result;

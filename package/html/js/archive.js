@@ -54,9 +54,11 @@ export async function haveArchive(path, waiting, begun = false) {
  * Lets the browser download the archive, which must be complete: a refusal would be a failed
  * download without words.
  * @param {string} path
+ * @param {boolean} [remove] the archive is deleted on the camera afterwards
  */
-export function downloadArchive(path) {
-  const link = el('a', { href: address('get_monitor_data', { storage: path }), download: '' });
+export function downloadArchive(path, remove = false) {
+  const values = { storage: path, ...(remove ? { remove: 'yes' } : {}) };
+  const link = el('a', { href: address('get_monitor_data', values), download: '' });
   document.body.append(link);
   link.click();
   link.remove();

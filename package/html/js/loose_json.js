@@ -6,9 +6,10 @@ const MOST_LEVELS = 50;
 const BLANK = /\s*/y;
 const PLAIN = /[^\s,{}[\]":]+/y;
 const AFTER_KEY = /"\s*:/y;
-// What can stand behind a text: the next key, the end of its object or array, the end of the reply.
-const AFTER_MEMBER = /"\s*(?:,\s*"[^"]{0,80}"\s*:|\}\s*(?:[,\]}]|$)|$)/y;
-const AFTER_ITEM = /"\s*(?:,\s*["{[\d]|\]|$)/y;
+// What can stand behind a text: the next key, the end of its object or array, and wherever the reply
+// is cut in that.
+const AFTER_MEMBER = /"\s*(?:,\s*"[^"]{0,80}"\s*:|\}\s*(?:[,\]}]|$)|,\s*(?:"[^"]{0,80}"?\s*)?$|$)/y;
+const AFTER_ITEM = /"\s*(?:,\s*(?:["{[\d]|$)|\]|$)/y;
 
 /**
  * What could be read, and whether that is less than, or only a guess of, what was meant.

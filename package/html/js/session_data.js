@@ -153,12 +153,19 @@ export function cameraOf(value) {
   const directory = active ? text(told.current_storage) : '';
   const lost = number(told.connection_lost_count);
   const newestFirst = (/** @type {Session} */ a, /** @type {Session} */ b) =>
-    (a.title < b.title ? 1 : Number(a.title > b.title) * -1);
+    Number(a.title < b.title) - Number(a.title > b.title);
+  const startTime = deviceTime(text(told.monitor_start_time));
+  const found = list(told.sessions).flatMap((one) => sessionOf(one, false, directory));
+  if (active && found.every(({ running }) => !running)) {
+    // The lists are collected every second minute.
+    found.push({ path: directory, ...partsOfPath(directory), start: startTime, end: '', bytes: 0,
+      monitors: [], lost: false, zipped: false, running: true });
+  }
   return {
     active,
     directory,
     storage: partsOfPath(directory).storage,
-    startTime: deviceTime(text(told.monitor_start_time)),
+    startTime,
     minutes: number(told.monitor_active_minutes_count),
     lostMinutes: active && (lost > 0 || text(told.space) === '0') ? lost : null,
     debug: {
@@ -179,13 +186,13 @@ export function cameraOf(value) {
       logDaemon: [
         number(device['rsyslog-installed']) ? 'rsyslog' : '',
         number(device['syslog-ng-installed']) ? 'syslog-ng' : '',
-      ].filter(Boolean).join(', ') || 'neither rsyslog nor syslog-ng',
+      ].filter(Boolean).join(', ') || 'not known',
       images: number(device.libcapture) === 1,
     },
     sessions: [
-      ...list(told.sessions).flatMap((one) => sessionOf(one, false, directory)).sort(newestFirst),
+      ...found.sort(newestFirst),
       ...list(told.broken_sessions).flatMap((one) => sessionOf(one, true, directory))
-        .sort(newestFirst),
+        .filter(({ running }) => !running).sort(newestFirst),
     ],
   };
 }

@@ -51,15 +51,15 @@ export function sessionList(message) {
   /**
    * @param {Session} session
    * @param {boolean} [begun]
-   * @returns {Promise<boolean>} whether the archive is there now
+   * @returns {Promise<'there' | 'made' | 'failed'>}
    */
   async function zip({ path, title }, begun = false) {
     try {
       await haveArchive(path, () => mark(path, 'Zipping …'), begun);
-      return true;
+      return working.has(path) ? 'made' : 'there';
     } catch (error) {
       message.fail(error, `Session ${title}`);
-      return false;
+      return 'failed';
     } finally {
       const waited = working.has(path);
       mark(path, '');
@@ -72,13 +72,12 @@ export function sessionList(message) {
   /** @param {Session} session */
   async function zipOrDownload(session) {
     message.clear();
-    const ready = session.zipped && !session.running;
-    if (await zip(session)) {
-      if (ready) {
-        downloadArchive(session.path);
-      } else {
-        message.show('good', `Session ${session.title}: the archive is ready for download.`);
-      }
+    const archive = await zip(session);
+    if (archive === 'there') {
+      // That of a running session is soon out of date: the next one is made anew.
+      downloadArchive(session.path, session.running);
+    } else if (archive === 'made') {
+      message.show('good', `Session ${session.title}: the archive is ready for download.`);
     }
   }
 
@@ -143,7 +142,7 @@ export function sessionList(message) {
         state.dataset.state = shown.state;
         setText(state, shown.text);
         progress.hidden = work === undefined;
-        setText(archive, next.zipped && !next.running ? 'Download' : 'Zip');
+        setText(archive, next.zipped ? 'Download' : 'Zip');
         archive.setAttribute('aria-label', `${archive.textContent} session ${next.title}`);
       },
     };

@@ -67,7 +67,8 @@ export function sessionCard(...more) {
     setText(idle, camera && !active ? 'Nothing is being recorded.' : '');
     idle.hidden = idle.textContent === '';
     const notes = [
-      error ? `${error.message} ${error.advice}` : '',
+      // What to do when the daemon is away, the page's frame says.
+      error ? `${error.message} ${['refused', 'unexpected', 'timeout'].includes(error.kind) ? error.advice : ''}` : '',
       damaged ? 'The camera’s reply was damaged, most likely by an odd character in a name. What '
         + 'could be read is shown; something may be missing.' : '',
     ].filter(Boolean).join(' ');

@@ -274,8 +274,8 @@ END
       const tree = `${session}/system_monitoring`;
       // One sensor is gone, and the power went in the middle of some rows.
       await camera.shell(`rm /sys/class/hwmon/hwmon1/curr1_input /run/Vandrel_*; cd ${tree}
-        for file in environment/power.csv environment/BAT0/devicepower.csv vela/Other.csv \
-          vmstatus/Vandrel/*/vmstatus.csv; do printf '2023-01\\0' >>monitoring_$file; done`);
+        for file in */power.csv */BAT0/devicepower.csv */Other.csv */Vandrel/*/*.csv; do
+          printf '2023-01\\0' >>$file; done`);
       await sample();
       const csv = async (path) => {
         const lines = (await camera.shell(`cat ${tree}/monitoring_${path}`)).split("\n");

@@ -75,7 +75,6 @@ put_all() {
         if ! is_plain "${storage##*/}" || ! is_mounted "$storage"; then
             continue
         fi
-        printf 'storage %s\n' "${storage##*/}"
         for root in "$storage/Vandrel_"*; do
             case ${root##*/Vandrel_} in
             '' | *[!A-Za-z0-9]*) continue ;;
@@ -84,17 +83,21 @@ put_all() {
                 [ -d "$root" ] && ! [ -h "$root" ] && put_sessions "$root"
             fi
         done
+        # Of a storage that went meanwhile nobody knows whether what was not seen is gone.
+        is_mounted "$storage" && printf 'storage %s\n' "${storage##*/}"
     done
 }
 
 all=$(put_all)
 sizes=$(printf '%s\n' "$all" | sed -n 's/^file //p' | xargs stat -c '%s %n' 2>/dev/null)
 
-# Writes both lists to its output, each line with the list's letter in front.
-make_lists() {
+# What there is, what a run before this one found, and what it took for lost.
+put_input() {
     printf '%s\n' "$sizes" | sed 's/^/size /'
     printf '%s\n' "$all" end
-    cat "$found" "$lost" 2>/dev/null
+    cat "$found" 2>/dev/null
+    echo end
+    cat "$lost" 2>/dev/null
 }
 
 # shellcheck disable=SC2016 # awk's own variables
@@ -143,7 +146,8 @@ function path_time(path, stamp) {
 }
 
 function put(list, path, folders, start_text) {
-    printf "%s Path:%s\n%s Monitoring:\n%s%s StartTime:\n%s %s\n", \
+    gsub(/\n/, "\n" list " ", folders)
+    printf "%s Path:%s\n%s Monitoring:%s\n%s StartTime:\n%s %s\n", \
         list, path, list, folders, list, list, start_text
 }
 
@@ -156,13 +160,18 @@ function put_found() {
     path = folders = ""
 }
 
-# A session of an old list: lost if its storage is gone. The lists may be damaged.
+# A session of an old list: lost if its storage is gone, returned if it was and is found again. The
+# lists may be damaged.
 function take_old(path, folders, start_text, part) {
+    if (path in here) {
+        if (of_lost && here[path]++ == 1) put("r", path, folders, plain(start_text))
+        return
+    }
     if (path !~ ("^/var/spool/storage/[A-Za-z0-9_][A-Za-z0-9._-]*/Vandrel_" serial "/" stamp "$"))
         return
     split(path, part, "/")
-    if (part[5] in mounted || path in here) return
-    here[path] = 1
+    if (part[5] in mounted) return
+    here[path] = 2
     put("l", path, folders, plain(start_text))
 }
 
@@ -174,29 +183,32 @@ BEGIN {
 !old && $1 == "size" { size[$3] = $2; next }
 !old && $1 == "storage" { put_found(); mounted[$2] = 1; next }
 !old && $1 == "session" { put_found(); path = $2; next }
-!old && $1 == "folder" { folders = folders "f " $2 "\n"; next }
+!old && $1 == "folder" { folders = folders "\n" $2; next }
 !old && $1 == "end" { put_found(); old = 1; next }
 !old { next }
 
+$0 == "end" { of_lost = 1; state = 0; next }
 # The lists as they were: state 1 in the names of folders, 2 at the start time.
 state == 2 { state = 0; take_old(path, folders, $0); next }
 /^Path:/ { path = substr($0, 6); folders = ""; state = 0; next }
 /^M..i/ { state = 1; next }
 /^St/ { if (state == 1) state = 2; next }
-state == 1 && /^monitoring_[A-Za-z0-9_]+$/ && length($0) < 100 { folders = folders "l " $0 "\n" }
+state == 1 && /^monitoring_[A-Za-z0-9_]+$/ && length($0) < 100 { folders = folders "\n" $0 }
 '
-lists=$(make_lists | awk -v serial="$serial" -v size_max=$info_size_max "$program") || {
+# Each line with its list's letter in front: found, lost, returned.
+lists=$(put_input | awk -v serial="$serial" -v size_max=$info_size_max "$program") || {
     warn "The sessions can not be listed"
     exit 1
 }
 
-# put_list LETTER: one of the two, an empty one as nothing.
-put_list() {
-    printf '%s\n' "$lists" | sed -n "s/^$1 //p"
+put_list() { # LETTERS
+    printf '%s\n' "$lists" | sed -n "s/^[$1] //p"
 }
 
-# The lost ones first: whatever happens in between, no session is on neither list.
-if ! put_list l | replace_file "$lost" || ! put_list f | replace_file "$found"; then
+# A session that changes lists is on both for a moment, lest a reader, or the next run after a power
+# cut, finds it on none.
+if ! put_list lr | replace_file "$lost" || ! put_list f | replace_file "$found" ||
+    ! put_list l | replace_file "$lost"; then
     warn "The lists of sessions can not be written"
     exit 1
 fi

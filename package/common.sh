@@ -72,9 +72,11 @@ sweep_beside() {
     return 0
 }
 
-# cut_back FILE: takes back what a full storage left of a row at its end.
+# cut_back FILE: takes back what a full storage or a power cut left of a row at its end.
 cut_back() {
-    [ -f "$1" ] && [ -n "$(tail -c 1 "$1")" ] || return 0
+    if ! [ -s "$1" ] || [ "$(tail -c 1 "$1" | tr -d '\n' | wc -c)" -eq 0 ]; then
+        return
+    fi
     rest=$(($(tail -n 1 "$1" | wc -c)))
     dd if=/dev/null of="$1" bs=1 seek=$(($(wc -c <"$1") - rest)) 2>/dev/null
 }
@@ -100,6 +102,18 @@ append_rows() {
         [ -d "$1/$folder" ] || mkdir "$1/${folder%/*}" "$1/$folder" 2>/dev/null
         append_row "$1/$folder/$2" "$3" "$row" || return 1
     done
+}
+
+# mend_after_boot DIRECTORY: cuts back the files of a session's folder, in the first sample after a
+# boot alone.
+mend_after_boot() {
+    mended=/run/Vandrel_${0##*/}
+    if ! [ -e "$mended" ]; then
+        for csv in "$1"/*.csv "$1"/*/*.csv "$1"/*/*/*.csv; do
+            cut_back "$csv"
+        done
+        : >"$mended"
+    fi
 }
 
 # The columns DATE and TIME.

@@ -14,6 +14,7 @@
 . "${0%/*}/common.sh"
 
 [ -d "$1" ] || exit 0
+mend_after_boot "$1"
 
 directory=$1
 stamp=

@@ -12,6 +12,7 @@
 . "${0%/*}/common.sh"
 
 [ -d "$1" ] || exit 0
+mend_after_boot "$1"
 
 #   PID  PPID USER     STAT   VSZ %VSZ %CPU COMMAND
 #    29     2 root     S     155m   1%   0% /usr/local/packages/Vandrel/Vandrel

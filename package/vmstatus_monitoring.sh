@@ -12,6 +12,7 @@
 . "${0%/*}/common.sh"
 
 [ -d "$1" ] || exit 0
+mend_after_boot "$1"
 
 header=DATE,TIME,STATE,THREADS,VM_PEAK,VM_SIZE,VM_HWM,VM_RSS,RSS_ANON,RSS_FILE,RSS_SHMEM,VM_DATA
 header=$header,VM_STACK,VM_EXE,VM_LIB,VM_PTE,VM_SWAP

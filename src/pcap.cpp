@@ -225,47 +225,45 @@ void write_packet(repair_s &r, const packet_hdr_s &header, std::uint64_t data, b
     r.last_correct_ts_usec = header.ts_usec;
 }
 
-// Whether a header may start at one of the `block` positions from `bytes`. A loop that compilers
-// make vectors of.
-constexpr std::ptrdiff_t block = 64;
-bool may_hold_header(const unsigned char *bytes) {
+// Whether a header may start at one of `count` positions from `bytes`; whether a carriage return
+// stands before a line feed at one of them. Loops that compilers make vectors of.
+bool may_hold_header(const unsigned char *bytes, std::size_t count) {
     const unsigned char *const upper = bytes + upper_half();
     unsigned char any = 0;
-    for (std::ptrdiff_t i = 0; i < block; i++) {
+    for (std::size_t i = 0; i < count; i++) {
         any |= (upper[i] | upper[i + 1] | upper[i + 4] | upper[i + 5]) == 0;
+    }
+    return any != 0;
+}
+bool holds_line_end(const unsigned char *bytes, std::size_t count) {
+    unsigned char any = 0;
+    for (std::size_t i = 0; i < count; i++) {
+        any |= ((bytes[i] ^ '\r') | (bytes[i + 1] ^ '\n')) == 0;
     }
     return any != 0;
 }
 
 // The first header that starts in [from, to) and has its 32 bytes in the file; all of them in the
-// window.
+// window. Most garbage is passed in blocks.
 std::optional<found_header_s> find_header(const repair_s &r, std::uint64_t from, std::uint64_t to) {
+    constexpr std::uint64_t block = 64;
     to = std::min(to, r.filesize - look_ahead + 1);
-    if (from >= to) {
-        return std::nullopt;
-    }
-    const unsigned char *const end = at(r, to);
-    const auto next_pair = [end](const unsigned char *p) {
-        const void *const pair = ::memmem(p, static_cast<std::size_t>(end + 16 - p), "\r\n", 2);
-        return pair != nullptr ? static_cast<const unsigned char *>(pair) : end + 16;
-    };
-    const unsigned char *carriage_return = next_pair(at(r, from));
-    for (const unsigned char *p = at(r, from); p < end; p++) {
-        if (carriage_return < p) {
-            carriage_return = next_pair(p);
-        }
-        if (end - p >= block && carriage_return - p >= block + 16 && !may_hold_header(p)) {
-            p += block - 1;
+    for (std::uint64_t start = from; start < to; start += block) {
+        const std::uint64_t end = std::min(to, start + block);
+        const auto count = static_cast<std::size_t>(end - start);
+        const bool line_ends = holds_line_end(at(r, start), count + 15);
+        if (!line_ends && !may_hold_header(at(r, start), count)) {
             continue;
         }
-        packet_hdr_s header = load_header(p);
-        int deleted = is_plausible(header, r.last_correct_ts_sec) == 0 ? 0 : -1;
-        if (deleted != 0 && carriage_return - p < 16) {
-            deleted = check_header(p, look_ahead, r.last_correct_ts_sec, header);
-        }
-        if (deleted >= 0) {
-            const auto position = r.window_start + static_cast<std::uint64_t>(p - r.window.get());
-            return found_header_s{position, static_cast<std::uint32_t>(deleted), header};
+        for (std::uint64_t position = start; position < end; position++) {
+            packet_hdr_s header = load_header(at(r, position));
+            int deleted = is_plausible(header, r.last_correct_ts_sec) == 0 ? 0 : -1;
+            if (deleted != 0 && line_ends) {
+                deleted = check_header(at(r, position), look_ahead, r.last_correct_ts_sec, header);
+            }
+            if (deleted >= 0) {
+                return found_header_s{position, static_cast<std::uint32_t>(deleted), header};
+            }
         }
     }
     return std::nullopt;

@@ -41,7 +41,11 @@ class CountingCamera extends Camera {
   async afterCut() {
     await until(async () => !await this.runs(), "the power cut");
     this.killAt(0);
-    await this.start("--speed", "60");
+    // What held it together may still be going down.
+    await until(async () => {
+      await this.start("--speed", "60").catch(() => {});
+      return (await this.exec("true")).status === 0;
+    }, "the start after the cut");
   }
 
   async data() { return JSON.parse((await this.action("list_data")).body); }

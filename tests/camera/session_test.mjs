@@ -233,6 +233,101 @@ test("a storage that goes and comes back costs the rows of that time, nothing el
   }
 });
 
+test("the export answers what is in the session, and nothing else", async (t) => {
+  const camera = await startCamera(t);
+  const session = "/var/spool/storage/SD_DISK/Vandrel_X/20230531_08_27_40";
+  const csv = (folder, file) => `${session}/system_monitoring/${folder}/${file}`;
+  await camera.shell(`mkdir -p ${["load", "environment/psu", "vmstatus/a b/12", "koral/others", "vela", "meminfo"]
+    .map((name) => `'${csv(`monitoring_${name}`, "")}'`).join(" ")}
+    printf 'H1,H2\\r\\n1,2\\r\\n3,4\\n' | tee ${csv("monitoring_load", "load.csv")} \
+      ${csv("monitoring_environment", "power.csv")} ${csv("monitoring_environment/psu", "devicepower.csv")} \
+      '${csv("monitoring_vmstatus/a b/12", "vmstatus.csv")}' ${csv("monitoring_koral/others", "root.csv")} \
+      ${csv("monitoring_vela", "x.csv")} ${csv("monitoring_meminfo", "MemFree.csv")}
+    printf 'H1\\n' > ${csv("monitoring_environment", "T.csv")}
+    printf '0123456789' > ${session}/text && ln -s /etc/passwd ${session}/link && mkfifo ${session}/pipe
+    ln -s /etc ${session}/folder`);
+  const two = [{ data: "1,2" }, { data: "3,4" }];
+  for (const [query, records] of [
+    [{ type: "load" }, two], [{ type: "environment", name: "T.csv" }, []],
+    [{ type: "environment", name: "missing.csv" }, []],
+    [{ type: "environment_power", name: "reqrev" }, two], [{ type: "environment_power", name: "psu" }, two],
+    [{ type: "vmstat", name: "a b", pid: "12" }, two], [{ type: "meminfo/MemFree.csv" }, two],
+    [{ type: "velas", storage: `${session}@x.csv` }, two], [{ type: "koral", storage: `${session}@root.csv` }, two],
+    [{ type: "network" }, []],
+  ]) {
+    const reply = await camera.action("view_monitor_data", { storage: session, ...query });
+    assert.deepEqual(JSON.parse(reply.body), { Records: records }, JSON.stringify(query));
+    assert.equal(reply.headers.pragma, "public");
+  }
+  for (const [query, text] of [[{}, "0123456789"], [{ offset: 3 }, "3456789"], [{ offset: 3, length: 2 }, "34"],
+    [{ offset: 100 }, ""], [{ length: 0 }, ""]]) {
+    const reply = await camera.action("view_monitor_data", { storage: session, file: "text", ...query });
+    assert.deepEqual([reply.status, reply.body], [200, text]);
+  }
+  for (const query of [
+    { type: "nothing" }, { type: "" }, { type: "environment" }, { type: "environment", name: "../x" },
+    { type: "environment", name: ".." }, { type: "environment", name: "" }, { type: "slabinfo", name: "a\n" },
+    { type: "vmstat", name: "a b" }, { type: "topstat", pid: "1" }, { type: "vmstat", name: "a", pid: "x/y" },
+    { type: "meminfo/" }, { type: "meminfo/../x" }, { type: "load", storage: `${session}@x` }, { type: "velas" },
+    { type: "koral", storage: `${session}@../root.csv` }, { type: "velas", storage: `${session}@` },
+    { type: "environment", name: "x".repeat(300) }, { storage: `${session}@x` }, { storage: "/etc" },
+    { storage: undefined }, { storage: `${session}/../20230531_08_27_40` },
+    ...["../20230531_08_27_40/text", "/etc/passwd", "link", "folder/passwd", "pipe", "missing", "", "a//b", "%2e%2e/x",
+      "system_monitoring", "x".repeat(5000)].map((file) => ({ file })),
+    ...["-1", "x", "", "1e3", "9223372036854775808"].flatMap((n) => [{ file: "text", offset: n }, { file: "text", length: n }]),
+  ]) {
+    const wanted = Object.entries({ storage: session, ...query }).filter(([, value]) => value !== undefined);
+    const reply = await camera.action("view_monitor_data", Object.fromEntries(wanted));
+    assert.equal(reply.status, 400, JSON.stringify(query).slice(0, 100));
+    assert.ok(JSON.parse(reply.body).error);
+  }
+});
+
+test("a session that is being zipped is left alone", async (t) => {
+  const camera = await startCamera(t);
+  // A zip that works until it may end.
+  await camera.shell("mkdir -p /usr/local/slow /etc/systemd/system/Vandrel.service.d && " +
+    "printf '#!/bin/sh\\nwhile [ ! -e /tmp/end ]; do sleep 0.1; done; exec /usr/bin/zip \"$@\"' " +
+    "> /usr/local/slow/zip && chmod +x /usr/local/slow/zip && " +
+    "printf '[Service]\\nEnvironment=PATH=/usr/local/slow:/usr/bin:/bin\\n' " +
+    "> /etc/systemd/system/Vandrel.service.d/slow.conf && systemctl daemon-reload && " +
+    "systemctl restart Vandrel");
+  await start(camera, "SD_DISK");
+  const session = await directory(camera);
+  await camera.action("deactivate_monitor_session"); // starts the zip
+  const zip = await camera.action("zip_monitor_data", { storage: session });
+  assert.deepEqual([zip.status, zip.body], [503, `{"error":"${ZIPPING}"}\r\n`]);
+  const get = await camera.action("get_monitor_data", { storage: session });
+  assert.deepEqual([get.status, get.body], [503, ZIPPING]);
+  const remove = await camera.action("remove", { path: session });
+  assert.deepEqual([remove.status, remove.body],
+    [503, "Error: Can't delete session right now, please try again in a few minutes.\r\n"]);
+  await camera.shell("touch /tmp/end");
+  await until(async () => (await camera.action("zip_monitor_data", { storage: session })).status === 200);
+  await camera.action("get_monitor_data", { storage: session, remove: "yes" });
+  const begun = await camera.action("zip_monitor_data", { storage: session });
+  assert.deepEqual([begun.status, begun.body], [202, `{"message":"${ZIPPING}"}\r\n`]);
+});
+
+test("a share that is mounted only minutes after boot is recorded to from then on", async (t) => {
+  const camera = await startCamera(t, "--speed", SPEED, "--share-delay", "150");
+  const mounted = async () =>
+    (await camera.shell("grep -c ' /var/spool/storage/NetworkShare ' /proc/mounts || :")).trim() === "1";
+  await until(mounted, "the share");
+  await until(async () => (await start(camera, "NetworkShare")).body === "Session started.");
+  const session = await directory(camera);
+  await collected(camera, session, 1);
+  await camera.command("reboot");
+  await until(async () => (await json(camera, "list_data")).connection_lost_count >= 1, "a lost tick");
+  assert.equal(await mounted(), false);
+  await until(mounted, "the share after the restart");
+  await collected(camera, session, 1);
+  assert.equal((await json(camera, "list_data")).connection_lost_count, 0);
+  // What the continuous log could not be given at the start it gets now.
+  await until(async () => (await read(camera, monitoring(session,
+    "monitoring_basic/Continuous_Syslog.txt"))).includes("Monitoring session started (NetworkShare)"));
+});
+
 test("a storage that fills up ends the session, complete", async (t) => {
   const camera = await startCamera(t, "--speed", SPEED);
   await start(camera, "SD_DISK");

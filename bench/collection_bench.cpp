@@ -1,0 +1,153 @@
+// What one collection of a session costs, every duty by itself and all together, beside sysstat's
+// sadc and collectd's csv plugin, which read the same sources of the kernel in the same run.
+//
+//   simulator/sandbox --build build/release -- build/release/bin/collection_bench [COLLECTIONS]
+//
+// Needs the Debian packages sysstat and collectd-core.
+
+#include "app_state.h"
+#include "main_timer.h"
+#include "monitoring_session.h"
+#include "session_globals.h"
+#include "strutil.h"
+#include "sysutil.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <sys/resource.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char *package = "/usr/local/packages/Vandrel";
+
+double seconds(const timeval &time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+// Processor time of this process and of its children that have ended.
+double processor_time() {
+    double sum = 0;
+    for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        rusage usage{};
+        ::getrusage(who, &usage);
+        sum += seconds(usage.ru_utime) + seconds(usage.ru_stime);
+    }
+    return sum;
+}
+
+struct cost {
+    double wall_ms;
+    double processor_ms;
+};
+
+cost measure(int times, const std::function<void()> &work) {
+    const auto start = std::chrono::steady_clock::now();
+    const double processor = processor_time();
+    for (int i = 0; i < times; ++i) {
+        work();
+    }
+    const std::chrono::duration<double, std::milli> wall = std::chrono::steady_clock::now() - start;
+    return {wall.count() / times, (processor_time() - processor) * 1000 / times};
+}
+
+void print(const std::string &what, const cost &each) {
+    std::printf("%-34s %9.2f ms wall %9.2f ms processor\n", what.c_str(), each.wall_ms,
+                each.processor_ms);
+}
+
+long resident_kb() {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        if (word == "VmRSS:") {
+            long kb = 0;
+            status >> kb;
+            return kb;
+        }
+    }
+    return 0;
+}
+
+std::string make_session() {
+    fs::copy(fs::path(std::getenv("VANDREL_SOURCE")) / "package", package,
+             fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    serial_number = "A1B2C3D4E5F6";
+    const std::string folder = "20230531_08_27_40";
+    (void)system_ret((std::string(package) + "/monitory_creator.sh localdata A1B2C3D4E5F6 " +
+                      folder + " start ''")
+                         .c_str());
+    _set_secondary_storage_path(localdata_root);
+    _set_current_activity_folder(folder);
+    return session_directory().value();
+}
+
+// What the scripts that a tick starts in the background cost when they are waited for.
+cost background_scripts(int times, const std::string &session) {
+    const std::string folder = session + "/system_monitoring/";
+    return measure(times, [&] {
+        for (const std::string &command :
+             {"vmstatus_monitoring.sh " + folder + "monitoring_vmstatus",
+              "topstatus_monitoring.sh " + folder + "monitoring_topstatus",
+              "vela_status_monitor.sh " + folder + "monitoring_vela",
+              "power.sh " + folder + "monitoring_environment"}) {
+            (void)system_ret((std::string(package) + "/" + command).c_str());
+        }
+    });
+}
+
+double sadc_processor_ms(int samples) {
+    const std::string command =
+        format_text("/usr/lib/sysstat/sadc -S ALL 1 %d /tmp/sadc.data", samples);
+    return measure(1, [&] { (void)system_ret(command.c_str()); }).processor_ms / samples;
+}
+
+double collectd_processor_ms(int samples) {
+    std::ofstream("/tmp/collectd.conf")
+        << "BaseDir \"/tmp/collectd\"\nPIDFile \"/tmp/collectd.pid\"\nPluginDir "
+           "\"/usr/lib/collectd\"\n"
+           "TypesDB \"/usr/share/collectd/types.db\"\nInterval 1\nReadThreads 1\nWriteThreads 1\n"
+           "LoadPlugin csv\n<Plugin csv>\nDataDir \"/tmp/collectd/csv\"\n</Plugin>\n"
+           "LoadPlugin interface\nLoadPlugin memory\nLoadPlugin load\nLoadPlugin vmem\n"
+           "LoadPlugin buddyinfo\nLoadPlugin irq\nLoadPlugin processes\n";
+    const std::string command = format_text(
+        "timeout -s INT %d collectd -f -C /tmp/collectd.conf > /dev/null 2>&1", samples + 1);
+    return measure(1, [&] { (void)system_ret(command.c_str()); }).processor_ms / samples;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const int collections = argc > 1 ? std::atoi(argv[1]) : 50;
+    constexpr int samples = 10;
+    const std::string session = make_session();
+    const long memory = resident_kb();
+    std::printf("Each duty of the collection block, mean of %d:\n", collections);
+    double processor = 0;
+    double wall = 0;
+    for (const duty &entry : collection_block()) {
+        const cost each = measure(collections, [&] { entry.run(session); });
+        print(std::string("  ") + entry.name, each);
+        processor += each.processor_ms;
+        wall += each.wall_ms;
+    }
+    const cost scripts = background_scripts(collections, session);
+    print("in the tick, together", {wall, processor});
+    print("its scripts in the background", scripts);
+    const double ours = processor + scripts.processor_ms;
+    const double sadc = sadc_processor_ms(samples);
+    const double collectd = collectd_processor_ms(samples);
+    std::printf("\nProcessor time a collection: ours %.1f ms, sadc %.1f ms, collectd %.1f ms\n",
+                ours, sadc, collectd);
+    std::printf(
+        "ratios: ours to sadc %.1f, ours to collectd %.1f; without the scripts %.1f and %.1f\n",
+        ours / sadc, ours / collectd, processor / sadc, processor / collectd);
+    std::printf("resident memory: %ld kB before, %ld kB after %d collections\n", memory,
+                resident_kb(), collections);
+    return 0;
+}

@@ -1,0 +1,62 @@
+// The web page's main view with many sessions on the storage, and the download of a large archive
+// through the daemon beside the same file served by the same web server itself.
+//
+//   node bench/sessions.mjs [SESSIONS...]
+import http from "node:http";
+import { Camera } from "../tests/camera/support/camera.mjs";
+
+const COUNTS = process.argv.length > 2 ? process.argv.slice(2).map(Number) : [10, 100, 1000];
+const MIB = 1024;
+const ROUNDS = 3;
+
+const camera = await new Camera().start();
+
+function get(path) {
+  return new Promise((resolve, reject) => {
+    const start = process.hrtime.bigint();
+    let bytes = 0;
+    http.get(camera.address + path, { auth: "root:camera", agent: false }, (response) => {
+      if (response.statusCode !== 200) reject(new Error(`${path}: ${response.statusCode}`));
+      response.on("data", (piece) => { bytes += piece.length; });
+      response.on("end", () => resolve({ bytes, ms: Number(process.hrtime.bigint() - start) / 1e6 }));
+    }).on("error", reject);
+  });
+}
+
+async function best(path) {
+  const results = [];
+  for (let i = 0; i < ROUNDS; i++) results.push(await get(path));
+  return results.sort((a, b) => a.ms - b.ms)[0];
+}
+
+try {
+  const serial = JSON.parse((await camera.action("list_data")).body).device.SerialNumber;
+  const root = `/var/spool/storage/SD_DISK/Vandrel_${serial}`;
+  let made = 0;
+  for (const count of COUNTS) {
+    await camera.shell(`for i in $(seq ${made} ${count - 1}); do
+        s=${root}/$(printf '2023%02d%02d_00_%02d_00' $((i / 1680 % 12 + 1)) $((i / 60 % 28 + 1)) $((i % 60)))
+        mkdir -p $s/system_monitoring/monitoring_basic $s/system_monitoring/monitoring_load
+        printf 'Start Time of the session: then\\nStop Time of the session: now\\n' > $s/Session_Information.txt
+        printf 'Start: then\\nEnd:\\nnow\\n' > $s/.signature
+      done`);
+    made = count;
+    const reload = await best("/local/Vandrel/access.cgi?action=list_data&special_request=reload");
+    const list = await best("/local/Vandrel/access.cgi?action=list_data");
+    console.log(`${count} sessions: list_data ${list.ms.toFixed(0)} ms (${list.bytes} bytes), ` +
+      `with the lists collected anew ${reload.ms.toFixed(0)} ms`);
+  }
+
+  const session = `${root}/20240101_00_00_00`;
+  await camera.shell(`mkdir -p ${session} && head -c ${MIB}M /dev/zero > ${session}.zip
+    printf 'Alias /bench/ ${root}/\\n<Directory ${root}>\\nRequire all granted\\n</Directory>\\n' \
+      > /etc/apache2/conf.d/bench.conf && systemctl reload httpd`);
+  const archive = `/local/Vandrel/access.cgi?action=get_monitor_data&storage=${session}`;
+  const daemon = await best(archive);
+  const file = await best("/bench/20240101_00_00_00.zip");
+  const speed = ({ bytes, ms }) => (bytes / 1048576 / (ms / 1000)).toFixed(0);
+  console.log(`download of ${MIB} MiB: ${speed(daemon)} MiB/s through the daemon, ` +
+    `${speed(file)} MiB/s as a file, ratio ${(daemon.ms / file.ms).toFixed(2)}`);
+} finally {
+  await camera.remove();
+}

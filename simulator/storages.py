@@ -156,14 +156,17 @@ def make_image(path, size):
     os.rename(path + ".new", path)
 
 
-def shut_down(root, device):
-    """Flushes a file system and lets nothing more reach its image: the next insert binds that anew,
-    even if somebody still holds a file of this mount."""
-    fcntl.ioctl(root, FIFREEZE, 0)
+def shut_down(root, device, flushed=True):
+    """Lets nothing more reach a file system's image: the next insert binds that anew, even if
+    somebody still holds a file of this mount."""
+    if flushed:
+        fcntl.ioctl(root, FIFREEZE, 0)
     try:
         fcntl.ioctl(root, EXT4_IOC_SHUTDOWN, struct.pack("I", EXT4_SHUT_DOWN_AT_ONCE))
     finally:
-        fcntl.ioctl(root, FITHAW, 0)
+        if flushed:
+            fcntl.ioctl(root, FITHAW, 0)
+    os.fsync(device)
     status = loop_status(device)
     status[LOOP_LABEL] = EJECTED
     fcntl.ioctl(device, LOOP_SET_STATUS64, LOOP_INFO.pack(*status))
@@ -286,11 +289,22 @@ class Storages:
             checked(libc.umount2(point.encode(), MNT_DETACH), point)
             if not os.path.exists(node):
                 return  # it lies in memory
-            device = os.open(node, os.O_RDWR | os.O_CLOEXEC)
-            os.unlink(node)
-            with open(device, "rb", 0):
+            with opened(node, os.O_RDWR) as device:
+                os.unlink(node)
                 if not self._is_shared(name):  # other cameras go on using it
                     shut_down(root, device)
+
+    def cut_power(self):
+        """Loses what was not flushed yet. Nothing can be written any more until the camera is
+        switched off and on."""
+        with self.jobs:
+            for name, kind in KINDS.items():
+                point = self._point(name)
+                node = os.path.join(DEVICES, kind.device)
+                if is_mounted(point) and os.path.exists(node) and not self._is_shared(name):
+                    with opened(point, os.O_RDONLY | os.O_DIRECTORY) as root, \
+                            opened(node, os.O_RDWR) as device:
+                        shut_down(root, device, flushed=False)
 
     def detach_all(self):
         """Unmounts everything once no process uses it any more."""

@@ -122,6 +122,22 @@ describe("storages", () => {
     }
   });
 
+  test("lose in a power cut what was not flushed, and nothing else", async () => {
+    let lost = false;
+    // The file system may be quicker, as it flushes by itself every few seconds.
+    for (let i = 0; i < 10 && !lost; i++) {
+      await camera.shell(`cd ${CARD}; rm -f new; echo old >file; echo old >flushed; sync
+        echo new >>file; echo new >new; echo new >>flushed; sync flushed`);
+      await succeed(camera, "stop", "--now");
+      await camera.start();
+      assert.equal(await camera.shell(`cat ${CARD}/flushed`), "old\nnew\n");
+      // A file's length may reach the card before what it ends with.
+      assert.match(await camera.shell(`cat ${CARD}/file`), /^old\n(new\n|\0*)$/);
+      lost = await camera.shell(`cat ${CARD}/new 2>/dev/null || true`) === "";
+    }
+    assert.ok(lost);
+  });
+
   test("keep their files and whether they are there over restarts and power cuts", async () => {
     await succeed(camera, "insert", "HARD_DISK");
     await camera.shell(`echo kept >${CARD}/kept; sync`);

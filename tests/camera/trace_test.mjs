@@ -22,7 +22,7 @@ describe("a trace", () => {
   const view = async () => JSON.parse((await camera.action("view_wireshark_sessions")).body);
   const captures = async () => (await camera.shell("pidof pcapdump || :")).trim() !== "";
   const packets = async (file) =>
-    Number((await camera.shell(`tcpdump -nr ${file} 2>/dev/null | wc -l`)).trim());
+    Number((await camera.shell(`tcpdump -Z root -nr ${file} 2>/dev/null | wc -l`)).trim());
 
   test("is captured under load, repaired, packed, listed, downloaded and deleted", async () => {
     assert.equal((await start("rec1")).body, "{\"success\":\"Wireshark session created.\"}\r\n");
@@ -40,6 +40,7 @@ describe("a trace", () => {
     assert.match(early.headers["content-disposition"], /filename="rec1\.zip"/);
     assert.ok(early.body.startsWith("PK"));
     const whole = await packets(`${folder}/pcapdump.pcap`);
+    assert.ok(whole > 100, `${whole} packets`);
 
     assert.equal(await stop(), "Wireshark session deactivated.\r\n");
     const { sessions } = await view(); // answered when the stop's work is done
@@ -74,6 +75,22 @@ describe("a trace", () => {
       assert.equal(await captures(), false);
     }
     assert.equal(await stop(), "Error: There is no active wireshark session to stop.\r\n");
+  });
+
+  test("keeps its raw capture when the storage is full before the repair", async () => {
+    await start("full");
+    const folder = `${root}/full`;
+    await until(async () => (await camera.exec("test", "-s", `${folder}/pcapdump.pcap`)).status === 0);
+    for (let i = 0; i < 300; i++) await camera.action("none");
+    assert.equal((await camera.command("fill", "SD_DISK", "100")).status, 0);
+    await camera.shell("cat /dev/zero > /var/spool/storage/SD_DISK/rest 2>/dev/null || :");
+    await stop();
+    await view();
+    assert.ok(await packets(`${folder}/pcapdump.pcap`) > 100);
+    assert.match(await camera.shell("cat /var/log/*.log"),
+      /Could not write the repaired capture in '[^']*full': No space left on device/);
+    await camera.shell("rm /var/spool/storage/SD_DISK/rest");
+    assert.equal((await camera.command("fill", "SD_DISK", "10")).status, 0);
   });
 
   test("is refused for names that are none, and nothing is run", async () => {

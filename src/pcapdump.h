@@ -1,5 +1,5 @@
-// Trace sessions: a network capture into a folder of a storage, repaired when it is stopped, packed by
-// the package's scripts and offered for download. Main loop only; at most one runs at a time.
+// Trace sessions: a network capture into a folder of a storage, repaired when it is stopped, packed
+// by the package's scripts and offered for download. Main loop only; at most one runs at a time.
 #pragma once
 
 #include "http.h"
@@ -22,7 +22,7 @@ void collect_wireshark_sessions(bool in_background);
 // Ends the capture tool.
 void kill_all_pcapdump();
 
-// Ends the capture into the folder, waiting a bounded time for the tool, and repairs its file; blocks
-// for as long as the repair takes. The raw capture is deleted only when the repaired one is whole on
-// the storage and lacks nothing but an unfinished end. Always 0.
+// Ends the capture into the folder, waiting a bounded time for the tool, and repairs its file;
+// blocks for as long as the repair takes. The raw capture is deleted only when the repaired one is
+// whole on the storage and lacks nothing but an unfinished end. Always 0.
 int terminate_pcapdump(const std::string &folder);

@@ -149,3 +149,21 @@ uptime_s() {
     read -r seconds _ </proc/uptime
     echo "$seconds"
 }
+
+# pack_trace FOLDER: a trace's files into its wireshark_archive.zip, whole or the old one stays.
+# zip_info.txt says meanwhile that it is being made.
+pack_trace() {
+    (
+        cd "$1" || exit 1
+        date >zip_info.txt
+        rm -f wireshark_archive.new.zip
+        if zip -q -r wireshark_archive.new.zip . -x wireshark_archive.zip zip_info.txt &&
+            flush wireshark_archive.new.zip; then
+            mv -f wireshark_archive.new.zip wireshark_archive.zip
+        else
+            rm -f wireshark_archive.new.zip
+            warn "The trace in ${PWD##*/} can not be packed"
+        fi
+        rm -f zip_info.txt
+    )
+}

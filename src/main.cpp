@@ -10,6 +10,7 @@
 #include "log.h"
 #include "main_timer.h"
 #include "monitoring_session.h"
+#include "pcapdump.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
@@ -85,6 +86,12 @@ constexpr action actions[] = {
     {"get_monitor_data", action_get_monitor_data},
     {"remove", action_remove},
     {"test", action_test},
+    {"activate_wireshark_session", action_activate_wireshark_session},
+    {"stop_wireshark_session", action_stop_wireshark_session},
+    {"view_wireshark_sessions", action_view_wireshark_sessions},
+    {"download_wireshark_session", action_download_wireshark_session},
+    {"remove_wireshark_session", action_remove_wireshark_session},
+    {"wireshark_direct", action_wireshark_direct},
     {"instant_log_view", action_instant_log_view},
     {"instant_log_view_download", action_instant_log_view_download},
     {"view_monitor_data", action_view_monitor_data},
@@ -148,6 +155,9 @@ void register_actions() {
 // the process, so everything that runs on it copes with what is gone; a running session stays as it
 // is and is continued at the next start.
 gboolean stopped_cleanup(gpointer) noexcept {
+    if (pcapdump_is_active) {
+        kill_all_pcapdump();
+    }
     parameters.reset();
     serial_number.reset();
     monitor_start_time.reset();
@@ -180,6 +190,7 @@ void start_up() {
     event_init();
     wait_and_collect_monitoring_sessions();
     collect_action_rules();
+    collect_wireshark_sessions(true);
     g_unix_signal_add(SIGTERM, stopped_cleanup, nullptr);
     g_unix_signal_add(SIGTERM, stay, nullptr);
     timer_count = 0;

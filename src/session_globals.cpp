@@ -32,8 +32,8 @@ void _set_current_activity_folder(std::optional<std::string> folder) {
 }
 
 std::optional<std::string> storage_root_of(const std::string &storage) {
-    if (!is_shell_word(storage) || storage.find('/') != std::string::npos || storage == "." ||
-        storage == "..") {
+    if (!is_shell_word(storage) || storage.find('/') != std::string::npos ||
+        storage.starts_with('.') || storage.starts_with('-')) {
         return std::nullopt;
     }
     std::string root =

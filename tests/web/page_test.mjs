@@ -161,6 +161,28 @@ test('the page says what to do when the daemon does not answer', async () => {
   }
 });
 
+test('the view last asked for is shown, however slowly another loads', async () => {
+  const page = await openPage('#/log');
+  const heading = page.getByRole('heading', { level: 1 });
+  await heading.filter({ hasText: 'Log' }).waitFor();
+  let letGo;
+  await page.route('**/overview.js', async (route) => {
+    await new Promise((resolve) => { letGo = resolve; });
+    await route.continue();
+  });
+  const asked = page.waitForRequest('**/overview.js');
+  await page.getByRole('link', { name: 'Overview' }).click();
+  await asked;
+  await page.getByRole('link', { name: 'Log', exact: true }).click();
+  const loaded = page.waitForEvent('requestfinished', (request) => /overview/.test(request.url()));
+  letGo();
+  await loaded;
+  await page.waitForFunction(async () => Boolean(await import('./js/views/overview.js')));
+  assert.equal(await heading.textContent(), 'Log');
+  await page.getByRole('link', { name: 'Overview' }).click();
+  await heading.filter({ hasText: 'Overview' }).waitFor();
+});
+
 test('others than administrators get no page', async () => {
   for (const [httpCredentials, expected] of [
     [undefined, 401], [{ username: 'operator', password: 'camera' }, 403],

@@ -100,7 +100,7 @@ test('a session is started, watched, stopped, downloaded and deleted', async () 
   await says(page, 'Can\'t delete the current active monitoring session.');
 
   await rows(page).getByRole('link').first().click();
-  await page.getByRole('link', { name: 'system_monitoring/monitoring_load/load.csv' }).click();
+  await page.getByRole('link', { name: 'load/load.csv' }).click();
   const shown = page.getByRole('region', { name: 'Content of the file' });
   await shown.getByText('Date,Time,Load average').waitFor();
   const content = (await shown.textContent()).split(/\r?\n/);
@@ -249,8 +249,8 @@ test('a damaged reply is shown as far as it can be read', async () => {
   const page = await open('#/overview');
   let change = (text) => text;
   await page.route('**/access.cgi?action=list_data*', async (route) => {
-    const response = await route.fetch();
-    await route.fulfill({ response, body: change(await response.text()) });
+    const { body } = await camera.action('list_data');
+    await route.fulfill({ contentType: 'application/json', body: change(body) });
   });
   const name = `Q"6, "${MARKUP}\\`;
   change = (text) => text.replace(/"Model": "[^"]*"/, () => `"Model": "${name}"`);

@@ -35,12 +35,17 @@ const links = new Map(VIEWS.filter(({ within }) => !within)
 byId('views').append(el('ul', {}, ...[...links.values()].map((link) => el('li', {}, link))));
 
 async function showView() {
-  const [path, query] = location.hash.replace(/^#\//, '').split('?');
+  const { hash } = location;
+  const [path, query] = hash.replace(/^#\//, '').split('?');
   const entry = VIEWS.find(({ id }) => id === path) ?? VIEWS[0];
   if (!entry) {
     return;
   }
-  const view = made.get(entry.id) ?? (await entry.load()).create();
+  const { create } = await entry.load();
+  if (hash !== location.hash) {
+    return; // the user has gone on while it was loaded
+  }
+  const view = made.get(entry.id) ?? create();
   made.set(entry.id, view);
   if (!view.element.isConnected) {
     main.append(view.element);

@@ -10,15 +10,14 @@ import { list, number, partsOfPath, text } from '../session_data.js';
 
 // A folder of images may hold many thousands.
 const MOST_ROWS = 500;
+const MOST_COLUMNS = 6;
 const PIECE_BYTES = 256 * 1024;
 const NOT_TEXT = /\.(?:jpe?g|png|zip|gz|tgz|xz|pcap(?:ng)?|core|bin|elf)$/i;
 
 /**
  * @typedef {object} Csv
- * @property {string} path
- * @property {string} title
- * @property {string} pid
- * @property {string[]} columns
+ * @property {string} path relative to the session
+ * @property {string[]} columns but the time
  * @property {number} bytes
  */
 /**
@@ -36,9 +35,8 @@ function contentsOf(value) {
   return {
     csv: records(told.csv).map((one) => ({
       path: text(one.path),
-      title: [text(one.type), text(one.name)].filter(Boolean).join(' '),
-      pid: text(one.pid),
-      columns: text(one.header).split(',').map((column) => column.trim()).filter(Boolean),
+      columns: text(one.header).split(',').map((column) => column.trim())
+        .filter((column) => column !== '' && !/^(?:date|time)$/i.test(column)),
       bytes: number(one.size),
     })),
     files: records(told.files).map((one) => ({
@@ -119,8 +117,8 @@ function hashOf(session, file) {
 export function create() {
   let path = '';
   let read = false;
-  /** @type {Item[]} */
-  let files = [];
+  /** @type {ReturnType<typeof contentsOf>} */
+  let found = { csv: [], files: [], complete: true };
   /** @type {Map<string, number>} */
   let sizes = new Map();
   const title = el('h1');
@@ -136,19 +134,19 @@ export function create() {
 
   const csvTable = createTable({
     caption: 'Recorded data',
-    columns: [{ title: 'Data' }, { title: 'Process' }, { title: 'Columns' }, { title: 'Size', number: true },
-      { title: 'File' }],
+    columns: [{ title: 'File' }, { title: 'Columns' }, { title: 'Size', number: true }],
     key: (/** @type {Csv} */ csv) => `${path}\n${csv.path}`,
     make(csv) {
       const size = el('span');
       const columns = el('span');
       return {
-        cells: [el('span', {}, csv.title || csv.path), el('span', {}, csv.pid), columns, size,
-          openLink(csv, el('span', {}, csv.path))],
+        cells: [openLink(csv, el('span', {}, csv.path.replace(/^system_monitoring\/monitoring_/, ''))),
+          columns, size],
         update(next) {
           setText(size, byteSize(next.bytes));
-          setText(columns, next.columns.length > 6
-            ? `${next.columns.slice(0, 5).join(', ')} and ${next.columns.length - 5} more`
+          setText(columns, next.columns.length > MOST_COLUMNS
+            ? `${next.columns.slice(0, MOST_COLUMNS - 1).join(', ')} and ${
+              next.columns.length - MOST_COLUMNS + 1} more`
             : next.columns.join(', '));
         },
       };
@@ -172,25 +170,40 @@ export function create() {
   });
   const filter = el('input', {
     type: 'search', placeholder: 'Part of the name', spellcheck: 'false', autocomplete: 'off',
-    oninput: () => showFiles(),
+    oninput: () => showContents(),
   });
+  const noData = el('p', { class: 'empty' });
+  const dataCount = el('p', { class: 'quiet', role: 'status' });
   const fileCount = el('p', { class: 'quiet', role: 'status' });
-  const noData = el('p', { class: 'empty' }, 'No data has been recorded yet.');
   const contents = el('div', { class: 'view' },
     el('section', { class: 'card', 'aria-label': 'Information' }, el('h2', {}, 'Information'), information.element),
-    el('section', { class: 'card', 'aria-label': 'Recorded data' }, el('h2', {}, 'Recorded data'), noData,
-      csvTable.element),
-    el('section', { class: 'card', 'aria-label': 'Files' }, el('h2', {}, 'Other files'),
-      el('div', { class: 'tools apart' }, field('Filter', filter, 'grow'), fileCount), fileTable.element));
+    el('div', { class: 'tools' }, field('Filter of the files', filter, 'grow')),
+    el('section', { class: 'card', 'aria-label': 'Recorded data' },
+      el('div', { class: 'tools apart' }, el('h2', {}, 'Recorded data'), dataCount), noData, csvTable.element),
+    el('section', { class: 'card', 'aria-label': 'Other files' },
+      el('div', { class: 'tools apart' }, el('h2', {}, 'Other files'), fileCount), fileTable.element));
 
-  function showFiles() {
+  /**
+   * @template {{path: string}} Row
+   * @param {Row[]} all
+   * @param {{element: HTMLElement, show: (rows: Row[]) => void}} table
+   * @param {HTMLElement} count
+   */
+  function showMatching(all, table, count) {
     const wanted = filter.value.toLowerCase();
-    const matching = files.filter((file) => file.path.toLowerCase().includes(wanted));
-    fileTable.show(matching.slice(0, MOST_ROWS));
-    fileTable.element.hidden = matching.length === 0;
-    setText(fileCount, matching.length > MOST_ROWS
-      ? `The first ${MOST_ROWS} of ${counted(matching.length, 'file')}`
-      : counted(matching.length, 'file'));
+    const matching = all.filter((item) => item.path.toLowerCase().includes(wanted));
+    table.show(matching.slice(0, MOST_ROWS));
+    table.element.hidden = matching.length === 0;
+    const some = matching.length > MOST_ROWS ? `The first ${MOST_ROWS} of ` : '';
+    setText(count, `${some}${counted(matching.length, 'file')}`);
+  }
+
+  function showContents() {
+    showMatching(found.csv, csvTable, dataCount);
+    showMatching(found.files, fileTable, fileCount);
+    noData.hidden = !csvTable.element.hidden;
+    setText(noData, found.csv.length === 0 ? 'No data has been recorded yet.'
+      : 'No file matches the filter.');
   }
 
   async function load() {
@@ -202,16 +215,14 @@ export function create() {
       if (asked !== path) {
         return;
       }
-      const found = contentsOf(JSON.parse(reply));
+      found = contentsOf(JSON.parse(reply));
       const order = (/** @type {{path: string}} */ a, /** @type {{path: string}} */ b) =>
         a.path.localeCompare(b.path, 'en');
-      files = found.files.sort(order);
-      sizes = new Map([...found.csv, ...files].map((item) => [item.path, item.bytes]));
-      csvTable.show(found.csv.sort(order));
-      csvTable.element.hidden = found.csv.length === 0;
-      noData.hidden = found.csv.length > 0;
+      found.csv.sort(order);
+      found.files.sort(order);
+      sizes = new Map([...found.csv, ...found.files].map((item) => [item.path, item.bytes]));
       information.show(facts ?? [['Information', 'Session_Information.txt can’t be read.']]);
-      showFiles();
+      showContents();
       read = true;
       message.clear();
       if (!found.complete) {

@@ -1,0 +1,302 @@
+#include "pcapdump.h"
+
+#include "app_state.h"
+#include "data_export.h"
+#include "filehandler.h"
+#include "fileutil.h"
+#include "log.h"
+#include "pcap.h"
+#include "session_globals.h"
+#include "shell_word.h"
+#include "strutil.h"
+#include "sysutil.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <thread>
+
+bool pcapdump_is_active = false;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t destination_size = 200;
+constexpr std::size_t trace_path_size = 400;
+constexpr std::size_t script_command_size = 1024;
+constexpr std::size_t index_line_max = 255;
+constexpr const char *index_path =
+    "/usr/local/packages/Vandrel/localdata/found_wireshark_sessions.txt";
+constexpr const char *storages = "/var/spool/storage/";
+constexpr const char *json = "application/json; charset=utf-8";
+constexpr const char *text = "text/plain; charset=utf-8";
+constexpr http_status ok = http_status::ok;
+
+// Set while a session is active.
+std::optional<std::string> wireshark_session_destination;
+std::string current_rec_id;
+std::time_t wireshark_start_time = 0;
+
+// The folder for a recording, or nothing when its names can't be parts of a path and of a command.
+std::optional<std::string> destination_of(const std::string &storage,
+                                          const std::string &recording) {
+    const auto root = storage_root_of(storage);
+    if (!root || !is_shell_word(recording) || recording.find('/') != std::string::npos ||
+        recording.starts_with('.') || recording.starts_with('-') ||
+        root->size() + recording.size() >= destination_size) {
+        return std::nullopt;
+    }
+    return *root + recording;
+}
+
+// A folder that a request names: below a storage, and fit for a command line.
+bool is_trace_folder(const char *path) {
+    return path != nullptr && std::strlen(path) < destination_size &&
+           std::strncmp(path, storages, std::strlen(storages)) == 0 && is_shell_word(path) &&
+           std::strstr(path, "/..") == nullptr && is_directory(path);
+}
+
+std::string in_folder(const std::string &folder, const char *file) {
+    return format_bounded(trace_path_size, "%s/%s", folder.c_str(), file);
+}
+
+// The tool may have been started only just now: by the script that may still run in the background.
+void end_capture() {
+    for (auto waited = 0ms; waited < 10s; waited += 100ms) {
+        command_read_lines("killall pcapdump 2>&1", index_line_max, [](const std::string &) {});
+        if (!ps_grep_and_check_if_included("wireshark_session.sh", "start") &&
+            !ps_grep_and_check_if_included("pcapdump", "-w")) {
+            return;
+        }
+        std::this_thread::sleep_for(100ms);
+    }
+    log_warning("The capture tool has not ended.");
+}
+
+// Flushes to the storage and closes; false when something did not get there.
+bool close_whole(unique_file &file) {
+    const bool whole = std::fflush(file.get()) == 0 && std::ferror(file.get()) == 0 &&
+                       ::fsync(::fileno(file.get())) == 0;
+    return std::fclose(file.release()) == 0 && whole;
+}
+
+void write_note(const std::string &folder, const char *kept_because) {
+    const unique_file note = file_open_or_warn(in_folder(folder, "note.txt").c_str(), "w");
+    if (note) {
+        std::fputs("The repair process has finished. Details are presented in the repair log.\r\n",
+                   note.get());
+        if (kept_because != nullptr) {
+            std::fprintf(note.get(), "The raw capture pcapdump.pcap was kept: %s.\r\n",
+                         kept_because);
+        }
+    }
+}
+
+void log_duration(unsigned long seconds) {
+    log_info("Wireshark trace + recording finished, duration: %lu hours, %lu minutes, %lu seconds",
+             seconds / 3600, seconds / 60 % 60, seconds % 60);
+}
+
+// "S:2026-11-21 05:50:48", "P:/var/spool/storage/SD_DISK/Vandrel_02A5C41E90B7/rec1", "E:..."
+std::string index_json() {
+    std::string out;
+    const unique_file index = file_open(index_path, "r");
+    std::string line;
+    bool open = false;
+    while (index && read_line(index.get(), index_line_max, line)) {
+        str_terminate_at(line, '\n');
+        const std::string value = line.size() > 2 ? line.substr(2) : "";
+        if (line.starts_with('S')) {
+            out += open ? ", \"stoptime\": \"Active\"}" : "";
+            out += (out.empty() ? "" : ",") + ("{\"starttime\":\"" + value + "\"");
+            open = true;
+        } else if (line.starts_with('P') && open && is_shell_word(value) &&
+                   value.size() < destination_size) {
+            const bool active = value == wireshark_session_destination;
+            const std::string size_file =
+                in_folder(value, active ? "pcapdump.pcap" : "wireshark_archive.zip");
+            out += is_file(size_file.c_str())
+                       ? format_text(",\"size\":%lld", filesize(size_file.c_str()))
+                       : ",\"size\":\"0\"";
+            out += ", \"path\":\"" + value + "\"";
+            out += is_file(in_folder(value, "zip_info.txt").c_str())
+                       ? ", \"zipping_status\":\"Zipping\""
+                       : ", \"zipping_status\":\"Not zipping\"";
+        } else if (line.starts_with('E') && open) {
+            out += ",\"stoptime\":\"" + value + "\"}";
+            open = false;
+        }
+    }
+    return out + (open ? ", \"stoptime\": \"Active\"}" : "");
+}
+
+} // namespace
+
+void collect_wireshark_sessions(bool in_background) {
+    const std::string serial = serial_number.value_or("");
+    const std::string script = "/usr/local/packages/Vandrel/collect_wireshark_sessions.sh";
+    (void)system_ret(
+        (in_background
+             ? format_bounded(destination_size, "%s %s &", script.c_str(), serial.c_str())
+             : format_bounded(destination_size, "%s '%s'", script.c_str(), serial.c_str()))
+            .c_str());
+}
+
+void kill_all_pcapdump() {
+    command_read_lines("killall pcapdump", 200, [](const std::string &) {});
+}
+
+int terminate_pcapdump(const std::string &folder) {
+    end_capture();
+    const std::string raw_path = in_folder(folder, "pcapdump.pcap");
+    unique_file raw = file_open_or_warn(raw_path.c_str(), "r");
+    unique_file trace =
+        raw ? file_open_or_warn(in_folder(folder, "trace.pcap").c_str(), "w") : nullptr;
+    unique_file log =
+        trace ? file_open_or_warn(in_folder(folder, "repair.log").c_str(), "w") : nullptr;
+    if (!log) {
+        return 0;
+    }
+    bool dropped_records = false;
+    int result = fix_pcap(raw.get(), trace.get(), log.get(), &dropped_records);
+    const bool trace_whole = close_whole(trace);
+    const bool log_whole = close_whole(log);
+    if (!trace_whole || !log_whole) {
+        log_warning("Could not write the repaired capture in '%s': %s", folder.c_str(),
+                    std::strerror(errno));
+        errno = 0;
+    }
+    const char *kept_because = nullptr;
+    if (result >= 0 && dropped_records) {
+        kept_because = "the repair left out more than its unfinished end";
+    }
+    write_note(folder, kept_because);
+    if (result >= 0 && trace_whole && log_whole && kept_because == nullptr) {
+        file_remove(raw_path.c_str());
+    }
+    return 0;
+}
+
+void action_activate_wireshark_session(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *recording = http_argument(arguments, "recording_id");
+    const char *storage = http_argument(arguments, "storage");
+    const auto destination = recording != nullptr && storage != nullptr
+                                 ? destination_of(storage, recording)
+                                 : std::nullopt;
+    if (!destination) {
+        http_reply(stream, ok, json,
+                   "{\"error\":\"Miss recording id or second storage name.\"}\r\n");
+        return;
+    }
+    if (wireshark_session_destination) {
+        http_reply(stream, ok, json, "{\"error\":\"A session has already been activated.\"}\r\n");
+        return;
+    }
+    wireshark_session_destination = destination;
+    current_rec_id = recording;
+    pcapdump_is_active = true;
+    const std::string command =
+        format_bounded(script_command_size,
+                       "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' '%s' start &",
+                       recording, storage, serial_number.value_or("").c_str());
+    http_reply(stream, ok, json, "{\"success\":\"Wireshark session created.\"}\r\n");
+    // The client is not kept waiting.
+    g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
+    (void)system_ret(command.c_str());
+    log_info("Wireshark trace + video recording started");
+    wireshark_start_time = std::time(nullptr);
+}
+
+void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
+    if (!wireshark_session_destination) {
+        http_reply(stream, ok, text, "Error: There is no active wireshark session to stop.\r\n");
+        return;
+    }
+    http_reply(stream, ok, text, "Wireshark session deactivated.\r\n");
+    g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
+    pcapdump_is_active = false;
+    terminate_pcapdump(*wireshark_session_destination);
+    (void)system_ret(format_bounded(script_command_size,
+                                    "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' "
+                                    "'%s' stop",
+                                    wireshark_session_destination->c_str(),
+                                    serial_number.value_or("").c_str(), current_rec_id.c_str())
+                         .c_str());
+    log_duration(static_cast<unsigned long>(std::time(nullptr) - wireshark_start_time));
+    wireshark_session_destination.reset();
+}
+
+void action_view_wireshark_sessions(GDataOutputStream *stream, GHashTable *) {
+    if (!is_readable(index_path)) {
+        errno = 0;
+        http_reply(stream, ok, text, "{\"error\":\"Failed to open wireshark session info file.\"}");
+        return;
+    }
+    http_reply(stream, ok, text,
+               format_text("{\"current_destination\": \"%s\",\"pcapdump_is_active\":%d,"
+                           "\"sessions\":[",
+                           wireshark_session_destination.value_or("None").c_str(),
+                           pcapdump_is_active) +
+                   index_json() + "]}");
+}
+
+void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *folder = http_argument(arguments, "storage");
+    if (!is_trace_folder(folder)) {
+        errno = 0;
+        http_reply(stream, ok, "text/html; charset=utf-8",
+                   "<!DOCTYPE html><body><pre>Invalid path given.</pre></body></html>\r\n");
+        return;
+    }
+    std::string name = "wireshark_archive.zip";
+    if (const char *package = std::strstr(folder, "Vandrel")) {
+        if (const char *slash = std::strchr(package, '/')) {
+            name = std::string(slash + 1) + ".zip";
+            str_replace_char(name, '/', '_');
+        }
+    }
+    http_write_header(stream, ok, "application/octet-stream",
+                      "Content-Description: File Transfer\r\nContent-Disposition: attachment; "
+                      "filename=\"" +
+                          name + "\"\r\n");
+    if (folder == wireshark_session_destination) {
+        (void)system_ret(format_bounded(script_command_size,
+                                        "/usr/local/packages/Vandrel/update_wireshark_session.sh "
+                                        "'%s'",
+                                        folder)
+                             .c_str());
+    }
+    output_file(stream, in_folder(folder, "wireshark_archive.zip").c_str());
+    log_info("Wireshark+Video archive \"%s\" downloaded", name.c_str());
+}
+
+void action_remove_wireshark_session(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *folder = http_argument(arguments, "storage");
+    if (folder == nullptr || std::strlen(folder) >= destination_size || !is_shell_word(folder)) {
+        http_reply(stream, ok, text, "Storage not provided.\r\n");
+        return;
+    }
+    // Anything but a trace's folder stays; so does the one that a capture is running into.
+    if (is_trace_folder(folder) && folder != wireshark_session_destination &&
+        is_file(in_folder(folder, "wireshark_signature.txt").c_str())) {
+        dir_remove_recursive(folder);
+    }
+    errno = 0;
+    collect_wireshark_sessions(false);
+    http_reply(stream, ok, text, "Session deleted.\r\n");
+}
+
+void action_wireshark_direct(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *argument = http_argument(arguments, "duration");
+    if (argument == nullptr) {
+        http_reply(stream, ok, text, "Not ok.. what duration?\r\n");
+        return;
+    }
+    const auto duration = static_cast<unsigned>(decimal_prefix_unsigned(argument));
+    // The seconds are the whole duration's, not the rest's.
+    log_info("Direct Network Trace Download, duration: %u hours, %u minutes, %u seconds",
+             duration / 3600, duration / 60 % 60, duration);
+    http_reply(stream, ok, text, "Ok\r\n");
+}

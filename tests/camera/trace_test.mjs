@@ -1,0 +1,126 @@
+// Trace sessions on the simulated camera: real packets of its own network, captured, repaired, packed.
+import assert from "node:assert/strict";
+import { after, before, describe, test } from "node:test";
+import { Camera, until } from "./support/camera.mjs";
+
+const INDEX = "/usr/local/packages/Vandrel/localdata/found_wireshark_sessions.txt";
+const MISSING = "{\"error\":\"Miss recording id or second storage name.\"}\r\n";
+
+describe("a trace", () => {
+  let camera;
+  let root;
+  before(async () => {
+    camera = await new Camera().start();
+    const { device } = JSON.parse((await camera.action("list_data")).body);
+    root = `/var/spool/storage/SD_DISK/Vandrel_${device.SerialNumber}`;
+  });
+  after(() => camera.remove());
+
+  const start = (recording_id, storage = "SD_DISK") =>
+    camera.action("activate_wireshark_session", { recording_id, storage });
+  const stop = async () => (await camera.action("stop_wireshark_session")).body;
+  const view = async () => JSON.parse((await camera.action("view_wireshark_sessions")).body);
+  const captures = async () => (await camera.shell("pidof pcapdump || :")).trim() !== "";
+  const packets = async (file) =>
+    Number((await camera.shell(`tcpdump -Z root -nr ${file} 2>/dev/null | wc -l`)).trim());
+
+  test("is captured under load, repaired, packed, listed, downloaded and deleted", async () => {
+    assert.equal((await start("rec1")).body, "{\"success\":\"Wireshark session created.\"}\r\n");
+    assert.equal((await start("rec2")).body, "{\"error\":\"A session has already been activated.\"}\r\n");
+    const folder = `${root}/rec1`;
+    await until(async () => (await camera.exec("test", "-s", `${folder}/pcapdump.pcap`)).status === 0);
+    for (let i = 0; i < 100; i++) await camera.action("none");
+    const live = await until(async () => {
+      const list = await view();
+      return list.sessions[0]?.size > 10_000 && list;
+    }, "the live size");
+    assert.deepEqual([live.current_destination, live.pcapdump_is_active, live.sessions[0].stoptime],
+      [folder, 1, "Active"]);
+    const early = await camera.action("download_wireshark_session", { storage: folder });
+    assert.match(early.headers["content-disposition"], /filename="rec1\.zip"/);
+    assert.ok(early.body.startsWith("PK"));
+    const whole = await packets(`${folder}/pcapdump.pcap`);
+    assert.ok(whole > 100, `${whole} packets`);
+
+    assert.equal(await stop(), "Wireshark session deactivated.\r\n");
+    const { sessions } = await view(); // answered when the stop's work is done
+    assert.deepEqual([sessions.length, sessions[0].path, sessions[0].zipping_status],
+      [1, folder, "Not zipping"]);
+    assert.match(sessions[0].stoptime, /^\d{4}-/);
+    assert.ok(await packets(`${folder}/trace.pcap`) >= whole, `${whole} packets`);
+    assert.equal(await captures(), false);
+    assert.equal((await camera.exec("test", "-e", `${folder}/pcapdump.pcap`)).status, 1);
+    assert.equal(await camera.shell(`cat ${folder}/note.txt`),
+      "The repair process has finished. Details are presented in the repair log.\r\n");
+    const names = await camera.shell(`/host/usr/bin/unzip -tq ${folder}/wireshark_archive.zip >&2 &&
+      /host/usr/bin/unzip -Z1 ${folder}/wireshark_archive.zip`);
+    for (const name of ["trace.pcap", "repair.log", "note.txt"]) assert.ok(names.includes(name), names);
+
+    await camera.shell(`mkdir -p ${root}/other && touch ${root}/other/kept`);
+    for (const path of [`${root}/other`, "/etc", `${root}/rec1/../other`]) {
+      assert.equal((await camera.action("remove_wireshark_session", { storage: path })).body,
+        "Session deleted.\r\n");
+    }
+    assert.equal((await camera.exec("test", "-e", `${root}/other/kept`)).status, 0);
+    await camera.action("remove_wireshark_session", { storage: folder });
+    assert.equal((await camera.exec("test", "-e", folder)).status, 1);
+    assert.deepEqual((await view()).sessions, []);
+  });
+
+  test("that is stopped right after its start leaves no capture tool", async () => {
+    for (let i = 0; i < 3; i++) {
+      await start(`quick${i}`);
+      assert.equal(await stop(), "Wireshark session deactivated.\r\n");
+      await view();
+      assert.equal(await captures(), false);
+    }
+    assert.equal(await stop(), "Error: There is no active wireshark session to stop.\r\n");
+  });
+
+  test("keeps its raw capture when the storage is full before the repair", async () => {
+    await start("full");
+    const folder = `${root}/full`;
+    await until(async () => (await camera.exec("test", "-s", `${folder}/pcapdump.pcap`)).status === 0);
+    for (let i = 0; i < 300; i++) await camera.action("none");
+    assert.equal((await camera.command("fill", "SD_DISK", "100")).status, 0);
+    await camera.shell("cat /dev/zero > /var/spool/storage/SD_DISK/rest 2>/dev/null || :");
+    await stop();
+    await view();
+    assert.ok(await packets(`${folder}/pcapdump.pcap`) > 100);
+    assert.match(await camera.shell("cat /var/log/*.log"),
+      /Could not write the repaired capture in '[^']*full': No space left on device/);
+    await camera.shell("rm /var/spool/storage/SD_DISK/rest");
+    assert.equal((await camera.command("fill", "SD_DISK", "10")).status, 0);
+  });
+
+  test("is refused for names that are none, and nothing is run", async () => {
+    for (const name of ["", "a b", "../x", "a/b", ".", "..", "'; touch /tmp/run; '", "$(touch /tmp/run)",
+      "-rf", "x".repeat(5000), "a\n"]) {
+      assert.equal((await start(name)).body, MISSING, name.slice(0, 30));
+      assert.equal((await start("rec", name)).body, MISSING);
+      assert.match((await camera.action("download_wireshark_session", { storage: name })).body,
+        /Invalid path given\./);
+    }
+    for (const name of ["", "'; touch /tmp/run; '", "x".repeat(5000)]) {
+      assert.equal((await camera.action("remove_wireshark_session", { storage: name })).body,
+        "Storage not provided.\r\n");
+    }
+    assert.match((await camera.action("download_wireshark_session", { storage: "/etc" })).body, /Invalid path/);
+    assert.equal((await camera.exec("test", "-e", "/tmp/run")).status, 1);
+    assert.equal((await camera.action("wireshark_direct")).body, "Not ok.. what duration?\r\n");
+    assert.equal((await camera.action("wireshark_direct", { duration: "3661" })).body, "Ok\r\n");
+    await until(async () => (await camera.shell("cat /var/log/info.log"))
+      .includes("Direct Network Trace Download, duration: 1 hours, 1 minutes, 3661 seconds"));
+  });
+
+  test("is listed from an index however damaged", async () => {
+    await camera.shell(`head -c 300000 /dev/urandom > ${INDEX}`);
+    assert.match((await camera.action("view_wireshark_sessions")).body, /\]\}$/);
+    await camera.shell(`printf 'S:then\\nP:${root}/x\\nS:now' > ${INDEX}`);
+    assert.deepEqual((await view()).sessions.map(({ starttime, stoptime }) => [starttime, stoptime]),
+      [["then", "Active"], ["now", "Active"]]);
+    await camera.shell(`rm ${INDEX}`);
+    assert.equal((await camera.action("view_wireshark_sessions")).body,
+      "{\"error\":\"Failed to open wireshark session info file.\"}");
+  });
+});

@@ -19,6 +19,7 @@ libglib2.0-dev      # the daemon's main loop, D-Bus
 libglib2.0-bin      # gdbus, which the daemon runs
 bubblewrap          # the camera's private root
 e2fsprogs           # makes the camera's storages
+mount               # mounts in the camera; losetup
 iproute2            # the camera's network
 python3             # the simulator's programs
 apache2-bin         # the camera's web server; without a service on the host

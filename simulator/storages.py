@@ -17,7 +17,6 @@ import stat
 import struct
 import subprocess
 import threading
-import time
 from collections import namedtuple
 
 MOUNT_POINTS = "/var/spool/storage"
@@ -262,7 +261,7 @@ class Storages:
                     descriptor, number = bind_loop(image)
                 except OSError as error:
                     if shared:
-                        raise StorageError(f"a shared folder needs loop devices: {error}") from error
+                        raise StorageError(f"a share needs loop devices: {error}") from error
                     self.say(f"{name} lies in memory, as there are no loop devices: {error}")
                     self._attach_memory(name)
                     return

@@ -92,7 +92,7 @@ for (const tools of ["the camera's tools", "busybox"]) {
     test("a session is created whole, or not at all, wherever the power goes", async () => {
       // Stands before each program that the script uses and pulls the plug before the n-th.
       await camera.shell(`mkdir -p /tmp/cut && cat >/tmp/cut/cut <<'END'
-#!/bin/sh
+${"#!"}/bin/sh
 PATH=/usr/bin
 read -r left </tmp/cut/left
 [ "$left" -ne 0 ] || kill -9 0

@@ -70,7 +70,7 @@ async function assertWhole(camera) {
   // Of each file: its number of columns where rows differ, and a last byte that ends no row.
   const torn = await camera.shell(`cd ${session}/system_monitoring && find . -name '*.csv' -size +0 | while read -r f; do
       awk -F, -v f="$f" 'FNR == 2 { n = NF } FNR > 2 && NF != n { print f ": " $0 }' "$f"
-      [ "$(tail -c 1 "$f")" = "" ] || echo "$f has no end"
+      [ "$(tail -c 1 "$f" | tr -d '\\n' | wc -c)" -eq 0 ] || echo "$f has no end"
     done`);
   assert.equal(torn.split("\n").filter((line) => !line.startsWith("./monitoring_kernel/buddyinfo") && line).join("\n"), "");
   const points = Number(information.match(/^Collected Data Points: (\d+)/m)?.[1] ?? 0);

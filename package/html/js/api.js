@@ -92,13 +92,13 @@ export function refusal(words) {
 }
 
 /**
- * The words of a reply, which is plain text or JSON with an error or a message.
+ * The words of a reply, which is plain text or JSON with an error, a message or a success.
  * @param {string} text
  */
 export function wordsOf(text) {
   try {
-    const { error, message } = JSON.parse(text);
-    return String(error ?? message ?? text).trim();
+    const { error, message, success } = JSON.parse(text);
+    return String(error ?? message ?? success ?? text).trim();
   } catch {
     return text.trim();
   }

@@ -57,8 +57,16 @@ export async function haveArchive(path, waiting, begun = false) {
  * @param {boolean} [remove] the archive is deleted on the camera afterwards
  */
 export function downloadArchive(path, remove = false) {
-  const values = { storage: path, ...(remove ? { remove: 'yes' } : {}) };
-  const link = el('a', { href: address('get_monitor_data', values), download: '' });
+  download('get_monitor_data', { storage: path, ...(remove ? { remove: 'yes' } : {}) });
+}
+
+/**
+ * Lets the browser download what an action answers.
+ * @param {string} action
+ * @param {Record<string, string>} values
+ */
+export function download(action, values) {
+  const link = el('a', { href: address(action, values), download: '' });
   document.body.append(link);
   link.click();
   link.remove();

@@ -23,6 +23,7 @@ const VIEWS = [
   { id: 'overview', title: 'Overview', load: () => import('./views/overview.js') },
   { id: 'sessions', title: 'Sessions', load: () => import('./views/sessions.js') },
   { id: 'session', title: 'Session', within: 'sessions', load: () => import('./views/session.js') },
+  { id: 'traces', title: 'Traces', load: () => import('./views/traces.js') },
   { id: 'log', title: 'Log', load: () => import('./views/log.js') },
 ];
 

@@ -18,6 +18,14 @@ const ADVICE = [
   [/delete the current active/, 'Stop the session first.'],
   [/being compressed|in the process of|in a few minutes/, 'An archive of the session is being made. '
     + 'Wait until that is done.'],
+  [/Miss recording id/, 'The daemon takes neither a recording id that begins with “.” or “-” nor one '
+    + 'that is too long for a path, and it must know the storage’s name.'],
+  [/already been activated/, 'Someone else has started a trace meanwhile. It goes on; stop it first '
+    + 'to start another.'],
+  [/no active wireshark session/, 'The trace has ended meanwhile: someone else has stopped it, or the '
+    + 'package was restarted.'],
+  [/wireshark session info file/, 'The list of traces is not there. It is made when the package or a '
+    + 'trace starts: start a trace, or restart the package on the camera.'],
   [/did not match any installed|Missing option/, 'The daemon is older than this page. Install the '
     + 'package again.'],
   [/product model/, 'The camera’s parameters can’t be read. Restart the package on the camera and '

@@ -5,19 +5,16 @@ import { expectChanges, onCamera, refreshCamera } from '../camera.js';
 import { actionButton, explainedField, field, select } from '../controls.js';
 import { el } from '../dom.js';
 import { STORAGES } from '../session_data.js';
+import { storageChoice } from '../storage_choice.js';
 
 const TIMEOUT_MS = 300000;
-const OTHER = 'other';
 const DIGITS = /^\d*$/;
 const IMAGES_HINT = 'Seconds between two still images. Empty, 0 or 1: no images.';
 const REBOOTS = 'Session will start after reboot.';
 
 /** @param {import('../controls.js').Message} message tells how it went */
 export function startCard(message) {
-  const storage = select(
-    [...STORAGES.map(({ name, title }) => [name, title]), [OTHER, 'Another storage …']], adapt);
-  const otherStorage = el('input', { type: 'text', spellcheck: 'false', autocomplete: 'off', oninput: adapt });
-  const other = explainedField('Name of the storage', otherStorage, 'As the camera’s storage settings name it.');
+  const storage = storageChoice(STORAGES, adapt);
   const images = el('input', { type: 'text', inputmode: 'numeric', autocomplete: 'off', oninput: adapt });
   const imagesField = explainedField('Image interval', images, IMAGES_HINT);
   const debug = select([['', 'Off'], ['interval', 'Crash reports on a schedule'],
@@ -33,8 +30,7 @@ export function startCard(message) {
 
   /** Shows what goes with the choices, and whether all can be sent. */
   function adapt() {
-    const internal = storage.value === 'localdata';
-    other.element.hidden = storage.value !== OTHER;
+    const internal = storage.name() === 'localdata';
     images.disabled = internal;
     debug.disabled = internal;
     intervalRow.hidden = !isScheduled();
@@ -55,18 +51,17 @@ export function startCard(message) {
   /** @returns {Record<string, string> | HTMLInputElement} the arguments, or the field that is wrong */
   function values() {
     adapt();
-    if (storage.value === OTHER && otherStorage.value.trim() === '') {
-      other.explain('Type the storage’s name.', true);
-      return otherStorage;
+    const missing = storage.missing();
+    if (missing) {
+      return missing;
     }
-    other.explain('As the camera’s storage settings name it.');
     const wrong = [images, interval].find((input) => input.getAttribute('aria-invalid') === 'true'
       && !input.disabled && !(input === interval && intervalRow.hidden));
     if (wrong) {
       return wrong;
     }
-    const wanted = { storage: storage.value === OTHER ? otherStorage.value.trim() : storage.value };
-    return storage.value === 'localdata' ? wanted : {
+    const wanted = { storage: storage.name() };
+    return images.disabled ? wanted : {
       ...wanted,
       ...(images.value.trim() === '' ? {} : { save_image_interval: images.value.trim() }),
       ...(debug.value === '' ? {} : { recurrence_crash_reports: debug.value }),
@@ -109,7 +104,7 @@ export function startCard(message) {
     onsubmit: (event) => event.preventDefault(), // the button has been clicked then
   },
   el('div', { class: 'form' },
-    el('div', {}, field('Storage', storage), other.element),
+    storage.element,
     imagesField.element,
     el('div', {}, debugField.element, intervalRow)));
   const startButton = actionButton('Start session', start, { type: 'submit', class: 'primary' });

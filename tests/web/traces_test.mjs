@@ -1,0 +1,148 @@
+// Network traces from the page, on a simulated camera that captures its own network.
+
+import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
+import { after, afterEach, before, test } from 'node:test';
+
+import { Camera, until } from '../camera/support/camera.mjs';
+import { launchBrowser, openPage, violations } from './support/browser.mjs';
+
+let camera;
+let browser;
+let root;
+let opened = [];
+
+async function open(options = {}) {
+  const one = await openPage(browser, camera.address, '#/traces', options);
+  opened.push(one);
+  await one.page.getByText(/^As of/).first().waitFor();
+  return one.page;
+}
+
+const button = (page, name) => page.getByRole('button', { name });
+const says = (page, text) => page.getByRole('status').filter({ hasText: text }).waitFor();
+const badge = (page, text) =>
+  page.getByRole('region', { name: 'Trace', exact: true }).getByRole('status').filter({ hasText: text }).waitFor();
+const id = (page) => page.getByLabel('Recording id');
+const destination = async () =>
+  JSON.parse((await camera.action('view_wireshark_sessions')).body).current_destination;
+
+async function start(page, name) {
+  await id(page).fill(name);
+  await button(page, 'Start trace').click();
+}
+
+async function stop(page) {
+  await button(page, 'Stop trace …').click();
+  await page.getByRole('dialog').getByRole('button', { name: 'Stop trace' }).click();
+}
+
+async function downloaded(page, name) {
+  const [file] = await Promise.all([page.waitForEvent('download'),
+    button(page, `Download trace ${name}`).click()]);
+  assert.equal(file.suggestedFilename(), `${name}.zip`);
+  return execFileSync('unzip', ['-Z1', await file.path()], { encoding: 'utf8' }).split('\n').filter(Boolean).sort();
+}
+
+before(async () => {
+  camera = await new Camera().start();
+  browser = await launchBrowser();
+  const { device } = JSON.parse((await camera.action('list_data')).body);
+  root = `/var/spool/storage/SD_DISK/Vandrel_${device.SerialNumber}`;
+});
+
+after(async () => {
+  await browser?.close();
+  await camera.remove();
+});
+
+afterEach(async () => {
+  const faults = opened.flatMap((one) => one.faults);
+  await Promise.all(opened.map(({ context }) => context.close()));
+  opened = [];
+  await camera.action('stop_wireshark_session');
+  assert.deepEqual(faults, []);
+});
+
+test('a trace is started, watched, stopped, downloaded and deleted', async () => {
+  const stale = await open();
+  const page = await open();
+  await page.getByText('No trace has been captured yet').waitFor();
+  assert.match(await id(page).inputValue(), /^trace_\d{8}_\d{6}$/);
+  for (const name of ['a b', '../x', '.hidden', '']) {
+    await start(page, name);
+    await page.getByText('One word of letters').waitFor();
+    assert.equal(await destination(), 'None');
+  }
+  await start(page, 'door-1.a');
+  await says(page, 'Wireshark session created.');
+  await badge(page, 'Running');
+  assert.equal(await destination(), `${root}/door-1.a`);
+  const captured = page.getByRole('definition').filter({ hasText: /^[\d.]+ k?B$/ });
+  await captured.waitFor();
+  const first = await captured.textContent();
+  await until(async () => (await captured.textContent()) !== first, 'the size to grow by itself');
+  assert.equal(await button(page, /^Delete trace/).count(), 0);
+  assert.ok((await downloaded(page, 'door-1.a')).includes('pcapdump.pcap'));
+
+  await start(stale, 'mine');
+  await says(stale, 'A session has already been activated.');
+  await badge(stale, 'Running');
+
+  await button(page, 'Stop trace …').click();
+  await page.keyboard.press('Escape');
+  assert.notEqual(await destination(), 'None');
+  await stop(page);
+  await says(page, 'Wireshark session deactivated.');
+  await badge(page, 'Not running');
+  await page.getByRole('table').getByText('Archive ready').waitFor();
+  await stop(stale);
+  await says(stale, 'Error: There is no active wireshark session to stop.');
+  assert.equal(await id(stale).inputValue(), 'mine');
+
+  const names = await downloaded(page, 'door-1.a');
+  for (const name of ['trace.pcap', 'repair.log', 'note.txt']) {
+    assert.ok(names.includes(name), names.join());
+  }
+  await start(page, 'door-1.a');
+  await page.getByText('it would be overwritten').waitFor();
+  for (const colorScheme of ['light', 'dark']) {
+    await page.emulateMedia({ colorScheme });
+    assert.deepEqual(await violations(page), []);
+  }
+  await button(page, 'Delete trace door-1.a').click();
+  await button(page, 'Keep').click();
+  await button(page, 'Delete trace door-1.a').click();
+  await button(page, 'Delete').last().click();
+  await says(page, 'Session deleted.');
+  await page.getByText('No trace has been captured yet').waitFor();
+  assert.equal((await camera.exec('test', '-e', `${root}/door-1.a`)).status, 1);
+});
+
+test('what is refused or comes to nothing is said', async () => {
+  const page = await open();
+  await page.getByRole('combobox', { name: 'Storage' }).selectOption('Another storage …');
+  await start(page, 'x');
+  await page.getByText('Type the storage’s name.').waitFor();
+  await page.getByLabel('Name of the storage').fill('../etc');
+  await button(page, 'Start trace').click();
+  await says(page, 'Miss recording id or second storage name.');
+  assert.equal(await id(page).inputValue(), 'x');
+
+  await camera.shell(`mkdir -p ${root}/full ${root}/open &&
+    printf 'Start:2026-11-21 05:50:48\\nEnd:2026-11-21 05:52:10\\n' > ${root}/full/wireshark_signature.txt &&
+    printf 'Start:2026-11-21 05:50:48\\n' > ${root}/open/wireshark_signature.txt`);
+  await page.getByLabel('Name of the storage').fill('NO_DISK');
+  await button(page, 'Start trace').click();
+  await badge(page, 'Running, nothing captured');
+  await stop(page);
+  await says(page, 'But there is no archive');
+  await camera.action('remove_wireshark_session', { storage: `${root}/none` }); // lists anew
+  await button(page, 'Refresh').click();
+  await page.getByRole('row', { name: /full .*05:52:10 .*No archive/ }).waitFor();
+  await page.getByRole('row', { name: /open .*Interrupted/ }).waitFor();
+
+  await camera.shell('rm /usr/local/packages/Vandrel/localdata/found_wireshark_sessions.txt');
+  await button(page, 'Refresh').click();
+  await page.getByText('Failed to open wireshark session info file.').waitFor();
+});

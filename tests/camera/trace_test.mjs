@@ -56,6 +56,13 @@ describe("a trace", () => {
       /host/usr/bin/unzip -Z1 ${folder}/wireshark_archive.zip`);
     for (const name of ["trace.pcap", "repair.log", "note.txt"]) assert.ok(names.includes(name), names);
 
+    // The same name again costs the earlier capture nothing.
+    await start("rec1");
+    await until(async () => (await camera.exec("test", "-s", `${folder}/pcapdump.pcap`)).status === 0);
+    assert.ok(await packets(`${folder}/earlier_*/trace.pcap`) >= whole);
+    await stop();
+    await view();
+
     await camera.shell(`mkdir -p ${root}/other && touch ${root}/other/kept`);
     for (const path of [`${root}/other`, "/etc", `${root}/rec1/../other`]) {
       assert.equal((await camera.action("remove_wireshark_session", { storage: path })).body,

@@ -17,6 +17,7 @@
 #include "session_list.h"
 #include "storage_investigator.h"
 #include "strutil.h"
+#include "vdrl_syslog.h"
 
 #include <cerrno>
 #include <csignal>
@@ -187,6 +188,7 @@ void start_up() {
     register_actions();
     read_serial_number();
     apache2_included = is_directory("/etc/apache2/conf.d");
+    syslog_program_installed = vdrl_syslog_get_variant();
     event_init();
     wait_and_collect_monitoring_sessions();
     collect_action_rules();

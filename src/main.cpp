@@ -3,6 +3,7 @@
 
 #include "app_state.h"
 #include "data_export.h"
+#include "environment.h"
 #include "event.h"
 #include "fileutil.h"
 #include "glib_ptr.h"
@@ -199,6 +200,7 @@ void start_up() {
     if (!resume_monitoring_session()) {
         log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);
     }
+    init_environment_monitor_settings();
     g_timeout_add_seconds(60, timer_callback, nullptr);
     g_timeout_add_seconds(10, nc_timer_callback, nullptr);
     g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);

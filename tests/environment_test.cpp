@@ -22,7 +22,7 @@ void service(const std::vector<std::pair<std::string, std::string>> &replies) {
     std::string script = "echo \"dbus-send $*\" >> /tmp/asked\ncase \"$*\" in\n";
     for (const auto &[method, reply] : replies) {
         write_file("/tmp/replies/" + method, reply);
-        script += "*." + method + "*) cat /tmp/replies/" + method + " ;;\n";
+        script += "*'." + method + "'*) cat '/tmp/replies/" + method + "' ;;\n";
     }
     install_tool("dbus-send", script + "*) exit 1 ;;\nesac\n");
 }

@@ -2,6 +2,7 @@
 // itself.
 
 #include "app_state.h"
+#include "configlogs_inotify.h"
 #include "data_export.h"
 #include "environment.h"
 #include "event.h"
@@ -12,12 +13,14 @@
 #include "main_timer.h"
 #include "monitoring_session.h"
 #include "pcapdump.h"
+#include "ptz.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
 #include "session_list.h"
 #include "storage_investigator.h"
 #include "strutil.h"
+#include "vdrl_capture.h"
 
 #include <cerrno>
 #include <csignal>
@@ -159,12 +162,15 @@ gboolean stopped_cleanup(gpointer) noexcept {
     if (pcapdump_is_active) {
         kill_all_pcapdump();
     }
+    configlogs_inotify_gio_release();
     parameters.reset();
     serial_number.reset();
     monitor_start_time.reset();
     _set_current_activity_folder(std::nullopt);
     _set_storage_id(std::nullopt);
     _set_secondary_storage_path(std::nullopt);
+    vdrl_capture_stop();
+    vdrl_capture_close();
     return G_SOURCE_REMOVE;
 }
 
@@ -172,6 +178,25 @@ gboolean stopped_cleanup(gpointer) noexcept {
 // default action with the last one: a second SIGTERM must find something.
 gboolean stay(gpointer) noexcept {
     return G_SOURCE_CONTINUE;
+}
+
+gpointer ptz_thread(gpointer) noexcept {
+    ptz_loop();
+    return nullptr;
+}
+
+// On devices with a PTZ head, for the daemon's life.
+void start_ptz_tracker() {
+    for (const char *name : {"root.Brand.ProdFullName", "root.Brand.ProdType"}) {
+        if (parameter_get(name).value_or("").find("PTZ") == std::string::npos) {
+            continue;
+        }
+        GThread *thread = g_thread_try_new(nullptr, ptz_thread, nullptr, nullptr);
+        if (thread != nullptr) {
+            g_thread_unref(thread);
+        }
+        return;
+    }
 }
 
 // Later steps depend on the state that earlier ones leave.
@@ -185,6 +210,7 @@ void start_up() {
     collect_only_from_this_camera = true;
     monitory_active = false;
     open_parameters();
+    has_libcapture = vdrl_capture_load();
     register_actions();
     read_serial_number();
     apache2_included = is_directory("/etc/apache2/conf.d");
@@ -204,6 +230,7 @@ void start_up() {
     g_timeout_add_seconds(60, timer_callback, nullptr);
     g_timeout_add_seconds(10, nc_timer_callback, nullptr);
     g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
+    start_ptz_tracker();
 }
 
 } // namespace

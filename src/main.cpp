@@ -3,7 +3,9 @@
 
 #include "advanced_debug.h"
 #include "app_state.h"
+#include "configlogs_inotify.h"
 #include "data_export.h"
+#include "environment.h"
 #include "event.h"
 #include "fileutil.h"
 #include "glib_ptr.h"
@@ -13,6 +15,7 @@
 #include "monitoring_session.h"
 #include "paramsetter.h"
 #include "pcapdump.h"
+#include "ptz.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
@@ -20,6 +23,7 @@
 #include "storage_investigator.h"
 #include "strutil.h"
 #include "syslog_triggers.h"
+#include "vdrl_capture.h"
 #include "vdrl_syslog.h"
 
 #include <cerrno>
@@ -171,6 +175,7 @@ gboolean stopped_cleanup(gpointer) noexcept {
     if (pcapdump_is_active) {
         kill_all_pcapdump();
     }
+    configlogs_inotify_gio_release();
     syslog_triggers_stop_listening();
     store_systemlog_analyser_rules();
     if (parameters && ssh_setting_before && ftp_setting_before) {
@@ -184,6 +189,8 @@ gboolean stopped_cleanup(gpointer) noexcept {
     _set_current_activity_folder(std::nullopt);
     _set_storage_id(std::nullopt);
     _set_secondary_storage_path(std::nullopt);
+    vdrl_capture_stop();
+    vdrl_capture_close();
     return G_SOURCE_REMOVE;
 }
 
@@ -191,6 +198,25 @@ gboolean stopped_cleanup(gpointer) noexcept {
 // default action with the last one: a second SIGTERM must find something.
 gboolean stay(gpointer) noexcept {
     return G_SOURCE_CONTINUE;
+}
+
+gpointer ptz_thread(gpointer) noexcept {
+    ptz_loop();
+    return nullptr;
+}
+
+// On devices with a PTZ head, for the daemon's life.
+void start_ptz_tracker() {
+    for (const char *name : {"root.Brand.ProdFullName", "root.Brand.ProdType"}) {
+        if (parameter_get(name).value_or("").find("PTZ") == std::string::npos) {
+            continue;
+        }
+        GThread *thread = g_thread_try_new(nullptr, ptz_thread, nullptr, nullptr);
+        if (thread != nullptr) {
+            g_thread_unref(thread);
+        }
+        return;
+    }
 }
 
 // Later steps depend on the state that earlier ones leave.
@@ -204,6 +230,7 @@ void start_up() {
     collect_only_from_this_camera = true;
     monitory_active = false;
     open_parameters();
+    has_libcapture = vdrl_capture_load();
     register_actions();
     read_serial_number();
     apache2_included = is_directory("/etc/apache2/conf.d");
@@ -224,9 +251,11 @@ void start_up() {
     read_old_systemlog_analyser_rules(crash_report_log_message_callback);
     read_scheduled_tasks();
     syslog_triggers_begin_listening();
+    init_environment_monitor_settings();
     g_timeout_add_seconds(60, timer_callback, nullptr);
     g_timeout_add_seconds(10, nc_timer_callback, nullptr);
     g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
+    start_ptz_tracker();
 }
 
 } // namespace

@@ -30,6 +30,7 @@ bool is_own(const std::string &pattern) {
 } // namespace
 
 void set_core_pattern(const std::string &path) {
+    errno = 0;
     if (const unique_file file = file_open_or_warn(core_pattern_path, "r")) {
         std::string line;
         if (!read_line(file.get(), pattern_max + 1, line)) {

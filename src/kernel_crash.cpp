@@ -140,7 +140,7 @@ bool copy_dump(dump_storage &storage, const std::string &folder, const std::stri
 
 void update_storage(dump_storage &storage, const std::string &folder,
                     const std::string &session_directory) {
-    if (!monitory_active || !is_directory(folder.c_str())) {
+    if (!is_directory(folder.c_str())) {
         return;
     }
     const std::string current = get_names_listed_from_directory(folder, listing_size);
@@ -196,6 +196,7 @@ int setup_storage(dump_storage &storage, const std::string &folder,
         return 0;
     }
     if (storage.is_share) {
+        (void)make_folder("/etc/sysconfig", 0755);
         const std::string name = folder.substr(folder.rfind('/') + 1);
         file_put_string(share_configuration,
                         "[Crashdump]\nDiskID = NetworkShare\nPath = " + name + "\n");
@@ -228,7 +229,8 @@ int setup_kernel_crash_monitor(const std::string &session_directory,
 void update_kernel_crash_status(const std::string &session_directory,
                                 const std::optional<std::string> &serial) {
     for (dump_storage &storage : storages) {
-        if (const auto folder = folder_of(storage, serial)) {
+        const auto folder = folder_of(storage, serial);
+        if (folder && monitory_active) {
             update_storage(storage, *folder, session_directory);
         }
     }

@@ -1,6 +1,7 @@
 #include "csv.h"
 #include "filehandler.h"
 #include "fileutil.h"
+#include "kernel_file.h"
 #include "log_capture.h"
 #include "sandbox.h"
 
@@ -13,28 +14,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-// Puts a file of the test's own in the place of one of the kernel's, until it is gone.
-class kernel_file {
-  public:
-    kernel_file(std::string path, const std::string &text) : path_(std::move(path)) {
-        const std::string copy = fresh_folder() + "/text";
-        write_file(copy, text);
-        mounted_ = ::mount(copy.c_str(), path_.c_str(), nullptr, MS_BIND, nullptr) == 0;
-        EXPECT_TRUE(mounted_) << path_;
-    }
-    ~kernel_file() {
-        if (mounted_) {
-            ::umount(path_.c_str());
-        }
-    }
-    kernel_file(const kernel_file &) = delete;
-    kernel_file &operator=(const kernel_file &) = delete;
-
-  private:
-    std::string path_;
-    bool mounted_ = false;
-};
 
 const std::string net_dev_head =
     "Inter-|   Receive                                                |  Transmit\n"

@@ -119,7 +119,7 @@ def install_package(target):
     had and this one has not. What the package wrote itself stays."""
     source = os.path.join(CHECKOUT, "package")
     daemon = os.path.join(BUILD, "bin/Vandrel")
-    if not os.path.exists(daemon) or not os.path.exists(SERVICES):
+    if not all(map(os.path.exists, (daemon, SERVICES, EVENT_LISTENER))):
         raise CameraError("the daemon is not built: cmake --preset release && "
                           "cmake --build --preset release")
     record = os.path.join(target, ".installed")

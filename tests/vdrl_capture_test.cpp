@@ -1,14 +1,18 @@
 #include "app_state.h"
+#include "handle.h"
 #include "log_capture.h"
 #include "sandbox.h"
 #include "vdrl_capture.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <regex>
 #include <set>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 
@@ -180,6 +184,35 @@ TEST(Capture, AStorageThatGoesAndComesBack) {
                                                folder + "/images'"}));
 }
 
+TEST(Capture, AThreadThatDoesNotEndKeepsTheLibrary) {
+    set_resolution("1920x1080,");
+    const std::string folder = fresh_folder();
+    // A full pipe that nobody reads stands for a library that does not come back.
+    const std::string pipe = folder + "/.tmp_image.jpg";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const unique_fd reader(::open(pipe.c_str(), O_RDONLY | O_NONBLOCK));
+    ASSERT_GT(::fcntl(reader.get(), F_SETPIPE_SZ, 4096), 0);
+    log_capture log;
+    ASSERT_TRUE(vdrl_capture_start(parameters.get(), 2, folder));
+    pollfd source{reader.get(), POLLIN, 0};
+    ASSERT_TRUE(wait_until([&source] { return ::poll(&source, 1, 0) == 1; }));
+    vdrl_capture_stop();
+    vdrl_capture_close();
+    EXPECT_TRUE(is_loaded());
+    EXPECT_FALSE(vdrl_capture_start(parameters.get(), 2, folder));
+    EXPECT_TRUE(wait_until([&reader] {
+        char piece[4096];
+        (void)!::read(reader.get(), piece, sizeof piece);
+        vdrl_capture_close();
+        return !is_loaded();
+    }));
+    EXPECT_EQ(log.texts(),
+              (texts{started, error + "The image thread does not end, libcapture stays loaded.",
+                     refused + "Couldn't start thread.",
+                     "WARNING (errno: Invalid argument) Could not open file '" + folder + "'"}));
+    EXPECT_TRUE(images(folder).empty());
+}
+
 // Last, as they change what the root has for a library.
 TEST(Capture, TheLibraryIsMissingOrIncomplete) {
     const std::string library = "/lib/libcapture.so";
@@ -197,9 +230,10 @@ TEST(Capture, TheLibraryIsMissingOrIncomplete) {
         vdrl_capture_close();
         EXPECT_EQ(log.texts(), (texts{notice, notice, unusable}));
     }
+    // Another name of the same ending: other symbols' names may be kept as a part of it.
     const std::string symbol = "capture_frame_free";
     for (auto at = bytes.find(symbol); at != std::string::npos; at = bytes.find(symbol)) {
-        bytes.replace(at, symbol.size(), "capture_frame_fred");
+        bytes.replace(at, symbol.size(), "capture-frame_free");
     }
     write_file(library, bytes);
     log_capture log;

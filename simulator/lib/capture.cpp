@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -106,9 +107,8 @@ std::vector<unsigned char> encode(picture &source) {
     }
     jpeg_finish_compress(&encoder);
     jpeg_destroy_compress(&encoder);
-    std::vector<unsigned char> result(bytes, bytes + size);
-    std::free(bytes); // the encoder's own
-    return result;
+    const std::unique_ptr<unsigned char, decltype(&std::free)> owner(bytes, &std::free);
+    return {bytes, bytes + size};
 }
 
 } // namespace

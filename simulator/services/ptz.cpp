@@ -1,7 +1,8 @@
 // com.tarvo.Ptz1: the PTZ head's presets. The property PresetStatus is what the head does (2 moves,
 // 1 stands at a preset, 0 anything else) and the preset's number, counted from 1; its changes are
 // told as the bus has it. com.tarvo.Simulator.Ptz.Goto sends the head to a preset, which it
-// reaches two seconds later, also to one that it has not; SetPresets names the presets anew.
+// reaches two seconds later, also to one that it has not; SetPresets names the presets anew. Moves
+// and arrivals are platform events too (../lib/tvevent.cpp says how they are sent).
 #include "service.h"
 
 #include "glib_ptr.h"
@@ -25,6 +26,20 @@ GVariant *property(const char *) {
     return g_variant_new("(uu)", status, preset);
 }
 
+void send_event(GDBusConnection *connection) {
+    GVariantBuilder topic;
+    g_variant_builder_init(&topic, G_VARIANT_TYPE("a{ss}"));
+    g_variant_builder_add(&topic, "{ss}", "tns1:topic0", "PTZController");
+    g_variant_builder_add(&topic, "{ss}", "tnstarvo:topic1", "PTZPresets");
+    GVariantBuilder data;
+    g_variant_builder_init(&data, G_VARIANT_TYPE("a{ss}"));
+    g_variant_builder_add(&data, "{ss}", "channel", "1");
+    g_variant_builder_add(&data, "{ss}", "on_preset", status == stands ? "1" : "0");
+    g_dbus_connection_emit_signal(
+        connection, nullptr, "/com/tarvo/Event1", "com.tarvo.Event1", "Event",
+        g_variant_new("(a{ss}a{ss}x)", &topic, &data, g_get_real_time()), nullptr);
+}
+
 void tell(GDBusConnection *connection, guint32 new_status) {
     status = new_status;
     GVariantBuilder changed;
@@ -33,6 +48,7 @@ void tell(GDBusConnection *connection, guint32 new_status) {
     g_dbus_connection_emit_signal(
         connection, nullptr, object_path, "org.freedesktop.DBus.Properties", "PropertiesChanged",
         g_variant_new("(sa{sv}as)", interface_name, &changed, nullptr), nullptr);
+    send_event(connection);
 }
 
 gboolean arrive(gpointer connection) noexcept {

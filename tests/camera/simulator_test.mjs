@@ -208,7 +208,7 @@ describe("a running camera", () => {
     assert.equal((await camera.command("reboot")).status, 0);
     assert.equal(await camera.shell("ls /run/gone /tmp/gone 2>&1 | wc -l; cat /etc/stays /var/stays" +
       " /lib/persistent/stays /usr/local/packages/Vandrel/localdata/stays" +
-      " /proc/sys/kernel/core_pattern; sysctl debug.crashdump; pidof sleep || echo none"),
+      " /proc/sys/kernel/core_pattern; sysctl debug.crashdump; ps | grep '[s]leep 1000' || echo none"),
     "2\n1\n1\n1\n1\ncore\ndebug.crashdump = none\nnone\n");
     const second = await camera.pid("Vandrel");
     assert.notEqual(second, daemon);

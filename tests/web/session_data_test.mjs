@@ -3,6 +3,7 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 
+import { lastMeasure, tellsCondition } from '../../package/html/js/condition.js';
 import { readLooseJson } from '../../package/html/js/loose_json.js';
 import {
   cameraOf, deviceTime, duration, informationOf, partsOfPath,
@@ -75,4 +76,25 @@ test('paths, times and durations are shown for people', () => {
   assert.deepEqual(
     informationOf('Model Name: Q\r\nLog messages:\r\n        a: b [limit: 3]\r\n        c\r\nDuration: x\nDuration: y\n'),
     [['Model Name', 'Q'], ['Log messages', 'a: b [limit: 3]\nc'], ['Duration', 'x'], ['Duration', 'y']]);
+});
+
+test('the last whole row tells the condition', () => {
+  const time = '2026-11-21 04:05:06';
+  const row = (values, end = '\n') => `2026-11-21,04:03:06,old\n2026-11-21,04:05:06,${values}${end}`;
+  const cases = [
+    ['e/Main_board.csv', 'Temperature (Celsius)', row('41.5'), { name: 'Temperature, Main board', value: '41.5 °C' }],
+    ['e/Heater_0.csv', 'Heater status', row('Stopped'), { name: 'Heater 0', value: 'Stopped' }],
+    ['s/stream.csv', 'Streams', row('No streams ', '\r\n'), { name: 'Video streams', value: 'none' }],
+    ['s/stream.csv', 'Streams', row(' a, b + c ', '\r\n'), { name: 'Video streams', value: 'a, b; c' }],
+    ['s/V.csv', '%Vsz', row('3,17'), { name: 'Daemon’s memory and processor share', value: '3 %, 17 %' }],
+    ['e/power.csv', 'POWER_mW', row(''), { name: 'Power', value: 'not measured' }],
+    ['e/Fan_0.csv', 'Fan status', `${row('Running')}2026-11-21,04:0`, { name: 'Fan 0', value: 'Running' }],
+  ];
+  for (const [path, column, end, measure] of cases) {
+    assert.deepEqual(lastMeasure(path, [column], end), { ...measure, time });
+  }
+  for (const end of ['', 'Date, Time, Fan status\n', '2026-11-21,04:05:06,cut', '<b>\n']) {
+    assert.equal(lastMeasure('e/Fan_0.csv', ['Fan status'], end), null, end);
+  }
+  assert.deepEqual([['Streams', 'x'], ['toString'], []].map(tellsCondition), [true, false, false]);
 });

@@ -85,6 +85,12 @@ test('a session is started, watched, stopped, downloaded and deleted', async () 
   assert.deepEqual(Object.values(miscellaneous.advanced_debug_mode).slice(0, 3), [1, 1, 90]);
   assert.match(await camera.shell('cat /usr/local/packages/Vandrel/localdata/current_*_session.txt'), /^CAPT:60$/m);
   assert.equal(await button(page, 'Start session').count(), 0);
+  await camera.command('set', 'temperature', '0', '61.75');
+  await until(async () => (await camera.exec('grep', '-rq', ',61.75', `${session}/system_monitoring/monitoring_environment`)).status === 0);
+  await page.getByRole('link', { name: 'The camera’s condition' }).click();
+  await page.getByRole('table', { name: 'Condition of the camera' })
+    .getByRole('row', { name: /^Temperature, Main board 61\.75 °C 20/ }).waitFor();
+  await page.goBack();
 
   await button(stale, 'Start session').click();
   await says(stale, 'Can not start new activity while another is running.');

@@ -4,6 +4,7 @@ import { address, request, RequestError } from '../api.js';
 import { downloadArchive, haveArchive } from '../archive.js';
 import { actionButton, createFacts, createMessage, createTable, field } from '../controls.js';
 import { readInformation } from '../camera.js';
+import { readCondition } from '../condition.js';
 import { el, setText } from '../dom.js';
 import { byteSize, clock, counted, dateTime } from '../format.js';
 import { list, number, partsOfPath, text } from '../session_data.js';
@@ -168,6 +169,23 @@ export function create() {
       };
     },
   });
+  const conditionTable = createTable({
+    caption: 'Condition of the camera',
+    columns: [{ title: 'What' }, { title: 'Last recorded' }, { title: 'At' }],
+    key: (/** @type {import('../condition.js').Measure} */ measure) => `${path}\n${measure.name}`,
+    make(measure) {
+      const value = el('span');
+      const time = el('span');
+      return {
+        cells: [el('span', {}, measure.name), value, time],
+        update(next) {
+          setText(value, next.value);
+          setText(time, next.time);
+        },
+      };
+    },
+  });
+  const noCondition = el('p', { class: 'empty' });
   const filter = el('input', {
     type: 'search', placeholder: 'Part of the name', spellcheck: 'false', autocomplete: 'off',
     oninput: () => showContents(),
@@ -177,6 +195,8 @@ export function create() {
   const fileCount = el('p', { class: 'quiet', role: 'status' });
   const contents = el('div', { class: 'view' },
     el('section', { class: 'card', 'aria-label': 'Information' }, el('h2', {}, 'Information'), information.element),
+    el('section', { class: 'card', 'aria-label': 'Condition of the camera' },
+      el('h2', {}, 'Condition of the camera'), noCondition, conditionTable.element),
     el('div', { class: 'tools' }, field('Filter of the files', filter, 'grow')),
     el('section', { class: 'card', 'aria-label': 'Recorded data' },
       el('div', { class: 'tools apart' }, el('h2', {}, 'Recorded data'), dataCount), noData, csvTable.element),
@@ -206,6 +226,19 @@ export function create() {
       : 'No file matches the filter.');
   }
 
+  /** @param {string} asked */
+  async function showCondition(asked) {
+    const measures = await readCondition(asked, found.csv).catch(() => null);
+    if (asked !== path) {
+      return;
+    }
+    conditionTable.show(measures ?? []);
+    conditionTable.element.hidden = !measures?.length;
+    noCondition.hidden = !conditionTable.element.hidden;
+    setText(noCondition, measures ? 'Nothing has been recorded of it. Sessions on the internal storage '
+      + 'have none, others after some minutes.' : 'It can’t be read now.');
+  }
+
   async function load() {
     const asked = path;
     message.work('Reading what the session has …');
@@ -223,6 +256,10 @@ export function create() {
       sizes = new Map([...found.csv, ...found.files].map((item) => [item.path, item.bytes]));
       information.show(facts ?? [['Information', 'Session_Information.txt can’t be read.']]);
       showContents();
+      await showCondition(asked);
+      if (asked !== path) {
+        return;
+      }
       read = true;
       message.clear();
       if (!found.complete) {

@@ -37,11 +37,12 @@ export function sessionCard(...more) {
   const facts = createFacts();
   const storageTrouble = el('div', { role: 'alert' });
   const idle = el('p', { class: 'quiet' });
+  const contents = el('a', { href: '#/session', hidden: true }, 'The camera’s condition and what else it has recorded');
   const asOf = el('span', { class: 'quiet' });
   const stale = el('p', { class: 'notice', hidden: true });
   const element = el('section', { class: 'card', 'aria-label': 'Session' },
     el('div', { class: 'tools apart' }, el('h2', {}, 'Session'), badge),
-    storageTrouble, facts.element, idle, stale, ...more,
+    storageTrouble, facts.element, el('p', {}, contents), idle, stale, ...more,
     el('p', { class: 'foot' }, asOf, ' ',
       el('button', { type: 'button', class: 'plain', onclick: () => refreshCamera() }, 'Refresh')));
 
@@ -65,6 +66,8 @@ export function sessionCard(...more) {
       ['Advanced debug', debugText(camera.debug)],
       ['Folder', camera.directory],
     ] : []);
+    contents.hidden = !active;
+    contents.href = `#/session?path=${encodeURIComponent(camera?.directory ?? '')}`;
     setText(idle, camera && !active ? 'Nothing is being recorded.' : '');
     idle.hidden = idle.textContent === '';
     const notes = staleNotes(error, damaged ? 'The camera’s reply was damaged, most likely by an odd '

@@ -1,0 +1,50 @@
+// What still images cost the daemon: its resident memory and processor time over a session with
+// many of them, beside the same time of a session without.
+//
+//   node bench/images.mjs [IMAGES]
+import { Camera, until } from "../tests/camera/support/camera.mjs";
+
+const IMAGES = Number(process.argv[2] ?? 5000);
+const WARM_UP = 10;
+const INTERVAL_S = "2";
+
+const camera = await new Camera().start("--speed", "60");
+
+/** The daemon's resident memory, and the processor time that it has used itself. */
+async function cost() {
+  const pid = (await camera.shell("pidof Vandrel")).trim();
+  const status = await camera.shell(`cat /proc/${pid}/status /proc/${pid}/stat`);
+  const times = status.slice(status.lastIndexOf(")") + 2).split(" ");
+  return { kB: Number(status.match(/^VmRSS:\s+(\d+)/m)[1]), ticks: Number(times[11]) + Number(times[12]) };
+}
+
+try {
+  await camera.action("activate_monitor_session", { storage: "SD_DISK", save_image_interval: INTERVAL_S });
+  const session = JSON.parse((await camera.action("list_data")).body).current_storage;
+  const images = async () =>
+    Number(await camera.shell(`ls -f ${session}/system_monitoring/monitoring_snapshots | grep -c '\\.jpg$' || true`));
+  await until(async () => await images() >= WARM_UP);
+  const start = await cost();
+  const began = performance.now();
+  let last = -Infinity;
+  await until(async () => {
+    if (performance.now() < last + 1000) return false;
+    last = performance.now();
+    return await images() >= IMAGES;
+  }, `${IMAGES} images`, 3_600_000);
+  const end = await cost();
+  const taken_ms = performance.now() - began;
+  await camera.action("deactivate_monitor_session");
+
+  await camera.action("activate_monitor_session", { storage: "SD_DISK" });
+  const without = await cost();
+  await new Promise((resolve) => { setTimeout(resolve, taken_ms); });
+  const idle = (await cost()).ticks - without.ticks;
+  console.log(`resident memory: ${start.kB} kB after ${WARM_UP} images, ${end.kB} kB after ${IMAGES}: ` +
+    `ratio ${(end.kB / start.kB).toFixed(3)}`);
+  console.log(`processor time of the daemon: ${((end.ticks - start.ticks) * 10 / (IMAGES - WARM_UP)).toFixed(1)} ms an ` +
+    `image (pictures made by the simulated library included); the same minutes without: ` +
+    `${idle * 10} ms in all`);
+} finally {
+  await camera.remove();
+}

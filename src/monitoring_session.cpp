@@ -469,6 +469,10 @@ void action_deactivate_monitor_session(GDataOutputStream *stream, GHashTable *) 
 
 int deactivate_monitor_session(const std::string &directory) {
     collect_only_from_this_camera = true;
+    if (storage_id && is_directory(directory.c_str())) {
+        // What has come in the last minute; and the listings know then all that this session has.
+        update_kernel_crash_status(directory, serial_number);
+    }
     monitory_active = false;
     device_log_is_due = false;
     configuration_watches_are_due = false;

@@ -156,6 +156,10 @@ bool file_put_string(const char *path, std::string_view text) {
     return false;
 }
 
+bool file_replace(const char *path, std::string_view text) {
+    return file_open_or_warn(path, "a") && file_put_string(path, text);
+}
+
 bool file_remove(const char *path) {
     const bool removed = ::unlink(path) == 0;
     errno = 0;

@@ -39,6 +39,9 @@ std::optional<std::string> file_get_contents(const char *path);
 // False after a warning.
 bool file_put_string(const char *path, std::string_view text);
 
+// The same, but a file that can't be opened for writing at all gives log_cannot_open's warning.
+bool file_replace(const char *path, std::string_view text);
+
 // False, without a message and with errno cleared, when it did not work.
 bool file_remove(const char *path);
 bool file_rename(const char *from, const char *to);

@@ -1,6 +1,7 @@
 // How the daemon comes up and goes down, and the small actions that belong to the application
 // itself.
 
+#include "advanced_debug.h"
 #include "app_state.h"
 #include "data_export.h"
 #include "event.h"
@@ -10,6 +11,7 @@
 #include "log.h"
 #include "main_timer.h"
 #include "monitoring_session.h"
+#include "paramsetter.h"
 #include "pcapdump.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
@@ -17,6 +19,8 @@
 #include "session_list.h"
 #include "storage_investigator.h"
 #include "strutil.h"
+#include "syslog_triggers.h"
+#include "vdrl_syslog.h"
 
 #include <cerrno>
 #include <csignal>
@@ -85,6 +89,8 @@ constexpr action actions[] = {
     {"zip_monitor_data", action_zip_monitor_data},
     {"get_monitor_data", action_get_monitor_data},
     {"remove", action_remove},
+    {"miscellaneous", action_miscellaneous},
+    {"systemlog_trigger", action_systemlog_trigger},
     {"test", action_test},
     {"activate_wireshark_session", action_activate_wireshark_session},
     {"stop_wireshark_session", action_stop_wireshark_session},
@@ -151,6 +157,13 @@ void register_actions() {
     }
 }
 
+// SSH and FTP let the support engineer in while the package runs.
+void remember_and_activate_services() {
+    store_SSH_FTP_settings(parameters.get(), ssh_setting_before.emplace(),
+                           ftp_setting_before.emplace());
+    activate_SSH_FTP(parameters.get());
+}
+
 // Gives back what the daemon changed on the device. The loop goes on until the service manager ends
 // the process, so everything that runs on it copes with what is gone; a running session stays as it
 // is and is continued at the next start.
@@ -158,7 +171,14 @@ gboolean stopped_cleanup(gpointer) noexcept {
     if (pcapdump_is_active) {
         kill_all_pcapdump();
     }
-    parameters.reset();
+    syslog_triggers_stop_listening();
+    store_systemlog_analyser_rules();
+    if (parameters && ssh_setting_before && ftp_setting_before) {
+        restore_SSH_FTP_settings(parameters.get(), *ssh_setting_before, *ftp_setting_before);
+        ssh_setting_before.reset();
+        ftp_setting_before.reset();
+        parameters.reset();
+    }
     serial_number.reset();
     monitor_start_time.reset();
     _set_current_activity_folder(std::nullopt);
@@ -187,6 +207,7 @@ void start_up() {
     register_actions();
     read_serial_number();
     apache2_included = is_directory("/etc/apache2/conf.d");
+    syslog_program_installed = vdrl_syslog_get_variant();
     event_init();
     wait_and_collect_monitoring_sessions();
     collect_action_rules();
@@ -199,6 +220,10 @@ void start_up() {
     if (!resume_monitoring_session()) {
         log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);
     }
+    remember_and_activate_services();
+    read_old_systemlog_analyser_rules(crash_report_log_message_callback);
+    read_scheduled_tasks();
+    syslog_triggers_begin_listening();
     g_timeout_add_seconds(60, timer_callback, nullptr);
     g_timeout_add_seconds(10, nc_timer_callback, nullptr);
     g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);

@@ -13,6 +13,7 @@
 #include "snapshots.h"
 #include "storage_investigator.h"
 #include "strutil.h"
+#include "syslog_triggers.h"
 #include "sysutil.h"
 
 #include <cerrno>
@@ -222,6 +223,19 @@ void log_start(const session_request &request, unsigned long interval) {
     }
 }
 
+// The log messages that make crash reports.
+std::string crash_report_messages() {
+    std::string text;
+    for (const auto *rule = get_systemlog_list(); rule != nullptr; rule = rule->next.get()) {
+        if (rule->is_subscribed) {
+            text += text.empty() ? "Log messages:\r\n" : "";
+            text += format_text("        %s [limit: %u, cooldown: %u min]\r\n",
+                                rule->key_word.c_str(), rule->limit, rule->cooldown_ui / 60);
+        }
+    }
+    return text;
+}
+
 void write_session_information(const session_request &request, const std::string &directory,
                                unsigned long interval) {
     std::string text;
@@ -240,7 +254,8 @@ void write_session_information(const session_request &request, const std::string
         }
         if (advanced_debug_mode_crash_log_message_activated) {
             text += "Advanced Debug Mode: Crash Report generation based on Log Message "
-                    "configured.\r\n";
+                    "configured.\r\n" +
+                    crash_report_messages();
         }
     }
     text += "Start Time of the session: " + monitor_start_time.value_or("") +
@@ -434,6 +449,9 @@ int deactivate_monitor_session(const std::string &directory) {
              monitor_active_minutes_count % 60);
     advanced_debug_mode_crash_recurrence = 0;
     advanced_debug_mode_crash_recurrence_tick = 1;
+    if (advanced_debug_mode_crash_log_message_activated) {
+        remove_all_subscribed_triggers();
+    }
     advanced_debug_mode_crash_interval_activated = false;
     advanced_debug_mode_crash_log_message_activated = false;
     if (apache2_included) {

@@ -11,7 +11,7 @@
 
 namespace {
 
-const bus_service *const services[] = {&storage_service};
+const bus_service *const services[] = {&ptz_coordinator_service, &storage_service};
 
 const char *ready_path = nullptr;
 std::size_t names_owned = 0;

@@ -12,4 +12,5 @@ struct bus_service {
     void (*call)(const char *method, GVariant *arguments, GDBusMethodInvocation *invocation);
 };
 
+extern const bus_service ptz_coordinator_service;
 extern const bus_service storage_service;

@@ -66,9 +66,8 @@ bool is_host_character(char ch) {
 }
 
 std::string vdrl_dt_format_address(const std::string &address, int port) {
-    return port == nc_port_icmp
-               ? format_bounded(host_text_size, "%s", address.c_str())
-               : format_bounded(host_text_size, "%s:%d", address.c_str(), port);
+    return port == nc_port_icmp ? format_bounded(host_text_size, "%s", address.c_str())
+                                : format_bounded(host_text_size, "%s:%d", address.c_str(), port);
 }
 
 std::string host_text(const nc_rules_t &rule) {
@@ -116,15 +115,16 @@ void vdrl_dt_log_status_on_storage(nc_rules_t &rule, bool status, const char *st
 
 void log_status_in_session(const nc_rules_t &rule, bool status) {
     const auto session = session_directory();
-    // Nothing is made in the empty mount point of a storage that has gone; the tick says that it has.
+    // Nothing is made in the empty mount point of a storage that has gone; the tick says that it
+    // has.
     if (!monitory_active || !session || !is_directory(session->c_str())) {
         return;
     }
     const std::string folder =
         format_bounded(path_size, "%s/%s", session->c_str(), session_log_folder);
     make_folder(folder);
-    vdrl_dt_log_status_in_file(
-        rule, format_bounded(path_size, "%s/%s", folder.c_str(), log_name), status);
+    vdrl_dt_log_status_in_file(rule, format_bounded(path_size, "%s/%s", folder.c_str(), log_name),
+                               status);
 }
 
 void vdrl_dt_log_status(nc_rules_t &rule, bool status, const std::string &serial) {
@@ -139,8 +139,8 @@ void vdrl_dt_log_status(nc_rules_t &rule, bool status, const std::string &serial
         log_info("Network Device Test: [%s] Connection successfully established to host: %s",
                  rule.nc_name.c_str(), host_text(rule).c_str());
     } else {
-        log_warning("Network Device Test: [%s] Connection failed to host: %s",
-                    rule.nc_name.c_str(), host_text(rule).c_str());
+        log_warning("Network Device Test: [%s] Connection failed to host: %s", rule.nc_name.c_str(),
+                    host_text(rule).c_str());
     }
 }
 
@@ -455,9 +455,9 @@ void vdrl_dt_rules_print(const nc_rules_t *rules, GDataOutputStream *stream) {
                                static_cast<unsigned long long>(rule->fails_total));
         text += format_bounded(json_piece_size, ",\"log_file_path\":\"%s\"",
                                rule->log_file_path.c_str());
-        text += format_bounded(json_piece_size, ",\"since\":\"%s\", \"name\":\"%s\"}",
-                               rule->nc_start_time.value_or("Waiting").c_str(),
-                               rule->nc_name.c_str());
+        text +=
+            format_bounded(json_piece_size, ",\"since\":\"%s\", \"name\":\"%s\"}",
+                           rule->nc_start_time.value_or("Waiting").c_str(), rule->nc_name.c_str());
         text += rule->next ? "," : "";
     }
     http_reply(stream, http_status::ok, "application/json; ", text + "]}");
@@ -486,8 +486,7 @@ void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const std::string address = argument("ip_address");
     const std::string name = argument("name");
     const std::string port_text = argument("port");
-    const int port =
-        port_text.empty() || port_text == "ICMP" ? nc_port_icmp : low_bits(port_text);
+    const int port = port_text.empty() || port_text == "ICMP" ? nc_port_icmp : low_bits(port_text);
     // A negative interval becomes one that never ends.
     const auto timer =
         static_cast<std::uint64_t>(static_cast<std::int64_t>(low_bits(argument("timer"))));
@@ -512,9 +511,9 @@ void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
 void action_remove_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const char *address = http_argument(arguments, "ip_address");
     const char *port = http_argument(arguments, "port");
-    const bool removed = address != nullptr && port != nullptr &&
-                         vdrl_dt_rule_remove(nc_rules, serial_number.value_or(""), address,
-                                             low_bits(port));
+    const bool removed =
+        address != nullptr && port != nullptr &&
+        vdrl_dt_rule_remove(nc_rules, serial_number.value_or(""), address, low_bits(port));
     http_reply(stream, http_status::ok, "application/json; charset=utf-8",
                removed ? "{ \"success\": \"All required parameters were given and OK, could "
                          "remove nc-rule.\" }"
@@ -528,8 +527,7 @@ void action_list_nc_rules(GDataOutputStream *stream, GHashTable *) {
 void action_download_nc_log(GDataOutputStream *stream, GHashTable *arguments) {
     const char *path = http_argument(arguments, "path");
     if (path == nullptr) {
-        http_reply(stream, http_status::ok, "text/plain",
-                   "Error: No storage or status given.\r\n");
+        http_reply(stream, http_status::ok, "text/plain", "Error: No storage or status given.\r\n");
         return;
     }
     http_write_header(stream, http_status::ok, "text/plain",

@@ -18,12 +18,12 @@ struct nc_rules_s {
     nfd_event_ids events;
     std::string nc_address; // at most nc_address_max bytes
     int port = nc_port_icmp;
-    std::uint64_t timer = 0;               // in runs; 0 is never
-    int nbr_of_fails = 0;                  // failures in a row after which "nc" is believed
-    bool connected = false;                // the last check's result
-    int fail_count = 0;                    // failures in a row
-    std::uint64_t fails_total = 0;         // since the rule was made, as the next
-    std::uint64_t checks_total = 0;        //
+    std::uint64_t timer = 0;                  // in runs; 0 is never
+    int nbr_of_fails = 0;                     // failures in a row after which "nc" is believed
+    bool connected = false;                   // the last check's result
+    int fail_count = 0;                       // failures in a row
+    std::uint64_t fails_total = 0;            // since the rule was made, as the next
+    std::uint64_t checks_total = 0;           //
     std::optional<std::string> nc_start_time; // of the first check, as text
     std::string nc_name;
     std::string log_file_path = "None"; // on a storage, the last that got a line

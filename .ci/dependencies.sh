@@ -16,6 +16,7 @@ ninja-build         # build
 pkg-config          # finds GLib
 ccache              # rebuilds without compiling the same again
 libglib2.0-dev      # the daemon's main loop, D-Bus
+libjpeg62-turbo-dev # the camera's pictures
 libglib2.0-bin      # gdbus, which the daemon runs
 bubblewrap          # the camera's private root
 e2fsprogs           # makes the camera's storages
@@ -30,6 +31,7 @@ busybox             # the camera's ps, top and killall
 faketime            # time that runs faster
 iputils-ping        # under the camera's ping
 netcat-openbsd      # under the camera's nc
+traceroute          # the camera's own, with TCP probes
 tcpdump             # under the camera's capture tool
 zip                 # the daemon packs sessions with it
 curl                # what ./run shows to try

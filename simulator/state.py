@@ -20,6 +20,7 @@ CHECKOUT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 SIMULATOR = os.path.join(CHECKOUT, "simulator")
 BUILD = os.path.join(CHECKOUT, "build/release")
 SERVICES = os.path.join(BUILD, "bin/device_services")
+EVENT_LISTENER = os.path.join(BUILD, "bin/eventlistener")
 DEFAULT_STATE = os.path.join(CHECKOUT, ".camera")
 
 # Inside the camera, and where it lies in the state directory.
@@ -45,6 +46,11 @@ root.Properties.Firmware.Version=11.4.63
 root.Properties.Image.Resolution=1920x1080,1280x720,640x360
 root.Properties.System.Architecture=aarch64
 root.Properties.System.SerialNumber=
+root.Storage.S0.DeviceNode=/dev/mmcblk0p1
+root.Storage.S1.DeviceNode=com.tarvo.NetworkShare:/com/tarvo/NetworkShare/device1
+root.TemperatureControl.Sensor.S0.Name=Main board
+root.TemperatureControl.Sensor.S1.Name=Sensor
+root.TemperatureControl.Sensor.S2.Name=Housing
 """
 
 
@@ -105,6 +111,7 @@ def prepare(state, serial, password):
     shutil.copytree(os.path.join(SIMULATOR, "root/etc"), os.path.join(state, "etc"),
                     dirs_exist_ok=True)
     install_package(os.path.join(state, PACKAGE))
+    install_other_packages(os.path.join(state, os.path.dirname(PACKAGE)))
     write_parameters(os.path.join(state, "etc/tvparameter/parameters.conf"), serial)
     write_passwords(os.path.join(state, "etc/apache2/passwords"), password)
 
@@ -140,6 +147,16 @@ def install_package(target):
     shutil.copy2(daemon, os.path.join(target, "Vandrel"))
     os.makedirs(os.path.join(target, PACKAGE_PAGE), exist_ok=True)
     replace(record, "".join(path + "\n" for path in installed + ["Vandrel"]))
+
+
+def install_other_packages(target):
+    """Installs the packages of others that the camera comes with; their settings stay."""
+    def copy(source, destination):
+        if not os.path.lexists(destination) or "/localdata/" not in destination:
+            shutil.copy2(source, destination)
+
+    shutil.copytree(os.path.join(SIMULATOR, "packages"), target, copy_function=copy,
+                    dirs_exist_ok=True)
 
 
 def write_parameters(path, serial):

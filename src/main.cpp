@@ -3,8 +3,10 @@
 
 #include "advanced_debug.h"
 #include "app_state.h"
+#include "configlogs_inotify.h"
 #include "data_export.h"
 #include "dns.h"
+#include "environment.h"
 #include "event.h"
 #include "fileutil.h"
 #include "glib_ptr.h"
@@ -14,6 +16,7 @@
 #include "monitoring_session.h"
 #include "paramsetter.h"
 #include "pcapdump.h"
+#include "ptz.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
@@ -22,6 +25,7 @@
 #include "strutil.h"
 #include "syslog_triggers.h"
 #include "sysutil.h"
+#include "vdrl_capture.h"
 #include "vdrl_device_test.h"
 #include "vdrl_nettools.h"
 #include "vdrl_syslog.h"
@@ -337,6 +341,7 @@ gboolean stopped_cleanup(gpointer) noexcept {
     if (pcapdump_is_active) {
         kill_all_pcapdump();
     }
+    configlogs_inotify_gio_release();
     syslog_triggers_stop_listening();
     store_systemlog_analyser_rules();
     vdrl_dt_rules_free(nc_rules);
@@ -351,6 +356,8 @@ gboolean stopped_cleanup(gpointer) noexcept {
     _set_current_activity_folder(std::nullopt);
     _set_storage_id(std::nullopt);
     _set_secondary_storage_path(std::nullopt);
+    vdrl_capture_stop();
+    vdrl_capture_close();
     return G_SOURCE_REMOVE;
 }
 
@@ -358,6 +365,25 @@ gboolean stopped_cleanup(gpointer) noexcept {
 // default action with the last one: a second SIGTERM must find something.
 gboolean stay(gpointer) noexcept {
     return G_SOURCE_CONTINUE;
+}
+
+gpointer ptz_thread(gpointer) noexcept {
+    ptz_loop();
+    return nullptr;
+}
+
+// On devices with a PTZ head, for the daemon's life.
+void start_ptz_tracker() {
+    for (const char *name : {"root.Brand.ProdFullName", "root.Brand.ProdType"}) {
+        if (parameter_get(name).value_or("").find("PTZ") == std::string::npos) {
+            continue;
+        }
+        GThread *thread = g_thread_try_new(nullptr, ptz_thread, nullptr, nullptr);
+        if (thread != nullptr) {
+            g_thread_unref(thread);
+        }
+        return;
+    }
 }
 
 // Later steps depend on the state that earlier ones leave.
@@ -371,6 +397,7 @@ void start_up() {
     collect_only_from_this_camera = true;
     monitory_active = false;
     open_parameters();
+    has_libcapture = vdrl_capture_load();
     register_actions();
     read_serial_number();
     apache2_included = is_directory("/etc/apache2/conf.d");
@@ -392,11 +419,13 @@ void start_up() {
     read_old_systemlog_analyser_rules(crash_report_log_message_callback);
     read_scheduled_tasks();
     syslog_triggers_begin_listening();
+    init_environment_monitor_settings();
     g_timeout_add_seconds(60, timer_callback, nullptr);
     // A run that takes longer than its period is due again at once: whatever else is waiting, such
     // as a request, goes first.
     g_timeout_add_seconds_full(G_PRIORITY_LOW, 10, nc_timer_callback, nullptr, nullptr);
     g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
+    start_ptz_tracker();
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "fileutil.h"
 #include "log.h"
 #include "monitoring_session.h"
+#include "onvif.h"
 #include "scheduled_tasks.h"
 #include "session_globals.h"
 #include "session_info.h"
@@ -55,6 +56,17 @@ void run_topstatus(const std::string &session) {
     shellscript_invoker(monitoring_folder(session, "monitoring_topstatus"), "topstatus_monitoring");
 }
 
+void store_condition(const std::string &session) {
+    const std::string folder = monitoring_folder(session, "monitoring_environment");
+    store_temperatures_celsius(folder);
+    store_heater_status(folder);
+    store_fan_status(folder);
+}
+
+void store_self(const std::string &session) {
+    store_self_monitoring(monitoring_folder(session, "monitoring_self"));
+}
+
 void run_power(const std::string &session) {
     shellscript_invoker(monitoring_folder(session, "monitoring_environment"), "power");
 }
@@ -77,7 +89,10 @@ constexpr duty external_schedule[] = {
     {120, "storage consumption", log_consumption_soon},
     {120, "interrupts", take_interrupts_snapshots},
     {120, "server report", create_serverreport_snapshot},
+    {120, "media configuration", onvif_copy_media_conf},
     {2, "collection", collect},
+    {2, "streams", store_video_stream_history_no_retention},
+    {2, "radar", store_radar_data},
     {2, "session lists", update_session_lists},
 };
 
@@ -92,12 +107,15 @@ constexpr duty collection_duties[] = {
     {1, "slab caches", store_slab_info},
     {1, "packages", vela_monitor_status_snapshot},
     {1, "network", store_proc_net_dev},
+    {1, "temperatures", store_condition},
     {1, "power", run_power},
+    {1, "own cost", store_self},
     {1, "data points", update_number_of_collected_data_points},
 };
 
 constexpr duty internal_schedule[] = {
     {360, "server report", create_serverreport_snapshot},
+    {360, "media configuration", onvif_copy_media_conf},
     {2, "device tests", create_nc_snapshot},
     {120, "storage consumption", log_consumption_soon},
 };

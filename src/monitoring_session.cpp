@@ -1,10 +1,13 @@
 #include "monitoring_session.h"
 
 #include "app_state.h"
+#include "configlogs_inotify.h"
 #include "dateutil.h"
+#include "eventlistener.h"
 #include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
+#include "onvif.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
@@ -15,7 +18,9 @@
 #include "strutil.h"
 #include "syslog_triggers.h"
 #include "sysutil.h"
+#include "vdrl_capture.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -37,6 +42,11 @@ constexpr std::size_t start_time_max = 99;
 
 constexpr const char *continuous_syslog_link =
     "/usr/local/packages/Vandrel/localdata/current_continuous_syslog.txt";
+
+// What the session's start wants on its storage and what has not been there for it yet.
+bool configuration_watches_are_due = false;
+bool event_listener_is_due = false;
+std::string due_image_interval; // seconds as text, "" when nothing is due
 
 // What current_monitoring_session.txt says, before any of it is believed.
 struct stored_session {
@@ -306,6 +316,24 @@ void append_session_size(const std::string &directory) {
     }
 }
 
+// Only on an external storage, which has room for them; an interval of 0 or 1 means none.
+void _start_image_capturing(const std::string &directory, const std::string &interval) {
+    constexpr unsigned long long interval_max = 1'000'000'000; // of nine digits
+    const auto seconds = std::min(decimal_prefix_unsigned(interval), interval_max);
+    if (storage_id && seconds > 1) {
+        (void)vdrl_capture_start(parameters.get(), static_cast<int>(seconds),
+                                 format_bounded(400, "%s/%s/%s", directory.c_str(),
+                                                "system_monitoring", "monitoring_snapshots"));
+    }
+}
+
+void watch_configurations(const std::string &directory) {
+    int index = 0;
+    for (const std::string &package : get_subdirectories("/usr/local/packages")) {
+        configlogs_inotify_gio_setup(directory, package, index++);
+    }
+}
+
 void clear_session() {
     _set_secondary_storage_path(std::nullopt);
     _set_storage_id(std::nullopt);
@@ -390,6 +418,7 @@ int _start_monitoring_session(const session_request &request) {
     link_continuous_syslog(directory);
     create_two_interrupts_snapshots();
     create_serverreport_snapshot(directory);
+    onvif_copy_media_conf(directory);
     log_start(request, interval);
     write_session_information(request, directory, interval);
     if (storage_id && request.debug_mode && interval > 0) {
@@ -426,12 +455,19 @@ int deactivate_monitor_session(const std::string &directory) {
     collect_only_from_this_camera = true;
     monitory_active = false;
     device_log_is_due = false;
+    configuration_watches_are_due = false;
+    event_listener_is_due = false;
+    due_image_interval.clear();
+    vdrl_capture_stop();
+    eventlistener_stop();
+    configlogs_inotify_gio_release();
     (void)system_ret("/usr/local/packages/Vandrel/continuous_syslog_cat.sh "
                      "/usr/local/vandrel.log");
     file_remove(continuous_syslog_link);
     // With the storage gone there is nothing to complete; nothing is made in its empty mount point.
     const bool storage_is_there = is_directory(directory.c_str());
     if (storage_is_there) {
+        onvif_copy_media_conf(directory);
         complete_signature(directory);
         complete_session_information(directory);
     }
@@ -495,8 +531,11 @@ bool resume_monitoring_session() {
     return true;
 }
 
-void setup_session(const std::string &directory, const std::string &) {
+void setup_session(const std::string &directory, const std::string &image_interval) {
     monitory_active = true;
+    configuration_watches_are_due = true;
+    event_listener_is_due = true;
+    due_image_interval = image_interval;
     start_what_needs_the_storage(directory);
 }
 
@@ -517,6 +556,24 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (device_log_is_due) {
         device_log_is_due = false;
         append_device_log(directory);
+    }
+    if (configuration_watches_are_due) {
+        configuration_watches_are_due = false;
+        watch_configurations(directory);
+    } else {
+        configlogs_inotify_gio_catch_up(directory);
+    }
+    if (!due_image_interval.empty()) {
+        _start_image_capturing(directory, due_image_interval);
+        due_image_interval.clear();
+    }
+    // What the listener had open died with the storage.
+    const bool is_cut_off =
+        eventlistener_is_running() && (connection_lost_count > 0 || eventlistener_has_failed());
+    if (event_listener_is_due || is_cut_off) {
+        event_listener_is_due = false;
+        eventlistener_stop();
+        (void)eventlistener_start(directory);
     }
 }
 

@@ -4,8 +4,11 @@
 #include "log.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 #include <utility>
 
 int system_ret(const char *command) {
@@ -25,6 +28,31 @@ int system_ret(const char *command) {
         return system_ret_signal;
     }
     return system_ret_stopped;
+}
+
+int system_ret_within(const char *command, std::chrono::seconds limit) {
+    const pid_t pid = ::fork();
+    if (pid == -1) {
+        log_error("Could not execute: %s", command);
+        return system_ret_no_shell;
+    }
+    if (pid == 0) {
+        ::setpgid(0, 0); // of its own, so that all of it can be killed
+        ::execl("/bin/sh", "sh", "-c", command, nullptr);
+        ::_exit(127);
+    }
+    const auto end = std::chrono::steady_clock::now() + limit;
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = ::waitpid(pid, &status, WNOHANG)) == 0) {
+        if (std::chrono::steady_clock::now() >= end) {
+            ::kill(-pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+            return system_ret_stopped;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return ended == pid && WIFEXITED(status) ? WEXITSTATUS(status) : system_ret_signal;
 }
 
 command_pipe::command_pipe(const char *command) : pipe_(::popen(command, "re")) {

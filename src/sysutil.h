@@ -3,6 +3,7 @@
 
 #include "handle.h"
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -15,6 +16,10 @@ inline constexpr int system_ret_signal = -4;     // logged
 // Runs a shell command, waits for it and returns its exit status (0 to 255) or one of the values
 // above. The command inherits standard input, output and error, no other descriptor. Any thread.
 int system_ret(const char *command);
+
+// The same for a command that may not end by itself: after the limit it and what it started are
+// killed, and the result is system_ret_stopped.
+int system_ret_within(const char *command, std::chrono::seconds limit);
 
 // A shell command whose output is read. Not being able to start a shell ends the process.
 class command_pipe {

@@ -64,9 +64,13 @@ int vdrl_nettools_traceroute(const std::string &command, GDataOutputStream *stre
 bool vdrl_nettools_portcheck(const std::string &address, const std::string &port) {
     if (!is_readable("/usr/bin/tcptest")) {
         errno = 0;
-        return system_ret(format_bounded(command_size, ": | nc -w 5 \"%s\" \"%s\" > /dev/null 2>&1",
-                                         address.c_str(), port.c_str())
-                              .c_str()) == 0;
+        // nc's own limit is one of silence: connected to a host that goes on talking, it stays.
+        const int result = system_ret_within(
+            format_bounded(command_size, ": | nc -w 5 \"%s\" \"%s\" > /dev/null 2>&1",
+                           address.c_str(), port.c_str())
+                .c_str(),
+            std::chrono::seconds(30));
+        return result == 0 || result == system_ret_stopped;
     }
     bool silent = true; // it says something only when it fails
     command_read_lines(

@@ -41,7 +41,7 @@ export function create() {
   }
   adapt();
 
-  /** The arguments, or nothing when a field has to be filled first. */
+  /** Nothing when a field has to be filled first. @returns {Record<string, string> | null} */
   function argumentsOf() {
     if (tool.value === 'get_ip_address') {
       return { group: group.value.trim() };

@@ -58,7 +58,7 @@ describe("the network", () => {
       await until(() => seen.includes("NameAcquired"), "the monitor");
       await camera.shell("systemctl start Vandrel");
       assert.equal((await camera.action("activate_monitor_session", { storage: "SD_DISK" })).body,
-        "Session started.\r\n");
+        "Session started.");
       assert.deepEqual((await rules()).map((rule) => [rule.name, rule.since]),
         HOSTS.map(([, , name]) => [name, "Waiting"]));
       const list = await until(async () => {
@@ -221,13 +221,13 @@ describe("the network", () => {
     for (const address of ["", "-f", "$(touch /tmp/run)", "`touch /tmp/run`", "a\nb", "a\\", "x".repeat(7_000)]) {
       assert.equal(await get("ping", { address }), NO_ADDRESS);
       assert.equal(await get("traceroute", { address, mode: "udp" }), NO_ADDRESS);
-      if (address) assert.match(await get("portcheck", { address, port: "80" }), /^STOPSPINNER$/);
-      if (address) assert.match(await get("portcheck", { address: HOST, port: address }), /^STOPSPINNER$/);
+      // Without a header block in front, which is the web server's fault to tell.
+      if (address) assert.equal((await camera.action("portcheck", { address, port: "80" })).status, 500);
+      if (address) assert.equal((await camera.action("portcheck", { address: HOST, port: address })).status, 500);
     }
-    assert.equal(await get("portcheck", { address: HOST, port: "1e3" }), "STOPSPINNER");
-    for (const [name, query] of [["ping", { address: "a b" }], ["traceroute", { address: "a\"", mode: "udp" }],
+    for (const [name, query] of [["portcheck", { address: HOST, port: "1e3" }], ["ping", { address: "a b" }], ["traceroute", { address: "a\"", mode: "udp" }],
       ["traceroute", { address: HOST, mode: "ttl" }]]) {
-      assert.equal((await camera.action(name, query)).status, 500, "the web server's, for a reply of nothing");
+      assert.equal((await camera.action(name, query)).status, 500);
     }
     assert.equal((await camera.exec("test", "-e", "/tmp/run")).status, 1);
     // A resolver that does not answer is given up.

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <utility>
@@ -170,11 +171,13 @@ bool close_check(command_pipe &pipe, const std::string &command) {
         log_error("[nfd]: Error reported by pclose from command: %s", command.c_str());
         return false;
     }
-    if (WIFSIGNALED(status)) {
+    // Not that of a host that was still talking when its first words were enough.
+    const bool by_our_closing = WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGPIPE;
+    if (was_ended_by_signal(status) && !by_our_closing) {
         log_error("[nfd]: Unsuccessful command: %s", command.c_str());
         return false;
     }
-    return WEXITSTATUS(status) == 0;
+    return status == 0;
 }
 
 void note_reachable(nc_rules_t &rule, const std::string &serial) {

@@ -93,9 +93,10 @@ describe("the network", () => {
       assert.ok(log.includes(inSession.split("\r\n").slice(0, lines.length).join("\r\n")));
       const system = await camera.shell("sort -u /var/log/*.log");
       for (const line of lines) assert.ok(system.includes(`Network Device Test: ${line}`), line);
-      for (const word of [`${HOST}:7002\n`, `${SILENT} (ICMP)\n`]) {
-        assert.equal(system.split(`errno: None) Network Device Test: Connection failed to ip-address ${word}`).length, 2,
-          "only the first failure in a row");
+      // Only the first failure in a row, which for nc is below the threshold.
+      for (const [word, times] of [[`${HOST}:7002\n`, variant === "nc" ? 0 : 1], [`${SILENT} (ICMP)\n`, 1]]) {
+        assert.equal(system.split(
+          `errno: None) Network Device Test: Connection failed to ip-address ${word}`).length - 1, times, word);
       }
       assert.doesNotMatch(system, /\[nfd\]/);
       await camera.action("deactivate_monitor_session");
@@ -218,7 +219,7 @@ describe("the network", () => {
       assert.match(await get("traceroute", { address: "192.168.0.1", mode }), /\n<br> 1  192\.168\.0\.1 .*\n<br>STOPSPINNER$/);
     }
     const NO_ADDRESS = "Error: invalid parameters, use address=url\r\n";
-    for (const address of ["", "-f", "$(touch /tmp/run)", "`touch /tmp/run`", "a\nb", "a\\", "x".repeat(7_000)]) {
+    for (const address of ["", "-f", "$(touch${IFS}/tmp/run)", "`touch${IFS}/tmp/run`", "a\nb", "a\\", "x".repeat(7_000)]) {
       assert.equal(await get("ping", { address }), NO_ADDRESS);
       assert.equal(await get("traceroute", { address, mode: "udp" }), NO_ADDRESS);
       // Without a header block in front, which is the web server's fault to tell.

@@ -498,15 +498,16 @@ void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const char *reply = "{ \"success\": \"All required parameters were given and OK.\" }";
     const bool name_fits =
         !name.empty() && name.size() <= nc_name_max && is_safe_in_double_quotes(name);
-    if (address.empty() || !is_port(port) || timer == 0 || nbr_of_fails == 0 || !name_fits) {
-        reply = "{ \"error\": \"Not all required parameters were given.\" }";
-    } else if (!host_fits(address, port)) {
-        reply = "{ \"error\": \"Address is too long.\" }";
-    } else if (!vdrl_dt_is_host(address, port)) {
-        reply = "{ \"error\": \"Not all required parameters were given.\" }";
-    } else {
+    const bool all_given =
+        !address.empty() && is_port(port) && timer != 0 && nbr_of_fails != 0 && name_fits;
+    const bool too_long = !host_fits(address, port);
+    if (all_given && vdrl_dt_is_host(address, port)) {
         vdrl_dt_rule_add(nc_rules, serial_number.value_or(""), address, port, timer, nbr_of_fails,
                          name);
+    } else if (all_given && too_long) {
+        reply = "{ \"error\": \"Address is too long.\" }";
+    } else {
+        reply = "{ \"error\": \"Not all required parameters were given.\" }";
     }
     http_reply(stream, http_status::ok, "application/json; ", reply);
 }

@@ -4,6 +4,7 @@
 #include "advanced_debug.h"
 #include "app_state.h"
 #include "configlogs_inotify.h"
+#include "crashcatcher_core.h"
 #include "data_export.h"
 #include "dns.h"
 #include "environment.h"
@@ -414,6 +415,9 @@ void start_up() {
     (void)determine_if_this_storage_is_ok("SD_DISK", false);
     if (!resume_monitoring_session()) {
         log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);
+    }
+    if (core_pattern_is_left_behind() && !(monitory_active && storage_id)) {
+        reset_core_pattern(); // of a session that an earlier run could not end
     }
     remember_and_activate_services();
     read_old_systemlog_analyser_rules(crash_report_log_message_callback);

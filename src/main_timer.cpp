@@ -1,9 +1,11 @@
 #include "main_timer.h"
 
+#include "advanced_debug.h"
 #include "app_state.h"
 #include "environment.h"
 #include "filehandler.h"
 #include "fileutil.h"
+#include "kernel_crash.h"
 #include "log.h"
 #include "monitoring_session.h"
 #include "onvif.h"
@@ -28,6 +30,10 @@ std::string monitoring_folder(const std::string &session, const char *folder) {
 }
 
 // --- Duties that are more than one call
+
+void copy_kernel_crashes(const std::string &session) {
+    update_kernel_crash_status(session, serial_number);
+}
 
 void note_storage_is_back(const std::string &) {
     if (connection_lost_count > 0) {
@@ -85,8 +91,10 @@ void collect(const std::string &session) {
 
 constexpr duty external_schedule[] = {
     {1, "what needs the storage", start_what_needs_the_storage},
+    {1, "kernel crashes", copy_kernel_crashes},
     {1, "storage is back", note_storage_is_back},
     {120, "storage consumption", log_consumption_soon},
+    {1, "advanced debug", advanced_debug_tick},
     {120, "interrupts", take_interrupts_snapshots},
     {120, "server report", create_serverreport_snapshot},
     {120, "media configuration", onvif_copy_media_conf},
@@ -161,7 +169,9 @@ void session_tick(unsigned long tick, const std::string &session) {
     if (left == space::too_little || (left == space::unknown && usable)) {
         log_warning("Secondary storage is running out of free space. Deactivating monitoring "
                     "session.");
-        (void)deactivate_monitor_session(session);
+        if (deactivate_monitor_session(session) != 0) {
+            (void)system_ret("/sbin/reboot");
+        }
         return;
     }
     if (!usable) {

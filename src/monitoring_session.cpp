@@ -2,10 +2,12 @@
 
 #include "app_state.h"
 #include "configlogs_inotify.h"
+#include "crashcatcher_inotify.h"
 #include "dateutil.h"
 #include "eventlistener.h"
 #include "filehandler.h"
 #include "fileutil.h"
+#include "kernel_crash.h"
 #include "log.h"
 #include "onvif.h"
 #include "scheduled_tasks.h"
@@ -334,6 +336,16 @@ void watch_configurations(const std::string &directory) {
     }
 }
 
+// Where the kernel has to be restarted first, the client gets its reply before.
+void reply_or_restart(GDataOutputStream *stream, int result, const char *done,
+                      const char *restarts) {
+    http_reply(stream, ok, reply_type, result == 0 ? done : restarts);
+    if (result != 0) {
+        g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
+        (void)system_ret("/sbin/reboot");
+    }
+}
+
 void clear_session() {
     _set_secondary_storage_path(std::nullopt);
     _set_storage_id(std::nullopt);
@@ -375,11 +387,11 @@ void action_activate_monitor_session(GDataOutputStream *stream, GHashTable *argu
             return;
         }
     }
-    (void)_start_monitoring_session({storage,
-                                     optional_argument(arguments, "recurrence_crash_reports"),
-                                     optional_argument(arguments, "log_interval"),
-                                     optional_argument(arguments, "save_image_interval")});
-    http_reply(stream, ok, reply_type, "Session started.");
+    const int result = _start_monitoring_session(
+        {storage, optional_argument(arguments, "recurrence_crash_reports"),
+         optional_argument(arguments, "log_interval"),
+         optional_argument(arguments, "save_image_interval")});
+    reply_or_restart(stream, result, "Session started.", "Session will start after reboot.");
 }
 
 int _start_monitoring_session(const session_request &request) {
@@ -421,6 +433,9 @@ int _start_monitoring_session(const session_request &request) {
     onvif_copy_media_conf(directory);
     log_start(request, interval);
     write_session_information(request, directory, interval);
+    if (storage_id && setup_kernel_crash_monitor(directory, serial_number) != 0) {
+        return 1;
+    }
     if (storage_id && request.debug_mode && interval > 0) {
         advanced_debug_mode_crash_recurrence = interval;
         advanced_debug_mode_crash_recurrence_tick = 0;
@@ -447,8 +462,9 @@ void action_deactivate_monitor_session(GDataOutputStream *stream, GHashTable *) 
                    "Error: Path to secondary storage for active monitor session is null.");
         return;
     }
-    (void)deactivate_monitor_session(*directory);
-    http_reply(stream, ok, reply_type, "Session deactivated.");
+    const int result = deactivate_monitor_session(*directory);
+    reply_or_restart(stream, result, "Session deactivated.",
+                     "Session deactivation requires reboot.");
 }
 
 int deactivate_monitor_session(const std::string &directory) {
@@ -490,18 +506,22 @@ int deactivate_monitor_session(const std::string &directory) {
     }
     advanced_debug_mode_crash_interval_activated = false;
     advanced_debug_mode_crash_log_message_activated = false;
+    if (storage_id) {
+        inotify_gio_release();
+    }
     if (apache2_included) {
         g_timeout_add_seconds(6, reload_httpd_now, nullptr);
     }
+    const int result = disable_kernel_crash_monitor(serial_number);
     const std::string archive = session_archive_path(directory);
     if (is_file(archive.c_str())) {
         file_remove(archive.c_str());
     }
-    if (storage_is_there) {
+    if (storage_is_there && result == 0) {
         zip_session(directory);
     }
     clear_session();
-    return 0;
+    return result;
 }
 
 bool resume_monitoring_session() {
@@ -556,6 +576,9 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (device_log_is_due) {
         device_log_is_due = false;
         append_device_log(directory);
+    }
+    if (storage_id) {
+        create_dir_monitor(directory);
     }
     if (configuration_watches_are_due) {
         configuration_watches_are_due = false;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <sys/types.h>
 
 // What system_ret returns when there is no exit status.
 inline constexpr int system_ret_stopped = -1;
@@ -17,9 +18,21 @@ inline constexpr int system_ret_signal = -4;     // logged
 // above. The command inherits standard input, output and error, no other descriptor. Any thread.
 int system_ret(const char *command);
 
-// The same for a command that may not end by itself: after the limit it and what it started are
-// killed, and the result is system_ret_stopped.
-int system_ret_within(const char *command, std::chrono::seconds limit);
+// What a program that run_program starts finds open.
+enum class program_descriptors {
+    standard, // input empty, output into a file, errors as the daemon's
+    none      // nothing at all
+};
+
+// Runs the program at the path argv[0] without a shell, as the leader of a session of its own, and
+// waits for it; after `limit` its session is killed. With `standard` its output goes to a new file,
+// or in the place of an old one, at `output`. The wait status as waitpid gives it, or -1 with errno
+// when it could not be started. Any thread.
+int run_program(const char *const argv[], program_descriptors descriptors, const char *output,
+                std::chrono::milliseconds limit);
+
+// Waits until a child has ended, at most for `limit`. As waitpid: 0 means that it still runs.
+pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limit);
 
 // A shell command whose output is read. Not being able to start a shell ends the process.
 class command_pipe {

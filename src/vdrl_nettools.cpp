@@ -64,13 +64,15 @@ int vdrl_nettools_traceroute(const std::string &command, GDataOutputStream *stre
 bool vdrl_nettools_portcheck(const std::string &address, const std::string &port) {
     if (!is_readable("/usr/bin/tcptest")) {
         errno = 0;
-        // nc's own limit is one of silence: connected to a host that goes on talking, it stays.
-        const int result = system_ret_within(
+        const std::string command =
             format_bounded(command_size, ": | nc -w 5 \"%s\" \"%s\" > /dev/null 2>&1",
-                           address.c_str(), port.c_str())
-                .c_str(),
-            std::chrono::seconds(30));
-        return result == 0 || result == system_ret_stopped;
+                           address.c_str(), port.c_str());
+        const char *const argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+        // nc's own limit is one of silence: connected to a host that goes on talking, it stays.
+        const int status =
+            run_program(argv, program_descriptors::standard, "/dev/null", std::chrono::seconds(30));
+        const bool still_talks = std::exchange(errno, 0) == ETIMEDOUT;
+        return status == 0 || still_talks;
     }
     bool silent = true; // it says something only when it fails
     command_read_lines(

@@ -31,6 +31,7 @@ busybox             # the camera's ps, top and killall
 faketime            # time that runs faster
 iputils-ping        # under the camera's ping
 netcat-openbsd      # under the camera's nc
+traceroute          # the camera's own, with TCP probes
 tcpdump             # under the camera's capture tool
 zip                 # the daemon packs sessions with it
 curl                # what ./run shows to try

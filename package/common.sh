@@ -167,3 +167,28 @@ pack_trace() {
         rm -f zip_info.txt
     )
 }
+
+# keep_nc_rules ADDRESS PORT RECORD: puts the record in the place of that host's one in nc_rules.txt,
+# or at the end; without a record the host's is taken out. Whole or not at all. The texts reach awk
+# by its environment, where they mean nothing else, and are compared as texts.
+keep_nc_rules() {
+    sweep_beside "$LOCALDATA/nc_rules.txt"
+    [ -e "$LOCALDATA/nc_rules.txt" ] || : >"$LOCALDATA/nc_rules.txt" || return 1
+    # shellcheck disable=SC2016 # awk's own variables
+    kept=$(nc_address=$1 nc_port=$2 nc_record=$3 awk '
+        function put_record() {
+            if (!put && ENVIRON["nc_record"] != "") print ENVIRON["nc_record"]
+            put = 1
+        }
+        /^N/ {
+            address = substr($0, 3); record = $0; port = ""
+            for (line = 2; line <= 5 && (getline > 0); line++) {
+                if (line == 2) port = substr($0, 3)
+                record = record "\n" $0
+            }
+            if (address "" == ENVIRON["nc_address"] "" && port "" == ENVIRON["nc_port"] "") put_record()
+            else print record
+        }
+        END { put_record() }' "$LOCALDATA/nc_rules.txt") || return 1
+    { [ -z "$kept" ] || printf '%s\n' "$kept"; } | replace_file "$LOCALDATA/nc_rules.txt"
+}

@@ -6,6 +6,7 @@
 #include "configlogs_inotify.h"
 #include "crashcatcher_core.h"
 #include "data_export.h"
+#include "dns.h"
 #include "environment.h"
 #include "event.h"
 #include "fileutil.h"
@@ -24,9 +25,13 @@
 #include "storage_investigator.h"
 #include "strutil.h"
 #include "syslog_triggers.h"
+#include "sysutil.h"
 #include "vdrl_capture.h"
+#include "vdrl_device_test.h"
+#include "vdrl_nettools.h"
 #include "vdrl_syslog.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -81,6 +86,158 @@ void action_instant_log_view_download(GDataOutputStream *stream, GHashTable *) {
     http_write_command_output(stream, log_view_command);
 }
 
+// --- Network tools
+
+constexpr const char *streamed = "application/octet-stream";
+constexpr const char *end_of_stream = "STOPSPINNER"; // the page's busy indicator stops at it
+constexpr const char *no_address = "Error: invalid parameters, use address=url";
+
+bool has_blank_or_quote(const std::string &text) {
+    return text.find_first_of(" \"") != std::string::npos;
+}
+
+void action_ping(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *argument = http_argument(arguments, "address");
+    const std::string address = argument == nullptr ? "" : argument;
+    if (has_blank_or_quote(address)) {
+        return; // no reply at all
+    }
+    if (!vdrl_nettools_is_argument(address, nettools_ping_address_max)) {
+        print_http_error(stream, no_address);
+        return;
+    }
+    log_info("Network Tools: Ping %s", address.c_str());
+    http_write_header(stream, http_status::ok, streamed);
+    vdrl_nettools_ping(address, stream);
+    http_write(stream, end_of_stream);
+}
+
+void action_traceroute(GDataOutputStream *stream, GHashTable *arguments) {
+    static constexpr std::string_view architectures[] = {"mips",   "armv6",   "armv7",
+                                                         "armv7l", "armv7hf", "aarch64"};
+    static constexpr struct {
+        std::string_view name;
+        const char *upper_case;
+    } modes[] = {{"tcp", "TCP"}, {"udp", "UDP"}, {"icmp", "ICMP"}};
+
+    const char *argument = http_argument(arguments, "address");
+    const char *mode_argument = http_argument(arguments, "mode");
+    if (argument == nullptr || mode_argument == nullptr) {
+        print_http_error(stream, no_address);
+        return;
+    }
+    const std::string architecture =
+        parameter_get("root.Properties.System.Architecture").value_or("");
+    if (std::find(std::begin(architectures), std::end(architectures), architecture) ==
+        std::end(architectures)) {
+        print_http_error(
+            stream,
+            ("Traceroute binary for architecture \"" + architecture + "\" not found").c_str());
+        return;
+    }
+    const std::string address = argument;
+    const auto mode =
+        std::find_if(std::begin(modes), std::end(modes),
+                     [mode_argument](const auto &entry) { return entry.name == mode_argument; });
+    if (has_blank_or_quote(address) || mode == std::end(modes)) {
+        return; // no reply at all
+    }
+    if (!vdrl_nettools_is_argument(address, nettools_address_max)) {
+        print_http_error(stream, no_address);
+        return;
+    }
+    log_info("Traceroute: Starting Traceroute to address %s with protocol %s", address.c_str(),
+             mode->upper_case);
+    http_write_header(stream, http_status::ok, streamed);
+    vdrl_nettools_traceroute(
+        format_bounded(500, "/usr/local/packages/Vandrel/bin_extra/traceroute_%s --%s \"%s\" 2>&1",
+                       architecture.c_str(), mode_argument, address.c_str()),
+        stream);
+    http_write(stream, end_of_stream);
+}
+
+void action_portcheck(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *address_argument = http_argument(arguments, "address");
+    const char *port_argument = http_argument(arguments, "port");
+    const std::string address = address_argument == nullptr ? "" : address_argument;
+    const std::string port = port_argument == nullptr ? "" : port_argument;
+    if (address.empty() || port.empty()) {
+        print_http_error(stream, "Error: invalid parameters, use address=&port=");
+        return;
+    }
+    constexpr std::size_t port_max = 20;
+    if (has_blank_or_quote(address) || has_blank_or_quote(port) ||
+        port.find('e') != std::string::npos || // no number with an exponent
+        !vdrl_nettools_is_argument(address, nettools_address_max) ||
+        !vdrl_nettools_is_argument(port, port_max)) {
+        http_write(stream, end_of_stream);
+        return;
+    }
+    http_write_header(stream, http_status::ok, streamed);
+    http_write(stream, vdrl_nettools_portcheck(address, port) ? "Port check successful"
+                                                              : "Port check failed");
+    http_write(stream, end_of_stream);
+}
+
+void action_dnslookup(GDataOutputStream *stream, GHashTable *arguments) {
+    http_reply(stream, http_status::ok, "text/plain", "Records found are listed below: <br><br>");
+    if (const char *address = http_argument(arguments, "address")) {
+        write_out_dns(address, stream);
+    }
+}
+
+void copy_command_output(GDataOutputStream *stream, const std::string &command) {
+    command_pipe pipe(command.c_str());
+    std::string piece;
+    while (pipe.next_line(99, piece)) {
+        if (!http_write(stream, piece)) {
+            errno = 0;
+            log_error("%s g_data_output_stream_put_string returned FALSE", "get_ip_address");
+            break;
+        }
+    }
+    const int status = pipe.close();
+    if (status == -1) {
+        log_error("[Vandrel]: error reported by pclose from command: %s", command.c_str());
+    } else if (was_ended_by_signal(status)) {
+        log_error("[Vandrel]: Unsuccessful command: %s", command.c_str());
+    }
+}
+
+// What the network share's service tells of the share behind a storage group, as it prints it.
+void action_get_ip_address(GDataOutputStream *stream, GHashTable *arguments) {
+    constexpr std::size_t parameter_max = 127;
+    constexpr std::size_t object_path_max = 80; // the command has 299 bytes
+    http_write_header(stream, http_status::ok, "application/json; charset=utf-8");
+    const char *group = http_argument(arguments, "group");
+    const std::string name =
+        "root.Storage." + std::string(group == nullptr ? "" : group) + ".DeviceNode";
+    const auto node = name.size() <= parameter_max ? parameter_get(name.c_str()) : std::nullopt;
+    if (!node) {
+        http_write(stream, "Could not read the properties.\r\n\r\n");
+        return;
+    }
+    const std::size_t colon = node->find(':');
+    const std::string object_path = colon == std::string::npos ? "" : node->substr(colon + 1);
+    if (object_path.empty()) {
+        return;
+    }
+    if (!vdrl_nettools_is_argument(object_path, object_path_max)) {
+        log_warning("The device node '%s' of '%s' can not be asked.", node->c_str(), name.c_str());
+        http_write(stream, "Could not read the properties.\r\n\r\n");
+        return;
+    }
+    for (const char *property : {"address", "share"}) {
+        copy_command_output(
+            stream, format_bounded(300,
+                                   "dbus-send --system --print-reply --reply-timeout=3000 "
+                                   "--dest=com.tarvo.NetworkShare --type=method_call \"%s\" "
+                                   "org.freedesktop.DBus.Properties.Get "
+                                   "string:com.tarvo.NetworkShare.Device string:%s",
+                                   object_path.c_str(), property));
+    }
+}
+
 struct action {
     const char *name;
     http_callback handler;
@@ -91,6 +248,7 @@ constexpr action actions[] = {
     {"activate_monitor_session", action_activate_monitor_session},
     {"deactivate_monitor_session", action_deactivate_monitor_session},
     {"list_data", action_list_data},
+    {"get_ip_address", action_get_ip_address},
     {"zip_monitor_data", action_zip_monitor_data},
     {"get_monitor_data", action_get_monitor_data},
     {"remove", action_remove},
@@ -103,8 +261,16 @@ constexpr action actions[] = {
     {"download_wireshark_session", action_download_wireshark_session},
     {"remove_wireshark_session", action_remove_wireshark_session},
     {"wireshark_direct", action_wireshark_direct},
+    {"list_nc_rules", action_list_nc_rules},
+    {"remove_nc_rule", action_remove_nc_rule},
+    {"declare_nc_rule", action_declare_nc_rule},
+    {"download_nc_log", action_download_nc_log},
     {"instant_log_view", action_instant_log_view},
     {"instant_log_view_download", action_instant_log_view_download},
+    {"traceroute", action_traceroute},
+    {"ping", action_ping},
+    {"portcheck", action_portcheck},
+    {"dnslookup", action_dnslookup},
     {"view_monitor_data", action_view_monitor_data},
 };
 
@@ -179,6 +345,7 @@ gboolean stopped_cleanup(gpointer) noexcept {
     configlogs_inotify_gio_release();
     syslog_triggers_stop_listening();
     store_systemlog_analyser_rules();
+    vdrl_dt_rules_free(nc_rules);
     if (parameters && ssh_setting_before && ftp_setting_before) {
         restore_SSH_FTP_settings(parameters.get(), *ssh_setting_before, *ftp_setting_before);
         ssh_setting_before.reset();
@@ -242,6 +409,7 @@ void start_up() {
     collect_wireshark_sessions(true);
     g_unix_signal_add(SIGTERM, stopped_cleanup, nullptr);
     g_unix_signal_add(SIGTERM, stay, nullptr);
+    nc_rules = vdrl_dt_rules_read_from_file();
     timer_count = 0;
     // A storage that is not there at the start is no loss to log.
     (void)determine_if_this_storage_is_ok("SD_DISK", false);
@@ -257,7 +425,9 @@ void start_up() {
     syslog_triggers_begin_listening();
     init_environment_monitor_settings();
     g_timeout_add_seconds(60, timer_callback, nullptr);
-    g_timeout_add_seconds(10, nc_timer_callback, nullptr);
+    // A run that takes longer than its period is due again at once: whatever else is waiting, such
+    // as a request, goes first.
+    g_timeout_add_seconds_full(G_PRIORITY_LOW, 10, nc_timer_callback, nullptr, nullptr);
     g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
     start_ptz_tracker();
 }

@@ -16,6 +16,7 @@
 #include "storage_investigator.h"
 #include "strutil.h"
 #include "sysutil.h"
+#include "vdrl_device_test.h"
 
 #include <cerrno>
 
@@ -216,5 +217,6 @@ gboolean timer_callback(gpointer) noexcept {
 }
 
 gboolean nc_timer_callback(gpointer) noexcept {
+    vdrl_dt_run(nc_rules.get(), serial_number.value_or(""));
     return G_SOURCE_CONTINUE;
 }

@@ -9,6 +9,7 @@
 #include "shell_word.h"
 #include "strutil.h"
 #include "sysutil.h"
+#include "vdrl_device_test.h"
 
 #include <cerrno>
 #include <sys/stat.h>
@@ -69,10 +70,20 @@ void create_nc_snapshot(const std::string &session_directory) {
     const std::string path =
         format_bounded(250, "%s/%s/%s/%s", session_directory.c_str(), "system_monitoring",
                        "monitoring_devicetest", "devicetest_snapshots.csv");
+    const std::string time = row_time();
+    std::string rows;
+    for (const nc_rules_t *rule = nc_rules.get(); rule != nullptr; rule = rule->next.get()) {
+        rows += format_text("%s,%s,%s,%d,%lu,%llu,%llu,%d,%d,%d\r\n", time.c_str(),
+                            rule->nc_name.c_str(), rule->nc_address.c_str(), rule->port,
+                            static_cast<unsigned long>(rule->timer),
+                            static_cast<unsigned long long>(rule->checks_total),
+                            static_cast<unsigned long long>(rule->fails_total), rule->fail_count,
+                            rule->nbr_of_fails, rule->connected ? 1 : 0);
+    }
     append_rows(path,
                 "date,time,name,address,port,interval,total_pings,total_ping_fails,"
                 "consecutive_fails,fail_threshold,connected_status\r\n",
-                "");
+                rows);
 }
 
 void create_serverreport_snapshot(const std::string &session_directory) {

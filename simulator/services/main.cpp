@@ -11,8 +11,9 @@
 
 namespace {
 
-const bus_service *const services[] = {&ptz_coordinator_service, &ptz_service, &storage_service,
-                                       &streamer_service, &temperature_service};
+const bus_service *const services[] = {&network_share_service, &ptz_coordinator_service,
+                                       &ptz_service,           &storage_service,
+                                       &streamer_service,      &temperature_service};
 
 const char *ready_path = nullptr;
 std::size_t names_owned = 0;

@@ -14,6 +14,7 @@ struct bus_service {
     GVariant *(*property)(const char *name) = nullptr; // where `interfaces` has some
 };
 
+extern const bus_service network_share_service;
 extern const bus_service ptz_coordinator_service;
 extern const bus_service ptz_service;
 extern const bus_service storage_service;

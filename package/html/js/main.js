@@ -26,6 +26,8 @@ const VIEWS = [
   { id: 'traces', title: 'Traces', load: () => import('./views/traces.js') },
   { id: 'triggers', title: 'Triggers', load: () => import('./views/triggers.js') },
   { id: 'maintenance', title: 'Maintenance', load: () => import('./views/maintenance.js') },
+  { id: 'device_test', title: 'Device test', load: () => import('./views/device_test.js') },
+  { id: 'network_tools', title: 'Network tools', load: () => import('./views/network_tools.js') },
   { id: 'log', title: 'Log', load: () => import('./views/log.js') },
 ];
 

@@ -33,6 +33,12 @@ const ADVICE = [
   [/argument not specified/, 'Give at least one time of day as 08:00.'],
   [/no address given/, 'Give a host name or an IP address, nothing else.'],
   [/could not open file/, 'The log program’s configuration can’t be written. The log tells which file.'],
+  [/Address is too long/, 'The daemon takes 46 characters, fewer with a long port number. Use the '
+    + 'host’s IP address.'],
+  [/Not all required parameters/, 'Give a name of at most 47 bytes, the address of a host, a port from '
+    + '1 to 65535 and an interval.'],
+  [/Could not remove nc-rule/, 'The rule is not there any more: someone else has deleted it.'],
+  [/Traceroute binary for architecture/, 'The package has no traceroute for this camera.'],
   [/did not match any installed|Missing option/, 'The daemon is older than this page. Install the '
     + 'package again.'],
   [/product model/, 'The camera’s parameters can’t be read. Restart the package on the camera and '

@@ -147,9 +147,9 @@ export class Camera {
   }
 
   /** Calls the daemon: an action and its arguments. */
-  action(name, query = {}) {
+  action(name, query = {}, options = {}) {
     const search = new URLSearchParams({ action: name, ...query }).toString().replaceAll("+", "%20");
-    return this.get(`/local/Vandrel/access.cgi?${search}`);
+    return this.get(`/local/Vandrel/access.cgi?${search}`, options);
   }
 }
 

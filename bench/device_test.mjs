@@ -1,0 +1,64 @@
+// What the network device test adds to its tools: rules of one host checked by the daemon, beside the
+// bare command run as often in the same camera. And how long a run with silent hosts keeps the page
+// waiting.
+//
+//   node bench/device_test.mjs [RULES [SILENT_RULES]]
+import { Camera, until } from "../tests/camera/support/camera.mjs";
+
+const RULES = Number(process.argv[2] ?? 200);
+const SILENT_RULES = Number(process.argv[3] ?? 50);
+const PACKAGE = "/usr/local/packages/Vandrel";
+const HOST = "203.0.113.1";
+const record = (address, port, name) => `N:${address}\nP:${port}\nT:1\nF:1\nL:${name}\n`;
+
+const camera = await new Camera().start();
+const rules = async () => JSON.parse((await camera.action("list_nc_rules")).body).Rules;
+
+/** Starts the daemon with these records, and returns when its first run is over. */
+async function firstRun(records) {
+  await camera.shell(`systemctl stop Vandrel; cat > ${PACKAGE}/localdata/nc_rules.txt`, records);
+  await camera.shell("systemctl start Vandrel");
+  await until(async () => (await rules()).at(-1).checks > 0, "the first run", 1_200_000);
+}
+
+/** Seconds from the first to the last line of the run that the system log tells of. */
+async function runSeconds(count) {
+  const log = await camera.shell("grep -h 'Network Device Test: \\[' /var/log/*.log | sort");
+  const times = log.trim().split("\n").slice(-count).map((line) => Date.parse(line.slice(0, 29)));
+  return (times.at(-1) - times[0]) / 1000 * count / (count - 1);
+}
+
+try {
+  await camera.exec("systemctl", "start", "test-hosts");
+  // Rules that all name one host: the file may hold as many of them as it likes.
+  const many = (port) => Array.from({ length: RULES }, (_, i) => record(HOST, port, `r${i}`)).join("");
+  const bare = {
+    tcptest: [7004, `/usr/bin/tcptest 4 "${HOST}" 7004 2>&1`],
+    nc: [7004, `printf "TEST" | nc -w 4 "${HOST}" 7004 2>&1`],
+    ping: [-1, `ping "${HOST}" 2>&1`],
+  };
+  for (const [name, [port, command]] of Object.entries(bare)) {
+    if (name === "nc") await camera.shell("rm /usr/bin/tcptest");
+    await firstRun(many(port));
+    const seconds = await runSeconds(RULES);
+    const start = performance.now();
+    await camera.shell(`i=0; while [ $i -lt ${RULES} ]; do sh -c '${command}' >/dev/null; i=$((i + 1)); done`);
+    const bareSeconds = (performance.now() - start) / 1000;
+    console.log(`${name.padEnd(8)} ${(RULES / seconds).toFixed(1)} checks a second, bare ${
+      (RULES / bareSeconds).toFixed(1)}, ratio ${(seconds / bareSeconds).toFixed(2)}`);
+  }
+  await camera.shell("systemctl restart test-hosts");
+  const silent = Array.from({ length: SILENT_RULES }, (_, i) => record("192.168.0.99", i % 2 ? -1 : 7001 + i, `s${i}`)).join("");
+  await firstRun(silent);
+  // What the page waits for while one run follows the other.
+  let longest = 0;
+  for (let i = 0; i < 3; i++) {
+    const start = performance.now();
+    await rules();
+    longest = Math.max(longest, (performance.now() - start) / 1000);
+  }
+  console.log(`${SILENT_RULES} silent hosts: a run takes ${(await runSeconds(SILENT_RULES)).toFixed(0)} s, ${
+    `the page waits up to ${longest.toFixed(0)} s`}`);
+} finally {
+  await camera.remove();
+}

@@ -1,0 +1,113 @@
+// Ping, traceroute, port check and look-ups from the camera, with their output as it comes.
+
+import { request, RequestError } from '../api.js';
+import { actionButton, createMessage, explainedField, field, select } from '../controls.js';
+import { el, setText } from '../dom.js';
+
+const END = 'STOPSPINNER';
+const TIMEOUT_MS = 300000;
+const ADDRESS_HINT = 'An IP address or a host’s name.';
+
+const TOOLS = [
+  ['ping', 'Ping'], ['traceroute', 'Traceroute'], ['portcheck', 'Port check'],
+  ['dnslookup', 'DNS lookup'], ['get_ip_address', 'Network share’s address'],
+];
+
+/** The daemon's lines end in "<br>"; of other markup only the words are kept. @param {string} reply */
+function plain(reply) {
+  return reply.replaceAll(/\n?<br>\n?/g, '\n').replaceAll(/<\/?i>/g, '');
+}
+
+/** @returns {import('../main.js').View} */
+export function create() {
+  const message = createMessage();
+  const address = el('input', { type: 'text', autocomplete: 'off', spellcheck: 'false' });
+  const port = el('input', { type: 'number', min: 1, max: 65535, value: 80 });
+  const group = el('input', { type: 'text', autocomplete: 'off', spellcheck: 'false', value: 'S1' });
+  const mode = select([['icmp', 'ICMP'], ['udp', 'UDP'], ['tcp', 'TCP']], () => {});
+  const tool = select(TOOLS, adapt);
+  const addressField = explainedField('Address', address, ADDRESS_HINT);
+  const portField = explainedField('Port', port, '1 to 65535.');
+  const groupField = explainedField('Storage group', group, 'As the camera’s parameters name it.');
+  const modeField = field('Probes', mode);
+  const output = el('pre', { class: 'content', tabindex: 0, 'aria-label': 'Output', hidden: true });
+
+  function adapt() {
+    const share = tool.value === 'get_ip_address';
+    addressField.element.hidden = share;
+    groupField.element.hidden = !share;
+    portField.element.hidden = tool.value !== 'portcheck';
+    modeField.hidden = tool.value !== 'traceroute';
+  }
+  adapt();
+
+  /** Nothing when a field has to be filled first. @returns {Record<string, string> | null} */
+  function argumentsOf() {
+    if (tool.value === 'get_ip_address') {
+      return { group: group.value.trim() };
+    }
+    const host = address.value.trim();
+    const wrongHost = host === '' || host.startsWith('-') || /[\s"`$\\]/.test(host);
+    addressField.explain(wrongHost ? 'One address or name, without blanks and quotes.' : ADDRESS_HINT, wrongHost);
+    const wrongPort = tool.value === 'portcheck'
+      && !(/^\d{1,5}$/.test(port.value) && Number(port.value) >= 1 && Number(port.value) <= 65535);
+    portField.explain(wrongPort ? 'A number from 1 to 65535.' : '1 to 65535.', wrongPort);
+    if (wrongHost || wrongPort) {
+      (wrongHost ? address : port).focus();
+      return null;
+    }
+    return {
+      address: host,
+      ...(tool.value === 'portcheck' ? { port: port.value } : {}),
+      ...(tool.value === 'traceroute' ? { mode: mode.value } : {}),
+    };
+  }
+
+  async function run() {
+    const values = argumentsOf();
+    if (!values) {
+      return;
+    }
+    const title = tool.selectedOptions[0]?.text ?? '';
+    let reply = '';
+    let ended = false;
+    output.hidden = false;
+    setText(output, '');
+    message.work(`${title} is running …`);
+    try {
+      await request(tool.value, values, {
+        timeoutMs: TIMEOUT_MS,
+        onText(piece) {
+          reply += piece;
+          const end = reply.indexOf(END);
+          setText(output, plain(end < 0 ? reply : reply.slice(0, end)));
+          if (end >= 0 && !ended) {
+            ended = true;
+            message.show('good', `${title} has ended.`);
+          }
+        },
+      });
+      if (!ended && (tool.value === 'dnslookup' || tool.value === 'get_ip_address')) {
+        message.show('good', `${title} has ended.`);
+      } else if (!ended) {
+        throw new RequestError('unexpected', 'The output was cut.', 'Look at the log.');
+      }
+      if (reply.trim() === '') {
+        setText(output, 'Nothing was answered.');
+      }
+    } catch (error) {
+      message.fail(error, title);
+    }
+  }
+
+  const element = el('div', { class: 'view' }, el('h1', {}, 'Network tools'), message.element,
+    el('section', { class: 'card', 'aria-label': 'Tool' },
+      el('form', { novalidate: true, onsubmit: (event) => event.preventDefault() },
+        el('div', { class: 'form' }, field('Tool', tool), addressField.element, portField.element,
+          modeField, groupField.element),
+        el('div', { class: 'tools' },
+          actionButton('Run', run, { type: 'submit', class: 'primary' }))),
+      output,
+      el('p', { class: 'hint' }, 'The tools run on the camera, which answers nothing else meanwhile.')));
+  return { element };
+}

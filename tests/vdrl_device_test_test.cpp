@@ -1,0 +1,113 @@
+#include "app_state.h"
+#include "log_capture.h"
+#include "sandbox.h"
+#include "vdrl_device_test.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char *rules_file = "/usr/local/packages/Vandrel/localdata/nc_rules.txt";
+const std::string serial = "A1B2C3D4E5F6";
+const std::string sent = "ERR (event:#, errno: None) [nfd] Error sending event\n"; // without a bus
+const std::string up =
+    "INFO Network Device Test: [n] Connection successfully established to host: ";
+const std::string down = "WARNING Network Device Test: [n] Connection failed to host: ";
+const std::string first = "ERR (vdrl_device_test:#, errno: None) Network Device Test: Connection "
+                          "failed to ip-address ";
+
+// One rule with an interval of one run, and no storage to log on.
+class DeviceTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        install_recorder("dbus-send");
+        fs::remove("/usr/bin/tcptest");
+    }
+    void load(const std::string &address, int port, int fails = 1) {
+        write_file(rules_file, "N:" + address + "\nP:" + std::to_string(port) +
+                                   "\nT:1\nF:" + std::to_string(fails) + "\nL:n\n");
+        log_capture declarations; // are refused without a bus
+        rules_ = vdrl_dt_rules_read_from_file();
+        ASSERT_TRUE(rules_);
+    }
+    std::vector<std::string> run() {
+        log_capture log;
+        vdrl_dt_run(rules_.get(), serial);
+        return log.texts();
+    }
+    std::unique_ptr<nc_rules_t> rules_;
+};
+
+} // namespace
+
+TEST_F(DeviceTest, ReadsWhatNcSays) {
+    const std::string host = "h:7";
+    const struct {
+        const char *output;
+        int fails;
+        std::vector<std::string> log;
+        bool connected;
+        int fail_count;
+    } cases[] = {
+        {"", 1, {sent, up + host}, true, 0},
+        {"printf 'hello\\n'", 1, {sent, up + host, sent}, true, 0},
+        {"echo 'nc: no'", 1, {down + host, sent, first + host, sent}, false, 1},
+        {"echo 'nc: no'", 2, {down + host, sent}, false, 1},
+        {"echo 'nc: no'; echo 'nc: no'", 2, {down + host, down + host, sent, sent}, false, 2},
+        {"echo 'nc: no'; echo hello", 2, {down + host, sent, up + host, sent}, true, 0},
+        // One line, however long.
+        {"printf 'nc: %0200d\\n' 0", 2, {down + host, sent}, false, 1},
+    };
+    for (const auto &c : cases) {
+        install_tool("nc", std::string("cat > /dev/null\n") + c.output + "\nexit 1\n");
+        load("h", 7, c.fails);
+        EXPECT_EQ(run(), c.log) << c.output;
+        EXPECT_EQ(rules_->connected, c.connected) << c.output;
+        EXPECT_EQ(rules_->fail_count, c.fail_count) << c.output;
+        EXPECT_EQ(rules_->checks_total, 1U) << c.output;
+    }
+    install_tool("nc", "cat > /test/input; echo \"$*\" > /test/arguments\n");
+    load("web", 80);
+    run();
+    const std::string probe = read_file("/test/input");
+    EXPECT_EQ(probe.size(), 180U);
+    EXPECT_EQ(probe.find("GET / HTTP/1.1\r\nAccept: "), 0U);
+    EXPECT_EQ(read_file("/test/arguments"), "-w 4 web 80\n");
+}
+
+TEST_F(DeviceTest, BelievesPingsStatusAndTcptestsSilence) {
+    install_tool("ping", "exit 1\n");
+    load("h", nc_port_icmp);
+    EXPECT_EQ(run(), (std::vector<std::string>{sent, first + "h (ICMP)", down + "h"}));
+    EXPECT_EQ(run(), (std::vector<std::string>{sent, down + "h"}));
+    EXPECT_EQ(rules_->fails_total, 2U);
+    install_tool("ping", "exit 0\n");
+    EXPECT_EQ(run(), (std::vector<std::string>{sent, up + "h"}));
+    install_tool("ping", "kill -9 $$\n");
+    EXPECT_EQ(run()[0], "ERR (vdrl_device_test:#, errno: None) [nfd]: Unsuccessful command: ping "
+                        "\"h\" 2>&1");
+    install_tool("/usr/bin/tcptest", "exit 1\n");
+    load("h", 80);
+    EXPECT_EQ(run(), (std::vector<std::string>{sent, up + "h:80"}));
+    install_tool("/usr/bin/tcptest", "echo\n");
+    EXPECT_EQ(run(), (std::vector<std::string>{sent, first + "h:80", down + "h:80"}));
+}
+
+TEST_F(DeviceTest, CompletesARecordFromItsLastLine) {
+    write_file(rules_file, "x\nN:a\nP:5\nT:0\nF:2\nL:" + std::string(47, 'y') + "\nN:b\nP:-1\nT:9");
+    log_capture log;
+    const auto rules = vdrl_dt_rules_read_from_file();
+    ASSERT_TRUE(rules && rules->next);
+    EXPECT_EQ(rules->nc_name, std::string(47, 'y'));
+    EXPECT_EQ(rules->timer, 0U);
+    EXPECT_EQ(rules->next->nbr_of_fails, 9);
+    EXPECT_EQ(rules->next->nc_name, "9");
+    int missing = 0;
+    for (const std::string &line : log.texts()) {
+        missing += line == "ERR (vdrl_device_test:#, errno: None) fgets returned NULL" ? 1 : 0;
+    }
+    EXPECT_EQ(missing, 2);
+}

@@ -1,0 +1,84 @@
+// The device test and the network tools from the page, on a simulated camera with hosts to try.
+
+import assert from 'node:assert/strict';
+import { after, before, test } from 'node:test';
+
+import { Camera, until } from '../camera/support/camera.mjs';
+import { launchBrowser, MARKUP, openPage, violations } from './support/browser.mjs';
+
+let camera;
+let browser;
+
+before(async () => {
+  camera = await new Camera().start();
+  await camera.exec('systemctl', 'start', 'test-hosts');
+  browser = await launchBrowser();
+});
+
+after(async () => {
+  await browser?.close();
+  await camera.remove();
+});
+
+const button = (page, name) => page.getByRole('button', { name });
+const says = (page, text) => page.getByRole('status').filter({ hasText: text }).waitFor();
+
+test('hosts are added, watched and deleted', async () => {
+  const { page, context, faults } = await openPage(browser, camera.address, '#/device_test');
+  await page.getByText('No host is tested.').waitFor();
+  await button(page, 'Add').click();
+  await page.getByText('At most 47 bytes').waitFor();
+  for (const [name, port] of [["it's 100% ok", '7001'], [MARKUP.replaceAll('"', ''), '7002']]) {
+    await page.getByLabel('Name').fill(name);
+    await page.getByRole('textbox', { name: 'Address' }).fill('203.0.113.1');
+    await page.getByRole('spinbutton', { name: 'Port' }).fill(port);
+    await page.getByLabel('Interval in seconds').fill('10');
+    await button(page, 'Add').click();
+    await says(page, 'is tested from now on.');
+  }
+  await page.getByRole('row', { name: /it's 100% ok .*port 7001 Alive/ }).waitFor();
+  await page.getByRole('row', { name: /img src.*port 7002 Not reachable/ }).waitFor();
+  for (const colorScheme of ['light', 'dark']) {
+    await page.emulateMedia({ colorScheme });
+    assert.deepEqual(await violations(page), []);
+  }
+  const [file] = await Promise.all([page.waitForEvent('download'),
+    button(page, "Log of it's 100% ok").click()]);
+  assert.equal(file.suggestedFilename(), 'Network_Device_Test_Log.txt');
+  await button(page, /^Delete rule it's/).click();
+  await button(page, 'Delete rule').last().click();
+  await says(page, 'is no longer tested.');
+  assert.equal(JSON.parse((await camera.action('list_nc_rules')).body).Rules.length, 1);
+  assert.deepEqual(faults, []);
+  await context.close();
+});
+
+test('a tool shows its output while it runs, and that it has ended', async () => {
+  const { page, context, faults } = await openPage(browser, camera.address, '#/network_tools');
+  await camera.shell(`cp /usr/bin/ping /usr/bin/ping.kept; mkfifo /tmp/go
+    printf '#!/bin/sh\\necho "first ${MARKUP.replaceAll('"', '')}"; read line < /tmp/go; echo "$1 is alive"\\n' > /usr/bin/ping.new
+    chmod +x /usr/bin/ping.new; mv /usr/bin/ping.new /usr/bin/ping`);
+  await page.getByRole('textbox', { name: 'Address' }).fill('a b');
+  await button(page, 'Run').click();
+  await page.getByText('One address or name').waitFor();
+  await page.getByRole('textbox', { name: 'Address' }).fill('203.0.113.1');
+  await button(page, 'Run').click();
+  await page.getByLabel('Output').filter({ hasText: 'first <img' }).waitFor();
+  await says(page, 'Ping is running');
+  assert.ok(await page.getByRole('progressbar').isVisible());
+  await camera.shell('echo > /tmp/go; mv /usr/bin/ping.kept /usr/bin/ping');
+  await says(page, 'Ping has ended.');
+  assert.equal(await page.getByRole('progressbar').count(), 0);
+  assert.match(await page.getByLabel('Output').textContent(), /is alive\n$/);
+  await page.getByRole('combobox', { name: 'Tool' }).selectOption('Port check');
+  await page.getByRole('spinbutton', { name: 'Port' }).fill('7002');
+  await button(page, 'Run').click();
+  await until(async () => (await page.getByLabel('Output').textContent()) === 'Port check failed');
+  await page.getByRole('combobox', { name: 'Tool' }).selectOption('DNS lookup');
+  await page.getByRole('textbox', { name: 'Address' }).fill('answering.example');
+  await button(page, 'Run').click();
+  await page.getByText('IPv4 address: 203.0.113.1').waitFor();
+  assert.deepEqual(await violations(page), []);
+  assert.deepEqual(faults, []);
+  await context.close();
+});

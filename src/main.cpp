@@ -10,6 +10,7 @@
 #include "log.h"
 #include "main_timer.h"
 #include "monitoring_session.h"
+#include "ntpd.h"
 #include "pcapdump.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
@@ -18,6 +19,7 @@
 #include "storage_investigator.h"
 #include "strutil.h"
 #include "vdrl_syslog.h"
+#include "vdrl_syslog_continuous.h"
 
 #include <cerrno>
 #include <csignal>
@@ -165,6 +167,10 @@ gboolean stopped_cleanup(gpointer) noexcept {
     _set_current_activity_folder(std::nullopt);
     _set_storage_id(std::nullopt);
     _set_secondary_storage_path(std::nullopt);
+    if (has_ntpd_service) {
+        ntpd_service_conf_remove();
+    }
+    vdrl_syslog_unsubscribe();
     return G_SOURCE_REMOVE;
 }
 
@@ -189,6 +195,7 @@ void start_up() {
     read_serial_number();
     apache2_included = is_directory("/etc/apache2/conf.d");
     syslog_program_installed = vdrl_syslog_get_variant();
+    vdrl_syslog_subscribe();
     event_init();
     wait_and_collect_monitoring_sessions();
     collect_action_rules();
@@ -200,6 +207,10 @@ void start_up() {
     (void)determine_if_this_storage_is_ok("SD_DISK", false);
     if (!resume_monitoring_session()) {
         log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);
+    }
+    has_ntpd_service = ntpd_service_exists();
+    if (has_ntpd_service) {
+        ntpd_service_conf_add();
     }
     g_timeout_add_seconds(60, timer_callback, nullptr);
     g_timeout_add_seconds(10, nc_timer_callback, nullptr);

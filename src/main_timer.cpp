@@ -6,6 +6,7 @@
 #include "fileutil.h"
 #include "log.h"
 #include "monitoring_session.h"
+#include "ntpd.h"
 #include "scheduled_tasks.h"
 #include "session_globals.h"
 #include "session_info.h"
@@ -177,6 +178,9 @@ gboolean timer_callback(gpointer) noexcept {
         read_serial_number();
     }
     scheduled_tasks_tick(tick);
+    if (has_ntpd_service && tick % 60 == 0) {
+        ntpd_log_drift();
+    }
     const auto session = session_directory();
     if (monitory_active && session) {
         session_tick(tick, *session);

@@ -14,6 +14,7 @@
 #include "storage_investigator.h"
 #include "strutil.h"
 #include "sysutil.h"
+#include "vdrl_syslog_continuous.h"
 
 #include <cerrno>
 #include <chrono>
@@ -199,7 +200,6 @@ bool create_session_tree(const session_request &request, bool with_interval,
 }
 
 void link_continuous_syslog(const std::string &directory) {
-    file_remove(continuous_syslog_link); // a stale one leads into an older session
     if (::symlink(continuous_syslog_path(directory).c_str(), continuous_syslog_link) != 0) {
         log_error("Could not create symlink to Continuous_Syslog.txt, Continuous Syslog will be "
                   "empty.");
@@ -372,6 +372,8 @@ int _start_monitoring_session(const session_request &request) {
     if (!create_session_tree(request, debug.with_interval, directory)) {
         return 0;
     }
+    file_remove(continuous_syslog_link); // a stale one leads into an older session
+    vdrl_syslog_take_lines();            // those logged until now are not the session's
     link_continuous_syslog(directory);
     create_two_interrupts_snapshots();
     create_serverreport_snapshot(directory);
@@ -411,8 +413,7 @@ int deactivate_monitor_session(const std::string &directory) {
     collect_only_from_this_camera = true;
     monitory_active = false;
     device_log_is_due = false;
-    (void)system_ret("/usr/local/packages/Vandrel/continuous_syslog_cat.sh "
-                     "/usr/local/vandrel.log");
+    vdrl_syslog_take_lines();
     file_remove(continuous_syslog_link);
     // With the storage gone there is nothing to complete; nothing is made in its empty mount point.
     const bool storage_is_there = is_directory(directory.c_str());

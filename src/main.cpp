@@ -18,6 +18,8 @@
 #include "session_list.h"
 #include "storage_investigator.h"
 #include "strutil.h"
+#include "sysutil.h"
+#include "vdrl_http_log.h"
 #include "vdrl_syslog.h"
 #include "vdrl_syslog_continuous.h"
 
@@ -167,6 +169,10 @@ gboolean stopped_cleanup(gpointer) noexcept {
     _set_current_activity_folder(std::nullopt);
     _set_storage_id(std::nullopt);
     _set_secondary_storage_path(std::nullopt);
+    if (vdrl_http_log_is_enabled()) {
+        vdrl_http_log_disable();
+        (void)system_ret("systemctl reload httpd");
+    }
     if (has_ntpd_service) {
         ntpd_service_conf_remove();
     }

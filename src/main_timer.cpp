@@ -4,6 +4,7 @@
 #include "environment.h"
 #include "filehandler.h"
 #include "fileutil.h"
+#include "koral_cgi_monitoring.h"
 #include "log.h"
 #include "monitoring_session.h"
 #include "ntpd.h"
@@ -14,6 +15,7 @@
 #include "storage_investigator.h"
 #include "strutil.h"
 #include "sysutil.h"
+#include "vdrl_http_log.h"
 
 #include <cerrno>
 
@@ -39,6 +41,12 @@ void note_storage_is_back(const std::string &) {
     connection_lost_count = 0;
 }
 
+void keep_http_log(const std::string &) {
+    if (apache2_included && !vdrl_http_log_is_enabled() && vdrl_http_log_setup()) {
+        (void)system_ret("systemctl reload httpd");
+    }
+}
+
 void log_consumption_soon(const std::string &) {
     g_timeout_add_seconds(10, storage_consumption_log_message, nullptr);
 }
@@ -59,6 +67,20 @@ void run_power(const std::string &session) {
     shellscript_invoker(monitoring_folder(session, "monitoring_environment"), "power");
 }
 
+void store_http_calls(const std::string &) {
+    if (apache2_included) {
+        koral_cgi_store();
+        if (parameters) {
+            koral_output_to_file();
+        }
+    }
+}
+
+void report_http_calls(const std::string &session) {
+    file_put_string((monitoring_folder(session, "monitoring_koral") + "/koral_status.txt").c_str(),
+                    koral_output_state_of_the_table());
+}
+
 void update_session_lists(const std::string &) {
     wait_and_collect_monitoring_sessions();
 }
@@ -74,6 +96,7 @@ void collect(const std::string &session) {
 constexpr duty external_schedule[] = {
     {1, "what needs the storage", start_what_needs_the_storage},
     {1, "storage is back", note_storage_is_back},
+    {1, "HTTP log", keep_http_log},
     {120, "storage consumption", log_consumption_soon},
     {120, "interrupts", take_interrupts_snapshots},
     {120, "server report", create_serverreport_snapshot},
@@ -93,11 +116,13 @@ constexpr duty collection_duties[] = {
     {1, "packages", vela_monitor_status_snapshot},
     {1, "network", store_proc_net_dev},
     {1, "power", run_power},
+    {1, "HTTP calls", store_http_calls},
     {1, "data points", update_number_of_collected_data_points},
 };
 
 constexpr duty internal_schedule[] = {
     {360, "server report", create_serverreport_snapshot},
+    {120, "HTTP calls", report_http_calls},
     {2, "device tests", create_nc_snapshot},
     {120, "storage consumption", log_consumption_soon},
 };
@@ -184,6 +209,9 @@ gboolean timer_callback(gpointer) noexcept {
     const auto session = session_directory();
     if (monitory_active && session) {
         session_tick(tick, *session);
+    }
+    if (apache2_included) {
+        vdrl_http_log_rotate();
     }
     if (++timer_count == timer_count_wrap) {
         timer_count = 0;

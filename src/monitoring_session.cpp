@@ -4,6 +4,7 @@
 #include "dateutil.h"
 #include "filehandler.h"
 #include "fileutil.h"
+#include "koral_cgi_monitoring.h"
 #include "log.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
@@ -14,6 +15,7 @@
 #include "storage_investigator.h"
 #include "strutil.h"
 #include "sysutil.h"
+#include "vdrl_http_log.h"
 #include "vdrl_syslog_continuous.h"
 
 #include <cerrno>
@@ -372,6 +374,7 @@ int _start_monitoring_session(const session_request &request) {
     if (!create_session_tree(request, debug.with_interval, directory)) {
         return 0;
     }
+    (void)vdrl_http_log_setup();
     file_remove(continuous_syslog_link); // a stale one leads into an older session
     vdrl_syslog_take_lines();            // those logged until now are not the session's
     link_continuous_syslog(directory);
@@ -413,6 +416,7 @@ int deactivate_monitor_session(const std::string &directory) {
     collect_only_from_this_camera = true;
     monitory_active = false;
     device_log_is_due = false;
+    vdrl_http_log_disable();
     vdrl_syslog_take_lines();
     file_remove(continuous_syslog_link);
     // With the storage gone there is nothing to complete; nothing is made in its empty mount point.
@@ -438,6 +442,7 @@ int deactivate_monitor_session(const std::string &directory) {
     advanced_debug_mode_crash_interval_activated = false;
     advanced_debug_mode_crash_log_message_activated = false;
     if (apache2_included) {
+        koral_cgi_monitor_release();
         g_timeout_add_seconds(6, reload_httpd_now, nullptr);
     }
     const std::string archive = session_archive_path(directory);
@@ -480,6 +485,12 @@ bool resume_monitoring_session() {
 
 void setup_session(const std::string &directory, const std::string &) {
     monitory_active = true;
+    if (apache2_included) {
+        if (storage_id) {
+            set_http_edge_storage(directory);
+        }
+        koral_cgi_monitor_setup();
+    }
     start_what_needs_the_storage(directory);
 }
 
@@ -496,6 +507,7 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (::lstat(continuous_syslog_link, &status) != 0) {
         link_continuous_syslog(directory);
     }
+    koral_cgi_monitor_mend();
     errno = 0;
     if (device_log_is_due) {
         device_log_is_due = false;

@@ -37,9 +37,6 @@ constexpr int session_lines_max = 100; // of a damaged file no more is read, nor
 constexpr std::size_t key_length = 4;  // one separator, whatever it is, follows
 constexpr std::size_t start_time_max = 99;
 
-constexpr const char *continuous_syslog_link =
-    "/usr/local/packages/Vandrel/localdata/current_continuous_syslog.txt";
-
 // What current_monitoring_session.txt says, before any of it is believed.
 struct stored_session {
     std::optional<std::string> root;

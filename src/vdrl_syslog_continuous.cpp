@@ -7,6 +7,8 @@
 #include "vdrl_syslog.h"
 
 #include <cerrno>
+#include <glib.h>
+#include <string>
 #include <sys/stat.h>
 
 namespace {
@@ -85,7 +87,8 @@ void vdrl_syslog_subscribe() {
 }
 
 void vdrl_syslog_unsubscribe() {
-    if (is_file(copy_path)) {
+    const bool session_runs = g_file_test(continuous_syslog_link, G_FILE_TEST_IS_SYMLINK) != FALSE;
+    if (session_runs) {
         vdrl_syslog_take_lines();
     }
     if (const set_up *wanted = of_this_device()) {
@@ -98,7 +101,7 @@ void vdrl_syslog_unsubscribe() {
             }
         }
     }
-    if (is_file(copy_path)) {
+    if (session_runs) {
         // Nothing comes any more: what was written since.
         (void)system_ret((std::string(take_command) + " written").c_str());
     }

@@ -2,8 +2,6 @@
 // writes and rotates to vandrel.log.1. Main loop only.
 #pragma once
 
-#include <string>
-
 // Has the log program write the copy. What is installed already is left alone, so that a restart of
 // the daemon does not restart the log program. Failures are logged.
 void vdrl_syslog_subscribe();
@@ -11,7 +9,10 @@ void vdrl_syslog_subscribe();
 // Ends that, brings what is left into a running session and removes the copy. Failures are logged.
 void vdrl_syslog_unsubscribe();
 
-// Has all lines logged until now brought into the session that
-// localdata/current_continuous_syslog.txt leads into; without that link they are passed over, and
-// the next session begins behind them. Waits.
+// While a session runs, the link to its file of the log.
+inline constexpr const char *continuous_syslog_link =
+    "/usr/local/packages/Vandrel/localdata/current_continuous_syslog.txt";
+
+// Has all lines logged until now brought into the session that the link leads into; without it they
+// are passed over, and the next session begins behind them. Waits.
 void vdrl_syslog_take_lines();

@@ -62,6 +62,7 @@ void ntpd_service_conf_remove() {
 }
 
 void ntpd_restart_service() {
+    errno = 0;
     if (const int status = system_ret("systemctl daemon-reload"); status != 0) {
         log_error("Could not reload systemd configuration (returned %d).", status);
     }

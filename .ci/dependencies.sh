@@ -16,6 +16,7 @@ ninja-build         # build
 pkg-config          # finds GLib
 ccache              # rebuilds without compiling the same again
 libglib2.0-dev      # the daemon's main loop, D-Bus
+libjpeg62-turbo-dev # the camera's pictures
 libglib2.0-bin      # gdbus, which the daemon runs
 bubblewrap          # the camera's private root
 e2fsprogs           # makes the camera's storages

@@ -17,7 +17,7 @@ typedef enum { TV_EVENT_VALUE_TYPE_STRING = 0 } TVEventValueType;
 #define TV_EVENT_KEYS_END ((const gchar *)NULL)
 
 /* Called for each event whose keys include all those subscribed to, on the main context that was
- * the default when the handler was made. `event` belongs to the library. The callback may call the
+ * the default when the handler was made. `event` is the callback's to free. The callback may call the
  * library, `tv_event_handler_unsubscribe` of its own subscription included. */
 typedef void (*TVSubscriptionCallback)(guint subscription, TVEvent *event, gpointer user_data);
 

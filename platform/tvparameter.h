@@ -15,10 +15,11 @@ TVParameter *tv_parameter_new(const gchar *application, GError **error);
  * and *value NULL, when there is no such parameter or the handle is NULL. Any thread may call. */
 gboolean tv_parameter_get(TVParameter *handle, const gchar *name, gchar **value, GError **error);
 
-/* Sets an existing parameter or makes a new one; on storage when it returns. FALSE with `error`
- * set when the name or the value (no line ends) can't be stored. Any thread may call. */
+/* Sets an existing parameter or makes a new one; on storage when it returns if `save_now`, else a
+ * while later. FALSE with `error` set when the name or the value (no line ends) can't be stored. Any
+ * thread may call. */
 gboolean tv_parameter_set(TVParameter *handle, const gchar *name, const gchar *value,
-                          GError **error);
+                          gboolean save_now, GError **error);
 
 /* NULL is allowed. */
 void tv_parameter_free(TVParameter *handle);

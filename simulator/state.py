@@ -22,6 +22,7 @@ SIMULATOR = os.path.join(CHECKOUT, "simulator")
 BUILD = os.path.join(CHECKOUT, "build/release")
 SERVICES = os.path.join(BUILD, "bin/device_services")
 PACKAGES = os.path.join(CHECKOUT, "build/packages")  # what .ci/dependencies.sh unpacks
+EVENT_LISTENER = os.path.join(BUILD, "bin/eventlistener")
 DEFAULT_STATE = os.path.join(CHECKOUT, ".camera")
 
 # Inside the camera, and where it lies in the state directory.
@@ -53,6 +54,9 @@ root.Properties.Firmware.Version=11.4.63
 root.Properties.Image.Resolution=1920x1080,1280x720,640x360
 root.Properties.System.Architecture=aarch64
 root.Properties.System.SerialNumber=
+root.TemperatureControl.Sensor.S0.Name=Main board
+root.TemperatureControl.Sensor.S1.Name=Sensor
+root.TemperatureControl.Sensor.S2.Name=Housing
 """
 
 
@@ -118,6 +122,7 @@ def prepare(state, serial, password, log_program):
         for path in LOG_PROGRAMS[other]:
             subprocess.run(["rm", "-rf", os.path.join(state, path)], check=True)
     install_package(os.path.join(state, PACKAGE))
+    install_other_packages(os.path.join(state, os.path.dirname(PACKAGE)))
     write_parameters(os.path.join(state, "etc/tvparameter/parameters.conf"), serial)
     write_passwords(os.path.join(state, "etc/apache2/passwords"), password)
 
@@ -153,6 +158,16 @@ def install_package(target):
     shutil.copy2(daemon, os.path.join(target, "Vandrel"))
     os.makedirs(os.path.join(target, PACKAGE_PAGE), exist_ok=True)
     replace(record, "".join(path + "\n" for path in installed + ["Vandrel"]))
+
+
+def install_other_packages(target):
+    """Installs the packages of others that the camera comes with; their settings stay."""
+    def copy(source, destination):
+        if not os.path.lexists(destination) or "/localdata/" not in destination:
+            shutil.copy2(source, destination)
+
+    shutil.copytree(os.path.join(SIMULATOR, "packages"), target, copy_function=copy,
+                    dirs_exist_ok=True)
 
 
 def write_parameters(path, serial):

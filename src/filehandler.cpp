@@ -28,16 +28,6 @@ std::string session_file(const std::string &session, const char *folder, const s
                           folder, file.c_str());
 }
 
-// Room for the longest name that the kernel gives a file of ours, beside a session's directory.
-constexpr std::size_t kernel_name_max = 90;
-
-// What the kernel calls something, as a file name.
-std::string file_name_of(std::string_view name) {
-    std::string file(name.substr(0, kernel_name_max));
-    str_replace_char(file, '/', '_');
-    return file;
-}
-
 bool is_digit(char ch) {
     return ch >= '0' && ch <= '9';
 }

@@ -4,6 +4,8 @@
 #include "log.h"
 #include "strutil.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -58,6 +60,31 @@ int remove_entries(int parent, const char *name, int depth) {
     }
     errno = 0;
     return removed;
+}
+
+// Copies to a new file, flushed; what grows meanwhile is cut at size_max.
+bool copy_bytes(int source, const char *to, long long size_max) {
+    unique_fd target(::open(to, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+    std::array<char, 65536> piece;
+    for (long long left = size_max; target && left > 0;) {
+        const auto wanted = static_cast<std::size_t>(
+            std::min<long long>(left, static_cast<long long>(piece.size())));
+        const ssize_t count = TEMP_FAILURE_RETRY(::read(source, piece.data(), wanted));
+        if (count == 0) {
+            break;
+        }
+        if (count < 0) {
+            return false;
+        }
+        const ssize_t written = TEMP_FAILURE_RETRY(
+            ::write(target.get(), piece.data(), static_cast<std::size_t>(count)));
+        if (written != count) {
+            errno = written < 0 ? errno : ENOSPC;
+            return false;
+        }
+        left -= count;
+    }
+    return target && ::fsync(target.get()) == 0 && target.close() == 0;
 }
 
 } // namespace
@@ -123,6 +150,52 @@ bool file_copy(const char *from, const char *to) {
     return false;
 }
 
+bool file_copy_whole(const char *from, const char *to, long long size_max) {
+    const std::string target = to;
+    const auto slash = target.rfind('/') + 1; // 0 without a folder
+    const std::string temporary = target.substr(0, slash) + ".tmp_" + target.substr(slash);
+    const unique_fd source(::open(from, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    const char *failure = nullptr;
+    if (!source || ::fstat(source.get(), &status) != 0) {
+        failure = std::strerror(errno);
+    } else if (!S_ISREG(status.st_mode) || status.st_size > size_max) {
+        failure = "It is no regular file, or too large";
+    } else if (!copy_bytes(source.get(), temporary.c_str(), size_max) ||
+               ::rename(temporary.c_str(), to) != 0) {
+        failure = std::strerror(errno);
+        file_remove(temporary.c_str());
+    }
+    errno = 0;
+    if (failure != nullptr) {
+        log_warning("Could not copy '%s' to '%s': %s", from, to, failure);
+    }
+    return failure == nullptr;
+}
+
+bool make_folder(const char *path, unsigned permissions) {
+    const bool is_there =
+        is_directory(path) || ::mkdir(path, static_cast<mode_t>(permissions)) == 0;
+    if (is_there) {
+        errno = 0;
+    }
+    return is_there;
+}
+
+std::string file_name_of(std::string_view name) {
+    constexpr std::size_t name_max = 90; // room for an ending, and for a session's directory
+    std::string file(name.substr(0, name_max));
+    for (char &ch : file) {
+        if (ch == '/' || static_cast<unsigned char>(ch) < 0x20 || ch == 0x7f) {
+            ch = '_';
+        }
+    }
+    if (file.empty() || file.front() == '.') {
+        file.replace(0, 1, "_");
+    }
+    return file;
+}
+
 std::optional<std::string> file_get_contents(const char *path) {
     gchar *contents = nullptr;
     gsize length = 0;
@@ -154,6 +227,10 @@ bool file_put_string(const char *path, std::string_view text) {
         log_warning("Could put contents of '%s', but no error code was set.", path);
     }
     return false;
+}
+
+bool file_replace(const char *path, std::string_view text) {
+    return file_open_or_warn(path, "a") && file_put_string(path, text);
 }
 
 bool file_remove(const char *path) {

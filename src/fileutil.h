@@ -31,6 +31,19 @@ bool empty_file_if_possible(const char *path);
 // warning level.
 bool file_copy(const char *from, const char *to);
 
+// Copies a regular file of at most `size_max` bytes so that the target is at any time the old one
+// or the new one, whole; its temporary is ".tmp_NAME" beside it. Links are not followed, nor is
+// anything opened that could block. False, logged at warning level, when it did not work.
+inline constexpr long long file_copy_size_max = 1LL << 30;
+bool file_copy_whole(const char *from, const char *to, long long size_max = file_copy_size_max);
+
+// Makes a folder unless it is there; false, with errno, when it could not be made.
+bool make_folder(const char *path, unsigned permissions);
+
+// What a device or the kernel calls something as the name of one visible file, at most 90 bytes:
+// "a/b" -> "a_b", ".." -> "_."
+std::string file_name_of(std::string_view name);
+
 // The whole file, or nothing after a warning. Meant for small files; fails on memory like
 // everything else.
 std::optional<std::string> file_get_contents(const char *path);
@@ -38,6 +51,9 @@ std::optional<std::string> file_get_contents(const char *path);
 // Replaces the file's contents so that after a power cut it holds the old or the new ones, whole.
 // False after a warning.
 bool file_put_string(const char *path, std::string_view text);
+
+// The same, but a file that can't be opened for writing at all gives log_cannot_open's warning.
+bool file_replace(const char *path, std::string_view text);
 
 // False, without a message and with errno cleared, when it did not work.
 bool file_remove(const char *path);

@@ -1,8 +1,12 @@
 // How the daemon comes up and goes down, and the small actions that belong to the application
 // itself.
 
+#include "advanced_debug.h"
 #include "app_state.h"
+#include "configlogs_inotify.h"
+#include "crashcatcher_core.h"
 #include "data_export.h"
+#include "environment.h"
 #include "event.h"
 #include "fileutil.h"
 #include "glib_ptr.h"
@@ -11,14 +15,18 @@
 #include "main_timer.h"
 #include "monitoring_session.h"
 #include "ntpd.h"
+#include "paramsetter.h"
 #include "pcapdump.h"
+#include "ptz.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
 #include "session_list.h"
 #include "storage_investigator.h"
 #include "strutil.h"
+#include "syslog_triggers.h"
 #include "sysutil.h"
+#include "vdrl_capture.h"
 #include "vdrl_http_log.h"
 #include "vdrl_syslog.h"
 #include "vdrl_syslog_continuous.h"
@@ -90,6 +98,8 @@ constexpr action actions[] = {
     {"zip_monitor_data", action_zip_monitor_data},
     {"get_monitor_data", action_get_monitor_data},
     {"remove", action_remove},
+    {"miscellaneous", action_miscellaneous},
+    {"systemlog_trigger", action_systemlog_trigger},
     {"test", action_test},
     {"activate_wireshark_session", action_activate_wireshark_session},
     {"stop_wireshark_session", action_stop_wireshark_session},
@@ -156,6 +166,13 @@ void register_actions() {
     }
 }
 
+// SSH and FTP let the support engineer in while the package runs.
+void remember_and_activate_services() {
+    store_SSH_FTP_settings(parameters.get(), ssh_setting_before.emplace(),
+                           ftp_setting_before.emplace());
+    activate_SSH_FTP(parameters.get());
+}
+
 // Gives back what the daemon changed on the device. The loop goes on until the service manager ends
 // the process, so everything that runs on it copes with what is gone; a running session stays as it
 // is and is continued at the next start.
@@ -163,7 +180,15 @@ gboolean stopped_cleanup(gpointer) noexcept {
     if (pcapdump_is_active) {
         kill_all_pcapdump();
     }
-    parameters.reset();
+    configlogs_inotify_gio_release();
+    syslog_triggers_stop_listening();
+    store_systemlog_analyser_rules();
+    if (parameters && ssh_setting_before && ftp_setting_before) {
+        restore_SSH_FTP_settings(parameters.get(), *ssh_setting_before, *ftp_setting_before);
+        ssh_setting_before.reset();
+        ftp_setting_before.reset();
+        parameters.reset();
+    }
     serial_number.reset();
     monitor_start_time.reset();
     _set_current_activity_folder(std::nullopt);
@@ -173,6 +198,8 @@ gboolean stopped_cleanup(gpointer) noexcept {
         vdrl_http_log_disable();
         (void)system_ret("systemctl reload httpd");
     }
+    vdrl_capture_stop();
+    vdrl_capture_close();
     if (has_ntpd_service) {
         ntpd_service_conf_remove();
     }
@@ -186,6 +213,25 @@ gboolean stay(gpointer) noexcept {
     return G_SOURCE_CONTINUE;
 }
 
+gpointer ptz_thread(gpointer) noexcept {
+    ptz_loop();
+    return nullptr;
+}
+
+// On devices with a PTZ head, for the daemon's life.
+void start_ptz_tracker() {
+    for (const char *name : {"root.Brand.ProdFullName", "root.Brand.ProdType"}) {
+        if (parameter_get(name).value_or("").find("PTZ") == std::string::npos) {
+            continue;
+        }
+        GThread *thread = g_thread_try_new(nullptr, ptz_thread, nullptr, nullptr);
+        if (thread != nullptr) {
+            g_thread_unref(thread);
+        }
+        return;
+    }
+}
+
 // Later steps depend on the state that earlier ones leave.
 void start_up() {
     open_missing_standard_descriptors();
@@ -197,6 +243,7 @@ void start_up() {
     collect_only_from_this_camera = true;
     monitory_active = false;
     open_parameters();
+    has_libcapture = vdrl_capture_load();
     register_actions();
     read_serial_number();
     apache2_included = is_directory("/etc/apache2/conf.d");
@@ -214,6 +261,14 @@ void start_up() {
     if (!resume_monitoring_session()) {
         log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);
     }
+    if (core_pattern_is_left_behind() && !(monitory_active && storage_id)) {
+        reset_core_pattern(); // of a session that an earlier run could not end
+    }
+    remember_and_activate_services();
+    read_old_systemlog_analyser_rules(crash_report_log_message_callback);
+    read_scheduled_tasks();
+    syslog_triggers_begin_listening();
+    init_environment_monitor_settings();
     has_ntpd_service = ntpd_service_exists();
     if (has_ntpd_service) {
         ntpd_service_conf_add();
@@ -221,6 +276,7 @@ void start_up() {
     g_timeout_add_seconds(60, timer_callback, nullptr);
     g_timeout_add_seconds(10, nc_timer_callback, nullptr);
     g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
+    start_ptz_tracker();
 }
 
 } // namespace

@@ -1,13 +1,16 @@
 #include "main_timer.h"
 
+#include "advanced_debug.h"
 #include "app_state.h"
 #include "environment.h"
 #include "filehandler.h"
 #include "fileutil.h"
+#include "kernel_crash.h"
 #include "koral_cgi_monitoring.h"
 #include "log.h"
 #include "monitoring_session.h"
 #include "ntpd.h"
+#include "onvif.h"
 #include "scheduled_tasks.h"
 #include "session_globals.h"
 #include "session_info.h"
@@ -29,6 +32,10 @@ std::string monitoring_folder(const std::string &session, const char *folder) {
 }
 
 // --- Duties that are more than one call
+
+void copy_kernel_crashes(const std::string &session) {
+    update_kernel_crash_status(session, serial_number);
+}
 
 void note_storage_is_back(const std::string &) {
     if (connection_lost_count > 0) {
@@ -63,6 +70,17 @@ void run_topstatus(const std::string &session) {
     shellscript_invoker(monitoring_folder(session, "monitoring_topstatus"), "topstatus_monitoring");
 }
 
+void store_condition(const std::string &session) {
+    const std::string folder = monitoring_folder(session, "monitoring_environment");
+    store_temperatures_celsius(folder);
+    store_heater_status(folder);
+    store_fan_status(folder);
+}
+
+void store_self(const std::string &session) {
+    store_self_monitoring(monitoring_folder(session, "monitoring_self"));
+}
+
 void run_power(const std::string &session) {
     shellscript_invoker(monitoring_folder(session, "monitoring_environment"), "power");
 }
@@ -95,12 +113,17 @@ void collect(const std::string &session) {
 
 constexpr duty external_schedule[] = {
     {1, "what needs the storage", start_what_needs_the_storage},
+    {1, "kernel crashes", copy_kernel_crashes},
     {1, "storage is back", note_storage_is_back},
     {1, "HTTP log", keep_http_log},
     {120, "storage consumption", log_consumption_soon},
+    {1, "advanced debug", advanced_debug_tick},
     {120, "interrupts", take_interrupts_snapshots},
     {120, "server report", create_serverreport_snapshot},
+    {120, "media configuration", onvif_copy_media_conf},
     {2, "collection", collect},
+    {2, "streams", store_video_stream_history_no_retention},
+    {2, "radar", store_radar_data},
     {2, "session lists", update_session_lists},
 };
 
@@ -115,13 +138,16 @@ constexpr duty collection_duties[] = {
     {1, "slab caches", store_slab_info},
     {1, "packages", vela_monitor_status_snapshot},
     {1, "network", store_proc_net_dev},
+    {1, "temperatures", store_condition},
     {1, "power", run_power},
+    {1, "own cost", store_self},
     {1, "HTTP calls", store_http_calls},
     {1, "data points", update_number_of_collected_data_points},
 };
 
 constexpr duty internal_schedule[] = {
     {360, "server report", create_serverreport_snapshot},
+    {360, "media configuration", onvif_copy_media_conf},
     {120, "HTTP calls", report_http_calls},
     {2, "device tests", create_nc_snapshot},
     {120, "storage consumption", log_consumption_soon},
@@ -168,7 +194,9 @@ void session_tick(unsigned long tick, const std::string &session) {
     if (left == space::too_little || (left == space::unknown && usable)) {
         log_warning("Secondary storage is running out of free space. Deactivating monitoring "
                     "session.");
-        (void)deactivate_monitor_session(session);
+        if (deactivate_monitor_session(session) != 0) {
+            (void)system_ret("/sbin/reboot");
+        }
         return;
     }
     if (!usable) {

@@ -1,11 +1,16 @@
 #include "monitoring_session.h"
 
 #include "app_state.h"
+#include "configlogs_inotify.h"
+#include "crashcatcher_inotify.h"
 #include "dateutil.h"
+#include "eventlistener.h"
 #include "filehandler.h"
 #include "fileutil.h"
+#include "kernel_crash.h"
 #include "koral_cgi_monitoring.h"
 #include "log.h"
+#include "onvif.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
@@ -14,10 +19,13 @@
 #include "snapshots.h"
 #include "storage_investigator.h"
 #include "strutil.h"
+#include "syslog_triggers.h"
 #include "sysutil.h"
+#include "vdrl_capture.h"
 #include "vdrl_http_log.h"
 #include "vdrl_syslog_continuous.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -36,6 +44,11 @@ constexpr std::size_t session_line_max = 200;
 constexpr int session_lines_max = 100; // of a damaged file no more is read, nor complained about
 constexpr std::size_t key_length = 4;  // one separator, whatever it is, follows
 constexpr std::size_t start_time_max = 99;
+
+// What the session's start wants on its storage and what has not been there for it yet.
+bool configuration_watches_are_due = false;
+bool event_listener_is_due = false;
+std::string due_image_interval; // seconds as text, "" when nothing is due
 
 // What current_monitoring_session.txt says, before any of it is believed.
 struct stored_session {
@@ -221,6 +234,19 @@ void log_start(const session_request &request, unsigned long interval) {
     }
 }
 
+// The log messages that make crash reports.
+std::string crash_report_messages() {
+    std::string text;
+    for (const auto *rule = get_systemlog_list(); rule != nullptr; rule = rule->next.get()) {
+        if (rule->is_subscribed) {
+            text += text.empty() ? "Log messages:\r\n" : "";
+            text += format_text("        %s [limit: %u, cooldown: %u min]\r\n",
+                                rule->key_word.c_str(), rule->limit, rule->cooldown_ui / 60);
+        }
+    }
+    return text;
+}
+
 void write_session_information(const session_request &request, const std::string &directory,
                                unsigned long interval) {
     std::string text;
@@ -239,7 +265,8 @@ void write_session_information(const session_request &request, const std::string
         }
         if (advanced_debug_mode_crash_log_message_activated) {
             text += "Advanced Debug Mode: Crash Report generation based on Log Message "
-                    "configured.\r\n";
+                    "configured.\r\n" +
+                    crash_report_messages();
         }
     }
     text += "Start Time of the session: " + monitor_start_time.value_or("") +
@@ -290,6 +317,34 @@ void append_session_size(const std::string &directory) {
     }
 }
 
+// Only on an external storage, which has room for them; an interval of 0 or 1 means none.
+void _start_image_capturing(const std::string &directory, const std::string &interval) {
+    constexpr unsigned long long interval_max = 1'000'000'000; // of nine digits
+    const auto seconds = std::min(decimal_prefix_unsigned(interval), interval_max);
+    if (storage_id && seconds > 1) {
+        (void)vdrl_capture_start(parameters.get(), static_cast<int>(seconds),
+                                 format_bounded(400, "%s/%s/%s", directory.c_str(),
+                                                "system_monitoring", "monitoring_snapshots"));
+    }
+}
+
+void watch_configurations(const std::string &directory) {
+    int index = 0;
+    for (const std::string &package : get_subdirectories("/usr/local/packages")) {
+        configlogs_inotify_gio_setup(directory, package, index++);
+    }
+}
+
+// Where the kernel has to be restarted first, the client gets its reply before.
+void reply_or_restart(GDataOutputStream *stream, int result, const char *done,
+                      const char *restarts) {
+    http_reply(stream, ok, reply_type, result == 0 ? done : restarts);
+    if (result != 0) {
+        g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
+        (void)system_ret("/sbin/reboot");
+    }
+}
+
 void clear_session() {
     _set_secondary_storage_path(std::nullopt);
     _set_storage_id(std::nullopt);
@@ -331,11 +386,11 @@ void action_activate_monitor_session(GDataOutputStream *stream, GHashTable *argu
             return;
         }
     }
-    (void)_start_monitoring_session({storage,
-                                     optional_argument(arguments, "recurrence_crash_reports"),
-                                     optional_argument(arguments, "log_interval"),
-                                     optional_argument(arguments, "save_image_interval")});
-    http_reply(stream, ok, reply_type, "Session started.");
+    const int result = _start_monitoring_session(
+        {storage, optional_argument(arguments, "recurrence_crash_reports"),
+         optional_argument(arguments, "log_interval"),
+         optional_argument(arguments, "save_image_interval")});
+    reply_or_restart(stream, result, "Session started.", "Session will start after reboot.");
 }
 
 int _start_monitoring_session(const session_request &request) {
@@ -377,8 +432,12 @@ int _start_monitoring_session(const session_request &request) {
     link_continuous_syslog(directory);
     create_two_interrupts_snapshots();
     create_serverreport_snapshot(directory);
+    onvif_copy_media_conf(directory);
     log_start(request, interval);
     write_session_information(request, directory, interval);
+    if (storage_id && setup_kernel_crash_monitor(directory, serial_number) != 0) {
+        return 1;
+    }
     if (storage_id && request.debug_mode && interval > 0) {
         advanced_debug_mode_crash_recurrence = interval;
         advanced_debug_mode_crash_recurrence_tick = 0;
@@ -405,20 +464,28 @@ void action_deactivate_monitor_session(GDataOutputStream *stream, GHashTable *) 
                    "Error: Path to secondary storage for active monitor session is null.");
         return;
     }
-    (void)deactivate_monitor_session(*directory);
-    http_reply(stream, ok, reply_type, "Session deactivated.");
+    const int result = deactivate_monitor_session(*directory);
+    reply_or_restart(stream, result, "Session deactivated.",
+                     "Session deactivation requires reboot.");
 }
 
 int deactivate_monitor_session(const std::string &directory) {
     collect_only_from_this_camera = true;
     monitory_active = false;
     device_log_is_due = false;
+    configuration_watches_are_due = false;
+    event_listener_is_due = false;
+    due_image_interval.clear();
+    vdrl_capture_stop();
+    eventlistener_stop();
+    configlogs_inotify_gio_release();
     vdrl_http_log_disable();
     vdrl_syslog_take_lines();
     file_remove(continuous_syslog_link);
     // With the storage gone there is nothing to complete; nothing is made in its empty mount point.
     const bool storage_is_there = is_directory(directory.c_str());
     if (storage_is_there) {
+        onvif_copy_media_conf(directory);
         complete_signature(directory);
         complete_session_information(directory);
     }
@@ -436,21 +503,28 @@ int deactivate_monitor_session(const std::string &directory) {
              monitor_active_minutes_count % 60);
     advanced_debug_mode_crash_recurrence = 0;
     advanced_debug_mode_crash_recurrence_tick = 1;
+    if (advanced_debug_mode_crash_log_message_activated) {
+        remove_all_subscribed_triggers();
+    }
     advanced_debug_mode_crash_interval_activated = false;
     advanced_debug_mode_crash_log_message_activated = false;
+    if (storage_id) {
+        inotify_gio_release();
+    }
     if (apache2_included) {
         koral_cgi_monitor_release();
         g_timeout_add_seconds(6, reload_httpd_now, nullptr);
     }
+    const int result = disable_kernel_crash_monitor(serial_number);
     const std::string archive = session_archive_path(directory);
     if (is_file(archive.c_str())) {
         file_remove(archive.c_str());
     }
-    if (storage_is_there) {
+    if (storage_is_there && result == 0) {
         zip_session(directory);
     }
     clear_session();
-    return 0;
+    return result;
 }
 
 bool resume_monitoring_session() {
@@ -480,8 +554,11 @@ bool resume_monitoring_session() {
     return true;
 }
 
-void setup_session(const std::string &directory, const std::string &) {
+void setup_session(const std::string &directory, const std::string &image_interval) {
     monitory_active = true;
+    configuration_watches_are_due = true;
+    event_listener_is_due = true;
+    due_image_interval = image_interval;
     if (apache2_included) {
         if (storage_id) {
             set_http_edge_storage(directory);
@@ -509,6 +586,27 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (device_log_is_due) {
         device_log_is_due = false;
         append_device_log(directory);
+    }
+    if (storage_id) {
+        create_dir_monitor(directory);
+    }
+    if (configuration_watches_are_due) {
+        configuration_watches_are_due = false;
+        watch_configurations(directory);
+    } else {
+        configlogs_inotify_gio_catch_up(directory);
+    }
+    if (!due_image_interval.empty()) {
+        _start_image_capturing(directory, due_image_interval);
+        due_image_interval.clear();
+    }
+    // What the listener had open died with the storage.
+    const bool is_cut_off =
+        eventlistener_is_running() && (connection_lost_count > 0 || eventlistener_has_failed());
+    if (event_listener_is_due || is_cut_off) {
+        event_listener_is_due = false;
+        eventlistener_stop();
+        (void)eventlistener_start(directory);
     }
 }
 

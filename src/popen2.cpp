@@ -1,15 +1,13 @@
 #include "popen2.h"
 
 #include "log.h"
+#include "sysutil.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <thread>
 
 namespace {
 
@@ -37,20 +35,6 @@ bool make_pipe(pipe_ends &ends) {
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
     ::execvp(argv[0], const_cast<char *const *>(argv)); // the C prototype lacks the const
     ::_exit(0);
-}
-
-// Waits until the child has ended, at most for the grace. The result is waitpid's: 0 means that it
-// still runs.
-pid_t wait_for_end(pid_t pid) {
-    using namespace std::chrono_literals;
-    auto pause = 1ms;
-    for (auto waited = 0ms;; waited += pause, pause = std::min(pause * 2, 50ms)) {
-        const pid_t result = ::waitpid(pid, nullptr, WNOHANG);
-        if (result != 0 || waited >= popen2_grace) {
-            return result;
-        }
-        std::this_thread::sleep_for(pause);
-    }
 }
 
 void close_end(unique_fd &end, const char *name, pid_t pid) {
@@ -85,10 +69,10 @@ void popen2_term(popen2_file &file) {
     if (::kill(file.pid, SIGTERM) != 0) {
         return;
     }
-    pid_t result = wait_for_end(file.pid);
+    pid_t result = wait_for_child(file.pid, nullptr, popen2_grace);
     if (result == 0) {
         ::kill(file.pid, SIGKILL);
-        result = wait_for_end(file.pid);
+        result = wait_for_child(file.pid, nullptr, popen2_grace);
     }
     if (result != file.pid) {
         log_error("Could not wait for pid %d, waitpid returned %d.", file.pid, result);

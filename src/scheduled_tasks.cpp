@@ -1,7 +1,18 @@
 #include "scheduled_tasks.h"
 
+#include "app_state.h"
+#include "dateutil.h"
+#include "fileutil.h"
 #include "log.h"
+#include "strutil.h"
 #include "sysutil.h"
+#include "vdrl_syslog_remote.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <string_view>
 
 bool automatic_restart_interval = false;
 unsigned long starting_tick = 0;
@@ -14,43 +25,322 @@ std::optional<std::string> ptz_test_given_times;
 
 namespace {
 
-constexpr const char *restart_command = "/sbin/reboot";
-constexpr const char *ptz_test_command =
+constexpr std::size_t interval_line_max = 198;
+constexpr std::size_t times_max = 4095;     // bytes of a list of times
+constexpr long long interval_too_short = 2; // minutes
+
+// One of the two tasks: its settings, files, command and what is said about it. The texts differ in
+// more than the name; they are what clients and log readers know.
+struct task {
+    const char *rule;
+    const char *name;    // in the log when it is due
+    const char *command; // what it does
+    const char *interval_path;
+    const char *times_path;
+
+    bool &interval;
+    unsigned long &length; // of the interval, in ticks
+    unsigned long &start;  // tick from which it counts
+    std::optional<std::string> &times;
+    std::time_t fired_minute; // in which the times were last acted upon
+
+    const char *interval_reply;
+    const char *times_reply;
+    const char *interval_stopped_reply;
+    const char *times_stopped_reply;
+
+    const char *interval_started;
+    const char *interval_updated;
+    const char *times_started;
+    const char *times_updated;
+    const char *interval_stopped;
+    const char *times_stopped;
+};
+
+task restart{
+    "automatic_restart",
+    "Automatic Restart",
+    "/sbin/reboot",
+    "/usr/local/packages/Vandrel/localdata/automatic_restart_interval.info",
+    "/usr/local/packages/Vandrel/localdata/automatic_restart_times.info",
+    automatic_restart_interval,
+    nbr_of_ticks_until_activation,
+    starting_tick,
+    automatic_restart_given_times,
+    0,
+    "Automatic restart rule has been set.\r\n",
+    "Automatic restart rule has been set.\r\n",
+    "Automatic restart rule has been stopped.\r\n",
+    "Automatic restart rule at given times has been stopped.\r\n",
+    "Started Automatic Restart",
+    "Updated Automatic Restart Interval",
+    "Started Automatic Restart Times",
+    "Updated Automatic Restart Times",
+    "Stopped Automatic Restart",
+    "Stopped Automatic Restart Times",
+};
+
+task ptz_test{
+    "automatic_ptz_test",
+    "Automatic PTZ Test",
     "dbus-send --system --type=method_call --print-reply --reply-timeout=3000 "
     "--dest=com.tarvo.PTZ.Coordinator /com/tarvo/PTZ/Coordinator/1 "
-    "com.tarvo.PTZ.Coordinator.Auxiliary string:\"Operator\" int32:0 string:\"reset\"";
+    "com.tarvo.PTZ.Coordinator.Auxiliary string:\"Operator\" int32:0 string:\"reset\"",
+    "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_interval.info",
+    "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_times.info",
+    ptz_test_interval,
+    ptz_nbr_of_ticks_until_activation,
+    ptz_starting_tick,
+    ptz_test_given_times,
+    0,
+    "Automatic PTZ test has been set.\r\n",
+    "PTZ test rule has been set.\r\n",
+    "Automatic PTZ test has been stopped.\r\n",
+    "PTZ test rule at given times has been stopped.\r\n",
+    "Started automatic PTZ test",
+    "Updated automatic PTZ test interval",
+    "Started PTZ Test Times",
+    "Updated PTZ Test Times",
+    "Stopped automatic PTZ testing",
+    "Stopped PTZ Times",
+};
+
+// --- Acting
 
 // One countdown's part of a tick: announced one tick ahead, true when it is due. All in unsigned
 // arithmetic; the tick count starts again at 0 and the countdown with it.
-bool is_due(const char *name, unsigned long tick, unsigned long &start, unsigned long length) {
+bool is_due(const task &what, unsigned long tick) {
     if (tick == 0) {
-        start = 0;
+        what.start = 0;
     }
-    if (start + length - tick == 1) {
-        log_warning("%s", name);
+    if (what.start + what.length - tick == 1) {
+        log_warning("%s", what.name);
     }
-    return tick - start >= length;
+    return tick - what.start >= what.length;
+}
+
+bool has_entry(std::string_view times, std::string_view wanted) {
+    while (true) {
+        const std::size_t comma = times.find(',');
+        if (times.substr(0, comma) == wanted) {
+            return true;
+        }
+        if (comma == std::string_view::npos) {
+            return false;
+        }
+        times.remove_prefix(comma + 1);
+    }
+}
+
+// Two timer ticks fall into each minute, sometimes three: what has fired in it does not fire again.
+void act_at_times(task &what, const std::string &time_of_day, std::time_t minute) {
+    if (what.interval || !what.times || !has_entry(*what.times, time_of_day) ||
+        what.fired_minute == minute) {
+        return;
+    }
+    log_warning("%s", what.name);
+    what.fired_minute = minute;
+    (void)system_ret(what.command);
+}
+
+// --- Reading back
+
+void read_task(task &what) {
+    what.interval = false;
+    what.start = 0;
+    what.length = 0;
+    std::string line;
+    if (const unique_file file = file_open(what.interval_path, "r")) {
+        while (read_line(file.get(), interval_line_max, line)) {
+            if (const std::size_t at = line.find("T:"); at != std::string::npos) {
+                what.length = decimal_prefix_unsigned(line.c_str() + at + 2);
+            }
+        }
+        what.interval = what.length != 0;
+    }
+    if (const unique_file file = file_open(what.times_path, "r")) {
+        if (read_line(file.get(), times_max + 1, line)) {
+            str_terminate_at(line, '\n');
+            what.times = line;
+        }
+    }
+    errno = 0;
+}
+
+// --- The action
+
+constexpr const char *no_action = "Error: Status unknown, no action.\r\n";
+
+// Whether one of the entries is a time of day: "HH:MM".
+bool holds_a_time(std::string_view times) {
+    const auto digit = [](char ch) { return ch >= '0' && ch <= '9'; };
+    while (true) {
+        const std::size_t comma = times.find(',');
+        const std::string_view entry = times.substr(0, comma);
+        if (entry.size() == 5 && digit(entry[0]) && digit(entry[1]) && entry[2] == ':' &&
+            digit(entry[3]) && digit(entry[4]) && entry.substr(0, 2) < "24" && entry[3] < '6') {
+            return true;
+        }
+        if (comma == std::string_view::npos) {
+            return false;
+        }
+        times.remove_prefix(comma + 1);
+    }
+}
+
+const char *set_interval(task &what, const char *argument) {
+    const long long minutes = decimal_prefix(argument);
+    if (minutes <= interval_too_short) {
+        return "Too short interval set (must exceed 2 minutes)\r\n";
+    }
+    const auto length = static_cast<unsigned long>(minutes);
+    file_replace(what.interval_path, format_text("T:%lu\n", length));
+    what.start = timer_count;
+    what.length = length;
+    log_info("%s: Every %lu hours.", what.interval ? what.interval_updated : what.interval_started,
+             length / 60);
+    what.interval = true;
+    return what.interval_reply;
+}
+
+const char *set_times(task &what, const char *argument) {
+    std::string times = argument;
+    const bool first = !what.times;
+    if (first) { // only then is it cut
+        str_terminate_at(times, '\n');
+        str_terminate_at(times, '"');
+    }
+    if (std::strlen(argument) > times_max || !holds_a_time(times)) {
+        return "Error: argument not specified.\r\n";
+    }
+    file_replace(what.times_path, format_text("%s\n", argument));
+    log_info("%s: %s", first ? what.times_started : what.times_updated, times.c_str());
+    what.times = times;
+    return what.times_reply;
+}
+
+const char *stop(task &what) {
+    if (what.interval) {
+        what.interval = false;
+        // Of both tasks it is the restart's count that starts anew, and its length that is logged.
+        starting_tick = 0;
+        file_remove(what.interval_path);
+        log_info("%s: Every %lu hours.", what.interval_stopped, nbr_of_ticks_until_activation / 60);
+        return what.interval_stopped_reply;
+    }
+    if (what.times) {
+        file_remove(what.times_path);
+        log_info("%s: %s.", what.times_stopped, what.times->c_str());
+        what.times.reset();
+        return what.times_stopped_reply;
+    }
+    return no_action;
+}
+
+std::string change_task(task &what, const char *status, const char *argument) {
+    if (status == nullptr) {
+        return "Error: status not specified.\r\n";
+    }
+    const std::string_view wanted = status;
+    if (wanted == "stop") {
+        return stop(what);
+    }
+    if (wanted != "set_interval" && wanted != "set_times") {
+        return no_action;
+    }
+    if (argument == nullptr) {
+        return "Error: argument not specified.\r\n";
+    }
+    return wanted == "set_interval" ? set_interval(what, argument) : set_times(what, argument);
+}
+
+constexpr const char *no_file = "Error: could not open file.\r\n";
+
+std::string set_syslog_server(const char *address) {
+    if (address == nullptr || !vdrl_syslog_remote_is_address(address)) {
+        return "Error: no address given.\r\n";
+    }
+    switch (vdrl_syslog_remote_setup(address)) {
+    case syslog_remote_rsyslog:
+        return "Remote server changed.\r\n";
+    case syslog_remote_syslog_ng:
+        return format_text("Remote server changed to: %s\r\n", address);
+    default:
+        return no_file;
+    }
+}
+
+std::string remove_syslog_server() {
+    const bool removed = vdrl_syslog_remote_remove() != -1;
+    vdrl_syslog_remote_restart_syslog();
+    return removed ? "Remote syslog server was removed.\r\n" : no_file;
+}
+
+std::string change_syslog_server(const char *status, const char *argument) {
+    const std::string_view wanted = status == nullptr ? "set" : status;
+    if (wanted == "set") {
+        return set_syslog_server(status == nullptr ? nullptr : argument);
+    }
+    if (wanted == "remove") {
+        return remove_syslog_server();
+    }
+    if (wanted == "test") {
+        log_info("Syslog: %s This is a test message. The configuration worked if you see this "
+                 "message in your syslog server!",
+                 date_format_now("%Y-%m-%d %H:%M:%S").c_str());
+        return "Test message in the log sent.\r\n";
+    }
+    return "";
 }
 
 } // namespace
 
+void read_scheduled_tasks() {
+    read_task(restart);
+    read_task(ptz_test);
+    // A restart at this very minute is the one that has just happened.
+    restart.fired_minute = std::time(nullptr) / 60;
+}
+
 void scheduled_tasks_tick(unsigned long tick) {
-    if (automatic_restart_interval &&
-        is_due("Automatic Restart", tick, starting_tick, nbr_of_ticks_until_activation)) {
-        (void)system_ret(restart_command);
+    if (restart.interval && is_due(restart, tick)) {
+        (void)system_ret(restart.command);
     }
-    if (ptz_test_interval &&
-        is_due("Automatic PTZ Test", tick, ptz_starting_tick, ptz_nbr_of_ticks_until_activation)) {
-        (void)system_ret(ptz_test_command);
-        ptz_starting_tick = tick;
+    if (ptz_test.interval && is_due(ptz_test, tick)) {
+        (void)system_ret(ptz_test.command);
+        ptz_test.start = tick;
     }
 }
 
 gboolean scheduled_tasks_timer_callback(gpointer) noexcept {
+    const std::string time_of_day = date_format_now("%H:%M");
+    const std::time_t minute = std::time(nullptr) / 60;
+    act_at_times(ptz_test, time_of_day, minute);
+    act_at_times(restart, time_of_day, minute);
     return G_SOURCE_CONTINUE;
 }
 
 gboolean reload_httpd_now(gpointer) noexcept {
     (void)system_ret("systemctl reload httpd");
     return G_SOURCE_REMOVE;
+}
+
+void action_miscellaneous(GDataOutputStream *stream, GHashTable *arguments) {
+    const char *rule = http_argument(arguments, "rule");
+    const char *status = http_argument(arguments, "status");
+    const char *argument = http_argument(arguments, "argument");
+    const std::string_view wanted = rule == nullptr ? "" : rule;
+    std::string reply;
+    if (rule == nullptr) {
+        reply = "Error: rule not specified.\r\n";
+    } else if (wanted == restart.rule) {
+        reply = change_task(restart, status, argument);
+    } else if (wanted == ptz_test.rule) {
+        reply = change_task(ptz_test, status, argument);
+    } else if (wanted == "syslog_server") {
+        reply = change_syslog_server(status, argument);
+    } else {
+        return; // no reply at all: the web server makes its own
+    }
+    http_reply(stream, http_status::ok, "text/plain", reply);
 }

@@ -2,6 +2,7 @@
 // needs the session directory gets a copy when it is started.
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -10,8 +11,9 @@ extern std::optional<std::string> secondary_storage_path;  // storage root, endi
 extern std::optional<std::string> storage_id;              // none for the internal storage
 extern std::optional<std::string> current_activity_folder; // the start stamp
 
-// TRUE while a session runs: set by setup_session, cleared when it is deactivated.
-extern bool monitory_active;
+// TRUE while a session runs: set by setup_session, cleared when it is deactivated. Also read by the
+// log follower.
+extern std::atomic<bool> monitory_active;
 
 // The session's start time as text, at most 99 bytes. Set at activation and resume, cleared by the
 // clean-up.
@@ -31,7 +33,7 @@ extern unsigned long advanced_debug_mode_crash_recurrence_tick;
 // Whether crash reports are made on a schedule, and on log messages. Set at activation, cleared at
 // deactivation.
 extern bool advanced_debug_mode_crash_interval_activated;
-extern bool advanced_debug_mode_crash_log_message_activated;
+extern std::atomic<bool> advanced_debug_mode_crash_log_message_activated; // also the log follower
 // 1 while a crash report is being made; cleared at activation.
 extern int crash_report_being_created;
 

@@ -11,6 +11,7 @@
 #include "session_info.h"
 #include "storage_investigator.h"
 #include "strutil.h"
+#include "syslog_triggers.h"
 
 #include <cerrno>
 #include <cstring>
@@ -167,7 +168,7 @@ std::string state_json() {
         "\"Architecture\":\"%s\",\"syslog-ng-installed\":%d,\"rsyslog-installed\":%d,"
         "\"libcapture\":%d}, \"connection_lost_count\":%lu,    "
         "\"monitor_active_minutes_count\":%lu ",
-        monitory_active, space, monitor_start_time.value_or("").c_str(),
+        monitory_active.load(), space, monitor_start_time.value_or("").c_str(),
         session_directory().value_or("").c_str(), value("root.Network.eth0.IPAddress").c_str(),
         date_format_now("%H:%M:%S %Y-%m-%d").c_str(), value("root.Network.eth0.MACAddress").c_str(),
         value("root.Properties.Image.Resolution").c_str(),
@@ -191,7 +192,7 @@ std::string miscellaneous_json() {
                     automatic_restart_given_times.value_or("None").c_str());
     json += format_text(",\"advanced_debug_mode\":{\"status-log\":%d,\"status-interval\":%d,"
                         "\"crash_recurrence\":%lu,\"crash_recurrence_tick\":%lu}",
-                        advanced_debug_mode_crash_log_message_activated,
+                        advanced_debug_mode_crash_log_message_activated.load(),
                         advanced_debug_mode_crash_interval_activated,
                         advanced_debug_mode_crash_recurrence,
                         advanced_debug_mode_crash_recurrence_tick);
@@ -233,7 +234,8 @@ void action_list_data(GDataOutputStream *stream, GHashTable *arguments) {
     // No lines against caches in this reply.
     http_write(stream, "Status: 200 OK\r\nContent-Type: application/json; charset=utf-8\r\n\r\n" +
                            state_json() + miscellaneous_json());
-    http_write(stream, ",\"systemlog_trigger_rules\":[]");
+    http_write(stream, ",\"systemlog_trigger_rules\":");
+    output_all_triggers_as_json_string(stream);
     http_write(stream, ", \"sessions\":" + session_list_json(found_list, session_list_kind::found));
     http_write(stream, ", \"broken_sessions\":" +
                            session_list_json(lost_list, session_list_kind::lost) + "}");

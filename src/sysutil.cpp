@@ -3,10 +3,86 @@
 #include "fileutil.h"
 #include "log.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
+#include <thread>
 #include <utility>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr mode_t output_permissions = 0644;
+
+// The descriptors and the session of a child that posix_spawn makes: it does not copy the process,
+// so that threads and their locks don't matter.
+class spawn_settings {
+  public:
+    spawn_settings(program_descriptors descriptors, const char *output) {
+        ::posix_spawn_file_actions_init(&actions_);
+        ::posix_spawnattr_init(&attributes_);
+        ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSID);
+        if (descriptors == program_descriptors::none) {
+            ::posix_spawn_file_actions_addclosefrom_np(&actions_, 0);
+            return;
+        }
+        ::posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        ::posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, output,
+                                           O_WRONLY | O_CREAT | O_TRUNC, output_permissions);
+        ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+    }
+    ~spawn_settings() {
+        ::posix_spawn_file_actions_destroy(&actions_);
+        ::posix_spawnattr_destroy(&attributes_);
+    }
+    spawn_settings(const spawn_settings &) = delete;
+    spawn_settings &operator=(const spawn_settings &) = delete;
+
+    [[nodiscard]] const posix_spawn_file_actions_t *actions() const { return &actions_; }
+    [[nodiscard]] const posix_spawnattr_t *attributes() const { return &attributes_; }
+
+  private:
+    posix_spawn_file_actions_t actions_{};
+    posix_spawnattr_t attributes_{};
+};
+
+} // namespace
+
+int run_program(const char *const argv[], program_descriptors descriptors, const char *output,
+                std::chrono::milliseconds limit) {
+    const spawn_settings settings(descriptors, output);
+    pid_t pid = -1;
+    const int failure = ::posix_spawn(&pid, argv[0], settings.actions(), settings.attributes(),
+                                      const_cast<char *const *>(argv), environ);
+    if (failure != 0) {
+        errno = failure;
+        return -1;
+    }
+    int status = -1;
+    if (wait_for_child(pid, &status, limit) == 0) {
+        ::kill(-pid, SIGKILL);
+        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        errno = ETIMEDOUT;
+    }
+    return status;
+}
+
+pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limit) {
+    auto pause = 1ms;
+    for (auto waited = 0ms;; waited += pause, pause = std::min(pause * 2, 50ms)) {
+        const pid_t result = ::waitpid(pid, wait_status, WNOHANG);
+        if (result != 0 || waited >= limit) {
+            return result;
+        }
+        std::this_thread::sleep_for(pause);
+    }
+}
 
 int system_ret(const char *command) {
     if (command == nullptr) {

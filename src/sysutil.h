@@ -3,8 +3,10 @@
 
 #include "handle.h"
 
+#include <chrono>
 #include <functional>
 #include <string>
+#include <sys/types.h>
 
 // What system_ret returns when there is no exit status.
 inline constexpr int system_ret_stopped = -1;
@@ -15,6 +17,22 @@ inline constexpr int system_ret_signal = -4;     // logged
 // Runs a shell command, waits for it and returns its exit status (0 to 255) or one of the values
 // above. The command inherits standard input, output and error, no other descriptor. Any thread.
 int system_ret(const char *command);
+
+// What a program that run_program starts finds open.
+enum class program_descriptors {
+    standard, // input empty, output into a file, errors as the daemon's
+    none      // nothing at all
+};
+
+// Runs the program at the path argv[0] without a shell, as the leader of a session of its own, and
+// waits for it; after `limit` its session is killed. With `standard` its output goes to a new file,
+// or in the place of an old one, at `output`. The wait status as waitpid gives it, or -1 with errno
+// when it could not be started. Any thread.
+int run_program(const char *const argv[], program_descriptors descriptors, const char *output,
+                std::chrono::milliseconds limit);
+
+// Waits until a child has ended, at most for `limit`. As waitpid: 0 means that it still runs.
+pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limit);
 
 // A shell command whose output is read. Not being able to start a shell ends the process.
 class command_pipe {

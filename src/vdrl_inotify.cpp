@@ -2,6 +2,7 @@
 
 #include "log.h"
 
+#include <cerrno>
 #include <vector>
 
 namespace {
@@ -45,6 +46,9 @@ gboolean handle_event(GIOChannel *channel, GIOCondition, gpointer data) noexcept
         return G_SOURCE_REMOVE;
     }
     if (result == read_result::complete) {
+        if ((event.mask & IN_IGNORED) != 0 && event.wd == watcher->wd) {
+            watcher->wd = -1;
+        }
         bool destroyed = false;
         watcher->destroyed = &destroyed;
         watcher->callback(event, name.data(), *watcher);
@@ -83,10 +87,27 @@ std::unique_ptr<vdrl_inotify_watcher> vdrl_inotify_create(const char *path, std:
     auto watcher = std::make_unique<vdrl_inotify_watcher>();
     watcher->name = path;
     watcher->gio = std::move(channel);
+    watcher->mask = mask;
     watcher->wd = wd;
     watcher->callback = callback;
     watcher->source_id = g_io_add_watch(watcher->gio.get(), G_IO_IN, handle_event, watcher.get());
     return watcher;
+}
+
+bool vdrl_inotify_renew(vdrl_inotify_watcher &watcher) {
+    // The kernel gives a path's watch the same number again as long as it is the same folder.
+    const int descriptor = g_io_channel_unix_get_fd(watcher.gio.get());
+    const int wd = ::inotify_add_watch(descriptor, watcher.name.c_str(), watcher.mask);
+    if (wd < 0) {
+        errno = 0;
+        return false;
+    }
+    if (watcher.wd >= 0 && watcher.wd != wd) {
+        (void)::inotify_rm_watch(descriptor, watcher.wd);
+        errno = 0;
+    }
+    watcher.wd = wd;
+    return true;
 }
 
 void vdrl_inotify_destroy(std::unique_ptr<vdrl_inotify_watcher> &watcher) {
@@ -100,7 +121,8 @@ void vdrl_inotify_destroy(std::unique_ptr<vdrl_inotify_watcher> &watcher) {
     if (owned->source_id != 0) {
         g_source_remove(owned->source_id);
     }
-    if (::inotify_rm_watch(g_io_channel_unix_get_fd(owned->gio.get()), owned->wd) != 0) {
+    if (owned->wd >= 0 &&
+        ::inotify_rm_watch(g_io_channel_unix_get_fd(owned->gio.get()), owned->wd) != 0) {
         log_error("inotify_rm_watch error, wd:%d", owned->wd);
     }
     gerror_ptr error;

@@ -20,7 +20,8 @@ using vdrl_inotify_cb = void (*)(const inotify_event &event, const char *name,
 struct vdrl_inotify_watcher {
     std::string name; // the watched path
     giochannel_ptr gio;
-    int wd = -1;
+    std::uint32_t mask = 0;
+    int wd = -1;         // -1 once the kernel has given it up
     guint source_id = 0; // 0 once the source is gone
     vdrl_inotify_cb callback = nullptr;
     bool *destroyed = nullptr; // set while an event is handled
@@ -29,6 +30,10 @@ struct vdrl_inotify_watcher {
 // Watches a path with an inotify mask. Null, with a message, when that can't be done. Main thread.
 std::unique_ptr<vdrl_inotify_watcher> vdrl_inotify_create(const char *path, std::uint32_t mask,
                                                           vdrl_inotify_cb callback);
+
+// Watches what is at the path now, which may be another file system than before; the same one goes
+// on without losing an event. False when there is nothing to watch. Main thread.
+bool vdrl_inotify_renew(vdrl_inotify_watcher &watcher);
 
 // Ends the watch and empties the slot; an empty slot is allowed. Main thread.
 void vdrl_inotify_destroy(std::unique_ptr<vdrl_inotify_watcher> &watcher);

@@ -206,6 +206,8 @@ TEST_F(Daemon, LivesOnAfterSigtermOnceAndTwice) {
 
 TEST_F(Daemon, SurvivesEveryRequest) {
     const daemon_process daemon;
+    log_texts(daemon);
+    const auto start_lines = static_cast<std::ptrdiff_t>(daemon.log().size());
     const std::string long_argument(100'000, 'x');
     std::string percent_encoded;
     for (int i = 0; i < 100'000; ++i) {
@@ -245,12 +247,12 @@ TEST_F(Daemon, SurvivesEveryRequest) {
     // Only the self-test's own lines were logged, two for each call.
     const std::string log = log_texts(daemon);
     const auto lines = daemon.log();
-    EXPECT_TRUE(std::all_of(lines.begin(), lines.end(), [](const daemon_log_line &line) {
-        return line.message.find("refresher") != std::string::npos ||
-               line.message == "type mismatch." ||
-               line.message.find("No continuous syslog program") != std::string::npos ||
-               line.message.find("Vandrel version") != std::string::npos;
-    })) << log;
+    EXPECT_TRUE(std::all_of(lines.begin() + start_lines, lines.end(),
+                            [](const daemon_log_line &line) {
+                                return line.message.find("refresher") != std::string::npos ||
+                                       line.message == "type mismatch.";
+                            }))
+        << log;
 }
 
 TEST_F(Daemon, AClientThatDoesNotReadDelaysTheOthersOnlyForAWhile) {

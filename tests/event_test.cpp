@@ -78,7 +78,8 @@ topic topic_named(const std::string &name) {
 int callbacks = 0;
 guint called_subscription = 0;
 
-void count_callback(guint subscription, TVEvent *, gpointer data) {
+void count_callback(guint subscription, TVEvent *event, gpointer data) {
+    tv_event_free(event);
     ++callbacks;
     called_subscription = subscription;
     EXPECT_EQ(data, &callbacks);

@@ -71,6 +71,7 @@ struct Counter {
 void count(guint subscription, TVEvent *event, gpointer data) {
     auto *counter = static_cast<Counter *>(data);
     EXPECT_NE(event, nullptr);
+    tv_event_free(event);
     counter->events++;
     if (counter->once) {
         EXPECT_TRUE(tv_event_handler_unsubscribe(counter->handler, subscription, nullptr));

@@ -27,7 +27,7 @@ std::string get(TVParameter *handle, const char *name) {
 
 bool set(TVParameter *handle, const char *name, const char *value) {
     GError *error = nullptr;
-    const bool done = tv_parameter_set(handle, name, value, &error);
+    const bool done = tv_parameter_set(handle, name, value, TRUE, &error);
     EXPECT_EQ(done, error == nullptr);
     g_clear_error(&error);
     return done;

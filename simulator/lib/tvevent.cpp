@@ -122,10 +122,10 @@ void on_event(GDBusConnection *, const gchar *, const gchar *, const gchar *, co
         return;
     GVariant *topic_variant = nullptr;
     GVariant *data_variant = nullptr;
-    TVEvent event{};
-    g_variant_get(body, "(@a{ss}@a{ss}x)", &topic_variant, &data_variant, &event.time_us);
+    gint64 time_us = 0;
+    g_variant_get(body, "(@a{ss}@a{ss}x)", &topic_variant, &data_variant, &time_us);
     const Texts topic = from_variant(topic_variant);
-    event.data = from_variant(data_variant);
+    const Texts event_data = from_variant(data_variant);
     g_variant_unref(topic_variant);
     g_variant_unref(data_variant);
 
@@ -138,7 +138,9 @@ void on_event(GDBusConnection *, const gchar *, const gchar *, const gchar *, co
     for (const guint id : matching) {
         const auto found = handler.subscriptions.find(id);
         if (found != handler.subscriptions.end())
-            found->second.callback(id, &event, found->second.user_data);
+            found->second.callback(
+                id, std::make_unique<TVEvent>(TVEvent{event_data, time_us}).release(),
+                found->second.user_data);
     }
 }
 

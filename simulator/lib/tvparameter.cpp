@@ -101,7 +101,7 @@ gboolean tv_parameter_get(TVParameter *handle, const gchar *name, gchar **value,
 }
 
 gboolean tv_parameter_set(TVParameter *handle, const gchar *name, const gchar *value,
-                          GError **error) {
+                          gboolean save_now, GError **error) {
     if (!handle || !is_name(name) || !value || strpbrk(value, "\r\n")) {
         g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT,
                             handle ? "not a parameter name or value" : "no parameter handle");
@@ -120,8 +120,8 @@ gboolean tv_parameter_set(TVParameter *handle, const gchar *name, const gchar *v
     struct stat present;
     const int mode =
         stat(store_path, &present) == 0 ? static_cast<int>(present.st_mode & 07777) : 0644;
-    constexpr auto replaced = static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT |
-                                                                 G_FILE_SET_CONTENTS_DURABLE);
+    const auto replaced = static_cast<GFileSetContentsFlags>(
+        G_FILE_SET_CONTENTS_CONSISTENT | (save_now != FALSE ? G_FILE_SET_CONTENTS_DURABLE : 0));
     return g_file_set_contents_full(store_path, changed.data(), static_cast<gssize>(changed.size()),
                                     replaced, mode, error);
 }

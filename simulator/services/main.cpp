@@ -11,7 +11,8 @@
 
 namespace {
 
-const bus_service *const services[] = {&storage_service};
+const bus_service *const services[] = {&ptz_coordinator_service, &ptz_service, &storage_service,
+                                        &streamer_service, &temperature_service};
 
 const char *ready_path = nullptr;
 std::size_t names_owned = 0;
@@ -19,6 +20,11 @@ std::size_t names_owned = 0;
 void on_call(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *method,
              GVariant *arguments, GDBusMethodInvocation *invocation, gpointer service) noexcept {
     static_cast<const bus_service *>(service)->call(method, arguments, invocation);
+}
+
+GVariant *on_property(GDBusConnection *, const gchar *, const gchar *, const gchar *,
+                      const gchar *property, GError **, gpointer service) noexcept {
+    return static_cast<const bus_service *>(service)->property(property);
 }
 
 void on_name_owned(GDBusConnection *, const gchar *, gpointer) noexcept {
@@ -33,7 +39,7 @@ void on_name_lost(GDBusConnection *, const gchar *name, gpointer) noexcept {
 }
 
 bool offer(GDBusConnection *connection, const bus_service &service, GError **error) {
-    static const GDBusInterfaceVTable table = {on_call, nullptr, nullptr, {}};
+    static const GDBusInterfaceVTable table = {on_call, on_property, nullptr, {}};
     // Lives as long as the program, as the objects do.
     GDBusNodeInfo *description = g_dbus_node_info_new_for_xml(service.interfaces, error);
     if (description == nullptr) {

@@ -17,8 +17,6 @@
 //   "error"     an error
 #include "service.h"
 
-#include "glib_ptr.h"
-
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -31,7 +29,6 @@
 namespace {
 
 constexpr const char *mount_points = "/var/spool/storage";
-constexpr unsigned slow_s = 10;
 constexpr int enormous_count = 20'000;
 constexpr std::size_t enormous_name = 100'000;
 
@@ -139,33 +136,14 @@ GVariant *all_storages() {
     return g_variant_new("(a(sssssbbbbbb))", &builder);
 }
 
-// GLib checks an answer against the signature that the introspection data gives, which "cut" has
-// not; so the message is made by hand.
-void answer(GDBusMethodInvocation *invocation, GVariant *body) {
-    const gobject_ptr<GDBusMessage> reply(
-        g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation)));
-    g_dbus_message_set_body(reply.get(), body);
-    g_dbus_connection_send_message(g_dbus_method_invocation_get_connection(invocation), reply.get(),
-                                   G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
-    g_object_unref(invocation); // whoever answers owns it
-}
-
-gboolean answer_late(gpointer invocation) noexcept {
-    answer(static_cast<GDBusMethodInvocation *>(invocation), all_storages());
-    return G_SOURCE_REMOVE;
-}
-
 void call(const char *method, GVariant *arguments, GDBusMethodInvocation *invocation) {
     if (g_str_equal(method, "SetReply")) {
         const gchar *kind = nullptr;
         g_variant_get(arguments, "(&s)", &kind);
         reply_kind = kind;
         g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (reply_kind == "error") {
-        g_dbus_method_invocation_return_error_literal(invocation, G_IO_ERROR, G_IO_ERROR_FAILED,
-                                                      "The storages can't be asked.");
-    } else if (reply_kind == "slow") {
-        g_timeout_add_seconds(slow_s, answer_late, invocation);
+    } else if (reply_kind == "error" || reply_kind == "slow") {
+        answer_as(reply_kind, invocation, all_storages());
     } else {
         answer(invocation, all_storages());
     }

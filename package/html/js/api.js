@@ -75,12 +75,12 @@ export async function request(action, values = {}, options = {}) {
  * As request, for an action that refuses in plain words with a good status.
  * @param {string} action
  * @param {Record<string, string>} values
- * @param {string[]} granted the replies that are no refusals
+ * @param {string[] | RegExp} granted the replies that are no refusals
  * @param {RequestOptions} [options]
  */
 export async function requestGranted(action, values, granted, options = {}) {
   const words = wordsOf(await request(action, values, options));
-  if (!granted.includes(words)) {
+  if (Array.isArray(granted) ? !granted.includes(words) : !granted.test(words)) {
     throw refusal(words || 'The daemon’s reply is empty.');
   }
   return words;

@@ -24,6 +24,8 @@ const VIEWS = [
   { id: 'sessions', title: 'Sessions', load: () => import('./views/sessions.js') },
   { id: 'session', title: 'Session', within: 'sessions', load: () => import('./views/session.js') },
   { id: 'traces', title: 'Traces', load: () => import('./views/traces.js') },
+  { id: 'triggers', title: 'Triggers', load: () => import('./views/triggers.js') },
+  { id: 'maintenance', title: 'Maintenance', load: () => import('./views/maintenance.js') },
   { id: 'log', title: 'Log', load: () => import('./views/log.js') },
 ];
 

@@ -26,6 +26,13 @@ const ADVICE = [
     + 'package was restarted.'],
   [/wireshark session info file/, 'The list of traces is not there. It is made when the package or a '
     + 'trace starts: start a trace, or restart the package on the camera.'],
+  [/not removed \(not found\)/, 'Someone else has removed it meanwhile.'],
+  [/can not be used|name and key are required/, 'Use a shorter text without control characters.'],
+  [/Status unknown, no action/, 'Nothing is set any more: someone else has stopped it meanwhile.'],
+  [/Too short interval/, 'Choose 3 minutes or more.'],
+  [/argument not specified/, 'Give at least one time of day as 08:00.'],
+  [/no address given/, 'Give a host name or an IP address, nothing else.'],
+  [/could not open file/, 'The log program’s configuration can’t be written. The log tells which file.'],
   [/did not match any installed|Missing option/, 'The daemon is older than this page. Install the '
     + 'package again.'],
   [/product model/, 'The camera’s parameters can’t be read. Restart the package on the camera and '

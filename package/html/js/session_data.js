@@ -34,8 +34,23 @@ export const STORAGES = [
  * @property {number} minutes that the session has been active
  * @property {number | null} lostMinutes since when its storage can't be used; null while it can
  * @property {{log: boolean, interval: boolean, minutes: number}} debug
+ * @property {Maintenance} maintenance
  * @property {Device} device
  * @property {Session[]} sessions newest first, the lost ones behind
+ */
+
+/**
+ * @typedef {object} Schedule
+ * @property {number} minutes of the interval, 0 without one
+ * @property {number} minutesLeft until it is due
+ * @property {string} times of day, as set; "" without
+ */
+
+/**
+ * @typedef {object} Maintenance
+ * @property {Schedule} restart
+ * @property {Schedule} ptz
+ * @property {string} server of the remote log, "" when the camera names none
  */
 
 /**
@@ -140,6 +155,17 @@ function sessionOf(value, lost, runningPath) {
   }];
 }
 
+/** @param {Record<string, unknown>} told @param {string} name @returns {Schedule} */
+function scheduleOf(told, name) {
+  const minutes = number(told[`${name}_interval`]) === 1 ? number(told[`${name}_timer`]) : 0;
+  const times = text(told[`${name}_given_times`]);
+  return {
+    minutes,
+    minutesLeft: Math.max(0, number(told[`${name}_starting`]) + minutes - number(told.current_tick)),
+    times: times === 'None' ? '' : times,
+  };
+}
+
 /**
  * The reply to list_data.
  * @param {unknown} value
@@ -148,7 +174,9 @@ function sessionOf(value, lost, runningPath) {
 export function cameraOf(value) {
   const told = record(value);
   const device = record(told.device);
-  const debug = record(record(told.miscellaneous).advanced_debug_mode);
+  const miscellaneous = record(told.miscellaneous);
+  const debug = record(miscellaneous.advanced_debug_mode);
+  const server = text(miscellaneous.syslog_remote_server);
   const active = number(told.active) === 1;
   const directory = active ? text(told.current_storage) : '';
   const lost = number(told.connection_lost_count);
@@ -172,6 +200,11 @@ export function cameraOf(value) {
       log: number(debug['status-log']) === 1,
       interval: number(debug['status-interval']) === 1,
       minutes: number(debug.crash_recurrence),
+    },
+    maintenance: {
+      restart: scheduleOf(miscellaneous, 'automatic_restart'),
+      ptz: scheduleOf(miscellaneous, 'ptz_test'),
+      server: server === 'None' ? '' : server,
     },
     device: {
       model: text(device.Model),

@@ -1,13 +1,10 @@
-// What view_wireshark_sessions tells. The reply costs the camera little, but it waits behind
-// whatever the daemon is doing. It is asked repeatedly only while a trace runs and the view is in
-// sight: otherwise nothing in it changes by itself.
+// What view_wireshark_sessions tells. While no trace runs nothing in it changes by itself.
 
-import { pending, refusal, request, RequestError } from './api.js';
+import { refusal, request, RequestError } from './api.js';
 import { readLooseJson } from './loose_json.js';
+import { watch } from './poll.js';
 import { list, text } from './session_data.js';
 
-const PERIOD_MS = 5000;
-const PERIOD_WHILE_PENDING_MS = 1000;
 const TIMEOUT_MS = 120000;
 
 /**
@@ -22,15 +19,15 @@ const TIMEOUT_MS = 120000;
  */
 
 /**
- * @typedef {object} TracesState
- * @property {Trace[]} traces as of the last good reply
+ * @typedef {object} Answer
+ * @property {Trace[]} traces
  * @property {string} folder of the running trace, "" when none runs
  * @property {boolean} damaged whether the reply was readable only in parts
- * @property {Date | null} at
- * @property {RequestError | null} error of the last request
  */
 
-/** @param {string} reply @returns {Pick<TracesState, 'traces' | 'folder' | 'damaged'>} */
+/** @typedef {import('./poll.js').Told<Answer>} TracesState */
+
+/** @param {string} reply @returns {Answer} */
 function read(reply) {
   const { value, damaged } = readLooseJson(reply);
   const told = /** @type {Record<string, unknown>} */ (
@@ -60,50 +57,16 @@ function read(reply) {
 }
 
 /**
- * Asks for the traces when told to, and from time to time while one runs and the element is in sight.
  * @param {HTMLElement} element
  * @param {(state: TracesState) => void} listener called now and after each answer
  */
 export function watchTraces(element, listener) {
-  /** @type {TracesState} */
-  let state = { traces: [], folder: '', damaged: false, at: null, error: null };
-  let timer = 0;
-
-  /** Resolves also when it fails. @param {number} [timeoutMs] @returns {Promise<TracesState>} */
-  async function refresh(timeoutMs = TIMEOUT_MS) {
-    clearTimeout(timer);
-    try {
-      const reply = await request('view_wireshark_sessions', {}, { timeoutMs });
-      state = { ...read(reply), at: new Date(), error: null };
-    } catch (error) {
-      state = { ...state, error: /** @type {RequestError} */ (error) };
-    }
-    listener(state);
-    schedule(PERIOD_MS);
-    return state;
-  }
-
-  /** @param {number} delay */
-  function schedule(delay) {
-    clearTimeout(timer);
-    const { kind } = state.error ?? {};
-    if (state.folder !== '' && kind !== 'login' && kind !== 'forbidden') {
-      timer = setTimeout(poll, delay);
-    }
-  }
-
-  function poll() {
-    if (document.hidden || element.getClientRects().length === 0) {
-      return;
-    }
-    if (pending() > 0) {
-      schedule(PERIOD_WHILE_PENDING_MS);
-    } else {
-      refresh();
-    }
-  }
-
-  document.addEventListener('visibilitychange', poll);
-  listener(state);
-  return { refresh };
+  return watch({
+    element,
+    none: /** @type {Answer} */ ({ traces: [], folder: '', damaged: false }),
+    ask: async (timeoutMs = TIMEOUT_MS) =>
+      read(await request('view_wireshark_sessions', {}, { timeoutMs })),
+    listener,
+    changes: ({ folder }) => folder !== '',
+  });
 }

@@ -4,6 +4,7 @@ import { onCamera, refreshCamera } from '../camera.js';
 import { createFacts } from '../controls.js';
 import { el, setText } from '../dom.js';
 import { clock } from '../format.js';
+import { staleNotes } from '../poll.js';
 import { duration } from '../session_data.js';
 
 /** @typedef {import('../session_data.js').Camera} Camera */
@@ -66,12 +67,8 @@ export function sessionCard(...more) {
     ] : []);
     setText(idle, camera && !active ? 'Nothing is being recorded.' : '');
     idle.hidden = idle.textContent === '';
-    const notes = [
-      // What to do when the daemon is away, the page's frame says.
-      error ? `${error.message} ${['refused', 'unexpected', 'timeout'].includes(error.kind) ? error.advice : ''}` : '',
-      damaged ? 'The camera’s reply was damaged, most likely by an odd character in a name. What '
-        + 'could be read is shown; something may be missing.' : '',
-    ].filter(Boolean).join(' ');
+    const notes = staleNotes(error, damaged ? 'The camera’s reply was damaged, most likely by an odd '
+      + 'character in a name. What could be read is shown; something may be missing.' : '');
     stale.hidden = notes === '';
     setText(stale, notes);
     setText(asOf, asking && !at ? 'Asking the camera …' : at ? `As of ${clock(at)}` : '');

@@ -6,6 +6,7 @@ import { actionButton, confirmed, createFacts, createMessage, createTable, expla
   from '../controls.js';
 import { el, setText } from '../dom.js';
 import { byteSize, clock, counted, dateTime } from '../format.js';
+import { staleNotes } from '../poll.js';
 import { partsOfPath, STORAGES } from '../session_data.js';
 import { storageChoice } from '../storage_choice.js';
 import { watchTraces } from '../traces.js';
@@ -286,10 +287,8 @@ export function create() {
     ] : []);
     setText(idle, at && !running ? 'Nothing is being captured.' : '');
     idle.hidden = idle.textContent === '';
-    const notes = [
-      error ? `${error.message} ${['refused', 'unexpected', 'timeout'].includes(error.kind) ? error.advice : ''}` : '',
-      damaged ? 'The list of traces is damaged. What could be read is shown; something may be missing.' : '',
-    ].filter(Boolean).join(' ');
+    const notes = staleNotes(error, damaged
+      ? 'The list of traces is damaged. What could be read is shown; something may be missing.' : '');
     stale.hidden = notes === '';
     setText(stale, notes);
     setText(asOf, at ? `As of ${clock(at)}` : error ? '' : 'Asking the camera …');

@@ -1,0 +1,258 @@
+#include "kernel_crash.h"
+
+#include "filehandler.h"
+#include "fileutil.h"
+#include "log.h"
+#include "session_globals.h"
+#include "strutil.h"
+#include "sysutil.h"
+
+#include <cerrno>
+#include <climits>
+#include <string_view>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t listing_size = 1024;
+constexpr std::size_t path_size = 257;
+constexpr std::size_t output_line_max = 255;
+constexpr unsigned dumps_folder_permissions = 0777;
+constexpr std::string_view dump_mark = ".elf.lzo";
+
+constexpr const char *flag_file = "/lib/persistent/.ENABLE_KERNEL_CRASHDUMPS";
+constexpr const char *share_configuration = "/etc/sysconfig/crashdump.conf";
+constexpr const char *enable_command = "sysctl -w debug.crashdump=storage";
+constexpr const char *disable_command = "sysctl -w debug.crashdump=none";
+
+// Where dumps of one kind of storage lie, and which of them are known: the names in the folder
+// joined by ",". A listing that is not loaded yet comes from its file.
+struct dump_storage {
+    const char *dumps_folder;
+    bool is_share; // the folder's name ends in "_SERIAL"
+    const char *listing_file;
+    std::optional<std::string> listing;
+    std::vector<std::string> announced; // found, but not copied yet
+};
+
+dump_storage storages[] = {
+    {"/var/spool/storage/SD_DISK/dumps",
+     false,
+     "/usr/local/packages/Vandrel/localdata/kernel_crash_listing_sd_card.txt",
+     {},
+     {}},
+    {"/var/spool/storage/HDD_DISK/dumps",
+     false,
+     "/usr/local/packages/Vandrel/localdata/kernel_crash_listing_hdd.txt",
+     {},
+     {}},
+    {"/var/spool/storage/NetworkShare/dumps",
+     true,
+     "/usr/local/packages/Vandrel/localdata/kernel_crash_listing_nas.txt",
+     {},
+     {}},
+};
+
+// Nothing for the share without a serial number.
+std::optional<std::string> folder_of(const dump_storage &storage,
+                                     const std::optional<std::string> &serial) {
+    if (!storage.is_share) {
+        return storage.dumps_folder;
+    }
+    if (!serial) {
+        return std::nullopt;
+    }
+    return format_text("%s_%s", storage.dumps_folder, serial->c_str());
+}
+
+std::optional<std::string> current_listing(const std::string &folder) {
+    errno = 0;
+    if (!is_directory(folder.c_str())) {
+        log_error("Failed to create a listing");
+        return std::nullopt;
+    }
+    return get_names_listed_from_directory(folder, listing_size);
+}
+
+// The first line of the listing's file, if there is one.
+bool load_listing(dump_storage &storage) {
+    if (!is_file(storage.listing_file)) {
+        return false;
+    }
+    const unique_file file = file_open_or_warn(storage.listing_file, "r");
+    std::string line;
+    if (file) {
+        (void)read_line(file.get(), listing_size - 1, line);
+        str_terminate_at(line, '\n');
+    }
+    storage.listing = line;
+    return true;
+}
+
+bool save_listing(const dump_storage &storage) {
+    if (file_put_string(storage.listing_file, storage.listing.value_or(""))) {
+        return true;
+    }
+    errno = 0;
+    log_error("Could not save kernel crash listing to '%s'", storage.listing_file);
+    return false;
+}
+
+std::vector<std::string> names_of(const std::string &listing) {
+    std::vector<std::string> names;
+    for (std::size_t start = 0; start < listing.size();) {
+        const std::size_t end = std::min(listing.find(',', start), listing.size());
+        names.push_back(listing.substr(start, end - start));
+        start = end + 1;
+    }
+    return names;
+}
+
+void announce(dump_storage &storage, const std::string &name) {
+    for (const std::string &known : storage.announced) {
+        if (known == name) {
+            return; // the copy did not work then, and is tried again
+        }
+    }
+    storage.announced.push_back(name);
+    log_info(
+        "Systemlog kernel crash detection: Found new kernel crash archive, %s, will copy it to "
+        "the monitoring session under 'coredumps'.",
+        name.c_str());
+}
+
+// True when it is in the session afterwards.
+bool copy_dump(dump_storage &storage, const std::string &folder, const std::string &name,
+               const std::string &session_directory) {
+    const std::string from = folder + "/" + name;
+    const std::string to = session_directory + "/coredumps/" + name;
+    if (from.size() >= path_size || to.size() >= path_size) {
+        announce(storage, name);
+        return true; // its path is no use to anybody
+    }
+    if (is_file(to.c_str())) {
+        return true; // copied before a restart of the daemon
+    }
+    announce(storage, name);
+    return file_copy_whole(from.c_str(), to.c_str(), LLONG_MAX);
+}
+
+void update_storage(dump_storage &storage, const std::string &folder,
+                    const std::string &session_directory) {
+    if (!monitory_active || !is_directory(folder.c_str())) {
+        return;
+    }
+    const std::string current = get_names_listed_from_directory(folder, listing_size);
+    if (!storage.listing && !load_listing(storage)) {
+        storage.listing = current; // what is there at the first look is old
+        (void)save_listing(storage);
+    }
+    bool copied_one = false;
+    bool copied_all = true;
+    for (const std::string &name : names_of(current)) {
+        if (name.find(dump_mark) == std::string::npos ||
+            storage.listing->find(name) != std::string::npos) {
+            continue;
+        }
+        const bool copied = copy_dump(storage, folder, name, session_directory);
+        copied_one = copied_one || copied;
+        copied_all = copied_all && copied;
+    }
+    if (copied_one && copied_all) {
+        storage.listing = current;
+        storage.announced.clear();
+    }
+}
+
+// The flag file keeps the facility on across restarts. 1 when a restart is needed.
+int switch_on() {
+    const bool opened = static_cast<bool>(file_open(flag_file, "a"));
+    const bool is_there = opened && is_file(flag_file);
+    if (!opened) {
+        log_error("Could not enable persistent crash catching.");
+    } else if (!is_there) {
+        log_error("Could not enable persistent crash catching because file could not be created.");
+    }
+    (void)system_ret(enable_command);
+    return is_there && !kernel_crash_enabled() ? 1 : 0;
+}
+
+int setup_storage(dump_storage &storage, const std::string &folder,
+                  const std::string &session_directory) {
+    if (load_listing(storage)) {
+        update_storage(storage, folder, session_directory);
+    } else {
+        if (!make_folder(folder.c_str(), dumps_folder_permissions)) {
+            errno = 0;
+            return 0;
+        }
+        storage.listing = current_listing(folder);
+        if (!storage.listing) {
+            return 0;
+        }
+    }
+    if (!save_listing(storage)) {
+        return 0;
+    }
+    if (storage.is_share) {
+        const std::string name = folder.substr(folder.rfind('/') + 1);
+        file_put_string(share_configuration,
+                        "[Crashdump]\nDiskID = NetworkShare\nPath = " + name + "\n");
+    }
+    return switch_on();
+}
+
+} // namespace
+
+bool kernel_crash_enabled() {
+    command_pipe pipe("sysctl debug.crashdump");
+    std::string line;
+    return pipe.next_line(output_line_max, line) &&
+           line.find("debug.crashdump = storage") != std::string::npos;
+}
+
+int setup_kernel_crash_monitor(const std::string &session_directory,
+                               const std::optional<std::string> &serial) {
+    int restart_is_needed = 0;
+    for (dump_storage &storage : storages) {
+        const auto folder = folder_of(storage, serial);
+        if (folder && !kernel_crash_enabled() &&
+            setup_storage(storage, *folder, session_directory) != 0) {
+            restart_is_needed = 1;
+        }
+    }
+    return restart_is_needed;
+}
+
+void update_kernel_crash_status(const std::string &session_directory,
+                                const std::optional<std::string> &serial) {
+    for (dump_storage &storage : storages) {
+        if (const auto folder = folder_of(storage, serial)) {
+            update_storage(storage, *folder, session_directory);
+        }
+    }
+}
+
+int disable_kernel_crash_monitor(const std::optional<std::string> &serial) {
+    int restart_is_needed = 0;
+    for (dump_storage &storage : storages) {
+        const auto folder = folder_of(storage, serial);
+        if (!folder) {
+            continue;
+        }
+        // What this session has got is nothing new to the next one.
+        if (storage.listing) {
+            (void)save_listing(storage);
+        }
+        if (storage.is_share) {
+            file_remove(share_configuration);
+        }
+        const bool was_on = file_remove(flag_file);
+        (void)system_ret(disable_command);
+        if (was_on && kernel_crash_enabled()) {
+            restart_is_needed = 1;
+        }
+    }
+    return restart_is_needed;
+}

@@ -1,0 +1,94 @@
+// Rules that raise a platform event whenever a line of the system log contains their text. They are
+// kept in two files across restarts. The log is followed on a thread of its own; everything here is
+// called on the main loop but traverse_and_trigger_if_so.
+#pragma once
+
+#include "http.h"
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <tvevent.h>
+
+// What the event's title and the lines of the rule files can hold, in bytes. Longer ones, empty
+// ones and ones with control characters make no rule.
+inline constexpr std::size_t trigger_name_max = 242;
+inline constexpr std::size_t trigger_key_max = 494;
+
+// The package's own copy of the system log.
+inline constexpr const char *vandrel_log_path = "/usr/local/vandrel.log";
+
+// A rule. All of it is guarded by the module's lock against the log follower, which changes the
+// fields marked so; the rest changes on the main loop alone and may be read there without the lock.
+struct systemlogs_monitor_t {
+    std::string name;                  // of all rules no two have the same
+    std::string key_word;              // what a line must contain
+    std::string last_time_triggered;   // local time of the latest sending (follower)
+    std::string start_time_triggered;  // and of the first (follower)
+    std::uint64_t triggered_count = 0; // events sent since the key was set (follower)
+    std::uint32_t eventID = 0;
+    bool is_subscribed = false; // a crash-report rule: our own subscription makes the report
+
+    // Of a crash-report rule only:
+    std::uint32_t subscription = 0;
+    std::uint32_t count = 0; // reports asked for; survives restarts (follower)
+    std::uint32_t limit = 0; // and how many may be
+    std::time_t latest_activation =
+        0;                         // of the latest sending; 0 lets the next match pass (follower)
+    std::int64_t cooldown = 0;     // seconds between two sendings
+    std::uint32_t cooldown_ui = 0; // the same, as it is stored
+
+    std::unique_ptr<systemlogs_monitor_t> next;
+};
+
+// What a new rule is made of.
+struct trigger_request {
+    std::string name;
+    std::string key_word;
+    bool subscribe_also = false; // a crash-report rule, with the three below
+    std::uint32_t limit = 0;
+    std::uint32_t cooldown_ui = 0; // seconds
+    std::uint32_t count_given = 0;
+};
+
+// Makes a rule, or gives the rule of that name a new key and its counts and times a new start. Name
+// and key end at their first newline. False, and nothing changes, when one of them can't be used.
+bool create_a_systemlog_trigger_rule(const trigger_request &request, bool store_also);
+
+// 0, or 1 when there is no rule of that name. The rule files follow at the next store.
+int remove_a_systemlog_trigger_rule(std::string_view name);
+
+// Removes all crash-report rules.
+void remove_all_subscribed_triggers();
+
+// Takes one line of the log: counts the rules whose key it contains and lets the main loop send
+// their events, in the order of the list. Called on the log follower's thread. Lines that the
+// daemon itself logs because a rule has matched or an event has come match nothing: they would go
+// on for ever.
+void traverse_and_trigger_if_so(const char *line);
+
+// Undoes the latest match of a crash-report rule: it neither counts nor starts a cooldown.
+void give_match_back(systemlogs_monitor_t &rule);
+
+// Writes both rule files. A failure is logged.
+void store_systemlog_analyser_rules();
+
+// Reads the rules that an earlier run has stored, if there are none yet; records that can't be used
+// are logged and skipped. From now on `callback` is called, with its rule as user data, for each
+// event of a crash-report rule.
+void read_old_systemlog_analyser_rules(TVSubscriptionCallback callback);
+
+// A JSON array of all rules. Only double quotes are escaped: see docs/http-api.md.
+void output_all_triggers_as_json_string(GDataOutputStream *stream);
+
+// The first rule, or null.
+const systemlogs_monitor_t *get_systemlog_list();
+
+// Starts and ends following the log. Ending waits for the follower's thread.
+void syslog_triggers_begin_listening();
+void syslog_triggers_stop_listening();
+
+// The action: "do" is add, remove or list.
+void action_systemlog_trigger(GDataOutputStream *stream, GHashTable *arguments);

@@ -1,0 +1,29 @@
+// Still images of a session, taken on a thread of their own through the platform's capture library,
+// which is loaded at run time as not every device has it. Called on the main loop.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tvparameter.h>
+#include <utility>
+
+// Loads the library; true when it has all that is needed, now or from before. A notice says if not.
+bool vdrl_capture_load();
+
+// Starts taking an image every `interval_s` seconds (above 1) into the folder, which is made if its
+// parent is there. False, logged, when it could not be started, or runs already. What goes wrong on
+// the thread is logged and ends it; capturing counts as running until it is stopped.
+bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::string &folder);
+
+// Ends capturing: no image appears once it has returned, and the thread is awake to end. Does not
+// wait for it. Nothing is done when nothing runs.
+void vdrl_capture_stop();
+
+// Joins the thread and unloads the library; refused while capturing runs. A library that does not
+// come back from a call within three seconds stays loaded, which the log says.
+void vdrl_capture_close();
+
+// The largest of "1920x1080,1280x720,640x360": by width, then by height. Nothing without one. An
+// entry counts only if a comma follows it, so the last one never does.
+std::optional<std::pair<int, int>> parse_largest_resolution(std::string_view list);

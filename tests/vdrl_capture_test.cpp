@@ -1,0 +1,213 @@
+#include "app_state.h"
+#include "log_capture.h"
+#include "sandbox.h"
+#include "vdrl_capture.h"
+
+#include <dlfcn.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <regex>
+#include <set>
+#include <sys/mount.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using texts = std::vector<std::string>;
+
+const std::string error = "ERR (vdrl_capture:#, errno: None) ";
+const std::string refused = error + "Could not start capturing: ";
+const std::string started = "INFO Started image capturing.";
+
+void set_resolution(const std::string &list) {
+    write_file("/etc/tvparameter/parameters.conf",
+               list.empty() ? "" : "root.Properties.Image.Resolution=" + list + "\n");
+    parameters.reset(tv_parameter_new("Vandrel", nullptr));
+}
+
+texts images(const std::string &folder) {
+    texts names;
+    if (fs::is_directory(folder)) {
+        for (const std::string &name : list_folder(folder)) {
+            if (name.front() != '.') {
+                names.push_back(name);
+            }
+        }
+    }
+    return names;
+}
+
+// Width and height of the frame header, once the file has both of a picture's ends.
+std::pair<int, int> size_of(const std::string &jpeg) {
+    const auto byte = [&jpeg](std::size_t at) { return static_cast<unsigned char>(jpeg.at(at)); };
+    EXPECT_TRUE(jpeg.starts_with("\xFF\xD8") && jpeg.ends_with("\xFF\xD9"));
+    for (std::size_t at = 2; byte(at) == 0xFF;) {
+        if (byte(at + 1) == 0xC0) {
+            return {byte(at + 7) * 256 + byte(at + 8), byte(at + 5) * 256 + byte(at + 6)};
+        }
+        at += 2U + byte(at + 2) * 256U + byte(at + 3);
+    }
+    return {0, 0};
+}
+
+bool is_loaded() {
+    void *handle = ::dlopen("libcapture.so", RTLD_LAZY | RTLD_NOLOAD);
+    if (handle != nullptr) {
+        ::dlclose(handle);
+    }
+    return handle != nullptr;
+}
+
+} // namespace
+
+TEST(Resolution, TheLargestBeforeAComma) {
+    using size = std::optional<std::pair<int, int>>;
+    const struct {
+        const char *list;
+        size expected;
+    } cases[] = {
+        {"1920x1080,1280x720", {{1920, 1080}}},
+        {"640x360,1280x720,1280x960,1024x2000,9999x9999", {{1280, 960}}},
+        {"1920x1080", {}},
+        {"", {}},
+        {",,,", {}},
+        {"axb,1x,x1,", {}},
+        {"0x5,5x0,", {}},
+        {"99999999999999999999x5,", {}},
+        {"-5x5,4x4,", {{4, 4}}},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(parse_largest_resolution(c.list), c.expected) << c.list;
+    }
+}
+
+TEST(Capture, TakesImagesUntilStopped) {
+    set_resolution("96x64,48x32");
+    const std::string folder = fresh_folder() + "/monitoring_snapshots";
+    const int descriptors = open_descriptors();
+    log_capture log;
+    EXPECT_FALSE(vdrl_capture_start(parameters.get(), 1, folder));
+    ASSERT_TRUE(vdrl_capture_start(parameters.get(), 2, folder));
+    EXPECT_FALSE(vdrl_capture_start(parameters.get(), 2, folder));
+    vdrl_capture_close();
+    EXPECT_TRUE(is_loaded()) << "refused while it runs";
+    ASSERT_TRUE(wait_until([&] { return images(folder).size() >= 2; }));
+    vdrl_capture_stop();
+    const auto taken = images(folder);
+    vdrl_capture_stop();
+    // A new start within the sleep of the last one, and an hour's sleep to be woken from.
+    ASSERT_TRUE(vdrl_capture_start(parameters.get(), 3600, folder + "2"));
+    ASSERT_TRUE(wait_until([&] { return images(folder + "2").size() == 1; }));
+    vdrl_capture_stop();
+    vdrl_capture_close();
+    EXPECT_FALSE(is_loaded());
+    EXPECT_EQ(images(folder), taken);
+    for (const std::string &name : taken) {
+        EXPECT_TRUE(std::regex_match(name, std::regex("[0-9]{8}T[0-9]{6}\\.jpg"))) << name;
+        EXPECT_EQ(size_of(read_file(folder + "/" + name)), std::pair(96, 64));
+    }
+    EXPECT_LE(open_descriptors(), descriptors + 1); // the log's
+    EXPECT_EQ(log.texts(),
+              (texts{refused + "Image capture interval must be at least 1 second.", started,
+                     refused + "Image capturing is already running.",
+                     error + "Could not unload libcapture: Image capturing is running.", started}));
+}
+
+TEST(Capture, AThousandStartsAndStops) {
+    set_resolution("16x16,");
+    const std::string folder = fresh_folder();
+    log_capture log;
+    const int threads = thread_count();
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(vdrl_capture_start(parameters.get(), 2, folder + "/" + std::to_string(i % 2)));
+        if (i % 10 == 0) {
+            ASSERT_TRUE(wait_until([&] { return !images(folder + "/0").empty(); }));
+        }
+        vdrl_capture_stop();
+        const std::size_t count = images(folder + "/0").size();
+        EXPECT_LE(thread_count(), threads + 1);
+        if (i % 10 == 0) {
+            EXPECT_EQ(images(folder + "/0").size(), count);
+            fs::remove_all(folder + "/0");
+        }
+    }
+    vdrl_capture_close();
+    EXPECT_EQ(thread_count(), threads);
+    EXPECT_EQ(log.texts(), texts(1000, started));
+}
+
+TEST(Capture, WhatEndsTheThread) {
+    const std::string good = fresh_folder() + "/images";
+    write_file("/tmp/file", "");
+    const struct {
+        std::string resolution, folder, message;
+    } cases[] = {
+        {"16x16,", "/tmp/file/images",
+         "ERR (vdrl_capture:#, errno: Not a directory) Failed to mkdir /tmp/file/images"},
+        {"", good, error + "Failed to retrieve resolution parameter, stopping image thread."},
+        {"16x16", good,
+         error + "Failed to parse resolution parameter, stopping image thread.\n16x16"},
+        {"9000x16,", good, error + "Failed to open stream"},
+    };
+    for (const auto &c : cases) {
+        set_resolution(c.resolution);
+        log_capture log;
+        ASSERT_TRUE(vdrl_capture_start(parameters.get(), 2, c.folder));
+        EXPECT_TRUE(wait_until([&log] { return log.texts().size() == 2; }));
+        vdrl_capture_stop();
+        vdrl_capture_close();
+        const auto lines = log.texts();
+        EXPECT_EQ(std::set(lines.begin(), lines.end()), (std::set{started, c.message}));
+        EXPECT_TRUE(images(good).empty());
+    }
+}
+
+TEST(Capture, AStorageThatGoesAndComesBack) {
+    set_resolution("16x16,");
+    const std::string folder = fresh_folder();
+    log_capture log;
+    ASSERT_TRUE(vdrl_capture_start(parameters.get(), 2, folder + "/images"));
+    ASSERT_TRUE(wait_until([&] { return !images(folder + "/images").empty(); }));
+    fs::rename(folder + "/images", folder + "/away");
+    ASSERT_TRUE(wait_until([&log] { return log.texts().size() > 1; }));
+    fs::create_directory(folder + "/images");
+    EXPECT_TRUE(wait_until([&] { return !images(folder + "/images").empty(); }));
+    vdrl_capture_stop();
+    vdrl_capture_close();
+    EXPECT_EQ(log.texts(), (texts{started, "WARNING (errno: No such file or directory) Could not "
+                                           "open file '" +
+                                               folder + "/images'"}));
+}
+
+// Last, as they change what the root has for a library.
+TEST(Capture, TheLibraryIsMissingOrIncomplete) {
+    const std::string library = "/lib/libcapture.so";
+    std::string bytes = read_file(library);
+    ASSERT_EQ(::umount2(library.c_str(), MNT_DETACH), 0);
+    const std::string unusable = refused + "Could not load libcapture.";
+    const std::string notice =
+        "NOTICE Some or all necessary functions could not be loaded from libcapture.";
+    fs::remove(library);
+    {
+        log_capture log;
+        EXPECT_FALSE(vdrl_capture_load());
+        EXPECT_FALSE(vdrl_capture_start(parameters.get(), 2, "/tmp/images"));
+        vdrl_capture_stop();
+        vdrl_capture_close();
+        EXPECT_EQ(log.texts(), (texts{notice, notice, unusable}));
+    }
+    const std::string symbol = "capture_frame_free";
+    for (auto at = bytes.find(symbol); at != std::string::npos; at = bytes.find(symbol)) {
+        bytes.replace(at, symbol.size(), "capture_frame_fred");
+    }
+    write_file(library, bytes);
+    log_capture log;
+    EXPECT_FALSE(vdrl_capture_start(parameters.get(), 2, "/tmp/images"));
+    EXPECT_FALSE(is_loaded());
+    ASSERT_EQ(log.texts().size(), 3U);
+    EXPECT_TRUE(log.texts()[0].starts_with(
+        "WARNING Could not load function 'capture_frame_free' from libcapture: "));
+    EXPECT_EQ(log.texts()[1], notice);
+    EXPECT_EQ(log.texts()[2], unusable);
+}

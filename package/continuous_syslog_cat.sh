@@ -3,7 +3,7 @@
 #
 #   continuous_syslog_cat.sh LOG           called by the daemon, which waits, when a session starts,
 #                                          when it stops and when the daemon itself ends
-#   continuous_syslog_cat.sh LOG written   called before LOG is rotated: takes what is written, where
+#   continuous_syslog_cat.sh LOG written   called when LOG is rotated: takes what is written, where
 #                                          the first form waits for what the log service still holds
 #
 # The session's file is where localdata/current_continuous_syslog.txt points to. Without a session

@@ -17,7 +17,7 @@ const PROGRAMS = {
   },
 };
 
-// Numbered lines from many connections, as fast as they are taken.
+// Numbered lines from many connections, as fast as they are taken or with a pause between two.
 const SENDER = `
 import socket, sys, time
 for i in range(int(sys.argv[1]), int(sys.argv[2])):
@@ -31,6 +31,7 @@ for i in range(int(sys.argv[1]), int(sys.argv[2])):
             time.sleep(0.005)
     else:
         sys.exit("nobody takes the lines")
+    time.sleep(float(sys.argv[3]))
 `;
 
 // Writes what comes to UDP port 514.
@@ -77,8 +78,9 @@ for (const [program, at] of Object.entries(PROGRAMS)) {
     const first = await startSession(camera);
     const quarter = LINES / 4;
     for (let from = 0; from < LINES; from += quarter) {
-      if (from === 2 * quarter) await camera.shell(`(sleep 0.1; ${service}) >/dev/null 2>&1 &`);
-      await camera.shell(`python3 - ${from} ${from + quarter}`, SENDER);
+      const restarted = from === 2 * quarter;
+      if (restarted) await camera.shell(`(sleep 0.5; ${service}) >/dev/null 2>&1 &`);
+      await camera.shell(`python3 - ${from} ${from + quarter} ${restarted ? 0.0005 : 0}`, SENDER);
       await camera.shell(at.rotate);
     }
     assert.ok(Number(await camera.shell("stat -c %s /usr/local/vandrel.log.1")) > 100_000);
@@ -118,13 +120,17 @@ for (const [program, at] of Object.entries(PROGRAMS)) {
   });
 }
 
-/** Has the log forwarded by the daemon's own functions, as the request for it does. */
+/** What a server in the camera hears. */
 async function listen(camera) {
   const listener = camera.spawn("python3", "-c", LISTENER);
   let text = "";
   listener.stdout.on("data", (piece) => { text += piece; });
   await until(() => text.startsWith("ready"), "the listener");
-  return { heard: (part) => until(() => text.includes(part), part), stop: () => listener.kill() };
+  return {
+    has: (part) => text.includes(part),
+    heard: (part) => until(() => text.includes(part), part),
+    stop: () => listener.kill(),
+  };
 }
 
 for (const [program, at] of Object.entries(PROGRAMS)) {
@@ -132,15 +138,11 @@ for (const [program, at] of Object.entries(PROGRAMS)) {
     const camera = await startCamera(t, "--syslog", program);
     const remote = (status, argument) =>
       camera.action("miscellaneous", { rule: "syslog_server", status, ...argument && { argument } });
-    if (!(await remote("test")).body.includes("Test message")) {
-      t.skip("the daemon has no such request yet");
-      return;
-    }
     const listener = await listen(camera);
     await remote("set", "127.0.0.1");
     await until(async () => {
       await camera.command("log", "forwarded line");
-      return Promise.race([listener.heard("forwarded line").then(() => true), false]);
+      return listener.has("forwarded line");
     }, "the forwarding");
     if (program === "rsyslog") await camera.shell(`echo "# kept" >>${at.forwarding}`);
     await remote("set", "127.0.0.1");

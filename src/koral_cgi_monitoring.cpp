@@ -6,6 +6,7 @@
 #include "fileutil.h"
 #include "line_parser.h"
 #include "log.h"
+#include "session_globals.h"
 #include "strutil.h"
 #include "vdrl_http_log.h"
 
@@ -127,6 +128,9 @@ void keep_line(std::string_view line) {
                 .append("\n");
         }
     }
+    if (!monitory_active) {
+        return;
+    }
     for (const filter &entry : koral_investigated) {
         if (line.find(entry.text) != std::string_view::npos) {
             pending[entry.file].append(line); // lines follow each other directly there
@@ -217,21 +221,6 @@ void count_call(std::string_view line) {
     } else {
         count_first(std::move(key), process_time);
     }
-}
-
-// The follower's two callbacks: each line, and the end of those that came together.
-
-void take_line(const char *line) {
-    const std::lock_guard lock(mutex);
-    if (http_log_storage_path) {
-        keep_line(line);
-    }
-    count_call(line);
-}
-
-void take_pause() {
-    const std::lock_guard lock(mutex);
-    write_pending();
 }
 
 // --- Filters
@@ -359,7 +348,7 @@ void koral_cgi_monitor_setup() {
     }
     koral_cgi_monitor_mend();
     const char *const command[] = {"/usr/bin/tail", "-n0", "-F", http_log_path, nullptr};
-    tail_process = process_create(command, take_line, take_pause);
+    tail_process = process_create(command, parse_koral_line, koral_write_lines);
     if (!tail_process) {
         log_error("KORAL CGI monitoring: Failed to start tailing '%s'", http_log_path);
     }
@@ -389,8 +378,16 @@ int koral_read_user_defined_filters() {
 }
 
 void parse_koral_line(const char *line) {
-    take_line(line);
-    take_pause();
+    const std::lock_guard lock(mutex);
+    if (http_log_storage_path) {
+        keep_line(line);
+    }
+    count_call(line);
+}
+
+void koral_write_lines() {
+    const std::lock_guard lock(mutex);
+    write_pending();
 }
 
 void koral_cgi_store() {

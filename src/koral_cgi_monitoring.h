@@ -2,7 +2,7 @@
 // times the calls of the device's HTTP API.
 //
 // Lines arrive on the follower's own thread; one mutex guards all that they touch, and each
-// function here takes it. Called on the main loop, parse_koral_line on any thread.
+// function here takes it. Main loop, but for the follower's two callbacks.
 #pragma once
 
 #include <array>
@@ -50,8 +50,11 @@ inline constexpr int koral_no_filters = 4; // the ones before stay
 // Takes the filters of the session's filters.txt: lines of log text that go to files of their own.
 int koral_read_user_defined_filters();
 
-// Handles one line of the log, without its line end.
+// The follower's callbacks. Handles one line of the log, without its line end: counts it and keeps
+// what goes to the session's files.
 void parse_koral_line(const char *line);
+// Writes what was kept of the lines that came together, each file at once.
+void koral_write_lines();
 
 // Appends a row for each tracked call to its user's CSV file.
 void koral_cgi_store();

@@ -2,6 +2,7 @@
 #include "koral_cgi_monitoring.h"
 #include "log_capture.h"
 #include "sandbox.h"
+#include "session_globals.h"
 #include "vdrl_http_log.h"
 
 #include <algorithm>
@@ -26,6 +27,7 @@ class Koral : public testing::Test {
         fs::create_directories(koral_folder + "/others");
         fs::create_directories(session + "/system_monitoring/monitoring_basic");
         set_http_edge_storage(session);
+        monitory_active = true;
         koral_cgi_monitor_setup();
     }
     void TearDown() override { koral_cgi_monitor_release(); }
@@ -45,8 +47,13 @@ std::string line_of(const std::string &user, const std::string &path, int ms = 5
            " HTTP/1.1\" Process Time:" + std::to_string(ms) + "ms HTTP Status:200";
 }
 
+void take(const std::string &line) {
+    parse_koral_line(line.c_str());
+    koral_write_lines();
+}
+
 void call(const std::string &user, const std::string &path, int ms = 5) {
-    parse_koral_line(line_of(user, path, ms).c_str());
+    take(line_of(user, path, ms));
 }
 
 // "USER@PATH COUNT" of the report's items, sorted.
@@ -81,10 +88,10 @@ TEST_F(Koral, CountsWhatDiffersOnlyInChangingArgumentsAsOneCall) {
     for (const auto &[path, key] : cases) {
         call("root", path);
     }
-    parse_koral_line("GET /tarvo-cgi/f.cgi\" no user, no time");
-    parse_koral_line("User: ");
-    parse_koral_line("");
-    parse_koral_line("\"GET /local/page HTTP/1.1\"");
+    take("GET /tarvo-cgi/f.cgi\" no user, no time");
+    take("User: ");
+    take("");
+    take("\"GET /local/page HTTP/1.1\"");
     EXPECT_EQ(
         counts(),
         (texts{"NULL@/tarvo-cgi/f.cgi 1", "root@/tarvo-cgi/a.cgi? 1", "root@/tarvo-cgi/b.cgi? 1",
@@ -140,7 +147,7 @@ TEST_F(Koral, KeepsLinesInTheSessionsFiles) {
     const std::string ptz = line_of("root", "/tarvo-cgi/com/ptz.cgi?pan=1");
     const std::string other = line_of("root", "/index.html");
     for (const std::string &line : {get, ptz, other, get}) {
-        parse_koral_line(line.c_str());
+        take(line);
     }
     EXPECT_EQ(kept_log(), get + "\n" + ptz + "\n" + other + "\n" + get + "\n");
     EXPECT_EQ(of("KORAL_Tester.txt"),
@@ -158,9 +165,9 @@ TEST_F(Koral, KeepsLinesInTheSessionsFiles) {
     }
     write_file(koral_folder + "/filters.txt", filters);
     EXPECT_EQ(koral_read_user_defined_filters(), 0);
-    parse_koral_line((ptz + " filter148 filter149").c_str());
-    parse_koral_line("filter148");
-    parse_koral_line("filter149"); // the 51st
+    take(ptz + " filter148 filter149");
+    take("filter148");
+    take("filter149"); // the 51st
     EXPECT_EQ(of("logfiles/filter148.log"), "filter148");
     EXPECT_EQ(of("logfiles/pan=1.log"), ptz + " filter148 filter149");
     EXPECT_FALSE(fs::exists(koral_folder + "/logfiles/filter149.log"));
@@ -194,7 +201,7 @@ TEST_F(Koral, AUserNamesOnlyFilesOfItsFolder) {
     for (const auto &[user, file] : cases) {
         call(user, "/tarvo-cgi/a.cgi", 3);
     }
-    parse_koral_line("GET /tarvo-cgi/a.cgi");
+    take("GET /tarvo-cgi/a.cgi");
     call(std::string(33, 'u'), "/tarvo-cgi/a.cgi");
     call("root", "/tarvo-cgi/a.cgi", 5);
     const std::size_t outside = static_cast<std::size_t>(std::distance(

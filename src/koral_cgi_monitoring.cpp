@@ -106,6 +106,10 @@ std::string session_file(const std::string &below) {
 
 // What a file's lines add up to between two reads of the follower is written at once.
 void write_pending() {
+    if (!http_log_storage_path) {
+        pending.clear();
+        return;
+    }
     for (const auto &[below, text] : pending) {
         const std::string path = session_file(below);
         const bool in_lines = !below.ends_with(".log");

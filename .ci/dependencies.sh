@@ -35,6 +35,21 @@ traceroute          # the camera's own, with TCP probes
 tcpdump             # under the camera's capture tool
 zip                 # the daemon packs sessions with it
 curl                # what ./run shows to try
+libivykis0          # under syslog-ng
+libnet1             # under syslog-ng
+libwrap0            # under syslog-ng
+libpcre3            # under syslog-ng
+libjson-c5          # under syslog-ng
+libpopt0            # under logrotate
+END
+}
+
+# Programs of the camera whose packages can't be installed beside others or would start services of
+# the host: they are unpacked into build/packages.
+unpacked_packages() {
+    sed 's/ *#.*//' <<'END'
+syslog-ng-core      # the camera's other system log; excludes rsyslog
+logrotate           # rotates what syslog-ng writes; wants cron
 END
 }
 
@@ -71,20 +86,41 @@ if [ "$1" = test ]; then
     command -v npm >/dev/null || missing+=(npm)
 fi
 
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
 if [ ${#missing[@]} -gt 0 ]; then
-    as_root=()
-    if [ "$(id -u)" -ne 0 ]; then
-        if ! command -v sudo >/dev/null; then
-            echo "Missing packages: ${missing[*]} (install them as root, there is no sudo)" >&2
-            exit 1
-        fi
-        as_root=(sudo)
+    if [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
+        echo "Missing packages: ${missing[*]} (install them as root, there is no sudo)" >&2
+        exit 1
     fi
     echo "Installing: ${missing[*]}"
     "${as_root[@]}" apt-get -qq update
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get -qq install --no-install-recommends "${missing[@]}" >/dev/null
 fi
+
+# A package's folder is there once it is whole.
+unpack() { # PACKAGE
+    local folder=build/packages/$1 work
+    [ ! -e "$folder" ] || return 0
+    echo "Unpacking: $1"
+    mkdir -p build/packages
+    work=$(mktemp -d) || return 1
+    if ! (cd "$work" && apt-get -qq download "$1" >/dev/null 2>&1); then
+        "${as_root[@]}" apt-get -qq update
+        (cd "$work" && apt-get -qq download "$1" >/dev/null)
+    fi && dpkg -x "$work"/*.deb "$work/files" && chmod 755 "$work/files" &&
+        cp -rT "$work/files" "$folder.$$" && mv -T "$folder.$$" "$folder"
+    local status=$?
+    rm -rf "$work"
+    return $status
+}
+for package in $(unpacked_packages); do
+    if ! unpack "$package"; then
+        echo "$package can not be unpacked: no 'camera start --syslog syslog-ng'" >&2
+        [ "$1" = run ] || exit 1
+    fi
+done
 
 if [ "$1" = test ] && [ package-lock.json -nt node_modules/.package-lock.json ]; then
     npm ci --silent --no-audit --no-fund

@@ -15,11 +15,13 @@ import json
 import os
 import re
 import shutil
+import subprocess
 
 CHECKOUT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 SIMULATOR = os.path.join(CHECKOUT, "simulator")
 BUILD = os.path.join(CHECKOUT, "build/release")
 SERVICES = os.path.join(BUILD, "bin/device_services")
+PACKAGES = os.path.join(CHECKOUT, "build/packages")  # what .ci/dependencies.sh unpacks
 EVENT_LISTENER = os.path.join(BUILD, "bin/eventlistener")
 DEFAULT_STATE = os.path.join(CHECKOUT, ".camera")
 
@@ -31,6 +33,12 @@ PACKAGE = "local/packages/Vandrel"
 PACKAGE_PAGE = "html"  # stays in the checkout, so that an edited page needs no restart
 DEFAULT_SERIAL = "02A5C41E90B7"
 CAMERA_ADDRESS = "192.168.0.90"
+
+# The programs that can keep the system log, and what of /etc each has.
+LOG_PROGRAMS = {
+    "rsyslog": ("etc/rsyslog.conf", "etc/rsyslog.d"),
+    "syslog-ng": ("etc/syslog-ng", "etc/syslog-ng.d", "etc/logrotate.conf", "etc/logrotate.d"),
+}
 
 PARAMETERS = """\
 root.Brand.Brand=TARVO
@@ -98,8 +106,10 @@ def empty(state):
             os.unlink(entry.path)
 
 
-def prepare(state, serial, password):
+def prepare(state, serial, password, log_program):
     """Brings the state directory up to what this checkout installs; `serial` may be None."""
+    if log_program != "rsyslog" and not os.path.isdir(os.path.join(PACKAGES, "syslog-ng-core")):
+        raise CameraError("syslog-ng is not there: .ci/dependencies.sh run")
     for folder in [*PERSISTENT_FOLDERS.values(), STORAGES]:
         os.makedirs(os.path.join(state, folder), exist_ok=True)
     for folder in ("var/log/boot", "var/spool/storage", "var/lib", "var/tmp", "etc/sysconfig",
@@ -110,6 +120,9 @@ def prepare(state, serial, password):
         os.symlink("/run", os.path.join(state, "var/run"))
     shutil.copytree(os.path.join(SIMULATOR, "root/etc"), os.path.join(state, "etc"),
                     dirs_exist_ok=True)
+    for other in LOG_PROGRAMS.keys() - {log_program}:
+        for path in LOG_PROGRAMS[other]:
+            subprocess.run(["rm", "-rf", os.path.join(state, path)], check=True)
     install_package(os.path.join(state, PACKAGE))
     install_other_packages(os.path.join(state, os.path.dirname(PACKAGE)))
     write_parameters(os.path.join(state, "etc/tvparameter/parameters.conf"), serial)

@@ -160,9 +160,9 @@ class Unit:
                 send_signal(session_members(self.process.pid), number)
 
     def reread(self):
-        """Takes the unit's files as they are now; they count from its next start."""
-        with self.jobs:
-            self.settings = read_settings(self.name) or self.settings
+        """Takes the unit's files as they are now; they count from its next start. Does not wait for
+        a job: a service that is being stopped may ask for it."""
+        self.settings = read_settings(self.name) or self.settings
 
     def last_words(self):
         """The last line that the service wrote, to say why it does not run."""

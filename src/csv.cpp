@@ -39,44 +39,53 @@ off_t end_of_rows(int file, off_t size) {
 
 } // namespace
 
-bool append_rows(const std::string &path, std::string_view header, std::string_view rows) {
+append_result append_whole(const std::string &path, std::string_view header, std::string_view text,
+                           bool in_lines) {
     unique_fd file(
         ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0644));
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        log_cannot_open(path.c_str());
-        return false;
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        return {errno, false};
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return {EINVAL, false};
     }
     char last = '\n';
     off_t size = status.st_size;
-    if (size > 0 && ::pread(file.get(), &last, 1, size - 1) == 1 && last != '\n') {
+    if (in_lines && size > 0 && ::pread(file.get(), &last, 1, size - 1) == 1 && last != '\n') {
         size = end_of_rows(file.get(), size);
         if (::ftruncate(file.get(), size) != 0) {
             size = status.st_size;
         }
     }
-    std::string text;
-    if (size == 0) {
-        text = header;
+    std::string with_header;
+    if (size == 0 && !header.empty()) {
+        with_header.append(header).append(text);
+        text = with_header;
     }
-    text += rows;
     const ssize_t written = TEMP_FAILURE_RETRY(::write(file.get(), text.data(), text.size()));
     if (written == static_cast<ssize_t>(text.size())) {
+        return {0, true};
+    }
+    const int error = written < 0 ? errno : ENOSPC;
+    return {::ftruncate(file.get(), size) == 0 ? error : EIO, true};
+}
+
+bool append_rows(const std::string &path, std::string_view header, std::string_view rows) {
+    const append_result result = append_whole(path, header, rows, true);
+    errno = result.error;
+    if (!result.opened) {
+        log_cannot_open(path.c_str());
+    } else if (result.error == 0) {
         if (path == failing_path) {
             failing_path.clear();
         }
-        return true;
-    }
-    if (failing_path.empty()) {
+    } else if (failing_path.empty()) {
         failing_path = path;
-        log_warning("Could not write to '%s': %s", path.c_str(),
-                    std::strerror(written < 0 ? errno : ENOSPC));
-    }
-    if (::ftruncate(file.get(), size) != 0) {
-        log_error("Could not take back a part of a row from '%s'", path.c_str());
+        log_warning("Could not write to '%s': %s", path.c_str(), std::strerror(result.error));
     }
     errno = 0;
-    return false;
+    return result.error == 0;
 }
 
 std::string row_time() {

@@ -85,6 +85,9 @@ void read_lines(thread_info &info, const popen2_file &child) {
             continue;
         }
         lines.take(static_cast<std::size_t>(size), info.callback);
+        if (info.pause != nullptr) {
+            info.pause();
+        }
     }
 }
 
@@ -112,7 +115,8 @@ gpointer process_thread(gpointer data) noexcept {
 
 } // namespace
 
-std::unique_ptr<thread_info> process_create(const char *const argv[], process_line_cb callback) {
+std::unique_ptr<thread_info> process_create(const char *const argv[], process_line_cb callback,
+                                            process_pause_cb pause) {
     auto info = std::make_unique<thread_info>();
     for (std::size_t i = 0; argv[i] != nullptr; ++i) {
         if (i == arguments_max) {
@@ -128,6 +132,7 @@ std::unique_ptr<thread_info> process_create(const char *const argv[], process_li
         return nullptr;
     }
     info->callback = callback;
+    info->pause = pause;
     info->wake = unique_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!info->wake) {
         log_error("Could not start process: %s", std::strerror(errno));

@@ -13,6 +13,9 @@
 // loop needs a lock of its own.
 using process_line_cb = void (*)(const char *line);
 
+// Called on the reader's thread when the lines that arrived together have all been delivered.
+using process_pause_cb = void (*)();
+
 // A line-reader child: made by process_create, told to end by process_stop, joined by process_wait,
 // freed by process_free, in this order.
 struct thread_info {
@@ -20,6 +23,7 @@ struct thread_info {
     std::atomic<bool> running{false}; // the reader works
     std::vector<std::string> command; // element 0 is the program's path
     process_line_cb callback = nullptr;
+    process_pause_cb pause = nullptr; // or none
     GThread *thread = nullptr;
     unique_fd wake; // eventfd; readable once the reader shall end
 };
@@ -31,7 +35,8 @@ inline constexpr std::size_t process_line_max = 4095;
 // thread that reads its output. Null, with a message, when there is no such program, there are too
 // many arguments or no thread can be made. When the child ends, the reader sleeps until it is
 // stopped.
-std::unique_ptr<thread_info> process_create(const char *const argv[], process_line_cb callback);
+std::unique_ptr<thread_info> process_create(const char *const argv[], process_line_cb callback,
+                                            process_pause_cb pause = nullptr);
 
 // Tells the reader to end its child and itself; returns at once. Null is allowed.
 void process_stop(thread_info *info);

@@ -15,6 +15,7 @@
 #include "log.h"
 #include "main_timer.h"
 #include "monitoring_session.h"
+#include "ntpd.h"
 #include "paramsetter.h"
 #include "pcapdump.h"
 #include "ptz.h"
@@ -28,8 +29,10 @@
 #include "sysutil.h"
 #include "vdrl_capture.h"
 #include "vdrl_device_test.h"
+#include "vdrl_http_log.h"
 #include "vdrl_nettools.h"
 #include "vdrl_syslog.h"
+#include "vdrl_syslog_continuous.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -357,8 +360,16 @@ gboolean stopped_cleanup(gpointer) noexcept {
     _set_current_activity_folder(std::nullopt);
     _set_storage_id(std::nullopt);
     _set_secondary_storage_path(std::nullopt);
+    if (vdrl_http_log_is_enabled()) {
+        vdrl_http_log_disable();
+        (void)system_ret("systemctl reload httpd");
+    }
     vdrl_capture_stop();
     vdrl_capture_close();
+    if (has_ntpd_service) {
+        ntpd_service_conf_remove();
+    }
+    vdrl_syslog_unsubscribe();
     return G_SOURCE_REMOVE;
 }
 
@@ -403,6 +414,7 @@ void start_up() {
     read_serial_number();
     apache2_included = is_directory("/etc/apache2/conf.d");
     syslog_program_installed = vdrl_syslog_get_variant();
+    vdrl_syslog_subscribe();
     event_init();
     wait_and_collect_monitoring_sessions();
     collect_action_rules();
@@ -424,6 +436,10 @@ void start_up() {
     read_scheduled_tasks();
     syslog_triggers_begin_listening();
     init_environment_monitor_settings();
+    has_ntpd_service = ntpd_service_exists();
+    if (has_ntpd_service) {
+        ntpd_service_conf_add();
+    }
     g_timeout_add_seconds(60, timer_callback, nullptr);
     // A run that takes longer than its period is due again at once: whatever else is waiting, such
     // as a request, goes first.

@@ -6,8 +6,10 @@
 #include "filehandler.h"
 #include "fileutil.h"
 #include "kernel_crash.h"
+#include "koral_cgi_monitoring.h"
 #include "log.h"
 #include "monitoring_session.h"
+#include "ntpd.h"
 #include "onvif.h"
 #include "scheduled_tasks.h"
 #include "session_globals.h"
@@ -17,6 +19,7 @@
 #include "strutil.h"
 #include "sysutil.h"
 #include "vdrl_device_test.h"
+#include "vdrl_http_log.h"
 
 #include <cerrno>
 
@@ -44,6 +47,12 @@ void note_storage_is_back(const std::string &) {
                  connection_lost_count);
     }
     connection_lost_count = 0;
+}
+
+void keep_http_log(const std::string &) {
+    if (apache2_included && !vdrl_http_log_is_enabled() && vdrl_http_log_setup()) {
+        (void)system_ret("systemctl reload httpd");
+    }
 }
 
 void log_consumption_soon(const std::string &) {
@@ -77,6 +86,20 @@ void run_power(const std::string &session) {
     shellscript_invoker(monitoring_folder(session, "monitoring_environment"), "power");
 }
 
+void store_http_calls(const std::string &) {
+    if (apache2_included) {
+        koral_cgi_store();
+        if (parameters) {
+            koral_output_to_file();
+        }
+    }
+}
+
+void report_http_calls(const std::string &session) {
+    file_put_string((monitoring_folder(session, "monitoring_koral") + "/koral_status.txt").c_str(),
+                    koral_output_state_of_the_table());
+}
+
 void update_session_lists(const std::string &) {
     wait_and_collect_monitoring_sessions();
 }
@@ -93,6 +116,7 @@ constexpr duty external_schedule[] = {
     {1, "what needs the storage", start_what_needs_the_storage},
     {1, "kernel crashes", copy_kernel_crashes},
     {1, "storage is back", note_storage_is_back},
+    {1, "HTTP log", keep_http_log},
     {120, "storage consumption", log_consumption_soon},
     {1, "advanced debug", advanced_debug_tick},
     {120, "interrupts", take_interrupts_snapshots},
@@ -118,12 +142,14 @@ constexpr duty collection_duties[] = {
     {1, "temperatures", store_condition},
     {1, "power", run_power},
     {1, "own cost", store_self},
+    {1, "HTTP calls", store_http_calls},
     {1, "data points", update_number_of_collected_data_points},
 };
 
 constexpr duty internal_schedule[] = {
     {360, "server report", create_serverreport_snapshot},
     {360, "media configuration", onvif_copy_media_conf},
+    {120, "HTTP calls", report_http_calls},
     {2, "device tests", create_nc_snapshot},
     {120, "storage consumption", log_consumption_soon},
 };
@@ -206,9 +232,15 @@ gboolean timer_callback(gpointer) noexcept {
         read_serial_number();
     }
     scheduled_tasks_tick(tick);
+    if (has_ntpd_service && tick % 60 == 0) {
+        ntpd_log_drift();
+    }
     const auto session = session_directory();
     if (monitory_active && session) {
         session_tick(tick, *session);
+    }
+    if (apache2_included) {
+        vdrl_http_log_rotate();
     }
     if (++timer_count == timer_count_wrap) {
         timer_count = 0;

@@ -8,6 +8,7 @@
 #include "filehandler.h"
 #include "fileutil.h"
 #include "kernel_crash.h"
+#include "koral_cgi_monitoring.h"
 #include "log.h"
 #include "onvif.h"
 #include "scheduled_tasks.h"
@@ -21,6 +22,8 @@
 #include "syslog_triggers.h"
 #include "sysutil.h"
 #include "vdrl_capture.h"
+#include "vdrl_http_log.h"
+#include "vdrl_syslog_continuous.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -41,9 +44,6 @@ constexpr std::size_t session_line_max = 200;
 constexpr int session_lines_max = 100; // of a damaged file no more is read, nor complained about
 constexpr std::size_t key_length = 4;  // one separator, whatever it is, follows
 constexpr std::size_t start_time_max = 99;
-
-constexpr const char *continuous_syslog_link =
-    "/usr/local/packages/Vandrel/localdata/current_continuous_syslog.txt";
 
 // What the session's start wants on its storage and what has not been there for it yet.
 bool configuration_watches_are_due = false;
@@ -212,7 +212,6 @@ bool create_session_tree(const session_request &request, bool with_interval,
 }
 
 void link_continuous_syslog(const std::string &directory) {
-    file_remove(continuous_syslog_link); // a stale one leads into an older session
     if (::symlink(continuous_syslog_path(directory).c_str(), continuous_syslog_link) != 0) {
         log_error("Could not create symlink to Continuous_Syslog.txt, Continuous Syslog will be "
                   "empty.");
@@ -427,6 +426,9 @@ int _start_monitoring_session(const session_request &request) {
     if (!create_session_tree(request, debug.with_interval, directory)) {
         return 0;
     }
+    (void)vdrl_http_log_setup();
+    file_remove(continuous_syslog_link); // a stale one leads into an older session
+    vdrl_syslog_take_lines();            // those logged until now are not the session's
     link_continuous_syslog(directory);
     create_two_interrupts_snapshots();
     create_serverreport_snapshot(directory);
@@ -481,8 +483,8 @@ int deactivate_monitor_session(const std::string &directory) {
     vdrl_capture_stop();
     eventlistener_stop();
     configlogs_inotify_gio_release();
-    (void)system_ret("/usr/local/packages/Vandrel/continuous_syslog_cat.sh "
-                     "/usr/local/vandrel.log");
+    vdrl_http_log_disable();
+    vdrl_syslog_take_lines();
     file_remove(continuous_syslog_link);
     // With the storage gone there is nothing to complete; nothing is made in its empty mount point.
     const bool storage_is_there = is_directory(directory.c_str());
@@ -514,6 +516,7 @@ int deactivate_monitor_session(const std::string &directory) {
         inotify_gio_release();
     }
     if (apache2_included) {
+        koral_cgi_monitor_release();
         g_timeout_add_seconds(6, reload_httpd_now, nullptr);
     }
     const int result = disable_kernel_crash_monitor(serial_number);
@@ -560,6 +563,12 @@ void setup_session(const std::string &directory, const std::string &image_interv
     configuration_watches_are_due = true;
     event_listener_is_due = true;
     due_image_interval = image_interval;
+    if (apache2_included) {
+        if (storage_id) {
+            set_http_edge_storage(directory);
+        }
+        koral_cgi_monitor_setup();
+    }
     start_what_needs_the_storage(directory);
 }
 
@@ -576,6 +585,7 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (::lstat(continuous_syslog_link, &status) != 0) {
         link_continuous_syslog(directory);
     }
+    koral_cgi_monitor_mend();
     errno = 0;
     if (device_log_is_due) {
         device_log_is_due = false;

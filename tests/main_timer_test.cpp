@@ -111,7 +111,7 @@ TEST_F(MainTimer, RunsWhatIsDue) {
         return every;
     };
     EXPECT_EQ(periods(external_storage_schedule()),
-              (std::vector<unsigned long>{1, 1, 1, 120, 1, 120, 120, 120, 2, 2, 2, 2}));
+              (std::vector<unsigned long>{1, 1, 1, 1, 120, 1, 120, 120, 120, 2, 2, 2, 2}));
     fs::create_directories(session_ + "/system_monitoring/monitoring_load");
     install_tool("uptime", "echo 'load average: 1, 2, 3'\n");
     const std::string rows = session_ + "/system_monitoring/monitoring_load/load.csv";

@@ -241,7 +241,7 @@ gboolean timer_callback(gpointer) noexcept {
     }
     if (apache2_included) {
         koral_take_late_lines();
-        vdrl_http_log_rotate();
+        vdrl_http_log_rotate(monitory_active);
     }
     if (++timer_count == timer_count_wrap) {
         timer_count = 0;

@@ -6,6 +6,8 @@
 #include "sysutil.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 namespace {
@@ -24,9 +26,10 @@ constexpr const char *configuration =
     "</IfModule>\n";
 
 constexpr long long rotation_size = 100'000; // bytes
+constexpr int follower_wait_ms = 200;
 
-unique_fd deleted_log;      // of the latest rotation
-off_t deleted_log_read = 0; // so far somebody has read it
+unique_fd deleted_log;      // of the latest rotation, if its follower does not read on
+off_t deleted_log_read = 0; // so far it was read
 
 } // namespace
 
@@ -51,14 +54,24 @@ void vdrl_http_log_disable() {
     file_remove(configuration_path);
 }
 
-void vdrl_http_log_rotate() {
+void vdrl_http_log_rotate(bool followed) {
     if (!is_file(http_log_path) || filesize(http_log_path) <= rotation_size) {
         return;
     }
+    const unique_fd closings(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    (void)::inotify_add_watch(closings.get(), http_log_path, IN_CLOSE_NOWRITE);
     deleted_log = unique_fd(::open(http_log_path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     file_remove(http_log_path);
+    // A follower that is woken by changes closes the file now, with its last read right before. One
+    // that looks once a second reads on until nothing comes any more, and misses nothing.
+    pollfd closing = {closings.get(), POLLIN, 0};
     struct stat status {};
-    deleted_log_read = ::fstat(deleted_log.get(), &status) == 0 ? status.st_size : 0;
+    if (followed && ::poll(&closing, 1, follower_wait_ms) == 1 &&
+        ::fstat(deleted_log.get(), &status) == 0) {
+        deleted_log_read = status.st_size;
+    } else {
+        (void)deleted_log.close();
+    }
     (void)system_ret("/bin/systemctl kill --signal HUP httpd.service");
 }
 

@@ -13,12 +13,12 @@ bool vdrl_http_log_is_enabled();
 // Removes it.
 void vdrl_http_log_disable();
 
-// Begins a new log once it holds more than 100,000 bytes. The web server is restarted for it.
-void vdrl_http_log_rotate();
+// Begins a new log once it holds more than 100,000 bytes. The web server is restarted for it. With
+// somebody following the log by its name it may wait for a fifth of a second.
+void vdrl_http_log_rotate(bool followed);
 
-// What the web server has written to the old log after the latest rotation deleted it, given once:
-// who follows the log by its name has not seen it. To be asked for when the server writes the new
-// one, at the latest before the next rotation.
+// What the web server has written to the old log after the follower closed it at the latest rotation.
+// Given once; to be asked for when the server writes the new one, before the next rotation.
 std::string vdrl_http_log_late_lines();
 
 inline constexpr const char *http_log_path = "/var/log/HTTP_log.txt";

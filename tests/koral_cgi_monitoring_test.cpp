@@ -285,11 +285,18 @@ TEST(HttpLog, IsConfiguredAndRotated) {
     install_recorder("/bin/systemctl");
     recorded_calls();
     write_file(http_log_path, std::string(100'000, 'x'));
-    vdrl_http_log_rotate();
+    vdrl_http_log_rotate(false);
     EXPECT_EQ(recorded_calls(), texts{});
     write_file(http_log_path, std::string(100'001, 'x'));
     std::ofstream server(http_log_path, std::ios::app); // has it open until it is told
-    vdrl_http_log_rotate();
+    std::thread follower([log = std::ifstream(http_log_path)]() mutable {
+        while (fs::exists(http_log_path)) {
+            std::this_thread::yield();
+        }
+        log.close();
+    });
+    vdrl_http_log_rotate(true);
+    follower.join();
     EXPECT_EQ(recorded_calls(), texts{"systemctl kill --signal HUP httpd.service"});
     EXPECT_FALSE(fs::exists(http_log_path));
     server << "late\n" << std::flush;

@@ -63,7 +63,7 @@ find_users
 [ -n "$writers" ] || exit 0
 (
     trap '' TERM INT HUP
-    tries 50 is_empty && tries 10 have_read 0
+    tries 50 is_empty && tries 15 have_read 0
     go_on
 ) </dev/null >/dev/null 2>&1 &
 # shellcheck disable=SC2086 # a list
@@ -72,5 +72,5 @@ if ! tries 20 have_stopped; then
     go_on
     exit 1
 fi
-# One that only looks at the file may stand anywhere.
-tries 10 have_read $(($(wc -c <"$log"))) || :
+# A follower may look once a second. One that only shows the file may stand anywhere in it.
+tries 15 have_read $(($(wc -c <"$log"))) || :

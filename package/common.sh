@@ -40,6 +40,17 @@ is_mounted() {
     return 1
 }
 
+# tries TENTHS COMMAND...: runs the command until it succeeds, for so many tenths of a second.
+tries() {
+    tries_left=$1
+    shift
+    until "$@"; do
+        tries_left=$((tries_left - 1))
+        [ "$tries_left" -gt 0 ] || return 1
+        sleep 0.1
+    done
+}
+
 # flush FILE: returns when its content is on the storage.
 flush() {
     sync "$1" 2>/dev/null || sync

@@ -18,23 +18,12 @@
 
 log=$1
 position=$LOCALDATA/continuous_syslog_position.txt
-tries_max=50 # tenths of a second
-
-# tries COMMAND...: runs the command until it succeeds.
-tries() {
-    count=0
-    until "$@"; do
-        count=$((count + 1))
-        [ $count -lt $tries_max ] || return 1
-        sleep 0.1
-    done
-}
 
 # Every line that was logged before this one is written when this one is.
 wait_until_written() {
     mark="($$.$(date +%s))"
     logger -t Vandrel -p user.info -- "Continuous log taken up to here $mark." 2>/dev/null &&
-        tries grep -qsF "$mark" "$log" "$log.1"
+        tries 50 grep -qsF "$mark" "$log" "$log.1"
 }
 
 # whole_size FILE: its bytes up to the last line's end.
@@ -69,7 +58,7 @@ if [ "${2:-}" != written ] && [ -f "$log" ]; then
 fi
 
 exec 9>"$LOCALDATA/.continuous_syslog"
-if command -v flock >/dev/null && ! tries flock -n 9; then
+if command -v flock >/dev/null && ! tries 50 flock -n 9; then
     warn "The log can not be brought into the session: another run does not end"
     exit 1
 fi

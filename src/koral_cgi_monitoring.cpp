@@ -351,6 +351,7 @@ void koral_cgi_monitor_setup() {
         time_started = std::time(nullptr);
     }
     koral_cgi_monitor_mend();
+    (void)vdrl_http_log_late_lines(); // from before the session
     const char *const command[] = {"/usr/bin/tail", "-n0", "-F", http_log_path, nullptr};
     tail_process = process_create(command, parse_koral_line, koral_write_lines);
     if (!tail_process) {
@@ -359,6 +360,7 @@ void koral_cgi_monitor_setup() {
 }
 
 void koral_cgi_monitor_release() {
+    koral_take_late_lines();
     process_stop(tail_process.get());
     process_wait(tail_process.get());
     process_free(tail_process);
@@ -392,6 +394,19 @@ void parse_koral_line(const char *line) {
 void koral_write_lines() {
     const std::lock_guard lock(mutex);
     write_pending();
+}
+
+void koral_take_late_lines() {
+    const std::string text = vdrl_http_log_late_lines();
+    if (!tail_process) {
+        return;
+    }
+    std::size_t start = 0;
+    for (std::size_t end = 0; (end = text.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        parse_koral_line(text.substr(start, end - start).c_str());
+    }
+    koral_write_lines();
 }
 
 void koral_cgi_store() {

@@ -240,6 +240,7 @@ gboolean timer_callback(gpointer) noexcept {
         session_tick(tick, *session);
     }
     if (apache2_included) {
+        koral_take_late_lines();
         vdrl_http_log_rotate();
     }
     if (++timer_count == timer_count_wrap) {

@@ -1,8 +1,12 @@
 #include "vdrl_http_log.h"
 
 #include "fileutil.h"
+#include "handle.h"
 #include "log.h"
 #include "sysutil.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -20,6 +24,9 @@ constexpr const char *configuration =
     "</IfModule>\n";
 
 constexpr long long rotation_size = 100'000; // bytes
+
+unique_fd deleted_log;      // of the latest rotation
+off_t deleted_log_read = 0; // so far somebody has read it
 
 } // namespace
 
@@ -45,8 +52,25 @@ void vdrl_http_log_disable() {
 }
 
 void vdrl_http_log_rotate() {
-    if (is_file(http_log_path) && filesize(http_log_path) > rotation_size) {
-        file_remove(http_log_path);
-        (void)system_ret("/bin/systemctl kill --signal HUP httpd.service");
+    if (!is_file(http_log_path) || filesize(http_log_path) <= rotation_size) {
+        return;
     }
+    deleted_log = unique_fd(::open(http_log_path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    file_remove(http_log_path);
+    struct stat status {};
+    deleted_log_read = ::fstat(deleted_log.get(), &status) == 0 ? status.st_size : 0;
+    (void)system_ret("/bin/systemctl kill --signal HUP httpd.service");
+}
+
+std::string vdrl_http_log_late_lines() {
+    std::string text;
+    char piece[4096];
+    ssize_t size = 0;
+    while (deleted_log &&
+           (size = ::pread(deleted_log.get(), piece, sizeof piece, deleted_log_read)) > 0) {
+        text.append(piece, static_cast<std::size_t>(size));
+        deleted_log_read += size;
+    }
+    (void)deleted_log.close();
+    return text;
 }

@@ -288,7 +288,11 @@ TEST(HttpLog, IsConfiguredAndRotated) {
     vdrl_http_log_rotate();
     EXPECT_EQ(recorded_calls(), texts{});
     write_file(http_log_path, std::string(100'001, 'x'));
+    std::ofstream server(http_log_path, std::ios::app); // has it open until it is told
     vdrl_http_log_rotate();
     EXPECT_EQ(recorded_calls(), texts{"systemctl kill --signal HUP httpd.service"});
     EXPECT_FALSE(fs::exists(http_log_path));
+    server << "late\n" << std::flush;
+    EXPECT_EQ(vdrl_http_log_late_lines(), "late\n");
+    EXPECT_EQ(vdrl_http_log_late_lines(), "");
 }

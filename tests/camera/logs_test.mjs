@@ -8,12 +8,12 @@ const PROGRAMS = {
   rsyslog: {
     forwarding: "/etc/rsyslog.d/40-remote_log.conf",
     installed: ["/etc/rsyslog.d/66-vandrel.conf", "/usr/local/vandrel_log_rotate.sh"],
-    rotate: "true", // it does so itself
+    rotate: "sleep inf", // it does so itself
   },
   "syslog-ng": {
     forwarding: "/etc/syslog-ng.d/remote.conf",
     installed: ["/etc/syslog-ng.d/vandrel.conf", "/etc/logrotate.d/vandrel.conf"],
-    rotate: "logrotate /etc/logrotate.conf",
+    rotate: "while :; do logrotate /etc/logrotate.conf; sleep 0.05; done",
   },
 };
 
@@ -70,25 +70,75 @@ function assertEachOnce(text) {
   assert.deepEqual([...seen].filter(([, times]) => times !== 1), []);
 }
 
+async function addTrigger(camera, name, key) {
+  const { status } = await camera.action("systemlog_trigger", { do: "add", name, key });
+  assert.equal(status, 200, name);
+}
+
+/** How often the rules have matched, by their names. */
+async function matches(camera) {
+  const { body } = await camera.action("systemlog_trigger", { do: "list" });
+  return Object.fromEntries(JSON.parse(body).systemlog_trigger_rules
+    .map((rule) => [rule.name, rule.triggered_count]));
+}
+
+/** Has the daemon's self-test log a line of each severity. */
+async function assertPresetsFire(camera) {
+  const bus = camera.spawn("dbus-monitor", "--system", "interface='com.tarvo.Event1',member='Event'");
+  let events = "";
+  bus.stdout.on("data", (piece) => { events += piece; });
+  await until(() => events.includes("NameAcquired"), "the bus");
+  const types = { WARN: "warn", ERR: "error", CRIT: "crit", ALERT: "alert", EMERG: "emerg" };
+  const presets = Object.keys(types);
+  const own = ["Vandrel", "Event", "log message"]; // also in what the daemon logs about a match
+  for (const key of presets) await addTrigger(camera, key, `[ ${key}`);
+  for (const key of own) await addTrigger(camera, key, key);
+  for (const type of Object.values(types)) await camera.action("test", { type });
+  // The rule that was there before has the number 0.
+  await until(() => presets.every((_, i) => events.includes(`"systemlogs_${i + 1}"`)),
+    "an event of each preset");
+  // What the daemon logs about a match comes before the next line does.
+  await addTrigger(camera, "rounds", "an Event in a log message");
+  const counts = [];
+  for (let round = 0; round < 4; ++round) {
+    await camera.command("log", "an Event in a log message");
+    counts.push(await until(async () => {
+      const now = await matches(camera);
+      return now.rounds > round && now;
+    }, "the round's line"));
+  }
+  const [start, , , end] = counts;
+  for (const name of presets) assert.equal(end[name], 1, name);
+  assert.deepEqual([end.Event - start.Event, end["log message"] - start["log message"]], [3, 3]);
+  assert.ok(end.Vandrel >= presets.length && end.Vandrel < 30, end.Vandrel);
+  for (const name of [...presets, ...own, "rounds"]) await camera.action("systemlog_trigger", { do: "remove", name });
+  bus.kill();
+}
+
 for (const [program, at] of Object.entries(PROGRAMS)) {
-  test(`every line of a session is in it once, kept by ${program}`, async (t) => {
+  test(`every line is in its session once and matched once, kept by ${program}`, async (t) => {
     const camera = await startCamera(t, "--syslog", program);
     const service = `systemctl restart ${program}`;
     await camera.command("log", "before the first session");
+    await addTrigger(camera, "numbered", "numbers: number");
     const first = await startSession(camera);
+    await assertPresetsFire(camera);
+    const rotation = camera.spawn("sh", "-c", at.rotate);
     const quarter = LINES / 4;
     for (let from = 0; from < LINES; from += quarter) {
       const restarted = from === 2 * quarter;
       if (restarted) await camera.shell(`(sleep 0.5; ${service}) >/dev/null 2>&1 &`);
       await camera.shell(`python3 - ${from} ${from + quarter} ${restarted ? 0.0005 : 0}`, SENDER);
-      await camera.shell(at.rotate);
     }
+    rotation.kill();
     assert.ok(Number(await camera.shell("stat -c %s /usr/local/vandrel.log.1")) > 100_000);
     await camera.command("log", "-p", "user.emerg", "the last of the first session");
     await stopSession(camera);
     await camera.command("log", "between the sessions");
     const text = await continuous(camera, first);
     assertEachOnce(text);
+    await until(async () => (await matches(camera)).numbered >= LINES, "each line's match");
+    assert.equal((await matches(camera)).numbered, LINES);
     assert.equal(count(text, "the last of the first session"), 1);
     assert.match(text, / \[ EMERG \] camera: the last/);
     assert.equal(count(text, "before the first session"), 0);

@@ -5,6 +5,7 @@ import { downloadArchive, haveArchive } from '../archive.js';
 import { actionButton, createFacts, createMessage, createTable, field } from '../controls.js';
 import { readInformation } from '../camera.js';
 import { readCondition } from '../condition.js';
+import { createHttpReport } from '../http_report.js';
 import { el, setText } from '../dom.js';
 import { byteSize, clock, counted, dateTime } from '../format.js';
 import { list, number, partsOfPath, text } from '../session_data.js';
@@ -127,6 +128,7 @@ export function create() {
   const message = createMessage();
   const information = createFacts();
   const viewer = createViewer();
+  const httpReport = createHttpReport();
 
   /** @param {{path: string}} item @param {HTMLElement} shown */
   const openLink = (item, shown) => (NOT_TEXT.test(item.path)
@@ -197,6 +199,7 @@ export function create() {
     el('section', { class: 'card', 'aria-label': 'Information' }, el('h2', {}, 'Information'), information.element),
     el('section', { class: 'card', 'aria-label': 'Condition of the camera' },
       el('h2', {}, 'Condition of the camera'), noCondition, conditionTable.element),
+    httpReport.element,
     el('div', { class: 'tools' }, field('Filter of the files', filter, 'grow')),
     el('section', { class: 'card', 'aria-label': 'Recorded data' },
       el('div', { class: 'tools apart' }, el('h2', {}, 'Recorded data'), dataCount), noData, csvTable.element),
@@ -257,6 +260,7 @@ export function create() {
       information.show(facts ?? [['Information', 'Session_Information.txt can’t be read.']]);
       showContents();
       await showCondition(asked);
+      await httpReport.show(asked, sizes);
       if (asked !== path) {
         return;
       }

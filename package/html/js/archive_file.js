@@ -79,7 +79,7 @@ export async function openArchive(file) {
       offline: true,
       async list() {
         const items = [...entries].map(([path, { size, lastModDate }]) =>
-          ({ path, bytes: size, time: dateTime(lastModDate), columns: [] }));
+          ({ path, bytes: size, time: dateTime(lastModDate), utc: null, columns: [] }));
         const isCsv = (/** @type {{path: string}} */ { path }) => path.endsWith('.csv');
         return { csv: items.filter(isCsv), files: items.filter((item) => !isCsv(item)), complete: true };
       },

@@ -47,7 +47,7 @@ export function markOfLine(line) {
 /**
  * @param {string} path
  * @param {number} zone seconds that the camera's clock is ahead of UTC
- * @param {number | null} changed when the file was changed last, by the camera's clock
+ * @param {number} changed when the file was changed last, by the camera's clock; NaN when not known
  * @returns {Mark[]}
  */
 export function markOfFile(path, zone, changed) {
@@ -57,7 +57,7 @@ export function markOfFile(path, zone, changed) {
     return [{ time: Number(core[2]) + zone, kind: 'crash', text: `${core[1]?.replaceAll('!', '/')} crashed`, path }];
   }
   if (/^coredumps\/.*\.elf\.lzo$/.test(path)) {
-    return changed === null ? [] : [{ time: changed, kind: 'crash', text: `Dump of the kernel: ${name}`, path }];
+    return [{ time: changed, kind: 'crash', text: `Dump of the kernel: ${name}`, path }];
   }
   const report = /^(Server_Report|Debug)_(\d{4}-\d\d-\d\d)T(\d\d)(\d\d)(\d\d)/.exec(name);
   if (report) {

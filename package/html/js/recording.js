@@ -23,6 +23,7 @@ export const NOT_TEXT = /(?:\.(?:jpe?g|png|zip|gz|tgz|xz|lzo|pcap(?:ng)?|core|bi
  * @property {string} path relative to the session
  * @property {number} bytes
  * @property {string} time as shown
+ * @property {number | null} utc seconds since 1970, where its zone is known
  */
 /**
  * @typedef {object} Contents
@@ -52,6 +53,7 @@ export function contentsOf(value) {
       bytes: number(one.size),
       time: typeof one.time === 'number' ? dateTime(new Date(one.time * 1000))
         : text(one.time),
+      utc: typeof one.time === 'number' ? one.time : null,
     })),
     complete: told.complete !== false,
   };

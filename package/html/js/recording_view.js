@@ -17,6 +17,7 @@ import { lineCollector } from './views/log_lines.js';
 const INFORMATION = 'Session_Information.txt';
 const LOG = 'system_monitoring/monitoring_basic/Continuous_Syslog.txt';
 const MOST_LOG_BYTES = 8 * 1024 * 1024; // read for marks
+const MOST_REPORT_BYTES = 1024 * 1024;
 const MOST_INFORMATION_BYTES = 256 * 1024;
 const MOST_MARKS = 500;
 const MOST_FILES = 500;
@@ -156,20 +157,20 @@ export function createRecordingView(recording) {
     const found = [];
     /** @type {number | null} */
     let zone = null;
-    const log = contents.files.find(({ path }) => path === LOG);
-    if (log) {
-      const collector = lineCollector(Infinity);
-      const decoder = new TextDecoder();
-      await recording.read(LOG, (piece) => collector.add(decoder.decode(piece, { stream: true })),
-        { from: Math.max(0, log.bytes - MOST_LOG_BYTES), most: MOST_LOG_BYTES });
-      for (const line of collector.finish().lines) {
-        zone ??= zoneOf(line);
-        found.push(...markOfLine(line));
+    // Names of cores have the time in UTC. The zone stands in the device's log, which a report has too.
+    const report = contents.files.find(({ path }) => /\/Server_Report_[^/]*\.txt$/.test(path));
+    for (const log of [contents.files.find(({ path }) => path === LOG), report]) {
+      if (log && (log !== report || zone === null)) {
+        const most = log === report ? MOST_REPORT_BYTES : MOST_LOG_BYTES;
+        for (const line of await readLines(log.path, Math.max(0, log.bytes - most), most)) {
+          zone ??= zoneOf(line);
+          found.push(...(log === report ? [] : markOfLine(line)));
+        }
       }
     }
-    for (const { path, time } of contents.files) {
+    for (const { path, time, utc } of contents.files) {
       const [day = '', clock = ''] = time.split(' ');
-      found.push(...markOfFile(path, zone ?? 0, wallSeconds(day, clock)));
+      found.push(...markOfFile(path, zone ?? 0, utc === null ? wallSeconds(day, clock) : utc + (zone ?? 0)));
     }
     for (const [name, value] of await readInformation()) {
       const [day = '', clock = ''] = value.split(' ');
@@ -185,6 +186,14 @@ export function createRecordingView(recording) {
     markTable.show(marks.slice(0, MOST_MARKS));
     markCard.hidden = marks.length === 0;
     setText(markCount, marks.length > MOST_MARKS ? `The first ${MOST_MARKS} of ${marks.length}` : '');
+  }
+
+  /** @param {string} path @param {number} from @param {number} most */
+  async function readLines(path, from, most) {
+    const collector = lineCollector(Infinity);
+    const decoder = new TextDecoder();
+    await recording.read(path, (piece) => collector.add(decoder.decode(piece, { stream: true })), { from, most });
+    return collector.finish().lines;
   }
 
   /** @returns {Promise<[string, string][]>} */
@@ -261,7 +270,7 @@ export function createRecordingView(recording) {
         datalist.replaceChildren(...contents.csv.map(({ path }) => el('option', { value: titleOf(path) })));
         images.show(contents.files);
         crashFiles.show(contents.files);
-        allFiles.show([...contents.files, ...contents.csv.map((csv) => ({ ...csv, time: '' }))]);
+        allFiles.show([...contents.files, ...contents.csv.map((csv) => ({ ...csv, time: '', utc: null }))]);
         texts.show(contents.files);
         if (recording.offline) {
           information.show(await readInformation());

@@ -54,7 +54,7 @@ function readHeader(header, path) {
   let day = cells.findIndex((cell, index) => /^date$/i.test(cell) && /^time$/i.test(cells[index + 1] ?? ''));
   // "time" alone: both in one column.
   const both = day < 0;
-  const titled = cells.some((cell) => NUMBER.test(cell) || /^\d{4}-/.test(cell)) ? null : cells;
+  const titled = cells.some((cell) => /^\d{4}-\d\d-\d\d/.test(cell)) ? null : cells;
   if (both) {
     day = Math.max(0, (titled ?? []).findIndex((cell) => /^(?:date|time|timestamp)$/i.test(cell)));
     if (!titled && /^\d{4}-\d\d-\d\d$/.test(cells[0] ?? '')) {

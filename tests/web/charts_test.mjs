@@ -102,8 +102,10 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
   // One cursor over both charts, moved by the keyboard.
   await page.getByRole('img', { name: /^Chart of load/ }).focus();
   await page.keyboard.press('ArrowRight');
-  const cursors = await page.evaluate(() => [...document.querySelectorAll('.plot')].map(({ plot }) => plot.cursor.left));
-  assert.deepEqual(cursors, [cursors[0], cursors[0]]);
+  await page.waitForFunction(() => {
+    const [first, second] = [...document.querySelectorAll('.plot')].map(({ plot }) => plot.cursor.left);
+    return first > 0 && first === second;
+  });
   assert.match(await page.locator('.reading').textContent(), /^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d/);
   const crash = page.getByRole('row', { name: /crashed/ });
   assert.match(await crash.textContent(), /<img>x crashed/);
@@ -140,7 +142,7 @@ test('the archive is opened without a camera', async () => {
   const images = page.getByRole('region', { name: 'Images' });
   await images.getByRole('button', { name: 'Next' }).click();
   await images.getByText(/, 2 of \d/).waitFor();
-  await page.getByLabel('File', { exact: true }).selectOption('Session_Information.txt');
+  await page.getByRole('region', { name: 'Logs and texts' }).getByRole('combobox').selectOption('Session_Information.txt');
   await page.getByLabel('Search').fill('serial');
   await page.getByText(/^1 of \d+ lines match$/).waitFor();
   const [core] = await Promise.all([
@@ -163,7 +165,7 @@ test('archives that can’t be used are refused in words', async () => {
   writeFileSync(join(folder, 'bad/inner/Session_Information.txt'), 'Serial Number: 1\n');
   const whole = readFileSync(archive);
   const damaged = Buffer.from(whole);
-  damaged.fill(0, 200, whole.length / 2);
+  damaged.fill(0, 0, whole.readUInt32LE(whole.length - 6)); // all but the directory
   const cases = [
     ['text.zip', Buffer.from('no zip at all'), /no zip archive/],
     ['empty.zip', Buffer.alloc(0), /no zip archive/],

@@ -8,6 +8,7 @@ const HEIGHT = 220;
 const SHORTEST_RANGE_S = 10;
 const ZOOM = 2;
 const PAN = 0.25; // of what is in sight
+const MARK_MARGIN_S = 600;
 const MARK_REACH = 0.005; // of what is in sight
 // Told apart on a light and on a dark ground, also by those who see few colours.
 const COLOURS = ['#2f7ed8', '#d9730d', '#1f9e77', '#c2449a', '#8a6fe8', '#a08000', '#d64545', '#4aa3b8'];
@@ -59,7 +60,10 @@ export function createChartGroup(pointed) {
   /** @returns {[number, number]} */
   function whole() {
     const ends = [...plots].flatMap(({ data: [times] }) => (times.length > 0 ? [times[0] ?? 0, times[times.length - 1] ?? 0] : []));
-    const [from, to] = [Math.min(...ends), Math.max(...ends)];
+    const [first, last] = [Math.min(...ends), Math.max(...ends)];
+    // What happened just before the first row and after the last is in sight too.
+    const near = marks.map(({ time }) => time).filter((time) => time > first - MARK_MARGIN_S && time < last + MARK_MARGIN_S);
+    const [from, to] = [Math.min(first, ...near), Math.max(last, ...near)];
     return ends.length === 0 ? [0, 1] : from === to ? [from - 60, to + 60] : [from, to];
   }
   const inSight = () => range ?? whole();
@@ -159,6 +163,7 @@ export function createChartGroup(pointed) {
     /** @param {Mark[]} next */
     setMarks(next) {
       marks = next;
+      setRange(range);
       for (const plot of plots) {
         plot.redraw(false);
       }

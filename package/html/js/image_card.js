@@ -37,7 +37,7 @@ export function createImageCard(recording, onChosen) {
   const element = el('section', { class: 'card', 'aria-label': 'Images' },
     el('div', { class: 'tools apart' }, el('h2', {}, 'Images'), caption),
     el('div', { class: 'tools' }, step('Previous', -1), field('Time of the image', slider, 'grow'), step('Next', 1)),
-    message.element, image);
+    message.element, el('div', {}, image));
 
   /** @param {number} index */
   function settle(index) {

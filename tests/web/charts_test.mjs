@@ -39,9 +39,9 @@ async function openViewer(options) {
   const faults = [];
   page.on('pageerror', (error) => faults.push(error.message));
   page.on('console', (message) => faults.push(message.text()));
-  page.on('request', ({ url }) => {
-    if (!/^(?:file|data|blob):/.test(url())) {
-      faults.push(url());
+  page.on('request', (request) => {
+    if (!/^(?:file|data|blob):/.test(request.url())) {
+      faults.push(request.url());
     }
   });
   await page.goto(pathToFileURL(VIEWER).href);
@@ -71,7 +71,7 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
     await new Promise((resolve) => { setTimeout(resolve, 500); });
   }
   await page.goto(`${camera.address}/local/Vandrel/#/session?${query}`);
-  await page.getByRole('link', { name: `Chart of ${LOAD}` }).click();
+  await page.getByRole('link', { name: 'Chart of load/load' }).click();
   await page.getByRole('heading', { name: 'load/load' }).waitFor();
   await page.getByRole('button', { name: /^core\./ }).waitFor();
 

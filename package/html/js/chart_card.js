@@ -151,8 +151,11 @@ export function createChartCard(recording, file, group, remove) {
     showTable();
   }
 
+  /** Also anew; what was chosen stays so. */
   async function load() {
-    message.work('Reading …');
+    if (table.times.length === 0) {
+      message.work('Reading …');
+    }
     const reader = tableReader(path);
     let read = 0;
     try {
@@ -170,9 +173,12 @@ export function createChartCard(recording, file, group, remove) {
     table = reader.finish();
     const all = seriesOf(table);
     plain = all.slice(0, MOST_SERIES);
+    const names = new Set(plain.map(({ name }) => name));
+    visible = new Set([...visible].filter((name) => names.has(name)));
     // What never changes tells little: it is there to be chosen.
     const moving = plain.filter((series) => series.values.some((value) => value !== series.values[0]));
-    visible = new Set((moving.length > 0 ? moving : plain).slice(0, FIRST_SERIES).map(({ name }) => name));
+    const chosen = visible.size > 0 ? plain.filter(({ name }) => visible.has(name)) : (moving.length > 0 ? moving : plain).slice(0, FIRST_SERIES);
+    visible = new Set(chosen.map(({ name }) => name));
     setText(remarks, [
       remarksOf(table, Math.max(read, file.bytes), read),
       all.length > plain.length ? `Only the first ${MOST_SERIES} of ${all.length} series are shown.` : '',

@@ -86,6 +86,7 @@ export function createImageCard(recording, onChosen) {
     element,
     /** @param {import('./recording.js').Item[]} files */
     show(files) {
+      const before = images[at]?.path;
       images = files.flatMap(({ path }) => {
         const [, year, month, day, hour, minute, second] = NAME.exec(path) ?? [];
         return year ? [{ path, time: wallSeconds(`${year}-${month}-${day}`, `${hour}:${minute}:${second}`) }] : [];
@@ -93,7 +94,7 @@ export function createImageCard(recording, onChosen) {
       element.hidden = images.length === 0;
       slider.max = String(Math.max(0, images.length - 1));
       at = -1;
-      settle(0);
+      settle(images.findIndex(({ path }) => path === before));
     },
     /** Shows the last image of before a time. @param {number} time */
     follow(time) {

@@ -24,6 +24,7 @@ const MOST_FILES = 500;
 const CRASH_FILE = /^coredumps\/|\/(?:Crash_Reports|Server_Reports)\//;
 /** What is drawn first, where it is there. */
 const FIRST_CHARTS = [/monitoring_load\/load\.csv$/, /monitoring_network\/eth0\.csv$/, /monitoring_environment\/(?!Fan|Heater)[^/]+\.csv$/];
+const HINT = 'Point at a chart to read its values.';
 const ZOOM = 2;
 const PAN = 0.25;
 
@@ -42,7 +43,7 @@ export function createRecordingView(recording) {
   let cards = [];
   const message = createMessage();
   const information = createFacts();
-  const reading = el('output', { class: 'reading', 'aria-live': 'off' }, 'Point at a chart to read its values.');
+  const reading = el('output', { class: 'reading', 'aria-live': 'off' });
   const images = createImageCard(recording, (time) => {
     group.point(time);
     told(time, []);
@@ -261,9 +262,11 @@ export function createRecordingView(recording) {
   return {
     element,
     addChart,
-    /** Reads it, also anew; draws what it draws first, or one file. @param {string | null} [first] */
+    /** Reads it, also anew with all that was chosen in it; draws what it draws first, or one file. @param {string | null} [first] */
     async open(first = null) {
-      message.work('Reading what was recorded …');
+      if (contents.csv.length === 0) {
+        message.work('Reading what was recorded …');
+      }
       try {
         contents = await recording.list();
         contents.csv.sort((a, b) => a.path.localeCompare(b.path, 'en'));
@@ -275,18 +278,15 @@ export function createRecordingView(recording) {
         if (recording.offline) {
           information.show(await readInformation());
         }
-        const paths = cards.length > 0 ? cards.map(({ path }) => path)
-          : first !== null ? [first] : FIRST_CHARTS.flatMap((pattern) => contents.csv.find(({ path }) => pattern.test(path))?.path ?? []);
         for (const card of cards) {
-          card.close();
+          await card.load();
         }
-        cards = [];
-        for (const path of paths) {
+        const paths = first !== null ? [first]
+          : FIRST_CHARTS.flatMap((pattern) => contents.csv.find(({ path }) => pattern.test(path))?.path ?? []);
+        for (const path of cards.length === 0 ? paths : []) {
           await addChart(path);
         }
-        if (paths.length === 0) {
-          setText(reading, 'No data has been recorded yet.');
-        }
+        setText(reading, cards.length === 0 ? 'No data has been recorded yet.' : reading.textContent || HINT);
         message.clear();
         await readMarks();
         await texts.load();

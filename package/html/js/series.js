@@ -4,6 +4,7 @@
 import { counted } from './format.js';
 
 const MOST_CATEGORIES = 30;
+const MOST_LINE = 64 * 1024; // characters; a longer line is none of a CSV file
 const SHORTEST_INTERVAL_S = 60;
 // A hole begins where this many intervals pass without a row: a tick is a few seconds early or late.
 const INTERVALS_OF_A_HOLE = 1.75;
@@ -87,6 +88,7 @@ function readHeader(header, path) {
 export function tableReader(path) {
   const decoder = new TextDecoder();
   let rest = '';
+  let tooLong = false;
   /** @type {ReturnType<typeof readHeader> | null} */
   let head = null;
   /** @type {Table} */
@@ -128,12 +130,21 @@ export function tableReader(path) {
       const lines = (rest + decoder.decode(piece, { stream: true })).split('\n');
       rest = lines.pop() ?? '';
       for (const line of lines) {
-        addLine(line);
+        if (tooLong) {
+          table.skipped++;
+          tooLong = false;
+        } else {
+          addLine(line);
+        }
+      }
+      if (rest.length > MOST_LINE) {
+        tooLong = true;
+        rest = '';
       }
     },
     /** What has been read. A last line without its end may be half a number and is left out. */
     finish() {
-      table.unfinished = rest !== '';
+      table.unfinished = rest !== '' || tooLong;
       return table;
     },
   };

@@ -8,6 +8,7 @@ import { cutAtMatches, lineCollector, matching, SEVERITIES, severityOf } from '.
 import { createVirtualList } from './virtual_list.js';
 
 const MOST_LINES = 300000;
+const MOST_LINE = 10000; // characters, of what may be no text at all
 const MOST_BYTES = 32 * 1024 * 1024;
 
 /** Logs first. @param {string} path */
@@ -24,9 +25,10 @@ export function createTextCard(recording) {
   /** @type {import('./recording.js').Item[]} */
   let files = [];
   let asked = '';
+  let shown = '';
   const file = select([], () => load());
   const search = el('input', {
-    type: 'search', placeholder: 'Text in the line', spellcheck: 'false', autocomplete: 'off', oninput: () => showMatches(),
+    type: 'search', placeholder: 'Text in the line', spellcheck: 'false', autocomplete: 'off', oninput: () => showMatches(0),
   });
   const count = el('p', { class: 'quiet', role: 'status' });
   const message = createMessage();
@@ -37,7 +39,8 @@ export function createTextCard(recording) {
     el('div', { class: 'tools' }, field('File', file, 'grow'), field('Search', search, 'grow')),
     message.element, list.element);
 
-  function showMatches() {
+  /** @param {number} top index of the match to begin with */
+  function showMatches(top) {
     const wanted = search.value;
     matches = matching(lines, severities, wanted, -1);
     list.element.hidden = matches.length === 0;
@@ -52,17 +55,20 @@ export function createTextCard(recording) {
         return el('li', name ? { 'data-severity': name } : {}, ...cutAtMatches(lines[index] ?? '', wanted)
           .map((part, number) => (number % 2 === 1 ? el('mark', {}, part) : part)));
       },
-    }, 0);
+    }, top);
   }
 
   async function load() {
     const path = file.value;
     const item = files.find((one) => one.path === path);
+    const again = path === shown;
     asked = path;
     if (!item) {
       return;
     }
-    message.work('Reading …');
+    if (!again) {
+      message.work('Reading …');
+    }
     const collector = lineCollector(MOST_LINES);
     const decoder = new TextDecoder();
     const from = Math.max(0, item.bytes - MOST_BYTES);
@@ -75,15 +81,16 @@ export function createTextCard(recording) {
     if (asked !== path) {
       return;
     }
+    shown = path;
     const read = collector.finish();
-    lines = read.lines.map((line) => (line.endsWith('\r') ? line.slice(0, -1) : line));
+    lines = read.lines.map((line) => (line.endsWith('\r') ? line.slice(0, -1) : line).slice(0, MOST_LINE));
     severities = Int8Array.from(lines, severityOf);
     message.clear();
     if (from > 0 || read.dropped > 0) {
       message.show('doubtful', `This file is too large for this view: its end is shown (${
         counted(lines.length, 'line')} of ${byteSize(item.bytes)}).`);
     }
-    showMatches();
+    showMatches(again ? list.top() : 0);
   }
 
   return {

@@ -1,6 +1,6 @@
 // The charts of one session on the camera.
 
-import { actionButton } from '../controls.js';
+import { actionButton, field, select } from '../controls.js';
 import { el, setText } from '../dom.js';
 import { cameraRecording } from '../recording.js';
 import { createRecordingView } from '../recording_view.js';
@@ -13,8 +13,22 @@ export function create() {
   const title = el('h1');
   const back = el('a', {}, '← The session');
   const place = el('div');
+  let timer = 0;
+  const refresh = select([['0', 'Off'], ['60', 'Every minute']], () => refreshLater());
+  function refreshLater() {
+    clearTimeout(timer);
+    if (refresh.value !== '0') {
+      timer = setTimeout(async () => {
+        if (!document.hidden && !element.hidden) {
+          await view?.open();
+        }
+        refreshLater();
+      }, Number(refresh.value) * 1000);
+    }
+  }
   const element = el('div', { class: 'view' }, el('p', {}, back),
-    el('div', { class: 'tools apart' }, title, actionButton('Refresh', async () => view?.open())), place);
+    el('div', { class: 'tools apart' }, title,
+      el('div', { class: 'tools' }, field('Refresh', refresh), actionButton('Read again', async () => view?.open()))), place);
   return {
     element,
     async show(values) {

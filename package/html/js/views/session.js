@@ -83,6 +83,9 @@ function hashOf(session, file) {
 /** @param {string} session @param {string} [file] */
 const chartsOf = (session, file) => hashOf(session, file).replace('#/session?', '#/charts?');
 
+/** @param {{path: string}} file */
+const shortName = ({ path }) => path.replace(/^system_monitoring\/monitoring_/, '');
+
 /** @returns {import('../main.js').View} */
 export function create() {
   let path = '';
@@ -111,9 +114,9 @@ export function create() {
       const size = el('span');
       const columns = el('span');
       return {
-        cells: [openLink(csv, el('span', {}, csv.path.replace(/^system_monitoring\/monitoring_/, ''))),
+        cells: [openLink(csv, el('span', {}, shortName(csv))),
           columns, size,
-          el('a', { href: chartsOf(path, csv.path), 'aria-label': `Chart of ${csv.path}` }, 'Chart')],
+          el('a', { href: chartsOf(path, csv.path), 'aria-label': `Chart of ${shortName(csv).replace(/\.csv$/, '')}` }, 'Chart')],
         update(next) {
           setText(size, byteSize(next.bytes));
           setText(columns, next.columns.length > MOST_COLUMNS

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Installs the Debian packages that are missing, and the page's test tools from npm.
+# Installs the Debian packages that are missing, and from npm the page's libraries and test tools.
 #
 #   .ci/dependencies.sh run     what ./run needs: to build, and to simulate a camera
 #   .ci/dependencies.sh test    what ./test needs on top of it
@@ -80,11 +80,9 @@ test) mapfile -t wanted < <(run_packages; test_packages) ;;
 *) sed -n '2,7s/^# \{0,1\}//p' "$0"; exit 2 ;;
 esac
 mapfile -t missing < <(missing_packages "${wanted[@]}")
-if [ "$1" = test ]; then
-    # Whoever has Node.js from elsewhere keeps it.
-    command -v node >/dev/null || missing+=(nodejs)
-    command -v npm >/dev/null || missing+=(npm)
-fi
+# Whoever has Node.js from elsewhere keeps it.
+command -v node >/dev/null || missing+=(nodejs)
+command -v npm >/dev/null || missing+=(npm)
 
 as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
@@ -122,7 +120,14 @@ for package in $(unpacked_packages); do
     fi
 done
 
-if [ "$1" = test ] && [ package-lock.json -nt node_modules/.package-lock.json ]; then
-    npm ci --silent --no-audit --no-fund
+# The page's libraries and what bundles them; a test needs the browser's tools on top of that.
+omitted=(--omit=dev)
+needed=node_modules/esbuild
+if [ "$1" = test ] || [ -d node_modules/typescript ]; then
+    omitted=()
+    needed=node_modules/typescript
+fi
+if [ package-lock.json -nt node_modules/.package-lock.json ] || [ ! -d "$needed" ]; then
+    npm ci --silent --no-audit --no-fund "${omitted[@]}"
     touch node_modules/.package-lock.json
 fi

@@ -343,6 +343,7 @@ TEST_F(Crash, KernelDumpsAreCopiedOnce) {
     EXPECT_EQ(disable_kernel_crash_monitor(serial), 1);
     EXPECT_EQ(disable_kernel_crash_monitor(serial), 0); // no flag was left to take away
     write_file("/test/crashdump", "none\n");
+    fs::create_directories("/var/spool/storage/NetworkShare");
     EXPECT_EQ(setup_kernel_crash_monitor(session, serial), 1);
     EXPECT_EQ(read_file("/etc/sysconfig/crashdump.conf"),
               "[Crashdump]\nDiskID = NetworkShare\nPath = dumps_A1B2C3D4E5F6\n");

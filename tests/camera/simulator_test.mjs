@@ -126,7 +126,7 @@ describe("a running camera", () => {
 
   test("answers systemctl as systemd does", async () => {
     for (const [words, status, text] of [
-      ["is-active httpd", 0, /^active\n$/], ["is-active --quiet ntp", 3, /^$/],
+      ["is-active httpd", 0, /^active\n$/], ["is-active --quiet test-hosts", 3, /^$/],
       ["is-active --quiet httpd.service", 0, /^$/], ["daemon-reload", 0, /^$/],
       ["restart nothing", 5, /Unit nothing.service not found/], ["status nothing", 4, /not be found/],
       ["kill --signal NOSUCH httpd", 1, /signal string NOSUCH/], ["frobnicate httpd", 1, /verb/],
@@ -142,17 +142,17 @@ describe("a running camera", () => {
   });
 
   test("runs units that are added, with what is laid over them", async () => {
-    await camera.shell("cat >/usr/lib/systemd/system/ntp.service",
-      "[Service]\nEnvironmentFile=-/etc/ntp.env\nExecStart=/bin/sleep 1000 $NTPD_ARGS\n");
-    const command = () => camera.shell("tr '\\0' ' ' </proc/$(systemctl status ntp | cut -d' ' -f4)/cmdline");
-    await camera.shell("systemctl start ntp && systemctl is-active --quiet ntp");
+    await camera.shell("cat >/usr/lib/systemd/system/clock.service",
+      "[Service]\nEnvironmentFile=-/etc/clock.env\nExecStart=/bin/sleep 1000 $CLOCK_ARGS\n");
+    const command = () => camera.shell("tr '\\0' ' ' </proc/$(systemctl status clock | cut -d' ' -f4)/cmdline");
+    await camera.shell("systemctl start clock && systemctl is-active --quiet clock");
     assert.equal(await command(), "/bin/sleep 1000 ");
-    await camera.shell("mkdir -p /etc/systemd/system/ntp.service.d; echo 'NTPD_ARGS=\"3 4\"' >/etc/ntp.env;" +
-      "cat >/etc/systemd/system/ntp.service.d/override.conf",
-    "[Service]\nExecStart=\nExecStart=/bin/sleep 2000 $NTPD_ARGS\n");
-    await camera.shell("systemctl daemon-reload; systemctl restart ntp");
+    await camera.shell("mkdir -p /etc/systemd/system/clock.service.d; echo 'CLOCK_ARGS=\"3 4\"' >/etc/clock.env;" +
+      "cat >/etc/systemd/system/clock.service.d/override.conf",
+    "[Service]\nExecStart=\nExecStart=/bin/sleep 2000 $CLOCK_ARGS\n");
+    await camera.shell("systemctl daemon-reload; systemctl restart clock");
     assert.equal(await command(), "/bin/sleep 2000 3 4 ");
-    await camera.shell("systemctl stop ntp; rm -r /etc/systemd/system/ntp.service.d");
+    await camera.shell("systemctl stop clock; rm -r /etc/systemd/system/clock.service.d");
   });
 
   test("starts a service again that died, or that restarts itself", async () => {
@@ -209,7 +209,7 @@ describe("a running camera", () => {
     assert.equal(await camera.shell("ls /run/gone /tmp/gone 2>&1 | wc -l; cat /etc/stays /var/stays" +
       " /lib/persistent/stays /usr/local/packages/Vandrel/localdata/stays" +
       " /proc/sys/kernel/core_pattern; sysctl debug.crashdump; ps | grep '[s]leep 1000' || echo none"),
-    "2\n1\n1\n1\n1\ncore\ndebug.crashdump = none\nnone\n");
+    "2\n1\n1\n1\n1\n|/usr/sbin/coredump-handler %h_%t_%p.core\ndebug.crashdump = none\nnone\n");
     const second = await camera.pid("Vandrel");
     assert.notEqual(second, daemon);
 

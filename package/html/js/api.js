@@ -28,6 +28,7 @@ export class RequestError extends Error {
  * @property {AbortSignal} [signal] cancels the request
  * @property {(text: string, bytes: number) => void} [onText] receives the reply in pieces, each
  *     with the bytes of the reply so far; the request then resolves to an empty text
+ * @property {(piece: Uint8Array) => void} [onBytes] the same for what is no text
  */
 
 let pendingCount = 0;
@@ -113,7 +114,7 @@ export function wordsOf(text) {
  * @returns {Promise<Reply>}
  */
 export async function ask(action, values = {}, options = {}) {
-  const { timeoutMs = 20000, signal, onText } = options;
+  const { timeoutMs = 20000, signal, onText, onBytes } = options;
   const silence = new AbortController();
   let timer = 0;
   const alive = () => {
@@ -131,7 +132,8 @@ export async function ask(action, values = {}, options = {}) {
       signal: silence.signal,
     });
     const { status } = response;
-    const text = await readBody(response, alive, response.ok && !isHtml(response) ? onText : undefined);
+    const good = response.ok && !isHtml(response);
+    const text = await readBody(response, alive, good ? { onText, onBytes } : {});
     if (status === 401 || status === 403 || isHtml(response)) {
       throw errorOf(status);
     }
@@ -160,15 +162,25 @@ export async function ask(action, values = {}, options = {}) {
 /**
  * @param {Response} response
  * @param {() => void} alive called for every piece
- * @param {RequestOptions['onText']} onText
+ * @param {Pick<RequestOptions, 'onText' | 'onBytes'>} receivers
  */
-async function readBody(response, alive, onText) {
+async function readBody(response, alive, { onText, onBytes }) {
   const reader = response.body?.getReader();
   const decoder = new TextDecoder();
   let kept = '';
   let bytes = 0;
   for (;;) {
     const piece = await reader?.read();
+    if (onBytes) {
+      if (piece?.value) {
+        onBytes(piece.value);
+      }
+      if (!piece || piece.done) {
+        return '';
+      }
+      alive();
+      continue;
+    }
     const text = piece?.value ? decoder.decode(piece.value, { stream: true }) : decoder.decode();
     bytes += piece?.value?.length ?? 0;
     if (onText) {

@@ -23,11 +23,13 @@ const VIEWS = [
   { id: 'overview', title: 'Overview', load: () => import('./views/overview.js') },
   { id: 'sessions', title: 'Sessions', load: () => import('./views/sessions.js') },
   { id: 'session', title: 'Session', within: 'sessions', load: () => import('./views/session.js') },
+  { id: 'charts', title: 'Charts', within: 'sessions', load: () => import('./views/charts.js') },
   { id: 'traces', title: 'Traces', load: () => import('./views/traces.js') },
   { id: 'triggers', title: 'Triggers', load: () => import('./views/triggers.js') },
   { id: 'maintenance', title: 'Maintenance', load: () => import('./views/maintenance.js') },
   { id: 'device_test', title: 'Device test', load: () => import('./views/device_test.js') },
   { id: 'network_tools', title: 'Network tools', load: () => import('./views/network_tools.js') },
+  { id: 'archive', title: 'Archive', load: () => import('./views/archive_on_camera.js') },
   { id: 'log', title: 'Log', load: () => import('./views/log.js') },
 ];
 

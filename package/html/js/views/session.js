@@ -1,55 +1,20 @@
 // One session: its information, what it has recorded, and its files.
 
-import { address, request, RequestError } from '../api.js';
+import { address, request } from '../api.js';
 import { downloadArchive, haveArchive } from '../archive.js';
 import { actionButton, createFacts, createMessage, createTable, field } from '../controls.js';
 import { readInformation } from '../camera.js';
 import { readCondition } from '../condition.js';
 import { createHttpReport } from '../http_report.js';
 import { el, setText } from '../dom.js';
-import { byteSize, clock, counted, dateTime } from '../format.js';
-import { list, number, partsOfPath, text } from '../session_data.js';
+import { byteSize, clock, counted } from '../format.js';
+import { cameraRecording, NOT_TEXT } from '../recording.js';
+import { partsOfPath } from '../session_data.js';
 
 // A folder of images may hold many thousands.
 const MOST_ROWS = 500;
 const MOST_COLUMNS = 6;
 const PIECE_BYTES = 256 * 1024;
-const NOT_TEXT = /\.(?:jpe?g|png|zip|gz|tgz|xz|pcap(?:ng)?|core|bin|elf)$/i;
-
-/**
- * @typedef {object} Csv
- * @property {string} path relative to the session
- * @property {string[]} columns but the time
- * @property {number} bytes
- */
-/**
- * @typedef {object} Item
- * @property {string} path relative to the session
- * @property {number} bytes
- * @property {string} time
- */
-
-/** @param {unknown} value @returns {{csv: Csv[], files: Item[], complete: boolean}} */
-function contentsOf(value) {
-  const told = /** @type {Record<string, unknown>} */ (value ?? {});
-  const records = (/** @type {unknown} */ many) =>
-    list(many).map((one) => /** @type {Record<string, unknown>} */ (one ?? {}));
-  return {
-    csv: records(told.csv).map((one) => ({
-      path: text(one.path),
-      columns: text(one.header).split(',').map((column) => column.trim())
-        .filter((column) => column !== '' && !/^(?:date|time)$/i.test(column)),
-      bytes: number(one.size),
-    })),
-    files: records(told.files).map((one) => ({
-      path: text(one.path),
-      bytes: number(one.size),
-      time: typeof one.time === 'number' ? dateTime(new Date(one.time * 1000))
-        : text(one.time),
-    })),
-    complete: told.complete !== false,
-  };
-}
 
 /** The text of one file, in pieces: a log of weeks is too much for one. */
 function createViewer() {
@@ -115,11 +80,17 @@ function hashOf(session, file) {
   return `#/session?${file ? `${query}&file=${encodeURIComponent(file)}` : query}`;
 }
 
+/** @param {string} session @param {string} [file] */
+const chartsOf = (session, file) => hashOf(session, file).replace('#/session?', '#/charts?');
+
+/** @param {{path: string}} file */
+const shortName = ({ path }) => path.replace(/^system_monitoring\/monitoring_/, '');
+
 /** @returns {import('../main.js').View} */
 export function create() {
   let path = '';
   let read = false;
-  /** @type {ReturnType<typeof contentsOf>} */
+  /** @type {import('../recording.js').Contents} */
   let found = { csv: [], files: [], complete: true };
   /** @type {Map<string, number>} */
   let sizes = new Map();
@@ -137,14 +108,15 @@ export function create() {
 
   const csvTable = createTable({
     caption: 'Recorded data',
-    columns: [{ title: 'File' }, { title: 'Columns' }, { title: 'Size', number: true }],
-    key: (/** @type {Csv} */ csv) => `${path}\n${csv.path}`,
+    columns: [{ title: 'File' }, { title: 'Columns' }, { title: 'Size', number: true }, { title: 'Chart' }],
+    key: (/** @type {import('../recording.js').Csv} */ csv) => `${path}\n${csv.path}`,
     make(csv) {
       const size = el('span');
       const columns = el('span');
       return {
-        cells: [openLink(csv, el('span', {}, csv.path.replace(/^system_monitoring\/monitoring_/, ''))),
-          columns, size],
+        cells: [openLink(csv, el('span', {}, shortName(csv))),
+          columns, size,
+          el('a', { href: chartsOf(path, csv.path), 'aria-label': `Chart of ${shortName(csv).replace(/\.csv$/, '')}` }, 'Chart')],
         update(next) {
           setText(size, byteSize(next.bytes));
           setText(columns, next.columns.length > MOST_COLUMNS
@@ -158,7 +130,7 @@ export function create() {
   const fileTable = createTable({
     caption: 'Files',
     columns: [{ title: 'File' }, { title: 'Changed' }, { title: 'Size', number: true }],
-    key: (/** @type {Item} */ item) => `${path}\n${item.path}`,
+    key: (/** @type {import('../recording.js').Item} */ item) => `${path}\n${item.path}`,
     make(item) {
       const time = el('span');
       const size = el('span');
@@ -246,12 +218,12 @@ export function create() {
     const asked = path;
     message.work('Reading what the session has …');
     try {
-      const reply = await request('view_monitor_data', { storage: asked }, { timeoutMs: 120000 });
+      const listed = await cameraRecording(asked).list();
       const facts = await readInformation(asked).catch(() => null);
       if (asked !== path) {
         return;
       }
-      found = contentsOf(JSON.parse(reply));
+      found = listed;
       const order = (/** @type {{path: string}} */ a, /** @type {{path: string}} */ b) =>
         a.path.localeCompare(b.path, 'en');
       found.csv.sort(order);
@@ -272,8 +244,7 @@ export function create() {
       }
     } catch (error) {
       if (asked === path) {
-        message.fail(error instanceof RequestError ? error : new RequestError('unexpected',
-          'The daemon’s reply was not understood.', 'Reload the page.'));
+        message.fail(error);
       }
     }
   }
@@ -288,10 +259,11 @@ export function create() {
       message.fail(error);
     }
   });
+  const charts = el('a', { class: 'button' }, 'Charts');
   const element = el('div', { class: 'view' },
     el('p', {}, el('a', { href: '#/sessions' }, '← All sessions')),
     el('div', { class: 'tools apart' }, title,
-      el('div', { class: 'tools' }, actionButton('Refresh', load), archiveButton)),
+      el('div', { class: 'tools' }, charts, actionButton('Refresh', load), archiveButton)),
     where, message.element, viewer.element, contents);
 
   return {
@@ -303,6 +275,7 @@ export function create() {
         read = false;
         filter.value = '';
         contents.hidden = true;
+        charts.href = chartsOf(path);
         const { title: start, storage, serial } = partsOfPath(path);
         setText(title, `Session ${start}`);
         setText(where, `${storage}${serial ? `, camera ${serial}` : ''}: ${path}`);

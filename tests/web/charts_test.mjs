@@ -1,0 +1,185 @@
+// Charts of a session on a simulated camera, and its archive opened without one.
+
+import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
+import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { after, before, test } from 'node:test';
+import { fileURLToPath, pathToFileURL } from 'node:url';
+
+import { Camera } from '../camera/support/camera.mjs';
+import { launchBrowser, openPage, violations } from './support/browser.mjs';
+
+const VIEWER = fileURLToPath(new URL('../../package/html/viewer.html', import.meta.url));
+const LOAD = 'system_monitoring/monitoring_load/load.csv';
+const CRASHING = '<img>x';
+
+const camera = new Camera();
+const folder = mkdtempSync(join(tmpdir(), 'charts_test-'));
+let browser;
+let session;
+let archive;
+
+/** The rows of a CSV file whose columns behind the time are numbers. */
+const rowsOf = (csv) => csv.trimEnd().split(/\r?\n/).slice(1).map((row) => {
+  const [day, time, ...values] = row.split(',');
+  return [Date.parse(`${day}T${time}Z`) / 1000, ...values.map(Number)];
+});
+
+/** What the chart of this name really draws, its holes left out. */
+const plotted = (page, name) => page.getByRole('img', { name: `Chart of ${name}.` })
+  .evaluate(({ plot }) => plot.data[0].map((_, index) => plot.data.map((column) => column[index]))
+    .filter((row) => row.slice(1).every((value) => typeof value === 'number')));
+
+async function openViewer(options) {
+  const context = await browser.newContext(options);
+  context.setDefaultTimeout(60000);
+  const page = await context.newPage();
+  const faults = [];
+  page.on('pageerror', (error) => faults.push(error.message));
+  page.on('console', (message) => faults.push(message.text()));
+  page.on('request', (request) => {
+    if (!/^(?:file|data|blob):/.test(request.url())) {
+      faults.push(request.url());
+    }
+  });
+  await page.goto(pathToFileURL(VIEWER).href);
+  return { page, faults, context };
+}
+
+before(async () => {
+  await camera.start('--speed', '60');
+  browser = await launchBrowser();
+});
+
+after(async () => {
+  await browser?.close();
+  await camera.remove();
+  rmSync(folder, { recursive: true, force: true });
+});
+
+test('what is drawn are the rows of the session’s file, marks tell what happened', async () => {
+  await camera.action('activate_monitor_session', { storage: 'SD_DISK', save_image_interval: '60' });
+  session = JSON.parse((await camera.action('list_data')).body).current_storage;
+  await camera.command('crash', '--name', CRASHING);
+  const { page, context, faults } = await openPage(browser, camera.address);
+  const query = `path=${encodeURIComponent(session)}`;
+  for (let rows = 0; rows < 4;) {
+    const { body } = await camera.action('view_monitor_data', { storage: session, file: LOAD });
+    rows = body.split('\n').length - 1;
+    await new Promise((resolve) => { setTimeout(resolve, 500); });
+  }
+  await page.goto(`${camera.address}/local/Vandrel/#/session?${query}`);
+  await page.getByRole('link', { name: 'Chart of load/load' }).click();
+  await page.getByRole('heading', { name: 'load/load' }).waitFor();
+  await page.getByRole('button', { name: /^core\./ }).waitFor();
+
+  // It goes on being recorded: what was drawn is a beginning of what is there now.
+  const points = await plotted(page, 'load/load');
+  const { body } = await camera.action('view_monitor_data', { storage: session, file: LOAD });
+  assert.ok(points.length >= 3);
+  assert.deepEqual(points, rowsOf(body).slice(0, points.length));
+  await page.getByRole('region', { name: 'Charts' }).getByRole('button', { name: 'Table' }).click();
+  const rows = page.getByRole('region', { name: 'Rows of load/load' }).getByRole('row');
+  assert.equal(await rows.count(), points.length + 1);
+  const [download] = await Promise.all([
+    page.waitForEvent('download'), page.getByRole('button', { name: 'Download CSV' }).click(),
+  ]);
+  assert.deepEqual(rowsOf(readFileSync(await download.path(), 'utf8')), points);
+  await page.getByRole('button', { name: 'Zoom in' }).click();
+  await page.waitForFunction((all) => document.querySelectorAll('.chart-table tbody tr').length < all, points.length);
+  await page.getByRole('button', { name: 'All', exact: true }).click();
+
+  await page.getByLabel('File to draw').fill('eth0');
+  await page.getByRole('button', { name: 'Add chart' }).click();
+  await page.getByLabel('Values of network/eth0').selectOption('As recorded');
+  const traffic = await plotted(page, 'network/eth0');
+  const eth0 = await camera.action('view_monitor_data',
+    { storage: session, file: 'system_monitoring/monitoring_network/eth0.csv' });
+  assert.deepEqual(traffic, rowsOf(eth0.body).slice(0, traffic.length));
+
+  // One cursor over both charts, moved by the keyboard.
+  await page.getByRole('img', { name: /^Chart of load/ }).focus();
+  await page.keyboard.press('ArrowRight');
+  await page.waitForFunction(() => {
+    const [first, second] = [...document.querySelectorAll('.plot')].map(({ plot }) => plot.cursor.left);
+    return first > 0 && first === second;
+  });
+  assert.match(await page.locator('.reading').textContent(), /^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d/);
+  const crash = page.getByRole('row', { name: /crashed/ });
+  assert.match(await crash.textContent(), /<img>x crashed/);
+  assert.equal(await crash.locator('img').count(), 0);
+  for (const colorScheme of ['light', 'dark']) {
+    await page.emulateMedia({ colorScheme });
+    assert.deepEqual(await violations(page), []);
+  }
+  assert.deepEqual(faults, []);
+
+  await camera.action('deactivate_monitor_session');
+  for (let status = 0; status !== 200;) {
+    await new Promise((resolve) => { setTimeout(resolve, 500); });
+    ({ status } = await camera.action('zip_monitor_data', { storage: session }));
+  }
+  await page.goto(`${camera.address}/local/Vandrel/#/session?${query}`);
+  const [zip] = await Promise.all([
+    page.waitForEvent('download'), page.getByRole('button', { name: 'Download archive' }).click(),
+  ]);
+  archive = join(folder, 'session.zip');
+  await zip.saveAs(archive);
+  await context.close();
+});
+
+test('the archive is opened without a camera', async () => {
+  const { page, context, faults } = await openViewer({ viewport: { width: 800, height: 1000 } });
+  await page.getByLabel('Archive', { exact: true }).setInputFiles(archive);
+  await page.getByRole('button', { name: /^core\./ }).first().waitFor();
+  execFileSync('unzip', ['-q', archive, '-d', join(folder, 'unpacked')]);
+  const [path] = execFileSync('find', [join(folder, 'unpacked'), '-name', 'load.csv'], { encoding: 'utf8' }).split('\n');
+  assert.deepEqual(await plotted(page, 'load/load'), rowsOf(readFileSync(path, 'utf8')));
+  await page.getByRole('region', { name: 'Information' }).getByText('Serial Number').waitFor();
+  await page.getByRole('img', { name: /^Image of / }).waitFor();
+  const images = page.getByRole('region', { name: 'Images' });
+  await images.getByRole('button', { name: 'Next' }).click();
+  await images.getByText(/, 2 of \d/).waitFor();
+  await page.getByRole('region', { name: 'Logs and texts' }).getByRole('combobox').selectOption('Session_Information.txt');
+  await page.getByLabel('Search').fill('serial');
+  await page.getByText(/^1 of \d+ lines match$/).waitFor();
+  const [core] = await Promise.all([
+    page.waitForEvent('download'), page.getByRole('button', { name: /^core\.[^_]*$/ }).click(),
+  ]);
+  assert.match(readFileSync(await core.path(), 'latin1'), /^\x7fELF/);
+  assert.deepEqual(await violations(page), []);
+  assert.deepEqual(faults, []);
+  await context.close();
+});
+
+test('archives that can’t be used are refused in words', async () => {
+  const make = (name, ...words) => {
+    const path = join(folder, name);
+    execFileSync('zip', ['-q', ...words.slice(0, -1), path, words.at(-1)], { cwd: join(folder, 'bad/inner') });
+    return path;
+  };
+  mkdirSync(join(folder, 'bad/inner'), { recursive: true });
+  writeFileSync(join(folder, 'bad/outside.txt'), 'x');
+  writeFileSync(join(folder, 'bad/inner/Session_Information.txt'), 'Serial Number: 1\n');
+  const whole = readFileSync(archive);
+  const damaged = Buffer.from(whole);
+  damaged.fill(0, 0, whole.readUInt32LE(whole.length - 6)); // all but the directory
+  const cases = [
+    ['text.zip', Buffer.from('no zip at all'), /no zip archive/],
+    ['empty.zip', Buffer.alloc(0), /no zip archive/],
+    ['cut.zip', whole.subarray(0, whole.length - 100), /not whole/],
+    ['damaged.zip', damaged, /archive is damaged there/],
+    ['locked.zip', readFileSync(make('locked_made.zip', '-P', 'secret', 'Session_Information.txt')), /encrypted/],
+    ['climbing.zip', readFileSync(make('climbing_made.zip', '../outside.txt')), /nothing in this archive/],
+    ['other.zip', readFileSync(make('other_made.zip', '-j', '../outside.txt')), /may be no archive of a session/],
+  ];
+  const { page, context, faults } = await openViewer();
+  for (const [name, buffer, words] of cases) {
+    await page.getByLabel('Archive', { exact: true }).setInputFiles({ name, mimeType: 'application/zip', buffer });
+    await page.getByText(words).first().waitFor();
+  }
+  assert.deepEqual(faults, []);
+  await context.close();
+});

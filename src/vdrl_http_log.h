@@ -17,8 +17,9 @@ void vdrl_http_log_disable();
 // somebody following the log by its name it may wait for a fifth of a second.
 void vdrl_http_log_rotate(bool followed);
 
-// What the web server has written to the old log after the follower closed it at the latest rotation.
-// Given once; to be asked for when the server writes the new one, before the next rotation.
+// What the web server has written to the old log after the follower closed it at the latest
+// rotation. Given once; to be asked for when the server writes the new one, before the next
+// rotation.
 std::string vdrl_http_log_late_lines();
 
 inline constexpr const char *http_log_path = "/var/log/HTTP_log.txt";

@@ -7,7 +7,7 @@ import { actionButton, createFacts, createMessage, createTable, field, newId } f
 import { el, setText } from './dom.js';
 import { byteSize, counted } from './format.js';
 import { createImageCard } from './image_card.js';
-import { KIND_TITLES, markOfFile, markOfLine, sortedMarks, zoneOf } from './marks.js';
+import { KIND_TITLES, markOfFile, markOfLine, marksOfEvents, sortedMarks, zoneOf } from './marks.js';
 import { readWhole } from './recording.js';
 import { holes, wallSeconds, wallText } from './series.js';
 import { deviceTime, informationOf } from './session_data.js';
@@ -16,6 +16,7 @@ import { lineCollector } from './views/log_lines.js';
 
 const INFORMATION = 'Session_Information.txt';
 const LOG = 'system_monitoring/monitoring_basic/Continuous_Syslog.txt';
+const EVENTS = 'system_monitoring/monitoring_metadata/eventlistener.txt';
 const MOST_LOG_BYTES = 8 * 1024 * 1024; // read for marks
 const MOST_REPORT_BYTES = 1024 * 1024;
 const MOST_INFORMATION_BYTES = 256 * 1024;
@@ -168,6 +169,10 @@ export function createRecordingView(recording) {
           found.push(...(log === report ? [] : markOfLine(line)));
         }
       }
+    }
+    const events = contents.files.find(({ path }) => path === EVENTS);
+    if (events) {
+      found.push(...marksOfEvents(await readLines(EVENTS, Math.max(0, events.bytes - MOST_LOG_BYTES), MOST_LOG_BYTES), zone ?? 0));
     }
     for (const { path, time, utc } of contents.files) {
       const [day = '', clock = ''] = time.split(' ');

@@ -121,7 +121,6 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
     await page.emulateMedia({ colorScheme });
     assert.deepEqual(await violations(page), []);
   }
-  assert.deepEqual(faults, []);
 
   await camera.action('deactivate_monitor_session');
   for (let status = 0; status !== 200;) {
@@ -134,6 +133,17 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
   ]);
   archive = join(folder, 'session.zip');
   await zip.saveAs(archive);
+
+  // The same in the camera's page, which also hands out the viewer.
+  await page.getByRole('link', { name: 'Archive', exact: true }).click();
+  await page.getByLabel('Archive', { exact: true }).setInputFiles(archive);
+  await page.getByRole('img', { name: /^Image of / }).waitFor();
+  const [viewer] = await Promise.all([
+    page.waitForEvent('download'), page.getByRole('link', { name: /^Download this viewer/ }).click(),
+  ]);
+  assert.deepEqual(readFileSync(await viewer.path()), readFileSync(VIEWER));
+  assert.deepEqual(await violations(page), []);
+  assert.deepEqual(faults, []);
   await context.close();
 });
 

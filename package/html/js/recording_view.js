@@ -144,7 +144,7 @@ export function createRecordingView(recording) {
       }, wallText(mark.time));
       const { path } = mark;
       return {
-        cells: [time, el('span', {}, KIND_TITLES[mark.kind]), el('span', {}, mark.text), path
+        cells: [time, el('span', { class: 'stamp' }, KIND_TITLES[mark.kind]), el('span', {}, mark.text), path
           ? actionButton(path.slice(path.lastIndexOf('/') + 1), () => save(path), { class: 'plain' }) : el('span')],
         update() {},
       };
@@ -184,7 +184,8 @@ export function createRecordingView(recording) {
         found.push({ time: wallSeconds(day, clock), kind: 'session', text: name.startsWith('Start') ? 'The session was started' : 'The session was stopped' });
       }
     }
-    for (const [from, to] of holes(cards.find(({ path }) => /load\.csv$/.test(path))?.times() ?? [])) {
+    const regular = cards.find(({ path }) => /load\.csv$/.test(path)) ?? cards[0];
+    for (const [from, to] of holes(regular?.times() ?? [])) {
       found.push({ time: from, until: to, kind: 'storage', text: `Nothing was recorded until ${wallText(to)}` });
     }
     marks = sortedMarks(found);

@@ -27,6 +27,13 @@ const rowsOf = (csv) => csv.trimEnd().split(/\r?\n/).slice(1).map((row) => {
   return [Date.parse(`${day}T${time}Z`) / 1000, ...values.map(Number)];
 });
 
+/** Waits until a file of the session holds what is looked for. */
+async function recorded(file, found) {
+  while (!found((await camera.action('view_monitor_data', { storage: session, file })).body)) {
+    await new Promise((resolve) => { setTimeout(resolve, 500); });
+  }
+}
+
 /** What the chart of this name really draws, its holes left out. */
 const plotted = (page, name) => page.getByRole('img', { name: `Chart of ${name}.` })
   .evaluate(({ plot }) => plot.data[0].map((_, index) => plot.data.map((column) => column[index]))
@@ -62,14 +69,13 @@ after(async () => {
 test('what is drawn are the rows of the session’s file, marks tell what happened', async () => {
   await camera.action('activate_monitor_session', { storage: 'SD_DISK', save_image_interval: '60' });
   session = JSON.parse((await camera.action('list_data')).body).current_storage;
+  await camera.action('systemlog_trigger', { do: 'add', name: 'needle', key: 'a needle' });
   await camera.command('crash', '--name', CRASHING);
   const { page, context, faults } = await openPage(browser, camera.address);
   const query = `path=${encodeURIComponent(session)}`;
-  for (let rows = 0; rows < 4;) {
-    const { body } = await camera.action('view_monitor_data', { storage: session, file: LOAD });
-    rows = body.split('\n').length - 1;
-    await new Promise((resolve) => { setTimeout(resolve, 500); });
-  }
+  await recorded(LOAD, (text) => text.split('\n').length > 4);
+  await camera.command('log', '-p', 'user.err', 'a needle');
+  await recorded('system_monitoring/monitoring_metadata/eventlistener.txt', (text) => text.includes('systemlogs_'));
   await page.goto(`${camera.address}/local/Vandrel/#/session?${query}`);
   await page.getByRole('link', { name: 'Chart of load/load' }).click();
   await page.getByRole('heading', { name: 'load/load' }).waitFor();
@@ -107,6 +113,7 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
     return first > 0 && first === second;
   });
   assert.match(await page.locator('.reading').textContent(), /^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d/);
+  await page.getByRole('row', { name: /Log trigger \d+ found its message/ }).waitFor();
   const crash = page.getByRole('row', { name: /crashed/ });
   assert.match(await crash.textContent(), /<img>x crashed/);
   assert.equal(await crash.locator('img').count(), 0);
@@ -114,7 +121,6 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
     await page.emulateMedia({ colorScheme });
     assert.deepEqual(await violations(page), []);
   }
-  assert.deepEqual(faults, []);
 
   await camera.action('deactivate_monitor_session');
   for (let status = 0; status !== 200;) {
@@ -127,6 +133,17 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
   ]);
   archive = join(folder, 'session.zip');
   await zip.saveAs(archive);
+
+  // The same in the camera's page, which also hands out the viewer.
+  await page.getByRole('link', { name: 'Archive', exact: true }).click();
+  await page.getByLabel('Archive', { exact: true }).setInputFiles(archive);
+  await page.getByRole('img', { name: /^Image of / }).waitFor();
+  const [viewer] = await Promise.all([
+    page.waitForEvent('download'), page.getByRole('link', { name: /^Download this viewer/ }).click(),
+  ]);
+  assert.deepEqual(readFileSync(await viewer.path()), readFileSync(VIEWER));
+  assert.deepEqual(await violations(page), []);
+  assert.deepEqual(faults, []);
   await context.close();
 });
 

@@ -3,7 +3,7 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 
-import { markOfFile, markOfLine, sortedMarks, zoneOf } from '../../package/html/js/marks.js';
+import { markOfFile, markOfLine, marksOfEvents, sortedMarks, zoneOf } from '../../package/html/js/marks.js';
 import {
   aligned, csvLine, hasCounters, holes, rateOf, remarksOf, seriesOf, tableReader, wallSeconds, wallText,
 } from '../../package/html/js/series.js';
@@ -60,6 +60,14 @@ test('what is cut or damaged is left out and told', () => {
   const odd = tableOf('Date,Time,A\n2026-11-21,08:46:00,1\nnoise\n2026-13-41,99:00:00,5\n2026-11-21,08:44:00,2');
   assert.deepEqual([odd.times, odd.skipped], [[at('08:46:00')], 2]);
   assert.match(remarksOf(odd, 10, 10), /^2 lines without a time .* not whole/);
+  const endless = tableReader('f.csv');
+  endless.add(encoder.encode('Date,Time,A\n'));
+  for (let piece = 0; piece < 100; piece++) {
+    endless.add(new Uint8Array(1e6).fill(0x37));
+  }
+  endless.add(encoder.encode('\n2026-11-21,08:46:00,1\n'));
+  const { rows, skipped } = endless.finish();
+  assert.deepEqual([rows, skipped], [[['1']], 1]);
   assert.match(remarksOf(odd, 1e8, 32e6), /first 32 of 100 MB/);
 });
 
@@ -110,6 +118,13 @@ test('marks are made of names and of the daemon’s own lines alone', () => {
   for (const path of ['coredumps/core.x.4.camera.1795250750_server-report.log', 'coredumps/x', 'a/.tmp_Debug_2026-11-21T084540UTC.tgz']) {
     assert.deepEqual(markOfFile(path, 0, 77), [], path);
   }
+  const topics = (name, by = 'Vandrel') => `[tnstarvo:topic0 = 'VelaPlatform'] [tnstarvo:topic1 = '${by}'] [tnstarvo:topic2 = '${name}']`;
+  const events = ['Timestamp: 2026-11-21T07:45:40.1Z', topics('systemlogs_2'), topics('systemlogs_2', 'Other'), '---',
+    'Timestamp: 2026-11-21T07:46:40.1Z', topics('nfd_not_ip192o168o0o1p80'), 'Timestamp: odd', topics('systemlogs_3')];
+  assert.deepEqual(marksOfEvents(events, 3600).map(({ time, text }) => [time, text]), [
+    [at('08:45:40'), 'Log trigger 2 found its message'],
+    [at('08:46:40'), 'The device test did not reach 192.168.0.1, port 80'], [NaN, 'Log trigger 3 found its message'],
+  ]);
   assert.deepEqual(sortedMarks([mark, { ...mark }, { ...mark, time: 5 }, { ...mark, time: NaN }]).map(({ time }) => time), [5, mark.time]);
   assert.equal(csvLine(['a', 'b,"c"', null, 5]), 'a,"b,""c""",,5\r\n');
 });

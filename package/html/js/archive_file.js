@@ -49,7 +49,9 @@ export async function openArchive(file) {
   const information = usable.map(({ name }) => name)
     .filter((name) => /(?:^|\/)Session_Information\.txt$/.test(name))
     .sort((a, b) => a.length - b.length)[0];
-  const root = information?.slice(0, information.lastIndexOf('/') + 1) ?? '';
+  const top = `${usable[0]?.name.split('/')[0]}/`;
+  const root = information?.slice(0, information.lastIndexOf('/') + 1)
+    ?? (usable.every(({ name }) => name.startsWith(top)) ? top : '');
   /** @type {Map<string, Entry>} */
   const entries = new Map(usable.filter(({ name }) => name.startsWith(root))
     .map((entry) => [entry.name.slice(root.length), entry]));

@@ -263,7 +263,7 @@ export function createChartGroup(pointed) {
           },
           scales: { x: { time: true } },
           axes: [
-            { stroke: quiet, grid, ticks: grid, values: wallAxis },
+            { stroke: quiet, grid, ticks: grid, values: wallAxis, space: 80 },
             {
               stroke: quiet, grid, ticks: grid, size: 80,
               values: (_, splits) => splits.map((split) => (categories ? categories[split] ?? '' : numberText(split))),

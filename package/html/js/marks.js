@@ -45,6 +45,30 @@ export function markOfLine(line) {
 }
 
 /**
+ * The daemon's own events among those that the device's event listener printed: "Timestamp: " with the
+ * time in UTC, then the topics.
+ * @param {string[]} lines
+ * @param {number} zone seconds that the camera's clock is ahead of UTC
+ * @returns {Mark[]}
+ */
+export function marksOfEvents(lines, zone) {
+  let time = NaN;
+  return lines.flatMap((line) => {
+    const [, day = '', clock = ''] = /^Timestamp: (\d{4}-\d\d-\d\d)T(\d\d:\d\d:\d\d)/.exec(line) ?? [];
+    if (line.startsWith('Timestamp: ')) {
+      time = wallSeconds(day, clock) + zone;
+    }
+    const name = line.includes("topic1 = 'Vandrel'") ? /topic2 = '([^']*)'/.exec(line)?.[1] ?? '' : '';
+    const [, number] = /^systemlogs_(\d+)$/.exec(name) ?? [];
+    const [, not, address, port] = /^nfd_(not_)?ip(.+)p(-?\d+)$/.exec(name) ?? [];
+    const text = number ? `Log trigger ${number} found its message`
+      : address ? `The device test ${not ? 'did not reach' : 'reached'} ${
+        address.replace(/(?<=\d)o(?=\d)/g, '.')}${port === '-1' ? '' : `, port ${port}`}` : '';
+    return text === '' ? [] : [{ time, kind: /** @type {const} */ ('trigger'), text }];
+  });
+}
+
+/**
  * @param {string} path
  * @param {number} zone seconds that the camera's clock is ahead of UTC
  * @param {number} changed when the file was changed last, by the camera's clock; NaN when not known

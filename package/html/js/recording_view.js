@@ -7,7 +7,7 @@ import { actionButton, createFacts, createMessage, createTable, field, newId } f
 import { el, setText } from './dom.js';
 import { byteSize, counted } from './format.js';
 import { createImageCard } from './image_card.js';
-import { KIND_TITLES, markOfFile, markOfLine, sortedMarks, zoneOf } from './marks.js';
+import { KIND_TITLES, markOfFile, markOfLine, marksOfEvents, sortedMarks, zoneOf } from './marks.js';
 import { readWhole } from './recording.js';
 import { holes, wallSeconds, wallText } from './series.js';
 import { deviceTime, informationOf } from './session_data.js';
@@ -16,6 +16,7 @@ import { lineCollector } from './views/log_lines.js';
 
 const INFORMATION = 'Session_Information.txt';
 const LOG = 'system_monitoring/monitoring_basic/Continuous_Syslog.txt';
+const EVENTS = 'system_monitoring/monitoring_metadata/eventlistener.txt';
 const MOST_LOG_BYTES = 8 * 1024 * 1024; // read for marks
 const MOST_REPORT_BYTES = 1024 * 1024;
 const MOST_INFORMATION_BYTES = 256 * 1024;
@@ -143,7 +144,7 @@ export function createRecordingView(recording) {
       }, wallText(mark.time));
       const { path } = mark;
       return {
-        cells: [time, el('span', {}, KIND_TITLES[mark.kind]), el('span', {}, mark.text), path
+        cells: [time, el('span', { class: 'stamp' }, KIND_TITLES[mark.kind]), el('span', {}, mark.text), path
           ? actionButton(path.slice(path.lastIndexOf('/') + 1), () => save(path), { class: 'plain' }) : el('span')],
         update() {},
       };
@@ -169,6 +170,10 @@ export function createRecordingView(recording) {
         }
       }
     }
+    const events = contents.files.find(({ path }) => path === EVENTS);
+    if (events) {
+      found.push(...marksOfEvents(await readLines(EVENTS, Math.max(0, events.bytes - MOST_LOG_BYTES), MOST_LOG_BYTES), zone ?? 0));
+    }
     for (const { path, time, utc } of contents.files) {
       const [day = '', clock = ''] = time.split(' ');
       found.push(...markOfFile(path, zone ?? 0, utc === null ? wallSeconds(day, clock) : utc + (zone ?? 0)));
@@ -179,7 +184,8 @@ export function createRecordingView(recording) {
         found.push({ time: wallSeconds(day, clock), kind: 'session', text: name.startsWith('Start') ? 'The session was started' : 'The session was stopped' });
       }
     }
-    for (const [from, to] of holes(cards.find(({ path }) => /load\.csv$/.test(path))?.times() ?? [])) {
+    const regular = cards.find(({ path }) => /load\.csv$/.test(path)) ?? cards[0];
+    for (const [from, to] of holes(regular?.times() ?? [])) {
       found.push({ time: from, until: to, kind: 'storage', text: `Nothing was recorded until ${wallText(to)}` });
     }
     marks = sortedMarks(found);

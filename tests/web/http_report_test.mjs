@@ -39,11 +39,11 @@ test('calls are shown with their users, counts, frequencies and times', async (t
     /^[\d.,]+\|[\d.,]+\|[\d,]+\|(20\d\d-\d\d-\d\d [\d:]{8} UTC\|?){2}$/);
   assert.match(await card.locator('dl').textContent(), /Time20\d\d-.* to 20\d\d-.*Calls\d+.*By operator3/);
   assert.ok((await card.textContent()).includes('x%3C/b%3E.cgi') || (await card.textContent()).includes('<b>x</b>'));
+  assert.deepEqual(faults, []); // axe makes style elements of its own
   for (const colorScheme of ['light', 'dark']) {
     await page.emulateMedia({ colorScheme });
     assert.deepEqual(await violations(page), []);
   }
-  assert.deepEqual(faults, []);
 
   // Most frequent first, and nothing made up wherever the report ends.
   const { calls } = readReport(text);

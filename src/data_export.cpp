@@ -321,6 +321,12 @@ void reply_file(GDataOutputStream *stream, const std::string &session, const cha
     }
 }
 
+// Of a trace only what tells of its repair is for reading.
+bool is_trace_text(const std::string &path, const char *file) {
+    const std::string_view name = file == nullptr ? "" : file;
+    return (name == "repair.log" || name == "note.txt") && is_trace_dir(path.c_str());
+}
+
 // Why the arguments select no CSV file, or nullptr.
 const char *reason_to_refuse(const std::string &path, const std::string &session, const char *type,
                              const char *name, const char *pid) {
@@ -419,7 +425,10 @@ void action_view_monitor_data(GDataOutputStream *stream, GHashTable *arguments) 
     const char *file = http_argument(arguments, "file");
     const char *name = http_argument(arguments, "name");
     const char *pid = http_argument(arguments, "pid");
-    if (!is_monitory_dir(session.c_str())) {
+    if (is_trace_text(path, file)) {
+        reply_file(stream, path, file, http_argument(arguments, "offset"),
+                   http_argument(arguments, "length"));
+    } else if (!is_monitory_dir(session.c_str())) {
         refuse(stream, "storage must be the path of a session.");
     } else if (type != nullptr) {
         const char *reason = reason_to_refuse(path, session, type, name, pid);

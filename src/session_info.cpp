@@ -38,18 +38,29 @@ bool starts_with(const char *text, const char *start) {
     return std::strncmp(text, start, std::strlen(start)) == 0;
 }
 
+bool is_below_a_storage(const char *path) {
+    return starts_with(path, "/var/spool/storage/") && std::strstr(path, "Vandrel") != nullptr;
+}
+
+// The path is put into command lines too: nothing but what the daemon itself would name so.
+bool is_plain_directory(const char *path) {
+    return std::strlen(path) <= session_path_max && is_shell_word(path) &&
+           std::strstr(path, "/..") == nullptr && is_real_directory(path);
+}
+
 } // namespace
 
 bool is_monitory_dir(const char *path) {
-    if (path == nullptr || std::strlen(path) > session_path_max) {
-        return false;
-    }
     const bool below_a_storage =
-        starts_with(path, "/usr/local/packages/Vandrel/localdata") ||
-        (starts_with(path, "/var/spool/storage/") && std::strstr(path, "Vandrel") != nullptr);
-    // The path is put into command lines too: nothing but what the daemon would name a session.
-    return below_a_storage && is_shell_word(path) && std::strstr(path, "/..") == nullptr &&
-           is_real_directory(path) && is_start_stamp(std::strrchr(path, '/') + 1);
+        path != nullptr &&
+        (starts_with(path, "/usr/local/packages/Vandrel/localdata") || is_below_a_storage(path));
+    return below_a_storage && is_plain_directory(path) &&
+           is_start_stamp(std::strrchr(path, '/') + 1);
+}
+
+bool is_trace_dir(const char *path) {
+    return path != nullptr && is_below_a_storage(path) && is_plain_directory(path) &&
+           is_file((std::string(path) + "/wireshark_signature.txt").c_str());
 }
 
 bool rewrite_session_info(const std::string &session_directory, const char *temporary_name,

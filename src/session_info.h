@@ -13,6 +13,9 @@ inline constexpr std::size_t session_path_max = 199;
 // request must pass this before anything else is done with it.
 bool is_monitory_dir(const char *path);
 
+// The same for the folder of a network trace, which holds the file "wireshark_signature.txt".
+bool is_trace_dir(const char *path);
+
 // Gives a field's new value from what stood behind its "NAME: " (line end included), or nothing to
 // leave the line as it is.
 using session_info_update = std::optional<std::string> (*)(const std::string &old_value);

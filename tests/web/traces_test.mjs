@@ -104,6 +104,20 @@ test('a trace is started, watched, stopped, downloaded and deleted', async () =>
   for (const name of ['trace.pcap', 'repair.log', 'note.txt']) {
     assert.ok(names.includes(name), names.join());
   }
+  await button(page, 'Repair log of trace door-1.a').click();
+  const repair = page.getByRole('region', { name: 'Repair', exact: true });
+  await repair.getByText('Repair of trace door-1.a').waitFor();
+  assert.equal(await repair.getByLabel('Repair log').textContent(), await camera.shell(`cat ${root}/door-1.a/repair.log`));
+  await repair.getByText((await camera.shell(`cat ${root}/door-1.a/note.txt`)).trim().split('\n')[0]).waitFor();
+  for (const query of [{ file: 'pcapdump.pcap' }, { file: '../door-1.a/repair.log' }, {}]) {
+    const reply = await camera.action('view_monitor_data', { storage: `${root}/door-1.a`, ...query });
+    assert.equal(reply.status, 400, JSON.stringify(query));
+  }
+  await camera.shell(`ln -s ${root}/door-1.a ${root}/link; mkdir ${root}/other; cp ${root}/door-1.a/repair.log ${root}/other`);
+  for (const name of ['link', 'other', 'door-1.a/../door-1.a', 'none']) {
+    assert.equal((await camera.action('view_monitor_data', { storage: `${root}/${name}`, file: 'repair.log' })).status, 400, name);
+  }
+  await camera.shell(`rm -r ${root}/link ${root}/other`);
   await start(page, 'door-1.a');
   await page.getByText('it would be overwritten').waitFor();
   for (const colorScheme of ['light', 'dark']) {

@@ -39,6 +39,9 @@ const ADVICE = [
     + '1 to 65535 and an interval.'],
   [/Could not remove nc-rule/, 'The rule is not there any more: someone else has deleted it.'],
   [/Traceroute binary for architecture/, 'The package has no traceroute for this camera.'],
+  [/storage must be the path of a session/, 'It is not there: it was deleted, or its storage is gone. '
+    + 'Bring the storage back and look again.'],
+  [/no such file in the session/, 'There is none: nothing was recorded, or it is only in the archive.'],
   [/did not match any installed|Missing option/, 'The daemon is older than this page. Install the '
     + 'package again.'],
   [/product model/, 'The camera’s parameters can’t be read. Restart the package on the camera and '

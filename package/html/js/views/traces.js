@@ -1,6 +1,6 @@
 // Network traces: the running one, starting and stopping one, and the list of all.
 
-import { requestGranted } from '../api.js';
+import { request, requestGranted } from '../api.js';
 import { download } from '../archive.js';
 import { actionButton, confirmed, createFacts, createMessage, createTable, explainedField }
   from '../controls.js';
@@ -15,6 +15,7 @@ const TIMEOUT_MS = 120000;
 // The daemon answers nothing else while it repairs, at some MB/s on a slow storage.
 const REPAIR_TIMEOUT_MS = 3600000;
 const FIRST_LOOK_MS = 2000;
+const REPAIR_SHOWN = 1_000_000; // bytes
 // The capture begins some time after the daemon has answered.
 const CAPTURE_MS = 8000;
 const PLAIN = /^[A-Za-z0-9_][A-Za-z0-9._-]*$/;
@@ -210,6 +211,33 @@ export function create() {
     }
   }
 
+  // What was repaired
+  const repairTitle = el('h2', { tabindex: -1 });
+  const repairNote = el('p');
+  const repairText = el('pre', { class: 'content', tabindex: 0, 'aria-label': 'Repair log' });
+  const repairCard = el('section', { class: 'card', 'aria-label': 'Repair', hidden: true },
+    el('div', { class: 'tools apart' }, repairTitle,
+      el('button', { type: 'button', onclick: () => { repairCard.hidden = true; } }, 'Close')),
+    repairNote, repairText);
+
+  /** @param {Trace} trace */
+  async function showRepair({ path, name }) {
+    message.clear();
+    try {
+      const log = await request('view_monitor_data',
+        { storage: path, file: 'repair.log', length: String(REPAIR_SHOWN) });
+      const note = await request('view_monitor_data', { storage: path, file: 'note.txt' });
+      setText(repairTitle, `Repair of trace ${name}`);
+      setText(repairNote, note.trim());
+      setText(repairText, log.length < REPAIR_SHOWN ? log
+        : `${log}\n… The archive has the rest.`);
+      repairCard.hidden = false;
+      repairTitle.focus();
+    } catch (error) {
+      message.fail(error, `Trace ${name}`);
+    }
+  }
+
   /** @param {Trace} first */
   function makeRow(first) {
     let trace = first;
@@ -219,11 +247,13 @@ export function create() {
     const state = el('span', { class: 'badge' });
     const archive = actionButton('Download', () => downloadTrace(trace),
       { 'aria-label': `Download trace ${trace.name}` });
+    const repair = actionButton('Repair log', () => showRepair(trace),
+      { 'aria-label': `Repair log of trace ${trace.name}` });
     const deletion = actionButton('Delete', () => remove(trace),
       { class: 'danger', 'aria-label': `Delete trace ${trace.name}` });
     return {
       cells: [el('span', {}, trace.name), begin, end, el('span', {}, trace.path), size, state,
-        el('div', { class: 'tools' }, archive, deletion)],
+        el('div', { class: 'tools' }, archive, repair, deletion)],
       /** @param {Trace} next */
       update(next) {
         trace = next;
@@ -234,6 +264,7 @@ export function create() {
         state.dataset.state = shown.state;
         setText(state, shown.text);
         archive.hidden = next.bytes === null;
+        repair.hidden = next.running || next.stop === '';
         deletion.hidden = next.running;
       },
     };
@@ -308,7 +339,7 @@ export function create() {
   }
 
   const element = el('div', { class: 'view' }, el('h1', {}, 'Traces'), message.element,
-    el('div', { class: 'cards' }, stateCard, startCard), listCard);
+    el('div', { class: 'cards' }, stateCard, startCard), listCard, repairCard);
   const { refresh } = watchTraces(element, show);
   return { element, show: () => { refresh(); } };
 }

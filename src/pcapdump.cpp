@@ -7,6 +7,7 @@
 #include "log.h"
 #include "pcap.h"
 #include "session_globals.h"
+#include "session_info.h"
 #include "shell_word.h"
 #include "strutil.h"
 #include "sysutil.h"
@@ -279,8 +280,7 @@ void action_remove_wireshark_session(GDataOutputStream *stream, GHashTable *argu
         return;
     }
     // Anything but a trace's folder stays; so does the one that a capture is running into.
-    if (is_trace_folder(folder) && folder != wireshark_session_destination &&
-        is_file(in_folder(folder, "wireshark_signature.txt").c_str())) {
+    if (is_trace_dir(folder) && folder != wireshark_session_destination) {
         dir_remove_recursive(folder);
     }
     errno = 0;

@@ -42,6 +42,7 @@ const ADVICE = [
   [/storage must be the path of a session/, 'It is not there: it was deleted, or its storage is gone. '
     + 'Bring the storage back and look again.'],
   [/no such file in the session/, 'There is none: nothing was recorded, or it is only in the archive.'],
+  [/what duration/, 'Give the seconds that the trace ran.'],
   [/did not match any installed|Missing option/, 'The daemon is older than this page. Install the '
     + 'package again.'],
   [/product model/, 'The camera’s parameters can’t be read. Restart the package on the camera and '

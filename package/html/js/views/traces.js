@@ -157,6 +157,31 @@ export function create() {
     el('p', { class: 'foot' }, asOf, ' ',
       el('button', { type: 'button', class: 'plain', onclick: () => refresh() }, 'Refresh')));
 
+  // A trace that was taken elsewhere
+  const seconds = el('input', { type: 'text', inputmode: 'numeric', autocomplete: 'off' });
+  const secondsField = explainedField('Seconds it ran', seconds);
+  async function noteDirect() {
+    const typedSeconds = seconds.value.trim();
+    const wrong = !/^\d{0,9}$/.test(typedSeconds);
+    secondsField.explain(wrong ? 'A whole number.' : '', wrong);
+    if (wrong) {
+      seconds.focus();
+      return;
+    }
+    try {
+      await requestGranted('wireshark_direct', typedSeconds === '' ? {} : { duration: typedSeconds }, ['Ok']);
+      message.show('good', 'Noted. ', logLink('Direct Network Trace Download', 'It stands in the log.'));
+    } catch (error) {
+      message.fail(error);
+    }
+  }
+  const directCard = el('section', { class: 'card', 'aria-label': 'Direct trace' },
+    el('h2', {}, 'Direct trace'),
+    el('p', { class: 'quiet' }, 'Has the camera’s log say that a trace was taken past this page, such as '
+      + 'with the camera’s own trace download, so that whoever reads the log knows of it.'),
+    el('form', { novalidate: true, onsubmit: (event) => event.preventDefault() }, secondsField.element,
+      el('div', { class: 'tools' }, actionButton('Note in the log', noteDirect, { type: 'submit' }))));
+
   // The list
   /** @param {Trace} trace */
   async function downloadTrace({ path, name }) {
@@ -339,7 +364,7 @@ export function create() {
   }
 
   const element = el('div', { class: 'view' }, el('h1', {}, 'Traces'), message.element,
-    el('div', { class: 'cards' }, stateCard, startCard), listCard, repairCard);
+    el('div', { class: 'cards' }, stateCard, startCard), listCard, repairCard, directCard);
   const { refresh } = watchTraces(element, show);
   return { element, show: () => { refresh(); } };
 }

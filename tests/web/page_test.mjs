@@ -239,3 +239,22 @@ test('no accessibility violation in any view, light and dark, wide and narrow', 
     }
   }
 });
+
+test('every view fits a tablet, without an accessibility violation, and is kept as a picture', async () => {
+  for (const colorScheme of ['light', 'dark']) {
+    const page = await openPage('', { colorScheme, viewport: { width: 768, height: 1024 } });
+    await page.getByText('Daemon answers').first().waitFor();
+    for (const link of await page.getByRole('navigation').getByRole('link').all()) {
+      const name = await link.textContent();
+      await link.click();
+      await page.waitForFunction((title) => document.title === `${title} – Vandrel`, name);
+      await page.getByRole('heading', { level: 1, name: /./ }).first().waitFor();
+      assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), `${name} is too wide`);
+      assert.deepEqual(await violations(page), [], name);
+      await page.screenshot({ path: fileURLToPath(new URL(`screenshots/${name}-${colorScheme}.png`, import.meta.url)) });
+    }
+    faults = faults.filter((fault) => !/Trusted|Content.Security.Policy/i.test(fault)); // axe's own
+    assert.deepEqual(faults, []);
+    await context.close();
+  }
+});

@@ -29,9 +29,9 @@ bool is_start_stamp(const char *folder) {
 }
 
 // A link on a share could lead anywhere.
-bool is_real_directory(const char *path) {
+bool is_real(const char *path, mode_t type) {
     struct stat status {};
-    return ::lstat(path, &status) == 0 && S_ISDIR(status.st_mode);
+    return ::lstat(path, &status) == 0 && (status.st_mode & S_IFMT) == type;
 }
 
 bool starts_with(const char *text, const char *start) {
@@ -45,7 +45,7 @@ bool is_below_a_storage(const char *path) {
 // The path is put into command lines too: nothing but what the daemon itself would name so.
 bool is_plain_directory(const char *path) {
     return std::strlen(path) <= session_path_max && is_shell_word(path) &&
-           std::strstr(path, "/..") == nullptr && is_real_directory(path);
+           std::strstr(path, "/..") == nullptr && is_real(path, S_IFDIR);
 }
 
 } // namespace
@@ -59,8 +59,12 @@ bool is_monitory_dir(const char *path) {
 }
 
 bool is_trace_dir(const char *path) {
-    return path != nullptr && is_below_a_storage(path) && is_plain_directory(path) &&
-           is_file((std::string(path) + "/wireshark_signature.txt").c_str());
+    // One way to write a path: it is compared with that of the running trace, and a slash at the
+    // end would follow a link.
+    return path != nullptr && is_below_a_storage(path) && std::strstr(path, "//") == nullptr &&
+           std::strstr(path, "/.") == nullptr && path[std::strlen(path) - 1] != '/' &&
+           is_plain_directory(path) &&
+           is_real((std::string(path) + "/wireshark_signature.txt").c_str(), S_IFREG);
 }
 
 bool rewrite_session_info(const std::string &session_directory, const char *temporary_name,

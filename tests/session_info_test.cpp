@@ -57,6 +57,28 @@ TEST(SessionInfo, KnowsASessionDirectory) {
     EXPECT_FALSE(is_monitory_dir((card + std::string("20230531_08_27_59")).c_str()));
 }
 
+TEST(SessionInfo, KnowsATraceDirectory) {
+    const std::string folder = card + std::string("door-1.a");
+    write_file(folder + "/wireshark_signature.txt", "Start:2026-11-21 05:50:48\n");
+    fs::create_directories(card + std::string("other"));
+    fs::create_directory_symlink(folder, card + std::string("link"));
+    fs::create_directories(card + std::string("linked"));
+    fs::create_symlink(folder + "/wireshark_signature.txt",
+                       card + std::string("linked/wireshark_signature.txt"));
+    write_file("/tmp/Vandrel/wireshark_signature.txt", "");
+    EXPECT_TRUE(is_trace_dir(folder.c_str()));
+    for (const std::string &path :
+         {card + std::string("other"), card + std::string("link"), card + std::string("link/"),
+          card + std::string("linked"), card + std::string("/door-1.a"),
+          card + std::string("./door-1.a"), card + std::string("other/../door-1.a"),
+          card + std::string("missing"), folder + "/", folder + "/.",
+          folder + "/wireshark_signature.txt", std::string("/tmp/Vandrel"),
+          folder + std::string(5000, '/'), std::string()}) {
+        EXPECT_FALSE(is_trace_dir(path.c_str())) << path.substr(0, 100);
+    }
+    EXPECT_FALSE(is_trace_dir(nullptr));
+}
+
 TEST(SessionInfo, RewritesOneField) {
     const std::string others = "Model Name: X\r\nDurations: 5\r\n";
     const std::string zero = "0 Days 0 hours 0 minutes";

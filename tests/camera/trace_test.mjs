@@ -60,6 +60,10 @@ describe("a trace", () => {
     await start("rec1");
     await until(async () => (await camera.exec("test", "-s", `${folder}/pcapdump.pcap`)).status === 0);
     assert.ok(await packets(`${folder}/earlier_*/trace.pcap`) >= whole);
+    for (const path of [folder, `${folder}/`, `${root}//rec1`, `${root}/./rec1`]) { // it runs
+      await camera.action("remove_wireshark_session", { storage: path });
+      assert.equal((await camera.exec("test", "-s", `${folder}/pcapdump.pcap`)).status, 0, path);
+    }
     await stop();
     await view();
 

@@ -183,6 +183,33 @@ test('the view last asked for is shown, however slowly another loads', async () 
   await heading.filter({ hasText: 'Overview' }).waitFor();
 });
 
+test('the page keeps its policy where the web server sends none', async () => {
+  const page = await openPage();
+  await page.route('**/local/Vandrel/', async (route) => {
+    const response = await route.fetch();
+    const headers = Object.entries(response.headers()).filter(([name]) => name !== 'content-security-policy');
+    await route.fulfill({ response, headers: Object.fromEntries(headers) });
+  });
+  const [reply] = await Promise.all([page.waitForResponse('**/local/Vandrel/'), page.reload()]);
+  assert.equal(reply.headers()['content-security-policy'], undefined);
+  await page.getByRole('status').filter({ hasText: 'Daemon answers' }).waitFor();
+  assert.deepEqual(faults, []);
+  const blocked = await page.evaluate((markup) => {
+    const script = document.createElement('script');
+    script.append('window.ran = true');
+    document.body.append(script);
+    try {
+      document.body.innerHTML = markup;
+    } catch (error) {
+      return error.name;
+    }
+    return '';
+  }, MARKUP);
+  assert.equal(blocked, 'TypeError');
+  assert.equal(await page.evaluate(() => window.ran), undefined);
+  faults = [];
+});
+
 test('others than administrators get no page', async () => {
   for (const [httpCredentials, expected] of [
     [undefined, 401], [{ username: 'operator', password: 'camera' }, 403],

@@ -30,7 +30,6 @@ constexpr std::size_t script_command_size = 1024;
 constexpr std::size_t index_line_max = 255;
 constexpr const char *index_path =
     "/usr/local/packages/Vandrel/localdata/found_wireshark_sessions.txt";
-constexpr const char *storages = "/var/spool/storage/";
 constexpr const char *json = "application/json; charset=utf-8";
 constexpr const char *text = "text/plain; charset=utf-8";
 constexpr http_status ok = http_status::ok;
@@ -50,13 +49,6 @@ std::optional<std::string> destination_of(const std::string &storage,
         return std::nullopt;
     }
     return *root + recording;
-}
-
-// A folder that a request names: below a storage, and fit for a command line.
-bool is_trace_folder(const char *path) {
-    return path != nullptr && std::strlen(path) < destination_size &&
-           std::strncmp(path, storages, std::strlen(storages)) == 0 && is_shell_word(path) &&
-           std::strstr(path, "/..") == nullptr && is_directory(path);
 }
 
 std::string in_folder(const std::string &folder, const char *file) {
@@ -245,7 +237,7 @@ void action_view_wireshark_sessions(GDataOutputStream *stream, GHashTable *) {
 
 void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *arguments) {
     const char *folder = http_argument(arguments, "storage");
-    if (!is_trace_folder(folder)) {
+    if (!is_trace_dir(folder)) {
         errno = 0;
         http_reply(stream, ok, "text/html; charset=utf-8",
                    "<!DOCTYPE html><body><pre>Invalid path given.</pre></body></html>\r\n");

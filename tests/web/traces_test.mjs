@@ -109,6 +109,11 @@ test('a trace is started, watched, stopped, downloaded and deleted', async () =>
   await repair.getByText('Repair of trace door-1.a').waitFor();
   assert.equal(await repair.getByLabel('Repair log').textContent(), await camera.shell(`cat ${root}/door-1.a/repair.log`));
   await repair.getByText((await camera.shell(`cat ${root}/door-1.a/note.txt`)).trim().split('\n')[0]).waitFor();
+  await camera.shell(`mv ${root}/door-1.a/note.txt /tmp`);
+  await button(page, 'Repair log of trace door-1.a').click();
+  await repair.getByText('There is no note on it.').waitFor();
+  assert.notEqual(await repair.getByLabel('Repair log').textContent(), '');
+  await camera.shell(`mv /tmp/note.txt ${root}/door-1.a`);
   for (const query of [{ file: 'pcapdump.pcap' }, { file: '../door-1.a/repair.log' }, {}]) {
     const reply = await camera.action('view_monitor_data', { storage: `${root}/door-1.a`, ...query });
     assert.equal(reply.status, 400, JSON.stringify(query));

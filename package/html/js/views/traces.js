@@ -248,19 +248,22 @@ export function create() {
   /** @param {Trace} trace */
   async function showRepair({ path, name }) {
     message.clear();
-    try {
-      const log = await request('view_monitor_data',
-        { storage: path, file: 'repair.log', length: String(REPAIR_SHOWN) });
-      const note = await request('view_monitor_data', { storage: path, file: 'note.txt' });
-      setText(repairTitle, `Repair of trace ${name}`);
-      setText(repairNote, note.trim());
-      setText(repairText, log.length < REPAIR_SHOWN ? log
-        : `${log}\n… The archive has the rest.`);
-      repairCard.hidden = false;
-      repairTitle.focus();
-    } catch (error) {
-      message.fail(error, `Trace ${name}`);
+    const read = (/** @type {string} */ file, more = {}) =>
+      request('view_monitor_data', { storage: path, file, ...more });
+    // Either may be missing: a storage that was full has room for one.
+    const [log, note] = await Promise.allSettled([
+      read('repair.log', { length: String(REPAIR_SHOWN) }), read('note.txt')]);
+    if (log.status === 'rejected' && note.status === 'rejected') {
+      message.fail(log.reason, `Trace ${name}`);
+      return;
     }
+    const text = log.status === 'fulfilled' ? log.value : '';
+    setText(repairTitle, `Repair of trace ${name}`);
+    setText(repairNote, note.status === 'fulfilled' ? note.value.trim() : 'There is no note on it.');
+    setText(repairText, log.status === 'rejected' ? 'There is no repair log.'
+      : new Blob([text]).size < REPAIR_SHOWN ? text : `${text}\n… The archive has the rest.`);
+    repairCard.hidden = false;
+    repairTitle.focus();
   }
 
   /** @param {Trace} first */

@@ -57,6 +57,7 @@ test("the camera restarts and tests its PTZ head by itself", async (t) => {
   await camera.shell("sleep 120"); // it may have come back within the minute that it went down in
   assert.equal(await camera.pid("Vandrel"), pid);
   assert.match((await set(camera, "automatic_restart", "stop")).body, /at given times has been stopped/);
+  assert.equal(await log(camera, "Could not restart"), ""); // what goes down isn't restarted
 
   // What the device had, it gets back; what was changed by hand between is not what it had.
   await camera.exec("systemctl", "kill", "-s", "TERM", "Vandrel");

@@ -188,7 +188,8 @@ bool count_match(systemlogs_monitor_t &rule, std::time_t now) {
         return false;
     }
     const std::int64_t elapsed = now - rule.latest_activation;
-    if (elapsed < rule.cooldown) {
+    // The first match passes whatever the clock says: a camera's may begin at 1970.
+    if (rule.latest_activation != 0 && elapsed < rule.cooldown) {
         const auto left = static_cast<unsigned>(rule.cooldown - elapsed);
         log_info("Advanced Debug Mode: Found log message within Cool Down time. No Crash Report "
                  "will generated. Will be ready in %u minutes, %u seconds.",
@@ -488,6 +489,14 @@ void syslog_triggers_begin_listening() {
                                                nullptr};
     if (!tail_process) {
         tail_process = process_create(follower, traverse_and_trigger_if_so);
+    }
+}
+
+void syslog_triggers_keep_listening() {
+    if (tail_process && tail_process->ended) {
+        log_warning("What follows the log for the triggers has ended and is started again.");
+        syslog_triggers_stop_listening();
+        syslog_triggers_begin_listening();
     }
 }
 

@@ -88,6 +88,8 @@ const systemlogs_monitor_t *get_systemlog_list();
 
 // Starts and ends following the log. Ending waits for the follower's thread.
 void syslog_triggers_begin_listening();
+// While it is followed: starts a follower anew that somebody has ended. Costs nothing otherwise.
+void syslog_triggers_keep_listening();
 void syslog_triggers_stop_listening();
 
 // The action: "do" is add, remove or list.

@@ -5,8 +5,8 @@
 #include "log_capture.h"
 #include "paramsetter.h"
 #include "sandbox.h"
+#include "strutil.h"
 
-#include <ctime>
 #include <filesystem>
 #include <gtest/gtest.h>
 
@@ -20,10 +20,6 @@ const std::string restart_interval_file = folder + "automatic_restart_interval.i
 const std::string restart_times_file = folder + "automatic_restart_times.info";
 const std::string ptz_interval_file = folder + "automatic_PTZ_test_interval.info";
 const std::string ptz_times_file = folder + "automatic_PTZ_test_times.info";
-const std::string reset_call =
-    "dbus-send --system --type=method_call --print-reply --reply-timeout=3000 "
-    "--dest=com.tarvo.PTZ.Coordinator /com/tarvo/PTZ/Coordinator/1 "
-    "com.tarvo.PTZ.Coordinator.Auxiliary string:Operator int32:0 string:reset";
 
 class ScheduledTasks : public testing::Test {
   protected:
@@ -46,14 +42,6 @@ class ScheduledTasks : public testing::Test {
 std::string ask(const std::string &rule, const std::string &status, const std::string &argument) {
     return body_of(action_miscellaneous, query("rule=" + rule + "&status=" + status +
                                                (argument == "-" ? "" : "&argument=" + argument)));
-}
-
-// The time of day in so many minutes.
-std::string minute_from_now(int minutes) {
-    const std::time_t at = std::time(nullptr) + minutes * 60L;
-    char text[6];
-    std::strftime(text, sizeof text, "%H:%M", std::localtime(&at));
-    return text;
 }
 
 } // namespace
@@ -167,70 +155,35 @@ TEST_F(ScheduledTasks, ReadsBackWhatIsThere) {
     EXPECT_FALSE(automatic_restart_given_times);
 }
 
-TEST_F(ScheduledTasks, ATimeOfDayFiresOnceInItsMinute) {
-    log_capture log;
-    std::string minute;
-    int fired = 0;
-    do { // again if the minute has changed meanwhile
-        minute = minute_from_now(0);
-        log.clear();
-        recorded_calls();
-        ptz_test_given_times = "xx," + minute + "," + minute;
-        for (int tick = 0; tick < 3; ++tick) {
-            EXPECT_TRUE(scheduled_tasks_timer_callback(nullptr));
-        }
-        ++fired;
-    } while (minute != minute_from_now(0));
-    if (fired == 1) {
-        EXPECT_EQ(log.texts(), texts{"WARNING Automatic PTZ Test"});
-        EXPECT_EQ(recorded_calls(), texts{reset_call});
-    }
-    // Not while an interval is set, not at another time, and no restart in the minute of the start:
-    // it would be that of the restart that has just been made.
-    recorded_calls();
-    ask("automatic_ptz_test", "set_interval", "100");
-    automatic_restart_given_times = minute_from_now(5);
-    scheduled_tasks_timer_callback(nullptr);
-    do {
-        minute = minute_from_now(0);
-        read_scheduled_tasks();
-        automatic_restart_given_times = minute;
-        recorded_calls();
-        scheduled_tasks_timer_callback(nullptr);
-    } while (minute != minute_from_now(0));
-    EXPECT_TRUE(recorded_calls().empty());
-}
-
 TEST_F(ScheduledTasks, ServicesGetTheirFirstSettingsBack) {
     const std::string device = "/etc/tvparameter/parameters.conf";
-    write_file(device, "root.Network.SSH.Enabled=no\nroot.Network.FTP.Enabled=maybe not\n");
+    const std::string file = folder + "parameters.txt";
+    const auto both = [](const char *ssh, const char *ftp) {
+        return format_text("root.Network.SSH.Enabled=%s\nroot.Network.FTP.Enabled=%s\n", ssh, ftp);
+    };
+    write_file(device, both("no", "maybe not"));
     const std::unique_ptr<TVParameter, deleter<tv_parameter_free>> handle(
         tv_parameter_new("Vandrel", nullptr));
     std::string ssh, ftp;
     store_SSH_FTP_settings(handle.get(), ssh, ftp);
     activate_SSH_FTP(handle.get());
-    EXPECT_EQ(read_file(device), "root.Network.SSH.Enabled=yes\nroot.Network.FTP.Enabled=yes\n");
-    EXPECT_EQ(read_file(folder + "parameters.txt"), "SSH:no\nFTP:maybe not\n");
-    restore_SSH_FTP_settings(handle.get(), ssh, ftp);
-    EXPECT_EQ(read_file(device),
-              "root.Network.SSH.Enabled=no\nroot.Network.FTP.Enabled=maybe not\n");
-
-    write_file(device, "root.Network.SSH.Enabled=by hand\nroot.Network.FTP.Enabled=by hand\n");
+    EXPECT_EQ(read_file(device), both("yes", "yes"));
+    EXPECT_EQ(read_file(file), "SSH:no\nFTP:maybe not\n");
     store_SSH_FTP_settings(handle.get(), ssh, ftp);
-    EXPECT_EQ(ssh + "," + ftp, "no,maybe not");
+    restore_SSH_FTP_settings(handle.get(), ssh, ftp);
+    EXPECT_EQ(read_file(device), both("no", "maybe not"));
 
     // A file that has lost its content brings nothing back, and changes nothing.
     for (const std::string &content : {std::string(), std::string("SSH:"), std::string(99, '\0')}) {
-        write_file(folder + "parameters.txt", content);
+        write_file(file, content);
         store_SSH_FTP_settings(handle.get(), ssh, ftp);
         restore_SSH_FTP_settings(handle.get(), ssh, ftp);
     }
-    EXPECT_EQ(read_file(device),
-              "root.Network.SSH.Enabled=by hand\nroot.Network.FTP.Enabled=by hand\n");
+    EXPECT_EQ(read_file(device), both("no", "maybe not"));
     // With nothing to ask, nothing is remembered for good.
-    fs::remove(folder + "parameters.txt");
+    fs::remove(file);
     log_capture log;
     store_SSH_FTP_settings(nullptr, ssh, ftp);
-    EXPECT_FALSE(fs::exists(folder + "parameters.txt"));
+    EXPECT_FALSE(fs::exists(file));
     EXPECT_EQ(log.texts()[0], "WARNING Could not get status of root.Network.SSH.Enabled.");
 }

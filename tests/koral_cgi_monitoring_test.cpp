@@ -265,11 +265,6 @@ TEST(HttpLog, IsConfiguredAndRotated) {
     fs::create_directories("/etc/apache2/conf.d");
     EXPECT_TRUE(vdrl_http_log_setup());
     EXPECT_TRUE(vdrl_http_log_is_enabled());
-    EXPECT_EQ(read_file("/etc/apache2/conf.d/log.conf"),
-              "<IfModule mod_log_config.c>\n"
-              "    LogFormat \"%t IPAddress:%h User:%u  \\\"%r\\\" Process Time:%{ms}Tms HTTP "
-              "Status:%>s\" common\n\n    CustomLog \"/var/log/HTTP_log.txt\" common\n"
-              "</IfModule>\n");
     vdrl_http_log_disable();
     EXPECT_FALSE(vdrl_http_log_is_enabled());
     fs::create_directories("/etc/apache2/conf.d/log.conf"); // can't be replaced

@@ -97,15 +97,12 @@ TEST(LineParser, ManyLinesAtFullSpeedAllArriveInOrder) {
 
 TEST(LineParser, RefusesWhatItCanNotStart) {
     log_capture log;
-    const char *const missing[] = {"/missing", nullptr};
-    EXPECT_EQ(process_create(missing, take_line), nullptr);
-    const char *const bare_name[] = {"sh", nullptr}; // PATH is not searched
-    EXPECT_EQ(process_create(bare_name, take_line), nullptr);
-    const char *const nothing[] = {nullptr};
-    EXPECT_EQ(process_create(nothing, take_line), nullptr);
     std::vector<const char *> many(101, "/bin/sh");
     many.push_back(nullptr);
-    EXPECT_EQ(process_create(many.data(), take_line), nullptr);
+    for (const auto &argv : std::vector<std::vector<const char *>>{
+             {"/missing", nullptr}, {"sh", nullptr} /* PATH is not searched */, {nullptr}, many}) {
+        EXPECT_EQ(process_create(argv.data(), take_line), nullptr);
+    }
     const std::string not_found = "INFO Could not start process: Application not found.";
     EXPECT_EQ(log.texts(),
               (std::vector<std::string>{
@@ -132,6 +129,7 @@ TEST(LineParser, AnEndedChildCostsNothingUntilTheStop) {
     std::this_thread::sleep_for(std::chrono::seconds(2));
     EXPECT_EQ(voluntary_switches(reader), before);
     EXPECT_TRUE(info->running);
+    EXPECT_TRUE(info->ended);
     end(std::move(info));
     EXPECT_EQ(zombie_children(), 0);
 }

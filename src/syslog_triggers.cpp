@@ -380,7 +380,8 @@ std::string json_text(const std::string &text) {
 bool create_a_systemlog_trigger_rule(const trigger_request &request, bool store_also) {
     const std::string name = request.name.substr(0, request.name.find('\n'));
     const std::string key = request.key_word.substr(0, request.key_word.find('\n'));
-    if (!is_usable(name, trigger_name_max) || !is_usable(key, trigger_key_max)) {
+    const bool is_title = g_utf8_validate(name.data(), static_cast<gssize>(name.size()), nullptr);
+    if (!is_usable(name, trigger_name_max) || !is_title || !is_usable(key, trigger_key_max)) {
         return false;
     }
     if (request.subscribe_also) {

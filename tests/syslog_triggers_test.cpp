@@ -246,6 +246,7 @@ TEST_F(SyslogTriggers, AnswersTheAction) {
         {"do=add&name=n&key=", refused},
         {"do=add&name=\nx&key=k", refused},
         {"do=add&name=n&key=tab\there", refused},
+        {"do=add&name=\xc3&key=k", refused},
         {"do=add&key=k&name=" + std::string(243, 'n'), refused},
         {"do=add&name=n&key=" + std::string(100'000, 'k'), refused},
         {"do=add&name=n&subscription_message=m&limit=3", refused},

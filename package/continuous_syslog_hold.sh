@@ -67,13 +67,16 @@ if command -v flock >/dev/null && ! tries 50 flock -n 9; then
     exit 1 # logrotate comes again
 fi
 find_users
-[ -n "$writers" ] || exit 0
+[ -n "$writers" ] || exit 1 # one that is just being restarted would write between copy and emptying
 export writers followers
 # shellcheck disable=SC2091 # nothing where there is none
 $(command -v setsid) "$0" "$log" release </dev/null >/dev/null 2>&1 &
 # shellcheck disable=SC2086 # a list
 kill -STOP $writers
-if ! tries 20 have_stopped; then
+stopped=$writers
+if ! tries 20 have_stopped || ! { find_users && [ "$writers" = "$stopped" ]; }; then
+    writers=$stopped # and not those who have come in their place meanwhile
+    kill -KILL $! # it would hold the lock
     go_on
     exit 1
 fi

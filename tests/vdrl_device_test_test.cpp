@@ -36,7 +36,17 @@ class DeviceTest : public testing::Test {
     std::vector<std::string> run() {
         log_capture log;
         vdrl_dt_run(rules_.get(), serial);
+        finish();
         return log.texts();
+    }
+    void finish() {
+        EXPECT_TRUE(run_until([this] {
+            const nc_rules_t *rule = rules_.get();
+            while (rule != nullptr && !rule->being_checked) {
+                rule = rule->next.get();
+            }
+            return rule == nullptr;
+        }));
     }
     std::unique_ptr<nc_rules_t> rules_;
 };
@@ -89,11 +99,58 @@ TEST_F(DeviceTest, BelievesPingsStatusAndTcptestsSilence) {
     install_tool("ping", "kill -9 $$\n");
     EXPECT_EQ(run()[0], "ERR (vdrl_device_test:#, errno: None) [nfd]: Unsuccessful command: ping "
                         "\"h\" 2>&1");
+    install_tool("ping", "exec sleep 1000\n");
+    for (int i = 0; i < 12; ++i) { // one that does not end is ended
+        vdrl_dt_run(rules_.get(), serial);
+    }
+    EXPECT_EQ(run().size(), 3U);
+    EXPECT_EQ(rules_->checks_total, 5U);
     install_tool("/usr/bin/tcptest", "exit 1\n");
     load("h", 80);
     EXPECT_EQ(run(), (std::vector<std::string>{sent, up + "h:80"}));
     install_tool("/usr/bin/tcptest", "echo\n");
     EXPECT_EQ(run(), (std::vector<std::string>{sent, first + "h:80", down + "h:80"}));
+}
+
+TEST_F(DeviceTest, CountsInListOrderWhoeverAnswersFirst) {
+    constexpr int hosts = 50; // more than run at once
+    std::string records;
+    for (int i = 0; i < hosts; ++i) {
+        records += "N:h" + std::to_string(i) + "\nP:-1\nT:1\nF:1\nL:n\n";
+    }
+    write_file(rules_file, records);
+    install_tool("/usr/local/packages/Vandrel/remove_nc_rule.sh", "");
+    install_tool("/usr/local/packages/Vandrel/define_nc_rule.sh", "");
+    install_tool("ping", "[ $1 != h0 ] || until [ -e /test/go ]; do sleep 0.01; done\n"
+                         "echo >> /test/ended\n");
+    rules_ = vdrl_dt_rules_read_from_file();
+    const int descriptors = open_descriptors();
+    log_capture log;
+    vdrl_dt_run(rules_.get(), serial);
+    EXPECT_TRUE(run_until([] { return read_file("/test/ended").size() == hosts - 1; }));
+    log.clear();
+    vdrl_dt_run(rules_.get(), serial); // starts nothing: all are being checked
+    EXPECT_TRUE(vdrl_dt_rule_remove(rules_, serial, "h7", -1));
+    vdrl_dt_rule_add(rules_, serial, "h7", -1, 100, 1, "n"); // is another rule, at the list's head
+    vdrl_dt_rule_add(rules_, serial, "h9", -1, 100, 1, "new");
+    write_file("/test/go", "");
+    finish();
+    std::vector<std::string> expected;
+    for (int i = 0; i < hosts; ++i) {
+        if (i != 7) {
+            const std::string name = i == 9 ? "new" : "n";
+            expected.push_back("INFO Network Device Test: [" + name +
+                               "] Connection successfully established to host: h" +
+                               std::to_string(i));
+        }
+    }
+    std::vector<std::string> results = log.texts();
+    std::erase_if(results, [](const std::string &line) { return !line.starts_with("INFO"); });
+    EXPECT_EQ(results, expected);
+    EXPECT_EQ(rules_->checks_total, 0U);
+    EXPECT_EQ(read_file("/test/ended").size(), hosts);
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(zombie_children(), 0);
 }
 
 TEST_F(DeviceTest, CompletesARecordFromItsLastLine) {

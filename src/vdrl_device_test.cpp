@@ -54,7 +54,7 @@ constexpr int http_port = 80;
 
 constexpr std::uint64_t timer_tick_wrap = 31'536'000;
 
-bool is_port(int port) {
+bool is_port(long long port) {
     return port == nc_port_icmp || (port >= 1 && port <= 65535);
 }
 
@@ -451,6 +451,12 @@ void vdrl_dt_rule_free(std::unique_ptr<nc_rules_t> &rule) {
     rule.reset();
 }
 
+// A decimal number, one that is no port as 0.
+int port_of(std::string_view text) {
+    const long long number = decimal_prefix(text);
+    return is_port(number) ? static_cast<int>(number) : 0;
+}
+
 // The low 32 bits of a decimal number.
 int low_bits(std::string_view text) {
     return static_cast<int>(static_cast<std::uint32_t>(decimal_prefix(text)));
@@ -498,13 +504,14 @@ std::unique_ptr<nc_rules_t> vdrl_dt_rules_read_from_file() {
             continue;
         }
         const std::string address = value_of(line);
-        const int port = low_bits(next_value());
+        const std::string port_text = next_value();
+        const int port = port_of(port_text);
         const std::uint64_t timer = decimal_prefix_unsigned(next_value());
         const int nbr_of_fails = low_bits(next_value());
         const std::string name = next_value();
         if (!vdrl_dt_is_host(address, port)) {
-            log_warning("Network Device Test: the rule for '%s', port %d, in '%s' can not be used",
-                        address.c_str(), port, rules_path);
+            log_warning("Network Device Test: the rule for '%s', port %s, in '%s' can not be used",
+                        address.c_str(), port_text.c_str(), rules_path);
             continue;
         }
         *end = new_rule(address, port, timer, nbr_of_fails, name);
@@ -606,7 +613,7 @@ void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const std::string address = argument("ip_address");
     const std::string name = argument("name");
     const std::string port_text = argument("port");
-    const int port = port_text.empty() || port_text == "ICMP" ? nc_port_icmp : low_bits(port_text);
+    const int port = port_text.empty() || port_text == "ICMP" ? nc_port_icmp : port_of(port_text);
     // A negative interval becomes one that never ends.
     const auto timer =
         static_cast<std::uint64_t>(static_cast<std::int64_t>(low_bits(argument("timer"))));
@@ -634,7 +641,7 @@ void action_remove_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const char *port = http_argument(arguments, "port");
     const bool removed =
         address != nullptr && port != nullptr &&
-        vdrl_dt_rule_remove(nc_rules, serial_number.value_or(""), address, low_bits(port));
+        vdrl_dt_rule_remove(nc_rules, serial_number.value_or(""), address, port_of(port));
     http_reply(stream, http_status::ok, "application/json; charset=utf-8",
                removed ? "{ \"success\": \"All required parameters were given and OK, could "
                          "remove nc-rule.\" }"

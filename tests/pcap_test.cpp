@@ -43,12 +43,6 @@ repaired repair(const std::string &input) {
     return made;
 }
 
-std::string first_difference(const std::string &made, const std::string &expected) {
-    const auto at = std::mismatch(made.begin(), made.end(), expected.begin(), expected.end()).first;
-    return "differs at byte " + std::to_string(at - made.begin()) + " of " +
-           std::to_string(made.size()) + ", expected " + std::to_string(expected.size());
-}
-
 std::string words(std::initializer_list<std::uint32_t> values) {
     return {reinterpret_cast<const char *>(values.begin()), values.size() * 4};
 }
@@ -67,8 +61,7 @@ TEST(Pcap, RepairsTheCorpus) {
         ASSERT_EQ(made.log, expected.log) << expected.name;
         ASSERT_EQ(made.result, expected.result) << expected.name;
         ASSERT_EQ(made.dropped, expected.dropped) << expected.name;
-        ASSERT_TRUE(made.output == expected.output)
-            << expected.name << first_difference(made.output, expected.output) << made.log;
+        ASSERT_TRUE(made.output == expected.output) << expected.name << '\n' << made.log;
         if (expected.name.starts_with("intact")) {
             ASSERT_TRUE(made.result == 0 && made.output == expected.input);
         }
@@ -127,9 +120,13 @@ TEST(Pcap, KnowsItsSettings) {
     data_link_type = -1;
     EXPECT_EQ(repair(words({1, 2, 3, 4, 1000, 5})).output, global_header);
 
+    const std::string packets = record(1700000000, 600000, 60) + record(1700000000, 700000, 60);
+    const repaired headless = repair(packets);
+    EXPECT_EQ(headless.result, 7);
+    EXPECT_TRUE(headless.output == global_header + packets);
+
     // Some garbage is a damaged first record, more is left out.
     deep_scan = 1;
-    const std::string packets = record(1700000000, 600000, 60) + record(1700000000, 700000, 60);
     const std::string near = global_header + std::string(65551, '\xee') + packets;
     EXPECT_EQ(repair(near).result, 1);
     const repaired later = repair(global_header + packets + std::string(70000, '\xee') + packets);

@@ -13,11 +13,18 @@ namespace {
 constexpr const char *rules_file = "/usr/local/packages/Vandrel/localdata/nc_rules.txt";
 const std::string serial = "A1B2C3D4E5F6";
 const std::string sent = "ERR (event:#, errno: None) [nfd] Error sending event\n"; // without a bus
-const std::string up =
-    "INFO Network Device Test: [n] Connection successfully established to host: ";
+std::string up_of(const std::string &name) {
+    return "INFO Network Device Test: [" + name + "] Connection successfully established to host: ";
+}
+const std::string up = up_of("n");
 const std::string down = "WARNING Network Device Test: [n] Connection failed to host: ";
 const std::string first = "ERR (vdrl_device_test:#, errno: None) Network Device Test: Connection "
                           "failed to ip-address ";
+
+std::string record(const std::string &address, int port, int fails = 1) {
+    return "N:" + address + "\nP:" + std::to_string(port) + "\nT:1\nF:" + std::to_string(fails) +
+           "\nL:n\n";
+}
 
 // One rule with an interval of one run, and no storage to log on.
 class DeviceTest : public testing::Test {
@@ -27,8 +34,7 @@ class DeviceTest : public testing::Test {
         fs::remove("/usr/bin/tcptest");
     }
     void load(const std::string &address, int port, int fails = 1) {
-        write_file(rules_file, "N:" + address + "\nP:" + std::to_string(port) +
-                                   "\nT:1\nF:" + std::to_string(fails) + "\nL:n\n");
+        write_file(rules_file, record(address, port, fails));
         log_capture declarations; // are refused without a bus
         rules_ = vdrl_dt_rules_read_from_file();
         ASSERT_TRUE(rules_);
@@ -115,8 +121,13 @@ TEST_F(DeviceTest, BelievesPingsStatusAndTcptestsSilence) {
 TEST_F(DeviceTest, CountsInListOrderWhoeverAnswersFirst) {
     constexpr int hosts = 50; // more than run at once
     std::string records;
+    std::vector<std::string> expected; // host 7 is removed while it is checked, host 9 renamed
     for (int i = 0; i < hosts; ++i) {
-        records += "N:h" + std::to_string(i) + "\nP:-1\nT:1\nF:1\nL:n\n";
+        const std::string host = "h" + std::to_string(i);
+        records += record(host, nc_port_icmp);
+        if (i != 7) {
+            expected.push_back(up_of(i == 9 ? "new" : "n") + host);
+        }
     }
     write_file(rules_file, records);
     install_tool("/usr/local/packages/Vandrel/remove_nc_rule.sh", "");
@@ -135,15 +146,6 @@ TEST_F(DeviceTest, CountsInListOrderWhoeverAnswersFirst) {
     vdrl_dt_rule_add(rules_, serial, "h9", -1, 100, 1, "new");
     write_file("/test/go", "");
     finish();
-    std::vector<std::string> expected;
-    for (int i = 0; i < hosts; ++i) {
-        if (i != 7) {
-            const std::string name = i == 9 ? "new" : "n";
-            expected.push_back("INFO Network Device Test: [" + name +
-                               "] Connection successfully established to host: h" +
-                               std::to_string(i));
-        }
-    }
     std::vector<std::string> results = log.texts();
     std::erase_if(results, [](const std::string &line) { return !line.starts_with("INFO"); });
     EXPECT_EQ(results, expected);

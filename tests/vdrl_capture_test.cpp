@@ -31,28 +31,21 @@ void set_resolution(const std::string &list) {
 }
 
 texts images(const std::string &folder) {
-    texts names;
-    if (fs::is_directory(folder)) {
-        for (const std::string &name : list_folder(folder)) {
-            if (name.front() != '.') {
-                names.push_back(name);
-            }
-        }
-    }
+    texts names = fs::is_directory(folder) ? list_folder(folder) : texts{};
+    std::erase_if(names, [](const std::string &name) { return name.front() == '.'; });
     return names;
 }
 
-// Width and height of the frame header, once the file has both of a picture's ends.
-std::pair<int, int> size_of(const std::string &jpeg) {
-    const auto byte = [&jpeg](std::size_t at) { return static_cast<unsigned char>(jpeg.at(at)); };
-    EXPECT_TRUE(jpeg.starts_with("\xFF\xD8") && jpeg.ends_with("\xFF\xD9"));
-    for (std::size_t at = 2; byte(at) == 0xFF;) {
-        if (byte(at + 1) == 0xC0) {
-            return {byte(at + 7) * 256 + byte(at + 8), byte(at + 5) * 256 + byte(at + 6)};
-        }
-        at += 2U + byte(at + 2) * 256U + byte(at + 3);
+// The message of an image that could not be written, without the time in its name.
+std::string not_open(const std::string &reason, const std::string &folder) {
+    return "WARNING (errno: " + reason + ") Could not open file '" + folder + "/T.jpg'";
+}
+
+texts without_times(texts lines) {
+    for (std::string &line : lines) {
+        line = std::regex_replace(line, std::regex("[0-9]{8}T[0-9]{6}"), "T");
     }
-    return {0, 0};
+    return lines;
 }
 
 bool is_loaded() {
@@ -108,8 +101,9 @@ TEST(Capture, TakesImagesUntilStopped) {
     EXPECT_FALSE(is_loaded());
     EXPECT_EQ(images(folder), taken);
     for (const std::string &name : taken) {
-        EXPECT_TRUE(std::regex_match(name, std::regex("[0-9]{8}T[0-9]{6}\\.jpg"))) << name;
-        EXPECT_EQ(size_of(read_file(folder + "/" + name)), std::pair(96, 64));
+        const std::string jpeg = read_file(folder + "/" + name);
+        EXPECT_TRUE(jpeg.starts_with("\xFF\xD8") && jpeg.ends_with("\xFF\xD9"));
+        EXPECT_EQ(without_times({name}), texts{"T.jpg"});
     }
     EXPECT_LE(open_descriptors(), descriptors + 1); // the log's
     EXPECT_EQ(log.texts(),
@@ -179,9 +173,8 @@ TEST(Capture, AStorageThatGoesAndComesBack) {
     EXPECT_TRUE(wait_until([&] { return !images(folder + "/images").empty(); }));
     vdrl_capture_stop();
     vdrl_capture_close();
-    EXPECT_EQ(log.texts(), (texts{started, "WARNING (errno: No such file or directory) Could not "
-                                           "open file '" +
-                                               folder + "/images'"}));
+    EXPECT_EQ(without_times(log.texts()),
+              (texts{started, not_open("No such file or directory", folder + "/images")}));
 }
 
 TEST(Capture, AThreadThatDoesNotEndKeepsTheLibrary) {
@@ -206,10 +199,9 @@ TEST(Capture, AThreadThatDoesNotEndKeepsTheLibrary) {
         vdrl_capture_close();
         return !is_loaded();
     }));
-    EXPECT_EQ(log.texts(),
+    EXPECT_EQ(without_times(log.texts()),
               (texts{started, error + "The image thread does not end, libcapture stays loaded.",
-                     refused + "Couldn't start thread.",
-                     "WARNING (errno: Invalid argument) Could not open file '" + folder + "'"}));
+                     refused + "Couldn't start thread.", not_open("Invalid argument", folder)}));
     EXPECT_TRUE(images(folder).empty());
 }
 

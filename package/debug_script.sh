@@ -115,7 +115,12 @@ core() {
     [ "$status" = 0 ] || failed "$file" "$(tail -n 1 "$place/errors") (status $status)"
 }
 
-dump_and_pack() {
+dump_processes() {
+    # Reports can be asked for faster than a slow generator makes their dumps.
+    if pidof dcore >/dev/null; then
+        failed "core dumps" "those of an earlier report are still being made"
+        return
+    fi
     while read -r process; do
         case $process in '' | '#'*) continue ;; esac
         pids=$(pidof "$process") || failed "core of $process" "no such process"
@@ -123,6 +128,10 @@ dump_and_pack() {
             core "$process" "$pid"
         done
     done <"$processes"
+}
+
+dump_and_pack() {
+    dump_processes
     if tar -C "$place" -czf "$place/archive" "$name" && flush "$place/archive" &&
         mv "$place/archive" "$archive"; then
         flush "$folder"

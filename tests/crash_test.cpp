@@ -207,6 +207,15 @@ TEST_F(Crash, ReportsComeOnScheduleAndAreWatched) {
         }
         EXPECT_EQ(made, tick / 3 + 1) << tick;
     }
+    // One every minute does not hide that the generator hangs.
+    install_recorder("ps", "99999999 root dcore -c /dev/stdout 12\n");
+    advanced_debug_mode_crash_recurrence = 1;
+    crash_report_being_created = 0;
+    for (int tick = 0; tick < 11; ++tick) {
+        log_.clear();
+        advanced_debug_tick(session);
+    }
+    EXPECT_TRUE(log_.texts()[0].ends_with("freezed for 10 minutes. Will stop it."));
     advanced_debug_mode_crash_recurrence = 0;
     advanced_debug_mode_crash_log_message_activated = true;
 

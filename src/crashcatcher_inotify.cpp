@@ -17,7 +17,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t crash_path_size = 200;
-constexpr std::size_t report_path_max = 485; // with the command in front still within its bound
 constexpr const char *report_program = "/usr/html/tarvo-cgi/serverreport.cgi";
 constexpr const char *report_ending = "_server-report.log";
 // A report takes seconds, on a loaded device a minute; one that hangs must not hold the daemon.
@@ -86,11 +85,11 @@ void top_dir_callback(const char *folder, const char *name) {
     // Without a shell: the name is the crashed program's.
     const char *const argv[] = {report_program, nullptr};
     const int status =
-        report.size() > report_path_max
-            ? -1
-            : run_program(argv, program_descriptors::standard, report.c_str(), report_limit);
+        run_program(argv, program_descriptors::standard, report.c_str(), report_limit);
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
         log_info("Crash detected: Server report saved");
+    } else if (status == -1 && (errno == EAGAIN || errno == ENOMEM)) {
+        log_error("Crash detected: Failed to save server report (fork fail)");
     } else {
         log_error("Crash detected: Failed to save server report");
     }

@@ -233,6 +233,6 @@ TEST(Onvif, CopiesTheMediaConfiguration) {
     onvif_copy_media_conf(session);
     const auto names = list_folder(folder);
     ASSERT_EQ(names.size(), 1U);
-    EXPECT_TRUE(std::regex_match(names[0], std::regex("[0-9]{8}_[0-9_]{8}_media.conf")));
+    EXPECT_TRUE(std::regex_match(names[0], std::regex("[0-9]{8}_[0-9]{6}_media\\.conf")));
     EXPECT_EQ(read_file(folder + "/" + names[0]), "[profile]\n");
 }

@@ -292,12 +292,14 @@ TEST_F(Crash, KernelDumpsAreCopiedOnce) {
     write_file(dumps + "three.elf.lzo", std::string(3'000'000, 'x'));
     write_file(dumps + "ee.elf.lzo", "its name is part of another's, but not of a known one's");
     write_file(dumps + "wo.elf.lzo", "part of a known one's");
+    write_file(dumps + std::string(240, 'l') + ".elf.lzo", "its path is too long");
     for (int minute = 0; minute < 3; ++minute) {
         update_kernel_crash_status(session, serial);
     }
     EXPECT_EQ(list_folder(cores), (std::vector<std::string>{"ee.elf.lzo", "three.elf.lzo"}));
     EXPECT_EQ(fs::file_size(cores + "three.elf.lzo"), 3'000'000U);
-    ASSERT_EQ(log_.texts().size(), 2U);
+    ASSERT_EQ(log_.texts().size(), 3U);
+    EXPECT_TRUE(log_.texts()[1].ends_with("its path is too long."));
     EXPECT_EQ(log_.texts()[0],
               "INFO Systemlog kernel crash detection: Found new kernel crash archive, ee.elf.lzo, "
               "will copy it to the monitoring session under 'coredumps'.");

@@ -72,7 +72,7 @@ processes=$PACKAGE/conf/crash_report_processes
 item_limit=60 # seconds for what should take one
 
 is_plain "$name" && [ -d "$folder" ] || exit 1
-# Names that begin so are swept when the session ends while a report is made.
+# Made and packed here. What a power cut leaves of it stays: its files tell of the moment too.
 place=$folder/.tmp_$name
 work=$place/$name
 mkdir -p "$work" || {

@@ -21,6 +21,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using texts = std::vector<std::string>;
+
 const std::string root = "/var/spool/storage/SD_DISK/Vandrel_A1B2C3D4E5F6/";
 const std::string session = root + "20230531_08_27_40";
 const std::string cores = session + "/coredumps/";
@@ -74,9 +76,8 @@ TEST_F(Crash, ThePatternIsTurnedAndTurnedBack) {
         log_.clear();
         inotify_gio_release();
         EXPECT_EQ(read_file(core_pattern), one.after);
-        EXPECT_EQ(log_.texts(), (std::vector<std::string>{
-                                    "INFO Crash detection: Old core pattern reset successfully!",
-                                    "INFO Crash detection: Inotify watch removed and closed"}));
+        EXPECT_EQ(log_.texts(), (texts{"INFO Crash detection: Old core pattern reset successfully!",
+                                       "INFO Crash detection: Inotify watch removed and closed"}));
     }
     const kernel_file file(core_pattern, own_pattern);
     EXPECT_TRUE(core_pattern_is_left_behind());
@@ -94,9 +95,8 @@ TEST_F(Crash, WhatCanNotBeSetUpIsSaid) {
         const kernel_file file(core_pattern, "");
         create_dir_monitor(session);
         EXPECT_FALSE(get_core_pattern());
-        EXPECT_EQ(log_.texts(), std::vector<std::string>{
-                                    "ERR (crashcatcher_core:#, errno: None) Crash detection: "
-                                    "Unable to read out current core pattern"});
+        EXPECT_EQ(log_.texts(), texts{"ERR (crashcatcher_core:#, errno: None) Crash detection: "
+                                      "Unable to read out current core pattern"});
     }
     const kernel_file file(core_pattern, "core\n");
     fs::remove(cores);
@@ -108,9 +108,8 @@ TEST_F(Crash, WhatCanNotBeSetUpIsSaid) {
     log_.clear();
     create_dir_monitor(deep);
     EXPECT_EQ(read_file(core_pattern), "core\n");
-    EXPECT_EQ(log_.texts(),
-              std::vector<std::string>{"ERR (crashcatcher_core:#, errno: File name too long) Crash "
-                                       "detection: Unable to set new core pattern"});
+    EXPECT_EQ(log_.texts(), texts{"ERR (crashcatcher_core:#, errno: File name too long) Crash "
+                                  "detection: Unable to set new core pattern"});
     inotify_gio_release();
 }
 
@@ -120,7 +119,7 @@ TEST_F(Crash, EachCoreGetsAReport) {
     install_tool(report_program, "echo \"report $# $(ls /proc/self/fd | tr '\\n' ' ')\"\n");
     create_dir_monitor(session);
     log_.clear();
-    const std::vector<std::string> names = {
+    const texts names = {
         "core.streamer.1.camera.7",           "core.a b.2.camera.7",
         "core.a_b;touch x.3.cam_era.7",       "core.$(touch y)`touch y`.4.camera.7",
         "core.\"quoted\" 'twice'.5.camera.7", "core.end_server-report.log.6.camera.7"};
@@ -209,24 +208,20 @@ TEST_F(Crash, ReportsComeOnScheduleAndAreWatched) {
     advanced_debug_mode_crash_log_message_activated = true;
 
     // The count rises to 3 while the generator runs, and needs as many quiet minutes.
-    const auto listing = [](const std::string &line) { install_recorder("ps", line + "\n"); };
     crash_report_being_created = 1;
     std::vector<int> counts;
     for (int tick = 0; tick < 8; ++tick) {
-        listing(tick % 2 == 0 ? "  4711 root 100 dcore -c /dev/stdout 12"
-                              : "  4711 root 200 dcore -c /dev/stdout 12");
-        if (tick >= 4) {
-            listing("  4711 root     grep dcore");
-        }
-        if (tick == 4) {
-            log_.clear();
-        }
+        const std::string size = std::to_string(tick);
+        install_recorder("ps", "  4711 root " + (tick < 4 ? size + " dcore -c /dev/stdout 12\n"
+                                                          : "    grep dcore\n"));
+        log_.clear();
         advanced_debug_tick(session);
+        EXPECT_EQ(log_.texts(),
+                  tick == 6 ? texts{"INFO Advanced Debug Mode: Generating Crash Report finished."}
+                            : texts{});
         counts.push_back(crash_report_being_created);
     }
     EXPECT_EQ(counts, (std::vector<int>{2, 3, 3, 3, 2, 1, 0, 0}));
-    EXPECT_EQ(log_.texts(), std::vector<std::string>{
-                                "INFO Advanced Debug Mode: Generating Crash Report finished."});
     advanced_debug_mode_crash_log_message_activated = false;
 }
 
@@ -252,13 +247,12 @@ TEST_F(Crash, AGeneratorThatHangsIsKilled) {
             crash_report_being_created = 3;
             advanced_debug_crash_report_check();
         }
-        EXPECT_EQ(log_.texts(),
-                  one.killed ? std::vector<std::string>{"INFO Advanced Debug Mode: dcore "
-                                                        "generating crash report for PID: " +
-                                                        process +
-                                                        " noted to be freezed for 10 minutes. "
-                                                        "Will stop it."}
-                             : std::vector<std::string>{})
+        EXPECT_EQ(log_.texts(), one.killed ? texts{"INFO Advanced Debug Mode: dcore "
+                                                   "generating crash report for PID: " +
+                                                   process +
+                                                   " noted to be freezed for 10 minutes. "
+                                                   "Will stop it."}
+                                           : texts{})
             << one.line;
         install_recorder("ps", "  1 other dcore -c /dev/stdout\n");
         advanced_debug_crash_report_check(); // starts the comparison anew
@@ -296,7 +290,7 @@ TEST_F(Crash, KernelDumpsAreCopiedOnce) {
     for (int minute = 0; minute < 3; ++minute) {
         update_kernel_crash_status(session, serial);
     }
-    EXPECT_EQ(list_folder(cores), (std::vector<std::string>{"ee.elf.lzo", "three.elf.lzo"}));
+    EXPECT_EQ(list_folder(cores), (texts{"ee.elf.lzo", "three.elf.lzo"}));
     EXPECT_EQ(fs::file_size(cores + "three.elf.lzo"), 3'000'000U);
     ASSERT_EQ(log_.texts().size(), 3U);
     EXPECT_TRUE(log_.texts()[1].ends_with("its path is too long."));

@@ -2,22 +2,20 @@
 
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
-import { after, afterEach, before, test } from 'node:test';
+import { afterEach, test } from 'node:test';
 
-import { Camera, until } from '../camera/support/camera.mjs';
-import { launchBrowser, MARKUP, openPage, violations } from './support/browser.mjs';
+import { until } from '../camera/support/camera.mjs';
+import { cameraAndBrowser, MARKUP, violations } from './support/browser.mjs';
 
 const PERIOD_MS = 60000;
 
-let camera;
-let browser;
-let opened = [];
+const shared = cameraAndBrowser(['--speed', '60']);
+const { camera } = shared;
 
 async function open(hash = '#/sessions', options = {}) {
-  const one = await openPage(browser, camera.address, hash, options);
-  opened.push(one);
-  await one.page.getByText(/^As of/).first().waitFor();
-  return one.page;
+  const page = await shared.open(hash, options);
+  await page.getByText(/^As of/).first().waitFor();
+  return page;
 }
 
 const state = async () => JSON.parse((await camera.action('list_data')).body);
@@ -52,23 +50,7 @@ async function removeAll() {
   }
 }
 
-before(async () => {
-  camera = await new Camera().start('--speed', '60');
-  browser = await launchBrowser();
-});
-
-after(async () => {
-  await browser?.close();
-  await camera.remove();
-});
-
-afterEach(async () => {
-  const faults = opened.flatMap((one) => one.faults);
-  await Promise.all(opened.map(({ context }) => context.close()));
-  opened = [];
-  await removeAll();
-  assert.deepEqual(faults, []);
-});
+afterEach(removeAll);
 
 test('a session is started, watched, stopped, downloaded and deleted', async () => {
   const stale = await open();
@@ -208,8 +190,7 @@ test('a lost storage is told, with what to do, and its return', async () => {
 
 test('refreshing by itself loses nothing of what the user does', async () => {
   const first = await record();
-  const { page, faults, context } = await openPage(browser, camera.address, '#/overview');
-  opened.push({ faults, context });
+  const page = await shared.open('#/overview');
   await page.clock.install();
   await page.goto(`${camera.address}/local/Vandrel/?again#/sessions`);
   await rows(page).filter({ hasText: stampOf(first) }).waitFor();

@@ -2,21 +2,22 @@
 
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
-import { after, afterEach, before, test } from 'node:test';
+import { afterEach, test } from 'node:test';
 
-import { Camera, until } from '../camera/support/camera.mjs';
-import { launchBrowser, openPage, violations } from './support/browser.mjs';
+import { until } from '../camera/support/camera.mjs';
+import { cameraAndBrowser, violationsInBoth } from './support/browser.mjs';
 
-let camera;
-let browser;
 let root;
-let opened = [];
+const shared = cameraAndBrowser([], async (started) => {
+  const { device } = JSON.parse((await started.action('list_data')).body);
+  root = `/var/spool/storage/SD_DISK/Vandrel_${device.SerialNumber}`;
+});
+const { camera } = shared;
 
-async function open(options = {}) {
-  const one = await openPage(browser, camera.address, '#/traces', options);
-  opened.push(one);
-  await one.page.getByText(/^As of/).first().waitFor();
-  return one.page;
+async function open() {
+  const page = await shared.open('#/traces');
+  await page.getByText(/^As of/).first().waitFor();
+  return page;
 }
 
 const button = (page, name) => page.getByRole('button', { name });
@@ -44,25 +45,7 @@ async function downloaded(page, name) {
   return execFileSync('unzip', ['-Z1', await file.path()], { encoding: 'utf8' }).split('\n').filter(Boolean).sort();
 }
 
-before(async () => {
-  camera = await new Camera().start();
-  browser = await launchBrowser();
-  const { device } = JSON.parse((await camera.action('list_data')).body);
-  root = `/var/spool/storage/SD_DISK/Vandrel_${device.SerialNumber}`;
-});
-
-after(async () => {
-  await browser?.close();
-  await camera.remove();
-});
-
-afterEach(async () => {
-  const faults = opened.flatMap((one) => one.faults);
-  await Promise.all(opened.map(({ context }) => context.close()));
-  opened = [];
-  await camera.action('stop_wireshark_session');
-  assert.deepEqual(faults, []);
-});
+afterEach(() => camera.action('stop_wireshark_session'));
 
 test('a trace is started, watched, stopped, downloaded and deleted', async () => {
   const stale = await open();
@@ -125,10 +108,7 @@ test('a trace is started, watched, stopped, downloaded and deleted', async () =>
   await camera.shell(`rm -r ${root}/link ${root}/other`);
   await start(page, 'door-1.a');
   await page.getByText('it would be overwritten').waitFor();
-  for (const colorScheme of ['light', 'dark']) {
-    await page.emulateMedia({ colorScheme });
-    assert.deepEqual(await violations(page), []);
-  }
+  assert.deepEqual(await violationsInBoth(page), []);
   await button(page, 'Delete trace door-1.a').click();
   await button(page, 'Keep').click();
   await button(page, 'Delete trace door-1.a').click();

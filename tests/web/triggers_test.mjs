@@ -1,20 +1,12 @@
 // Log triggers and maintenance from the page, on a simulated camera.
 
 import assert from 'node:assert/strict';
-import { after, afterEach, before, test } from 'node:test';
+import { test } from 'node:test';
 
-import { Camera, until } from '../camera/support/camera.mjs';
-import { launchBrowser, MARKUP, openPage, violations } from './support/browser.mjs';
+import { until } from '../camera/support/camera.mjs';
+import { cameraAndBrowser, MARKUP, violationsInBoth } from './support/browser.mjs';
 
-let camera;
-let browser;
-let opened = [];
-
-async function open(hash) {
-  const one = await openPage(browser, camera.address, hash);
-  opened.push(one);
-  return one.page;
-}
+const { camera, open } = cameraAndBrowser();
 
 const button = (page, name) => page.getByRole('button', { name, exact: true });
 const card = (page, name) => page.getByRole('region', { name, exact: true });
@@ -22,30 +14,6 @@ const says = (page, text) => page.getByRole('status').filter({ hasText: text }).
 const rules = async () => JSON.parse((await camera.action('systemlog_trigger', { do: 'list' })).body
   .replaceAll('\\', '\\\\').replaceAll('\\\\"', '\\"')).systemlog_trigger_rules;
 const set = async () => JSON.parse((await camera.action('list_data')).body).miscellaneous;
-
-async function accessible(page) {
-  for (const colorScheme of ['light', 'dark']) {
-    await page.emulateMedia({ colorScheme });
-    assert.deepEqual(await violations(page), []);
-  }
-}
-
-before(async () => {
-  camera = await new Camera().start();
-  browser = await launchBrowser();
-});
-
-after(async () => {
-  await browser?.close();
-  await camera.remove();
-});
-
-afterEach(async () => {
-  const faults = opened.flatMap((one) => one.faults);
-  await Promise.all(opened.map(({ context }) => context.close()));
-  opened = [];
-  assert.deepEqual(faults, []);
-});
 
 test('triggers are added, shown and removed', async () => {
   const page = await open('#/triggers');
@@ -86,7 +54,7 @@ test('triggers are added, shown and removed', async () => {
     ['Warning', '[ WARN', 0, '0'], ['Emergency', '[ EMERG', 0, '0'],
     [odd, 'C:\\dir "q" 1+1', 0, '0'], ['crash', 'segfault', 3, '3600'],
   ]);
-  await accessible(page);
+  assert.deepEqual(await violationsInBoth(page), []);
 
   await button(page, `Remove trigger ${odd}`).click();
   await button(page, 'Keep').click();
@@ -123,7 +91,7 @@ test('restarts and PTZ tests are scheduled and stopped', async () => {
   await restart.getByText('The times wait').waitFor();
   const told = await set();
   assert.deepEqual([told.automatic_restart_timer, told.automatic_restart_given_times], [90, '08:00,20:30']);
-  await accessible(page);
+  assert.deepEqual(await violationsInBoth(page), []);
 
   await button(restart, 'Stop: Scheduled restart').click();
   await says(page, 'The times of day are still set');

@@ -34,9 +34,10 @@ export function create() {
     async show(values) {
       const next = values.get('path') ?? path;
       const file = values.get('file');
-      if (next === path) {
+      if (view && next === path) {
+        await view.open(); // it may have gone on meanwhile
         if (file !== null) {
-          await view?.addChart(file);
+          await view.addChart(file);
         }
         return;
       }

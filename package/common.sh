@@ -192,8 +192,9 @@ keep_nc_rules() {
             put = 1
         }
         /^N/ {
-            address = substr($0, 3); record = $0; port = ""
-            for (line = 2; line <= 5 && (getline > 0); line++) {
+            address = substr($0, 3); record = $0
+            for (line = 2; line <= 5; line++) {
+                getline # at the end of the file the last line stays, as it does for the daemon
                 if (line == 2) port = substr($0, 3)
                 record = record "\n" $0
             }

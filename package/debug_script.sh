@@ -16,14 +16,17 @@
 
 # --- What is collected
 
+missed=0 # set by an item of which a part could not be collected
+
 system_log() {
     cat /usr/local/vandrel.log.1 /usr/local/vandrel.log /var/log/*.log 2>/dev/null
     return 0
 }
 process_list() {
-    ps
+    ps || missed=1
     echo
-    top -b -n 1
+    top -b -n 1 || missed=1
+    return "$missed"
 }
 # each_process COMMAND: its output under a heading for each process. One may end meanwhile.
 each_process() {
@@ -36,11 +39,12 @@ each_process() {
 list_descriptors() { ls -l "$1/fd"; }
 show_maps() { cat "$1/maps"; }
 network_state() {
-    ip address
-    ip route
-    netstat -a -n
-    cat /proc/net/dev /proc/net/sockstat /etc/resolv.conf
-    return 0
+    ip address || missed=1
+    ip route || missed=1
+    netstat -a -n || missed=1
+    cat /proc/net/dev /proc/net/sockstat || missed=1
+    cat /etc/resolv.conf 2>/dev/null # need not be there
+    return "$missed"
 }
 package_list() {
     for package in /usr/local/packages/*/; do
@@ -51,9 +55,9 @@ package_list() {
     return 0
 }
 memory_and_storages() {
-    cat /proc/meminfo /proc/loadavg /proc/mounts
-    df -k
-    return 0
+    cat /proc/meminfo /proc/loadavg /proc/mounts || missed=1
+    df -k || missed=1
+    return "$missed"
 }
 
 if [ "${1:-}" = --show ]; then
@@ -72,7 +76,7 @@ processes=$PACKAGE/conf/crash_report_processes
 item_limit=60 # seconds for what should take one
 
 is_plain "$name" && [ -d "$folder" ] || exit 1
-# Names that begin so are swept when the session ends while a report is made.
+# Made and packed here. What a power cut leaves of it stays: its files tell of the moment too.
 place=$folder/.tmp_$name
 work=$place/$name
 mkdir -p "$work" || {
@@ -115,7 +119,12 @@ core() {
     [ "$status" = 0 ] || failed "$file" "$(tail -n 1 "$place/errors") (status $status)"
 }
 
-dump_and_pack() {
+dump_processes() {
+    # Reports can be asked for faster than a slow generator makes their dumps.
+    if pidof dcore >/dev/null; then
+        failed "core dumps" "those of an earlier report are still being made"
+        return
+    fi
     while read -r process; do
         case $process in '' | '#'*) continue ;; esac
         pids=$(pidof "$process") || failed "core of $process" "no such process"
@@ -123,6 +132,10 @@ dump_and_pack() {
             core "$process" "$pid"
         done
     done <"$processes"
+}
+
+dump_and_pack() {
+    dump_processes
     if tar -C "$place" -czf "$place/archive" "$name" && flush "$place/archive" &&
         mv "$place/archive" "$archive"; then
         flush "$folder"

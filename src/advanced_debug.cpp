@@ -21,7 +21,7 @@ constexpr const char *generator = "-c /dev/stdout";
 int the_same_count = 0;
 std::string last_buffer; // the generator's line, cut to what is compared
 
-// Lines of the process list may be indented. Nothing for what is no process of its own.
+// Lines of the process list may be indented. 0 for what is no process of its own.
 long process_of(const std::string &line) {
     const std::size_t start = line.find_first_not_of(' ');
     const std::size_t end = line.find(' ', start);
@@ -51,6 +51,10 @@ void compare_line(const std::string &line) {
 void advanced_debug_tick(const std::string &) {
     if (advanced_debug_mode_crash_recurrence != 0) {
         if (advanced_debug_mode_crash_recurrence_tick % advanced_debug_mode_crash_recurrence == 0) {
+            if (crash_report_being_created != 0) {
+                // With a report due every minute no other tick would see the generator hang.
+                advanced_debug_crash_report_stuck_check();
+            }
             log_info("Advanced Debug Mode: Crash Report generation interval reached");
             log_info("Advanced Debug Mode: Generating Crash report");
             create_crash_report_snapshot();

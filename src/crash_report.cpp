@@ -40,9 +40,12 @@ void crash_report_snapshot(const std::string &folder) {
     const std::string archive = reports + "/" + date_format_now("Debug_%Y-%m-%dT%H%M%S%Z.tgz");
     // Started under its name, not its path, which stands in for the interpreter's script.
     const char *const argv[] = {script, archive.c_str(), nullptr};
+    errno = 0;
     const int status = run_program(argv, program_descriptors::none, nullptr, script_limit);
     if (status == -1) {
         log_error("%s Execve failed.", __func__);
+    } else if (WIFSIGNALED(status)) {
+        log_error("The script of crash report '%s' was killed.", archive.c_str());
     }
     crash_report_being_created = 1;
 }

@@ -8,6 +8,7 @@
 #include "sysutil.h"
 
 #include <cerrno>
+#include <chrono>
 #include <optional>
 #include <string_view>
 #include <sys/wait.h>
@@ -17,11 +18,13 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t crash_path_size = 200;
-constexpr std::size_t report_path_max = 485; // with the command in front still within its bound
 constexpr const char *report_program = "/usr/html/tarvo-cgi/serverreport.cgi";
 constexpr const char *report_ending = "_server-report.log";
-// A report takes seconds, on a loaded device a minute; one that hangs must not hold the daemon.
-constexpr auto report_limit = 5min;
+// A report takes seconds, on a loaded device a minute; one that hangs must not hold the daemon. The
+// cores that have come meanwhile follow at once, and theirs get less: each would hold it again.
+constexpr std::chrono::milliseconds report_limit = 5min;
+constexpr std::chrono::milliseconds next_report_limit = 10s;
+std::optional<std::chrono::steady_clock::time_point> last_hang; // when it was ended
 
 std::optional<std::string> crash_path;
 std::unique_ptr<vdrl_inotify_watcher> inotify_watcher;
@@ -85,12 +88,16 @@ void top_dir_callback(const char *folder, const char *name) {
     const std::string report = std::string(folder) + name + report_ending;
     // Without a shell: the name is the crashed program's.
     const char *const argv[] = {report_program, nullptr};
-    const int status =
-        report.size() > report_path_max
-            ? -1
-            : run_program(argv, program_descriptors::standard, report.c_str(), report_limit);
+    const bool follows_a_hang = last_hang && std::chrono::steady_clock::now() - *last_hang < 1min;
+    const int status = run_program(argv, program_descriptors::standard, report.c_str(),
+                                   follows_a_hang ? next_report_limit : report_limit);
+    if (WIFSIGNALED(status) && errno == ETIMEDOUT) {
+        last_hang = std::chrono::steady_clock::now();
+    }
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
         log_info("Crash detected: Server report saved");
+    } else if (status == -1 && (errno == EAGAIN || errno == ENOMEM)) {
+        log_error("Crash detected: Failed to save server report (fork fail)");
     } else {
         log_error("Crash detected: Failed to save server report");
     }

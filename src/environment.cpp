@@ -80,9 +80,9 @@ std::optional<std::string> word_after(const std::string &line, const char *word)
     return blank == std::string::npos ? std::nullopt : std::optional(line.substr(blank + 1));
 }
 
-// `         int32 7`: whether the line is the dictionary's key.
-bool is_key(const std::string &line, int number) {
-    const auto found = word_after(line, "int32");
+// `         int32 7`: whether the line is the dictionary's key, of a type that `type` is a part of.
+bool is_key(const std::string &line, const char *type, int number) {
+    const auto found = word_after(line, type);
     return found && plain_decimal(*found) == static_cast<unsigned long long>(number);
 }
 
@@ -254,7 +254,7 @@ int parse_count(const reply_lines &reply) {
 //       )
 std::optional<std::string> parse_temperature(const reply_lines &reply, int sensor) {
     for (std::size_t i = 0; i + 1 < reply.size(); ++i) {
-        if (is_key(reply[i], sensor)) {
+        if (is_key(reply[i], "int", sensor)) {
             return word_after(reply[i + 1], "double");
         }
     }
@@ -273,7 +273,7 @@ std::optional<std::string> parse_heater_status(const reply_lines &reply) {
 std::optional<std::string> parse_fan_status(const reply_lines &reply, int fan,
                                             const std::string &command) {
     for (std::size_t i = 0; i < reply.size(); ++i) {
-        if (!is_key(reply[i], fan)) {
+        if (!is_key(reply[i], "int32", fan)) {
             continue;
         }
         if (i + 1 == reply.size()) {

@@ -148,7 +148,7 @@ bool eventlistener_is_running() {
     return thread != nullptr;
 }
 bool eventlistener_has_failed() {
-    return copy_failed;
+    return copy_failed || (thread && thread->at_end);
 }
 
 bool eventlistener_take_line(eventlistener_Event &event, const char *line) {

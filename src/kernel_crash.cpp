@@ -16,7 +16,7 @@
 namespace {
 
 constexpr std::size_t listing_size = 1024;
-constexpr std::size_t path_size = 257;
+constexpr std::size_t path_max = 255;
 constexpr std::size_t output_line_max = 255;
 constexpr unsigned dumps_folder_permissions = 0777;
 constexpr std::string_view dump_mark = ".elf.lzo";
@@ -127,9 +127,10 @@ bool copy_dump(dump_storage &storage, const std::string &folder, const std::stri
                const std::string &session_directory) {
     const std::string from = folder + "/" + name;
     const std::string to = session_directory + "/coredumps/" + name;
-    if (from.size() >= path_size || to.size() >= path_size) {
-        announce(storage, name);
-        return true; // its path is no use to anybody
+    if (from.size() > path_max || to.size() > path_max) {
+        errno = 0;
+        log_error("Kernel crash archive %s is left out: its path is too long.", name.c_str());
+        return true; // trying again is of no use
     }
     if (is_file(to.c_str())) {
         return true; // copied before a restart of the daemon

@@ -417,7 +417,7 @@ void koral_take_late_lines() {
         parse_koral_line(text.substr(start, end - start).c_str());
     }
     koral_write_lines();
-    if (tail_process->ended) {
+    if (tail_process->at_end) {
         log_warning("What follows the HTTP log has ended and is started again.");
         end_follower();
         start_follower();

@@ -80,7 +80,7 @@ void read_lines(thread_info &info, const popen2_file &child) {
             return;
         }
         if (size == 0) {
-            info.ended = true;
+            info.at_end = true;
             sources[1].fd = -1;
             sources[1].revents = 0;
             continue;

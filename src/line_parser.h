@@ -21,7 +21,7 @@ using process_pause_cb = void (*)();
 struct thread_info {
     std::atomic<bool> run{true};      // false tells the reader to end
     std::atomic<bool> running{false}; // the reader works
-    std::atomic<bool> ended{false};   // the child prints nothing any more
+    std::atomic<bool> at_end{false};  // the child's output has ended
     std::vector<std::string> command; // element 0 is the program's path
     process_line_cb callback = nullptr;
     process_pause_cb pause = nullptr; // or none

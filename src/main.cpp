@@ -441,9 +441,7 @@ void start_up() {
         ntpd_service_conf_add();
     }
     g_timeout_add_seconds(60, timer_callback, nullptr);
-    // A run that takes longer than its period is due again at once: whatever else is waiting, such
-    // as a request, goes first.
-    g_timeout_add_seconds_full(G_PRIORITY_LOW, 10, nc_timer_callback, nullptr, nullptr);
+    g_timeout_add_seconds(10, nc_timer_callback, nullptr);
     g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
     start_ptz_tracker();
 }

@@ -148,6 +148,7 @@ constexpr duty collection_duties[] = {
 };
 
 constexpr duty internal_schedule[] = {
+    {1, "what needs the storage", start_what_needs_the_storage},
     {360, "server report", create_serverreport_snapshot},
     {360, "media configuration", onvif_copy_media_conf},
     {120, "HTTP calls", report_http_calls},

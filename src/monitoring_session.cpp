@@ -604,7 +604,7 @@ void start_what_needs_the_storage(const std::string &directory) {
         _start_image_capturing(directory, due_image_interval);
         due_image_interval.clear();
     }
-    // What the listener had open died with the storage.
+    // What the listener had open died with the storage, or its tool by itself.
     const bool is_cut_off =
         eventlistener_is_running() && (connection_lost_count > 0 || eventlistener_has_failed());
     if (event_listener_is_due || is_cut_off) {

@@ -15,7 +15,7 @@ constexpr const char *media_configuration = "/etc/ws/onvif/media/media.conf";
 } // namespace
 
 void onvif_copy_media_conf(const std::string &session_directory) {
-    const std::string stamp = date_format_now(date_format_folder);
+    const std::string stamp = date_format_now("%Y%m%d_%H%M%S");
     if (stamp.empty() || !is_file(media_configuration)) {
         return;
     }

@@ -12,6 +12,7 @@
 #include "strutil.h"
 #include "sysutil.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -87,7 +88,10 @@ void write_note(const std::string &folder, const char *kept_because) {
     }
 }
 
-void log_duration(unsigned long seconds) {
+void log_duration(std::time_t start) {
+    // A clock that was set back meanwhile makes no duration.
+    const auto seconds =
+        static_cast<unsigned long>(std::max<std::time_t>(std::time(nullptr) - start, 0));
     log_info("Wireshark trace + recording finished, duration: %lu hours, %lu minutes, %lu seconds",
              seconds / 3600, seconds / 60 % 60, seconds % 60);
 }
@@ -217,7 +221,7 @@ void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
                                     wireshark_session_destination->c_str(),
                                     serial_number.value_or("").c_str(), current_rec_id.c_str())
                          .c_str());
-    log_duration(static_cast<unsigned long>(std::time(nullptr) - wireshark_start_time));
+    log_duration(wireshark_start_time);
     wireshark_session_destination.reset();
 }
 

@@ -54,7 +54,7 @@ void ptz_loop() {
     }
 }
 
-// "(uint32 3, ['Home', 'Main gate', 'Car park'])"
+// (uint32 3, ['Home', 'Main gate', "Bob's door"])
 bool preset_names_take(preset_names &presets, std::string_view line) {
     if (presets.first_line) {
         presets.first_line = false;
@@ -64,15 +64,15 @@ bool preset_names_take(preset_names &presets, std::string_view line) {
         }
     }
     for (const char ch : line) {
-        if (ch == '\'') {
-            presets.in_name = !presets.in_name;
-            if (presets.in_name) {
-                if (presets.names.size() == presets_max) {
-                    return false;
-                }
-                presets.names.emplace_back();
+        if (presets.quote == '\0' && (ch == '\'' || ch == '"')) {
+            if (presets.names.size() == presets_max) {
+                return false;
             }
-        } else if (presets.in_name && presets.names.back().size() < name_max) {
+            presets.quote = ch;
+            presets.names.emplace_back();
+        } else if (ch == presets.quote) {
+            presets.quote = '\0';
+        } else if (presets.quote != '\0' && presets.names.back().size() < name_max) {
             presets.names.back() += ch;
         }
     }

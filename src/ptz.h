@@ -15,7 +15,7 @@ void ptz_loop();
 struct preset_names {
     std::vector<std::string> names; // of preset 1 and up; at most 255 bytes each
     bool first_line = true;
-    bool in_name = false; // a name goes on in the next line
+    char quote = '\0'; // what ends the name that is being read, also in a later line
 };
 
 // Takes a line of it, with its end. False when nothing more is to be read.

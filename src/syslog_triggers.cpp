@@ -544,7 +544,7 @@ void syslog_triggers_begin_listening() {
 }
 
 void syslog_triggers_keep_listening() {
-    if (tail_process && tail_process->ended) {
+    if (tail_process && tail_process->at_end) {
         log_warning("What follows the log for the triggers has ended and is started again.");
         syslog_triggers_stop_listening();
         syslog_triggers_begin_listening();

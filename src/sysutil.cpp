@@ -23,18 +23,10 @@ constexpr mode_t output_permissions = 0644;
 // so that threads and their locks don't matter.
 class spawn_settings {
   public:
-    spawn_settings(program_descriptors descriptors, const char *output) {
+    spawn_settings() {
         ::posix_spawn_file_actions_init(&actions_);
         ::posix_spawnattr_init(&attributes_);
         ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSID);
-        if (descriptors == program_descriptors::none) {
-            ::posix_spawn_file_actions_addclosefrom_np(&actions_, 0);
-            return;
-        }
-        ::posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        ::posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, output,
-                                           O_WRONLY | O_CREAT | O_TRUNC, output_permissions);
-        ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
     }
     ~spawn_settings() {
         ::posix_spawn_file_actions_destroy(&actions_);
@@ -43,24 +35,50 @@ class spawn_settings {
     spawn_settings(const spawn_settings &) = delete;
     spawn_settings &operator=(const spawn_settings &) = delete;
 
+    void write_into(const char *file) {
+        ::posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, file,
+                                           O_WRONLY | O_CREAT | O_TRUNC, output_permissions);
+        keep_standard_ones();
+    }
+    void write_into(int descriptor) {
+        ::posix_spawn_file_actions_adddup2(&actions_, descriptor, STDOUT_FILENO);
+        keep_standard_ones();
+    }
+    void close_all() { ::posix_spawn_file_actions_addclosefrom_np(&actions_, 0); }
+
     [[nodiscard]] const posix_spawn_file_actions_t *actions() const { return &actions_; }
     [[nodiscard]] const posix_spawnattr_t *attributes() const { return &attributes_; }
 
   private:
+    void keep_standard_ones() {
+        ::posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+    }
+
     posix_spawn_file_actions_t actions_{};
     posix_spawnattr_t attributes_{};
 };
+
+// -1 with errno when it could not be started.
+pid_t spawn(const char *const argv[], const spawn_settings &settings) {
+    pid_t pid = -1;
+    errno = ::posix_spawn(&pid, argv[0], settings.actions(), settings.attributes(),
+                          const_cast<char *const *>(argv), environ);
+    return errno == 0 ? pid : -1;
+}
 
 } // namespace
 
 int run_program(const char *const argv[], program_descriptors descriptors, const char *output,
                 std::chrono::milliseconds limit) {
-    const spawn_settings settings(descriptors, output);
-    pid_t pid = -1;
-    const int failure = ::posix_spawn(&pid, argv[0], settings.actions(), settings.attributes(),
-                                      const_cast<char *const *>(argv), environ);
-    if (failure != 0) {
-        errno = failure;
+    spawn_settings settings;
+    if (descriptors == program_descriptors::none) {
+        settings.close_all();
+    } else {
+        settings.write_into(output);
+    }
+    const pid_t pid = spawn(argv, settings);
+    if (pid < 0) {
         return -1;
     }
     int status = -1;
@@ -71,6 +89,23 @@ int run_program(const char *const argv[], program_descriptors descriptors, const
         errno = ETIMEDOUT;
     }
     return status;
+}
+
+running_command start_command(const char *command) {
+    const char *const argv[] = {"/bin/sh", "-c", command, nullptr};
+    running_command started;
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) == 0) {
+        started.output = unique_fd(ends[0]);
+        const unique_fd write_end(ends[1]);
+        spawn_settings settings;
+        settings.write_into(write_end.get());
+        started.pid = spawn(argv, settings);
+    }
+    if (started.pid < 0) {
+        log_fatal("Could not popen '%s'", command);
+    }
+    return started;
 }
 
 pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limit) {

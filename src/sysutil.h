@@ -31,6 +31,16 @@ enum class program_descriptors {
 int run_program(const char *const argv[], program_descriptors descriptors, const char *output,
                 std::chrono::milliseconds limit);
 
+// A shell command that runs while the daemon does other things.
+struct running_command {
+    pid_t pid = -1;   // for the caller to reap; the leader of a session of its own
+    unique_fd output; // of its standard output; a command that writes once it is closed ends
+};
+
+// Starts it with an empty input and errors as the daemon's; it inherits no other descriptor. Not
+// being able to ends the process.
+running_command start_command(const char *command);
+
 // Waits until a child has ended, at most for `limit`. As waitpid: 0 means that it still runs.
 pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limit);
 

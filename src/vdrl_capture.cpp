@@ -134,21 +134,14 @@ bool write_whole(const std::string &path, const void *data, std::size_t size) {
     return file && ::fsync(file.get()) == 0 && file.close() == 0;
 }
 
-// Takes one image; false, with errno, when it could not be written.
-bool take_image(capture_job &job, CaptureStream *stream) {
-    const std::string path = format_bounded(4096, "%s/%s.jpg", job.folder.c_str(),
-                                            date_format_now("%Y%m%dT%H%M%S").c_str());
+// Makes the image visible, unless capturing was stopped; false, with errno, when it could not be
+// written.
+bool save_image(capture_job &job, CaptureFrame *frame, const std::string &path) {
     const std::string temporary = job.folder + "/.tmp_image.jpg";
-    const frame_ptr frame(ptr_capture_get_frame(stream));
-    if (!frame) {
-        errno = EIO;
-        return false;
-    }
     if (!job.run) {
         return true;
     }
-    if (!write_whole(temporary, ptr_capture_frame_data(frame.get()),
-                     ptr_capture_frame_size(frame.get()))) {
+    if (!write_whole(temporary, ptr_capture_frame_data(frame), ptr_capture_frame_size(frame))) {
         const int reason = errno;
         file_remove(temporary.c_str());
         errno = reason;
@@ -160,6 +153,23 @@ bool take_image(capture_job &job, CaptureStream *stream) {
         return true;
     }
     return ::rename(temporary.c_str(), path.c_str()) == 0;
+}
+
+// Takes one image; false when there is none, which is logged unless it was so the last time too.
+bool take_image(capture_job &job, CaptureStream *stream, bool failed_before) {
+    const std::string path = format_bounded(4096, "%s/%s.jpg", job.folder.c_str(),
+                                            date_format_now("%Y%m%dT%H%M%S").c_str());
+    const frame_ptr frame(ptr_capture_get_frame(stream));
+    const bool has_picture = frame && ptr_capture_frame_size(frame.get()) > 0;
+    const bool saved = has_picture && save_image(job, frame.get(), path);
+    if (!saved && !failed_before) {
+        if (has_picture) {
+            log_cannot_open(path.c_str());
+        } else {
+            log_warning("No image came from libcapture.");
+        }
+    }
+    return saved;
 }
 
 void capture_images(capture_job &job) {
@@ -187,11 +197,7 @@ void capture_images(capture_job &job) {
     // A storage that has gone costs the images of that time and one line.
     bool failing = false;
     while (job.run) {
-        const bool taken = take_image(job, stream.get());
-        if (!taken && !failing) {
-            log_cannot_open(job.folder.c_str());
-        }
-        failing = !taken;
+        failing = !take_image(job, stream.get(), failing);
         errno = 0;
         (void)wait_for(job.wake, job.interval);
     }

@@ -14,9 +14,11 @@
 #include "sysutil.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
-#include <sys/stat.h>
+#include <deque>
+#include <glib-unix.h>
 #include <sys/wait.h>
 #include <utility>
 
@@ -34,7 +36,7 @@ constexpr std::size_t rule_line_max = 49; // the newline included
 constexpr std::size_t line_tag = 2;
 
 constexpr const char *rules_path = "/usr/local/packages/Vandrel/localdata/nc_rules.txt";
-constexpr const char *tcptest = "/usr/bin/tcptest";
+constexpr const char *tcptest_path = "/usr/bin/tcptest";
 constexpr const char *storages[] = {"SD_DISK", "NetworkShare"}; // the first usable one gets a line
 constexpr const char *storage_log_folder = "Network_Device_Test";
 constexpr const char *session_log_folder = "network_device_test"; // not spelled as the one above
@@ -52,7 +54,7 @@ constexpr int http_port = 80;
 
 constexpr std::uint64_t timer_tick_wrap = 31'536'000;
 
-bool is_port(int port) {
+bool is_port(long long port) {
     return port == nc_port_icmp || (port >= 1 && port <= 65535);
 }
 
@@ -77,11 +79,9 @@ std::string host_text(const nc_rules_t &rule) {
 
 // --- The log files
 
-void make_folder(const std::string &path) {
-    if (!is_directory(path.c_str())) {
-        ::mkdir(path.c_str(), log_folder_mode);
-        errno = 0; // what can't be made is seen when the file in it can't be opened
-    }
+void make_log_folder(const std::string &path) {
+    (void)make_folder(path.c_str(), log_folder_mode);
+    errno = 0; // what can't be made is seen when the file in it can't be opened
 }
 
 std::string storage_folder(const char *storage, const std::string &serial) {
@@ -106,8 +106,8 @@ bool vdrl_dt_log_status_in_file(const nc_rules_t &rule, const std::string &path,
 void vdrl_dt_log_status_on_storage(nc_rules_t &rule, bool status, const char *storage,
                                    const std::string &serial) {
     const std::string folder = storage_folder(storage, serial);
-    make_folder(folder);
-    make_folder(format_bounded(path_size, "%s/%s", folder.c_str(), storage_log_folder));
+    make_log_folder(folder);
+    make_log_folder(format_bounded(path_size, "%s/%s", folder.c_str(), storage_log_folder));
     const std::string path = storage_log_path(storage, serial);
     if (vdrl_dt_log_status_in_file(rule, path, status)) {
         rule.log_file_path = path;
@@ -123,7 +123,7 @@ void log_status_in_session(const nc_rules_t &rule, bool status) {
     }
     const std::string folder =
         format_bounded(path_size, "%s/%s", session->c_str(), session_log_folder);
-    make_folder(folder);
+    make_log_folder(folder);
     vdrl_dt_log_status_in_file(rule, format_bounded(path_size, "%s/%s", folder.c_str(), log_name),
                                status);
 }
@@ -156,28 +156,72 @@ void empty_storage_logs(const std::string &serial) {
     errno = 0;
 }
 
-// --- Checks
+// --- Checks: their commands run beside the daemon, their results count in the order of the rules
 
-void note_first_check(nc_rules_t &rule) {
-    if (!rule.nc_start_time) {
-        rule.nc_start_time = date_format_now(date_format_information);
+enum class check_tool { ping, tcptest, nc };
+enum class check_state { waiting, running, ended };
+
+// From the run in which its rule is due until its result has been counted.
+struct check {
+    nc_rules_t *rule; // null once that has been removed
+    std::string serial;
+    check_tool tool = check_tool::ping;
+    std::string command{};
+    check_state state = check_state::waiting;
+    running_command child{};
+    std::string output{}; // its start, at most output_max bytes
+    int wait_status = 0;
+    int runs = 0; // of the device test that have found the command running
+};
+
+// At once: so many processes a small device still carries.
+constexpr int running_max = 32;
+constexpr std::size_t output_max = 4096;
+// A command that goes on for ever is ended after this many runs, two minutes; all others have a
+// limit of seconds of their own.
+constexpr int runs_max = 12;
+
+std::deque<check> checks;
+bool is_counting = false; // an idle source counts results
+int running = 0;
+
+// The next line of the text, which loses it.
+std::string_view take_line(std::string_view &text) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(text.size(), line.size() + 1));
+    return line;
+}
+
+// What nc says about itself begins with "nc:"; anything else is the host's answer.
+//
+//    nc: connect to 203.0.113.1 port 7002 (tcp) failed: Connection refused
+constexpr std::string_view nc_prefix = "nc:";
+
+// Whether the host has answered, the last line perhaps being unfinished.
+bool host_has_answered(std::string_view output) {
+    while (!output.empty()) {
+        const std::string_view line = take_line(output);
+        if (!line.starts_with(nc_prefix) && (!output.empty() || !nc_prefix.starts_with(line))) {
+            return true;
+        }
     }
+    return false;
 }
 
 // False, with an error line, when the command could not be waited for or was killed.
-bool close_check(command_pipe &pipe, const std::string &command) {
-    const int status = pipe.close();
-    if (status == -1) {
-        log_error("[nfd]: Error reported by pclose from command: %s", command.c_str());
+bool ended_well(const check &c) {
+    if (c.wait_status == -1) {
+        log_error("[nfd]: Error reported by pclose from command: %s", c.command.c_str());
         return false;
     }
     // Not that of a host that was still talking when its first words were enough.
-    const bool by_our_closing = WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGPIPE;
-    if (was_ended_by_signal(status) && !by_our_closing) {
-        log_error("[nfd]: Unsuccessful command: %s", command.c_str());
+    const bool by_our_closing =
+        WIFEXITED(c.wait_status) && WEXITSTATUS(c.wait_status) == 128 + SIGPIPE;
+    if (was_ended_by_signal(c.wait_status) && !by_our_closing) {
+        log_error("[nfd]: Unsuccessful command: %s", c.command.c_str());
         return false;
     }
-    return status == 0;
+    return c.wait_status == 0;
 }
 
 void note_reachable(nc_rules_t &rule, const std::string &serial) {
@@ -199,62 +243,34 @@ void note_unreachable(nc_rules_t &rule, const std::string &serial, const std::st
     ++rule.fail_count;
 }
 
-void vdrl_dt_icmp(nc_rules_t &rule, const std::string &serial) {
-    const std::string command =
-        format_bounded(check_command_size, "ping \"%s\" 2>&1", rule.nc_address.c_str());
-    command_pipe pipe(command.c_str());
-    note_first_check(rule);
-    std::string line;
-    while (pipe.next_line(63, line)) {
-    }
-    const bool reachable = close_check(pipe, command);
+void vdrl_dt_icmp(nc_rules_t &rule, const check &c) {
+    const bool reachable = ended_well(c);
     ++rule.checks_total;
     if (reachable) {
-        note_reachable(rule, serial);
+        note_reachable(rule, c.serial);
     } else {
-        note_unreachable(rule, serial, rule.nc_address + " (ICMP)");
+        note_unreachable(rule, c.serial, rule.nc_address + " (ICMP)");
     }
 }
 
 // The tool says something only when it fails.
-void check_with_tcptest(nc_rules_t &rule, const std::string &serial) {
-    const std::string command = format_bounded(check_command_size, "%s 4 \"%s\" %d 2>&1", tcptest,
-                                               rule.nc_address.c_str(), rule.port);
-    command_pipe pipe(command.c_str());
-    note_first_check(rule);
-    bool reachable = true;
-    std::string line;
-    while (pipe.next_line(99, line)) {
-        reachable = reachable && line.empty();
-    }
+void count_tcptest(nc_rules_t &rule, const check &c) {
     ++rule.checks_total;
-    if (reachable) {
-        note_reachable(rule, serial);
+    if (c.output.empty()) {
+        note_reachable(rule, c.serial);
     } else {
-        note_unreachable(rule, serial, host_text(rule));
+        note_unreachable(rule, c.serial, host_text(rule));
     }
-    (void)close_check(pipe, command); // its status does not count
 }
 
-// What nc says about itself begins with "nc:"; anything else is the host's answer.
-//
-//    nc: connect to 203.0.113.1 port 7002 (tcp) failed: Connection refused
-//
 // The doubled events are what the device's rules have always seen of this variant.
-void read_nc(nc_rules_t &rule, const std::string &serial, command_pipe &pipe) {
-    std::string line;
-    bool any = false;
-    bool line_goes_on = false; // of a line of nc's own that is longer than a piece
-    while (pipe.next_line(99, line)) {
-        const bool rest = std::exchange(line_goes_on, !line.ends_with('\n'));
-        if (any && rest) {
-            continue;
-        }
-        any = true;
-        if (!line.starts_with("nc:")) {
+void count_nc(nc_rules_t &rule, const check &c) {
+    std::string_view rest = c.output;
+    while (!rest.empty()) {
+        if (!take_line(rest).starts_with(nc_prefix)) {
             send_event_nfd(rule.events.ping_ok);
             rule.connected = true;
-            vdrl_dt_log_status(rule, true, serial);
+            vdrl_dt_log_status(rule, true, c.serial);
             ++rule.checks_total;
             rule.fail_count = 0;
             send_event_nfd(rule.events.ping_ok);
@@ -263,7 +279,7 @@ void read_nc(nc_rules_t &rule, const std::string &serial, command_pipe &pipe) {
         ++rule.fails_total;
         ++rule.fail_count;
         rule.connected = false;
-        vdrl_dt_log_status(rule, false, serial);
+        vdrl_dt_log_status(rule, false, c.serial);
         if (rule.fail_count >= rule.nbr_of_fails) {
             send_event_nfd(rule.events.ping_not_ok);
             if (rule.fail_count == 1) {
@@ -276,31 +292,129 @@ void read_nc(nc_rules_t &rule, const std::string &serial, command_pipe &pipe) {
         }
     }
     ++rule.checks_total;
-    if (any) { // failures below the threshold
+    if (!c.output.empty()) { // failures below the threshold
         send_event_nfd(rule.events.ping_not_ok);
         rule.connected = false;
     } else { // connected, and the host said nothing
-        note_reachable(rule, serial);
+        note_reachable(rule, c.serial);
     }
 }
 
-void check_with_nc(nc_rules_t &rule, const std::string &serial) {
-    const std::string command = format_bounded(
-        check_command_size, "printf \"%s\" | nc -w 4 \"%s\" %d 2>&1",
-        rule.port == http_port ? http_probe : "TEST", rule.nc_address.c_str(), rule.port);
-    command_pipe pipe(command.c_str());
-    note_first_check(rule);
-    read_nc(rule, serial, pipe);
-    (void)close_check(pipe, command);
-}
-
-void vdrl_dt_tcp(nc_rules_t &rule, const std::string &serial) {
-    if (is_executable(tcptest)) {
-        check_with_tcptest(rule, serial);
+void vdrl_dt_tcp(nc_rules_t &rule, const check &c) {
+    if (c.tool == check_tool::tcptest) {
+        count_tcptest(rule, c);
     } else {
-        errno = 0;
-        check_with_nc(rule, serial);
+        count_nc(rule, c);
     }
+    (void)ended_well(c); // its status does not count
+}
+
+void count_result(const check &c) {
+    errno = 0;
+    if (c.rule == nullptr) {
+        return;
+    }
+    c.rule->being_checked = false;
+    if (c.tool == check_tool::ping) {
+        vdrl_dt_icmp(*c.rule, c);
+    } else {
+        vdrl_dt_tcp(*c.rule, c);
+    }
+}
+
+bool may_be_counted(const check &c) {
+    return c.state == check_state::ended || (c.state == check_state::waiting && c.rule == nullptr);
+}
+
+// One result at a time, as it asks for the storages: in between the loop does what else there is.
+gboolean count_next(gpointer) noexcept {
+    if (!checks.empty() && may_be_counted(checks.front())) {
+        count_result(checks.front());
+        checks.pop_front();
+    }
+    is_counting = !checks.empty() && may_be_counted(checks.front());
+    return is_counting ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+}
+
+void start_waiting();
+
+void note_end(GPid, gint wait_status, gpointer data) noexcept {
+    auto &c = *static_cast<check *>(data);
+    c.state = check_state::ended;
+    c.wait_status = wait_status;
+    --running;
+    start_waiting();
+    if (!std::exchange(is_counting, true)) {
+        g_idle_add(count_next, nullptr);
+    }
+}
+
+gboolean take_output(gint descriptor, GIOCondition, gpointer data) noexcept {
+    auto &c = *static_cast<check *>(data);
+    std::array<char, output_max> piece;
+    const ssize_t size = TEMP_FAILURE_RETRY(::read(descriptor, piece.data(), piece.size()));
+    if (size > 0) {
+        c.output.append(piece.data(),
+                        std::min(static_cast<std::size_t>(size), output_max - c.output.size()));
+        const bool is_enough = c.tool == check_tool::nc &&
+                               (c.output.size() == output_max || host_has_answered(c.output));
+        if (!is_enough) {
+            return G_SOURCE_CONTINUE;
+        }
+    }
+    (void)c.child.output.close();
+    g_child_watch_add(c.child.pid, note_end, &c);
+    return G_SOURCE_REMOVE;
+}
+
+void choose_command(check &c) {
+    const nc_rules_t &rule = *c.rule;
+    if (rule.port == nc_port_icmp) {
+        c.tool = check_tool::ping;
+        c.command = format_bounded(check_command_size, "ping \"%s\" 2>&1", rule.nc_address.c_str());
+    } else if (is_executable(tcptest_path)) {
+        c.tool = check_tool::tcptest;
+        c.command = format_bounded(check_command_size, "%s 4 \"%s\" %d 2>&1", tcptest_path,
+                                   rule.nc_address.c_str(), rule.port);
+    } else {
+        c.tool = check_tool::nc;
+        c.command = format_bounded(check_command_size, "printf \"%s\" | nc -w 4 \"%s\" %d 2>&1",
+                                   rule.port == http_port ? http_probe : "TEST",
+                                   rule.nc_address.c_str(), rule.port);
+    }
+}
+
+void start(check &c) {
+    choose_command(c);
+    c.child = start_command(c.command.c_str());
+    if (!c.rule->nc_start_time) {
+        c.rule->nc_start_time = date_format_now(date_format_information);
+    }
+    c.state = check_state::running;
+    ++running;
+    g_unix_fd_add(c.child.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
+                  take_output, &c);
+}
+
+void start_waiting() {
+    for (check &c : checks) {
+        if (running == running_max) {
+            break;
+        }
+        if (c.state == check_state::waiting && c.rule != nullptr) {
+            start(c);
+        }
+    }
+    errno = 0;
+}
+
+void end_endless_ones() {
+    for (check &c : checks) {
+        if (c.state == check_state::running && ++c.runs == runs_max) {
+            ::kill(-c.child.pid, SIGKILL);
+        }
+    }
+    errno = 0;
 }
 
 // --- The list
@@ -328,8 +442,19 @@ std::unique_ptr<nc_rules_t> &find_rule(std::unique_ptr<nc_rules_t> &rules,
 }
 
 void vdrl_dt_rule_free(std::unique_ptr<nc_rules_t> &rule) {
+    for (check &c : checks) {
+        if (c.rule == rule.get()) {
+            c.rule = nullptr;
+        }
+    }
     nfd_event_undeclare(rule->events);
     rule.reset();
+}
+
+// A decimal number, one that is no port as 0.
+int port_of(std::string_view text) {
+    const long long number = decimal_prefix(text);
+    return is_port(number) ? static_cast<int>(number) : 0;
 }
 
 // The low 32 bits of a decimal number.
@@ -379,13 +504,14 @@ std::unique_ptr<nc_rules_t> vdrl_dt_rules_read_from_file() {
             continue;
         }
         const std::string address = value_of(line);
-        const int port = low_bits(next_value());
+        const std::string port_text = next_value();
+        const int port = port_of(port_text);
         const std::uint64_t timer = decimal_prefix_unsigned(next_value());
         const int nbr_of_fails = low_bits(next_value());
         const std::string name = next_value();
         if (!vdrl_dt_is_host(address, port)) {
-            log_warning("Network Device Test: the rule for '%s', port %d, in '%s' can not be used",
-                        address.c_str(), port, rules_path);
+            log_warning("Network Device Test: the rule for '%s', port %s, in '%s' can not be used",
+                        address.c_str(), port_text.c_str(), rules_path);
             continue;
         }
         *end = new_rule(address, port, timer, nbr_of_fails, name);
@@ -468,16 +594,14 @@ void vdrl_dt_rules_print(const nc_rules_t *rules, GDataOutputStream *stream) {
 
 void vdrl_dt_run(nc_rules_t *rules, const std::string &serial) {
     static std::uint64_t timer_tick = 1; // never 0, of which every interval would be due
+    end_endless_ones();
     for (nc_rules_t *rule = rules; rule != nullptr; rule = rule->next.get()) {
-        if (rule->timer != 0 && timer_tick % rule->timer == 0) {
-            errno = 0;
-            if (rule->port != nc_port_icmp) {
-                vdrl_dt_tcp(*rule, serial);
-            } else {
-                vdrl_dt_icmp(*rule, serial);
-            }
+        const bool is_due = rule->timer != 0 && timer_tick % rule->timer == 0;
+        if (is_due && !std::exchange(rule->being_checked, true)) {
+            checks.push_back({rule, serial});
         }
     }
+    start_waiting();
     timer_tick = timer_tick == timer_tick_wrap ? 1 : timer_tick + 1;
 }
 
@@ -489,7 +613,7 @@ void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const std::string address = argument("ip_address");
     const std::string name = argument("name");
     const std::string port_text = argument("port");
-    const int port = port_text.empty() || port_text == "ICMP" ? nc_port_icmp : low_bits(port_text);
+    const int port = port_text.empty() || port_text == "ICMP" ? nc_port_icmp : port_of(port_text);
     // A negative interval becomes one that never ends.
     const auto timer =
         static_cast<std::uint64_t>(static_cast<std::int64_t>(low_bits(argument("timer"))));
@@ -517,7 +641,7 @@ void action_remove_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const char *port = http_argument(arguments, "port");
     const bool removed =
         address != nullptr && port != nullptr &&
-        vdrl_dt_rule_remove(nc_rules, serial_number.value_or(""), address, low_bits(port));
+        vdrl_dt_rule_remove(nc_rules, serial_number.value_or(""), address, port_of(port));
     http_reply(stream, http_status::ok, "application/json; charset=utf-8",
                removed ? "{ \"success\": \"All required parameters were given and OK, could "
                          "remove nc-rule.\" }"

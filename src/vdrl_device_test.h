@@ -27,6 +27,7 @@ struct nc_rules_s {
     std::optional<std::string> nc_start_time; // of the first check, as text
     std::string nc_name;
     std::string log_file_path = "None"; // on a storage, the last that got a line
+    bool being_checked = false;         // from a run that finds it due until the result is counted
     std::unique_ptr<nc_rules_s> next;
 };
 using nc_rules_t = nc_rules_s;
@@ -63,7 +64,9 @@ void vdrl_dt_rules_free(std::unique_ptr<nc_rules_t> &rules);
 // The whole reply of list_nc_rules.
 void vdrl_dt_rules_print(const nc_rules_t *rules, GDataOutputStream *stream);
 
-// One run: checks the rules that are due, in list order.
+// One run: starts the checks of the rules that are due, but of none whose last is still going on.
+// Their results count in list order, after those of earlier runs, once the main loop has them; that
+// of a rule which is removed meanwhile does not.
 void vdrl_dt_run(nc_rules_t *rules, const std::string &serial);
 
 void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments);

@@ -118,18 +118,13 @@ TEST_F(ConfigLogs, NothingIsCopiedWithoutASession) {
     write_file(configuration("door"), "unseen");
     next_second();
     EXPECT_EQ(newest(""), "");
-    // The storage goes while it changes, and comes back.
+    // What was missed is made up for once.
     monitory_active = true;
-    fs::rename(session_, session_ + ".away");
-    write_file(configuration("door"), "while away");
-    next_second();
-    EXPECT_FALSE(fs::exists(session_));
-    fs::rename(session_ + ".away", session_);
-    configlogs_inotify_gio_catch_up(session_);
-    EXPECT_TRUE(comes("while away"));
-    EXPECT_EQ(log.texts(), texts{changed});
-    configlogs_inotify_gio_catch_up(session_);
-    EXPECT_EQ(log.texts(), texts{changed});
+    for (int minute = 0; minute < 2; ++minute) {
+        configlogs_inotify_gio_catch_up(session_);
+        EXPECT_EQ(newest(""), "unseen");
+        EXPECT_EQ(log.texts(), texts{changed});
+    }
 }
 
 TEST_F(ConfigLogs, WhatIsNoConfiguration) {

@@ -124,7 +124,7 @@ TEST(LineParser, AnEndedChildCostsNothingUntilTheStop) {
     std::this_thread::sleep_for(std::chrono::seconds(2));
     EXPECT_EQ(read_file(time_used), before);
     EXPECT_TRUE(info->running);
-    EXPECT_TRUE(info->ended);
+    EXPECT_TRUE(info->at_end);
     end(std::move(info));
     EXPECT_EQ(zombie_children(), 0);
 }

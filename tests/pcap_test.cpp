@@ -43,28 +43,11 @@ repaired repair(const std::string &input) {
     return made;
 }
 
-std::string first_difference(const std::string &made, const std::string &expected) {
-    const auto at = std::mismatch(made.begin(), made.end(), expected.begin(), expected.end()).first;
-    return "differs at byte " + std::to_string(at - made.begin()) + " of " +
-           std::to_string(made.size()) + ", expected " + std::to_string(expected.size());
-}
-
 std::string words(std::initializer_list<std::uint32_t> values) {
     return {reinterpret_cast<const char *>(values.begin()), values.size() * 4};
 }
 
 const std::string global_header = words({0xa1b2c3d4, 0x00040002, 0, 0, 65535, 1});
-const std::string fine = "[*] Analyzing Global Header...\n"
-                         "[+] Magic number: 0xa1b2c3d4\n"
-                         "[+] Major version number: 2\n"
-                         "[+] Minor version number: 4\n"
-                         "[+] GTM to local correction: 0\n"
-                         "[+] Accuracy of timestamps: 0\n"
-                         "[+] Max packet length: 65535\n"
-                         "[+] Data link type: 1\n"
-                         "[+] The global pcap header seems to be fine!\n"
-                         "[*] Analyzing packets...\n";
-
 std::string record(std::uint32_t sec, std::uint32_t usec, std::uint32_t size) {
     return words({sec, usec, size, size}) + std::string(size, '\xee');
 }
@@ -78,8 +61,7 @@ TEST(Pcap, RepairsTheCorpus) {
         ASSERT_EQ(made.log, expected.log) << expected.name;
         ASSERT_EQ(made.result, expected.result) << expected.name;
         ASSERT_EQ(made.dropped, expected.dropped) << expected.name;
-        ASSERT_TRUE(made.output == expected.output)
-            << expected.name << first_difference(made.output, expected.output) << made.log;
+        ASSERT_TRUE(made.output == expected.output) << expected.name << '\n' << made.log;
         if (expected.name.starts_with("intact")) {
             ASSERT_TRUE(made.result == 0 && made.output == expected.input);
         }
@@ -122,22 +104,11 @@ TEST(Pcap, KeepsItsFlagsForLaterRepairs) {
                                   24);
     EXPECT_EQ(repair(other_order).result, 0);
     EXPECT_EQ(repair("magi" + other_order.substr(4)).output, other_order);
+    // All fields but zeros are wrong in that order: what the file says is now read as records.
     const repaired made = repair(global_header);
     EXPECT_EQ(made.result, -2);
-    EXPECT_EQ(made.log, "[*] Analyzing Global Header...\n"
-                        "[+] Magic number: 0xa1b2c3d4\n"
-                        "[-] Major version number: 512\n"
-                        "[-] Minor version number: 1024\n"
-                        "[+] GTM to local correction: 0\n"
-                        "[+] Accuracy of timestamps: 0\n"
-                        "[-] Max packet length: 4294901760\n"
-                        "[-] Data link type: 16777216\n"
-                        "[-] The global pcap header seems to be missing ==> CORRECTED!\n"
-                        "[*] Analyzing packets...\n"
-                        "[-] Not enough bytes left in file ==> SKIPPING 24 bytes.\n"
-                        "[-] No packet has been found!\n");
-    EXPECT_EQ(made.output,
-              std::string("\xd4\xc3\xb2\xa1\0\2\0\4\0\0\0\0\0\0\0\0\0\0\xff\xff\0\0\0\1", 24));
+    EXPECT_NE(made.log.find("[-] Data link type: 16777216\n"), std::string::npos);
+    EXPECT_EQ(made.output, "\xd4\xc3\xb2\xa1" + other_order.substr(4));
 }
 
 TEST(Pcap, KnowsItsSettings) {
@@ -149,23 +120,26 @@ TEST(Pcap, KnowsItsSettings) {
     data_link_type = -1;
     EXPECT_EQ(repair(words({1, 2, 3, 4, 1000, 5})).output, global_header);
 
+    const std::string packets = record(1700000000, 600000, 60) + record(1700000000, 700000, 60);
+    const repaired headless = repair(packets);
+    EXPECT_EQ(headless.result, 7);
+    EXPECT_TRUE(headless.output == global_header + packets);
+
     // Some garbage is a damaged first record, more is left out.
     deep_scan = 1;
-    const std::string packets = record(1700000000, 600000, 60) + record(1700000000, 700000, 60);
     const std::string near = global_header + std::string(65551, '\xee') + packets;
     EXPECT_EQ(repair(near).result, 1);
     const repaired later = repair(global_header + packets + std::string(70000, '\xee') + packets);
     EXPECT_NE(later.log.find("[-] No next packet found within max packet range --> SKIPPING!\n"),
               std::string::npos);
-    const std::string corrupted =
-        fine + "[-] CORRUPTED Packet #1 at position 24 (4008636142 | 4008636142 | 4008636142 | "
-               "4008636142).\n[+] (DEEP SCAN) FOUND FIRST Packet #1 at position ";
     for (const std::size_t size : {65552, 70000, 131104, 131105, 131200, 2000000}) {
         std::string start = global_header;
         start.append(size, '\xee');
         const repaired made = repair(start + packets);
-        const std::string place = std::to_string(24 + size);
-        EXPECT_EQ(made.log, corrupted + place + " (1700000000 | 600000 | 60 | 60).\n");
+        EXPECT_TRUE(made.log.ends_with("[+] (DEEP SCAN) FOUND FIRST Packet #1 at position " +
+                                       std::to_string(24 + size) +
+                                       " (1700000000 | 600000 | 60 | 60).\n"))
+            << made.log;
         EXPECT_TRUE(made.output == global_header + packets);
         EXPECT_EQ(made.result, 0);
         EXPECT_TRUE(made.dropped);

@@ -40,6 +40,7 @@ TEST(Ptz, NamesOfPresets) {
         {{"('Home')\n"}, {}},
         {{""}, {}},
         {{"(uint32 2, ['Ho\n", "me', '", "', 'last"}, {"Ho\nme", "", "last"}},
+        {{"(uint32 3, [\"Bob's \", \"\", 'a\"b'])"}, {"Bob's ", "", "a\"b"}},
         {{"(uint32 1, ['" + long_name + "'])\n"}, {long_name.substr(0, 255)}},
     };
     for (const auto &c : cases) {

@@ -31,28 +31,16 @@ void set_resolution(const std::string &list) {
 }
 
 texts images(const std::string &folder) {
-    texts names;
-    if (fs::is_directory(folder)) {
-        for (const std::string &name : list_folder(folder)) {
-            if (name.front() != '.') {
-                names.push_back(name);
-            }
-        }
-    }
+    texts names = fs::is_directory(folder) ? list_folder(folder) : texts{};
+    std::erase_if(names, [](const std::string &name) { return name.front() == '.'; });
     return names;
 }
 
-// Width and height of the frame header, once the file has both of a picture's ends.
-std::pair<int, int> size_of(const std::string &jpeg) {
-    const auto byte = [&jpeg](std::size_t at) { return static_cast<unsigned char>(jpeg.at(at)); };
-    EXPECT_TRUE(jpeg.starts_with("\xFF\xD8") && jpeg.ends_with("\xFF\xD9"));
-    for (std::size_t at = 2; byte(at) == 0xFF;) {
-        if (byte(at + 1) == 0xC0) {
-            return {byte(at + 7) * 256 + byte(at + 8), byte(at + 5) * 256 + byte(at + 6)};
-        }
-        at += 2U + byte(at + 2) * 256U + byte(at + 3);
+texts without_times(texts lines) {
+    for (std::string &line : lines) {
+        line = std::regex_replace(line, std::regex("[0-9]{8}T[0-9]{6}"), "T");
     }
-    return {0, 0};
+    return lines;
 }
 
 bool is_loaded() {
@@ -108,8 +96,9 @@ TEST(Capture, TakesImagesUntilStopped) {
     EXPECT_FALSE(is_loaded());
     EXPECT_EQ(images(folder), taken);
     for (const std::string &name : taken) {
-        EXPECT_TRUE(std::regex_match(name, std::regex("[0-9]{8}T[0-9]{6}\\.jpg"))) << name;
-        EXPECT_EQ(size_of(read_file(folder + "/" + name)), std::pair(96, 64));
+        const std::string jpeg = read_file(folder + "/" + name);
+        EXPECT_TRUE(jpeg.starts_with("\xFF\xD8") && jpeg.ends_with("\xFF\xD9"));
+        EXPECT_EQ(without_times({name}), texts{"T.jpg"});
     }
     EXPECT_LE(open_descriptors(), descriptors + 1); // the log's
     EXPECT_EQ(log.texts(),
@@ -167,23 +156,6 @@ TEST(Capture, WhatEndsTheThread) {
     }
 }
 
-TEST(Capture, AStorageThatGoesAndComesBack) {
-    set_resolution("16x16,");
-    const std::string folder = fresh_folder();
-    log_capture log;
-    ASSERT_TRUE(vdrl_capture_start(parameters.get(), 2, folder + "/images"));
-    ASSERT_TRUE(wait_until([&] { return !images(folder + "/images").empty(); }));
-    fs::rename(folder + "/images", folder + "/away");
-    ASSERT_TRUE(wait_until([&log] { return log.texts().size() > 1; }));
-    fs::create_directory(folder + "/images");
-    EXPECT_TRUE(wait_until([&] { return !images(folder + "/images").empty(); }));
-    vdrl_capture_stop();
-    vdrl_capture_close();
-    EXPECT_EQ(log.texts(), (texts{started, "WARNING (errno: No such file or directory) Could not "
-                                           "open file '" +
-                                               folder + "/images'"}));
-}
-
 TEST(Capture, AThreadThatDoesNotEndKeepsTheLibrary) {
     set_resolution("1920x1080,");
     const std::string folder = fresh_folder();
@@ -206,42 +178,40 @@ TEST(Capture, AThreadThatDoesNotEndKeepsTheLibrary) {
         vdrl_capture_close();
         return !is_loaded();
     }));
-    EXPECT_EQ(log.texts(),
-              (texts{started, error + "The image thread does not end, libcapture stays loaded.",
-                     refused + "Couldn't start thread.",
-                     "WARNING (errno: Invalid argument) Could not open file '" + folder + "'"}));
+    EXPECT_EQ(
+        without_times(log.texts()),
+        (texts{started, error + "The image thread does not end, libcapture stays loaded.",
+               refused + "Couldn't start thread.",
+               "WARNING (errno: Invalid argument) Could not open file '" + folder + "/T.jpg'"}));
     EXPECT_TRUE(images(folder).empty());
 }
 
-// Last, as they change what the root has for a library.
+// Last, as it changes what the root has for a library.
 TEST(Capture, TheLibraryIsMissingOrIncomplete) {
     const std::string library = "/lib/libcapture.so";
     std::string bytes = read_file(library);
     ASSERT_EQ(::umount2(library.c_str(), MNT_DETACH), 0);
-    const std::string unusable = refused + "Could not load libcapture.";
-    const std::string notice =
-        "NOTICE Some or all necessary functions could not be loaded from libcapture.";
     fs::remove(library);
-    {
+    for (const bool is_there : {false, true}) {
         log_capture log;
-        EXPECT_FALSE(vdrl_capture_load());
         EXPECT_FALSE(vdrl_capture_start(parameters.get(), 2, "/tmp/images"));
         vdrl_capture_stop();
         vdrl_capture_close();
-        EXPECT_EQ(log.texts(), (texts{notice, notice, unusable}));
+        EXPECT_FALSE(is_loaded());
+        texts lines = log.texts();
+        if (is_there) {
+            EXPECT_TRUE(lines.front().starts_with(
+                "WARNING Could not load function 'capture_frame_free' from libcapture: "));
+            lines.erase(lines.begin());
+        }
+        EXPECT_EQ(lines, (texts{"NOTICE Some or all necessary functions could not be loaded from "
+                                "libcapture.",
+                                refused + "Could not load libcapture."}));
+        // Another name of the same ending: other symbols' names may be kept as a part of it.
+        const std::string symbol = "capture_frame_free";
+        for (auto at = bytes.find(symbol); at != std::string::npos; at = bytes.find(symbol)) {
+            bytes.replace(at, symbol.size(), "capture-frame_free");
+        }
+        write_file(library, bytes);
     }
-    // Another name of the same ending: other symbols' names may be kept as a part of it.
-    const std::string symbol = "capture_frame_free";
-    for (auto at = bytes.find(symbol); at != std::string::npos; at = bytes.find(symbol)) {
-        bytes.replace(at, symbol.size(), "capture-frame_free");
-    }
-    write_file(library, bytes);
-    log_capture log;
-    EXPECT_FALSE(vdrl_capture_start(parameters.get(), 2, "/tmp/images"));
-    EXPECT_FALSE(is_loaded());
-    ASSERT_EQ(log.texts().size(), 3U);
-    EXPECT_TRUE(log.texts()[0].starts_with(
-        "WARNING Could not load function 'capture_frame_free' from libcapture: "));
-    EXPECT_EQ(log.texts()[1], notice);
-    EXPECT_EQ(log.texts()[2], unusable);
 }

@@ -13,11 +13,18 @@ namespace {
 constexpr const char *rules_file = "/usr/local/packages/Vandrel/localdata/nc_rules.txt";
 const std::string serial = "A1B2C3D4E5F6";
 const std::string sent = "ERR (event:#, errno: None) [nfd] Error sending event\n"; // without a bus
-const std::string up =
-    "INFO Network Device Test: [n] Connection successfully established to host: ";
+std::string up_of(const std::string &name) {
+    return "INFO Network Device Test: [" + name + "] Connection successfully established to host: ";
+}
+const std::string up = up_of("n");
 const std::string down = "WARNING Network Device Test: [n] Connection failed to host: ";
 const std::string first = "ERR (vdrl_device_test:#, errno: None) Network Device Test: Connection "
                           "failed to ip-address ";
+
+std::string record(const std::string &address, int port, int fails = 1) {
+    return "N:" + address + "\nP:" + std::to_string(port) + "\nT:1\nF:" + std::to_string(fails) +
+           "\nL:n\n";
+}
 
 // One rule with an interval of one run, and no storage to log on.
 class DeviceTest : public testing::Test {
@@ -27,8 +34,7 @@ class DeviceTest : public testing::Test {
         fs::remove("/usr/bin/tcptest");
     }
     void load(const std::string &address, int port, int fails = 1) {
-        write_file(rules_file, "N:" + address + "\nP:" + std::to_string(port) +
-                                   "\nT:1\nF:" + std::to_string(fails) + "\nL:n\n");
+        write_file(rules_file, record(address, port, fails));
         log_capture declarations; // are refused without a bus
         rules_ = vdrl_dt_rules_read_from_file();
         ASSERT_TRUE(rules_);
@@ -36,7 +42,17 @@ class DeviceTest : public testing::Test {
     std::vector<std::string> run() {
         log_capture log;
         vdrl_dt_run(rules_.get(), serial);
+        finish();
         return log.texts();
+    }
+    void finish() {
+        EXPECT_TRUE(run_until([this] {
+            const nc_rules_t *rule = rules_.get();
+            while (rule != nullptr && !rule->being_checked) {
+                rule = rule->next.get();
+            }
+            return rule == nullptr;
+        }));
     }
     std::unique_ptr<nc_rules_t> rules_;
 };
@@ -89,11 +105,54 @@ TEST_F(DeviceTest, BelievesPingsStatusAndTcptestsSilence) {
     install_tool("ping", "kill -9 $$\n");
     EXPECT_EQ(run()[0], "ERR (vdrl_device_test:#, errno: None) [nfd]: Unsuccessful command: ping "
                         "\"h\" 2>&1");
+    install_tool("ping", "exec sleep 1000\n");
+    for (int i = 0; i < 12; ++i) { // one that does not end is ended
+        vdrl_dt_run(rules_.get(), serial);
+    }
+    EXPECT_EQ(run().size(), 3U);
+    EXPECT_EQ(rules_->checks_total, 5U);
     install_tool("/usr/bin/tcptest", "exit 1\n");
     load("h", 80);
     EXPECT_EQ(run(), (std::vector<std::string>{sent, up + "h:80"}));
     install_tool("/usr/bin/tcptest", "echo\n");
     EXPECT_EQ(run(), (std::vector<std::string>{sent, first + "h:80", down + "h:80"}));
+}
+
+TEST_F(DeviceTest, CountsInListOrderWhoeverAnswersFirst) {
+    constexpr int hosts = 50; // more than run at once
+    std::string records;
+    std::vector<std::string> expected; // host 7 is removed while it is checked, host 9 renamed
+    for (int i = 0; i < hosts; ++i) {
+        const std::string host = "h" + std::to_string(i);
+        records += record(host, nc_port_icmp);
+        if (i != 7) {
+            expected.push_back(up_of(i == 9 ? "new" : "n") + host);
+        }
+    }
+    write_file(rules_file, records);
+    install_tool("/usr/local/packages/Vandrel/remove_nc_rule.sh", "");
+    install_tool("/usr/local/packages/Vandrel/define_nc_rule.sh", "");
+    install_tool("ping", "[ $1 != h0 ] || until [ -e /test/go ]; do sleep 0.01; done\n"
+                         "echo >> /test/ended\n");
+    rules_ = vdrl_dt_rules_read_from_file();
+    const int descriptors = open_descriptors();
+    log_capture log;
+    vdrl_dt_run(rules_.get(), serial);
+    EXPECT_TRUE(run_until([] { return read_file("/test/ended").size() == hosts - 1; }));
+    log.clear();
+    vdrl_dt_run(rules_.get(), serial); // starts nothing: all are being checked
+    EXPECT_TRUE(vdrl_dt_rule_remove(rules_, serial, "h7", -1));
+    vdrl_dt_rule_add(rules_, serial, "h7", -1, 100, 1, "n"); // is another rule, at the list's head
+    vdrl_dt_rule_add(rules_, serial, "h9", -1, 100, 1, "new");
+    write_file("/test/go", "");
+    finish();
+    std::vector<std::string> results = log.texts();
+    std::erase_if(results, [](const std::string &line) { return !line.starts_with("INFO"); });
+    EXPECT_EQ(results, expected);
+    EXPECT_EQ(rules_->checks_total, 0U);
+    EXPECT_EQ(read_file("/test/ended").size(), hosts);
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(zombie_children(), 0);
 }
 
 TEST_F(DeviceTest, CompletesARecordFromItsLastLine) {

@@ -82,7 +82,7 @@ test("a session records the device's condition", async (t) => {
   await until(async () => (await file("vela_configs/doorstation/??????_??_??_??.json")).endsWith('{"ring_s": 5}\n'), "the copy");
   assert.match(await file("vela_configs/objectcounter/*-initial.json"), /report_interval_s/);
   assert.match(await file("radar/instqual_lt_stats_0.csv"), /^time,quality$/m);
-  assert.match(await file("onvif/*_media.conf"), /resolution=1920x1080/);
+  assert.match(await file("onvif/????????_??????_media.conf"), /resolution=1920x1080/);
 
   // The card goes and comes back: pictures and events do too.
   await camera.command("eject", "SD_DISK");

@@ -198,8 +198,10 @@ test("the internal storage collects little", async (t) => {
   const session = await directory(camera);
   assert.ok(session.startsWith(`${LOCALDATA}/`));
   const snapshots = monitoring(session, "monitoring_devicetest/devicetest_snapshots.csv");
+  await camera.shell("kill -9 $(pidof eventlistener)");
   await until(async () => (await camera.exec("test", "-s", snapshots)).status === 0);
   await until(async () => (await field(camera, session, "Duration"))?.startsWith("0 Days 0 hours 3"));
+  assert.equal(count(await log(camera), "Started eventlistener."), 2); // again, as it died by itself
   assert.equal((await camera.exec("test", "-e", monitoring(session, "monitoring_load/load.csv"))).status, 1);
   assert.equal(await field(camera, session, "Collected Data Points"), "0");
   assert.equal((await camera.action("deactivate_monitor_session")).body, "Session deactivated.");

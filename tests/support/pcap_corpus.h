@@ -7,10 +7,10 @@
 #include <vector>
 
 struct pcap_case {
-    std::string name;
-    std::string input;
-    std::string output; // expected, like all below
-    std::string log;
+    std::string name{};
+    std::string input{};
+    std::string output{}; // expected, like all below
+    std::string log{};
     int result = 0;
     bool dropped = false;
 };

@@ -246,8 +246,8 @@ export function create() {
   const listCard = el('section', { class: 'card', 'aria-label': 'Hosts under test' },
     el('div', { class: 'tools' }, heading, count), stale, empty, table.element,
     el('p', { class: 'hint' }, 'Each result is an event of the camera, a line of its log and one of the '
-      + 'log on its SD card or network share. A silent host holds up everything else for some five '
-      + 'seconds each time.'),
+      + 'log on its SD card or network share. That of a silent host takes some four seconds, and those of '
+      + 'the hosts behind it wait for it.'),
     el('p', { class: 'foot' }, asOf, ' ',
       el('button', { type: 'button', class: 'plain', onclick: () => refresh() }, 'Refresh')));
   const element = el('div', { class: 'view' }, el('h1', {}, 'Device test'), message.element,

@@ -52,6 +52,13 @@ go_on() {
     kill -CONT $writers 2>/dev/null
 }
 
+# In a session of its own, as whoever kills logrotate may kill all of its process group.
+if [ "${2:-}" = release ]; then
+    trap '' TERM INT HUP
+    tries 50 is_empty && tries 15 have_read 0
+    go_on
+    exit
+fi
 is_empty && exit 0
 
 # Those who bring the lines into a session see no file that is just being emptied.
@@ -60,15 +67,16 @@ if command -v flock >/dev/null && ! tries 50 flock -n 9; then
     exit 1 # logrotate comes again
 fi
 find_users
-[ -n "$writers" ] || exit 0
-(
-    trap '' TERM INT HUP
-    tries 50 is_empty && tries 15 have_read 0
-    go_on
-) </dev/null >/dev/null 2>&1 &
+[ -n "$writers" ] || exit 1 # one that is just being restarted would write between copy and emptying
+export writers followers
+# shellcheck disable=SC2091 # nothing where there is none
+$(command -v setsid) "$0" "$log" release </dev/null >/dev/null 2>&1 &
 # shellcheck disable=SC2086 # a list
 kill -STOP $writers
-if ! tries 20 have_stopped; then
+stopped=$writers
+if ! tries 20 have_stopped || ! { find_users && [ "$writers" = "$stopped" ]; }; then
+    writers=$stopped # and not those who have come in their place meanwhile
+    kill -KILL $! # it would hold the lock
     go_on
     exit 1
 fi

@@ -110,16 +110,18 @@ void write_pending() {
         pending.clear();
         return;
     }
+    bool failed = false;
     for (const auto &[below, text] : pending) {
         const std::string path = session_file(below);
         const bool in_lines = !below.ends_with(".log");
-        errno = append_whole(path, "", text, in_lines).error;
-        const bool failed = errno != 0;
-        if (failed && !is_failing) {
+        const int error = append_whole(path, "", text, in_lines).error;
+        if (error != 0 && !failed && !is_failing) {
+            errno = error;
             log_cannot_open(path.c_str());
         }
-        is_failing = failed;
+        failed = failed || error != 0;
     }
+    is_failing = failed;
     pending.clear();
 }
 
@@ -330,6 +332,20 @@ std::string csv_name(const std::string &url) {
     return user + "@" + user + ".csv";
 }
 
+void start_follower() {
+    const char *const command[] = {"/usr/bin/tail", "-n0", "-F", http_log_path, nullptr};
+    tail_process = process_create(command, parse_koral_line, koral_write_lines);
+    if (!tail_process) {
+        log_error("KORAL CGI monitoring: Failed to start tailing '%s'", http_log_path);
+    }
+}
+
+void end_follower() {
+    process_stop(tail_process.get());
+    process_wait(tail_process.get());
+    process_free(tail_process);
+}
+
 } // namespace
 
 void set_http_edge_storage(const std::string &session_directory) {
@@ -352,18 +368,12 @@ void koral_cgi_monitor_setup() {
     }
     koral_cgi_monitor_mend();
     (void)vdrl_http_log_late_lines(); // from before the session
-    const char *const command[] = {"/usr/bin/tail", "-n0", "-F", http_log_path, nullptr};
-    tail_process = process_create(command, parse_koral_line, koral_write_lines);
-    if (!tail_process) {
-        log_error("KORAL CGI monitoring: Failed to start tailing '%s'", http_log_path);
-    }
+    start_follower();
 }
 
 void koral_cgi_monitor_release() {
     koral_take_late_lines();
-    process_stop(tail_process.get());
-    process_wait(tail_process.get());
-    process_free(tail_process);
+    end_follower();
     const std::lock_guard lock(mutex);
     http_log_storage_path.reset();
     hash_size = 0;
@@ -407,6 +417,11 @@ void koral_take_late_lines() {
         parse_koral_line(text.substr(start, end - start).c_str());
     }
     koral_write_lines();
+    if (tail_process->at_end) {
+        log_warning("What follows the HTTP log has ended and is started again.");
+        end_follower();
+        start_follower();
+    }
 }
 
 void koral_cgi_store() {

@@ -56,7 +56,8 @@ void parse_koral_line(const char *line);
 // Writes what was kept of the lines that came together, each file at once.
 void koral_write_lines();
 
-// Handles, while the follower runs, the lines that it missed at the latest rotation of the log.
+// Handles, while the log is followed, the lines that were missed at its latest rotation, and starts
+// a follower anew that somebody has ended.
 void koral_take_late_lines();
 
 // Appends a row for each tracked call to its user's CSV file.

@@ -17,6 +17,7 @@
 #include "snapshots.h"
 #include "storage_investigator.h"
 #include "strutil.h"
+#include "syslog_triggers.h"
 #include "sysutil.h"
 #include "vdrl_device_test.h"
 #include "vdrl_http_log.h"
@@ -233,6 +234,7 @@ gboolean timer_callback(gpointer) noexcept {
         read_serial_number();
     }
     scheduled_tasks_tick(tick);
+    syslog_triggers_keep_listening();
     if (has_ntpd_service && tick % 60 == 0) {
         ntpd_log_drift();
     }

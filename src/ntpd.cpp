@@ -24,6 +24,11 @@ constexpr const char *override_text =
 
 constexpr std::size_t drift_line_max = 99;
 
+// No service is restarted then any more, and none needs to be.
+bool device_is_going_down() {
+    return system_ret("[ \"$(systemctl is-system-running 2>/dev/null)\" = stopping ]") == 0;
+}
+
 } // namespace
 
 bool ntpd_service_exists() {
@@ -69,7 +74,8 @@ void ntpd_restart_service() {
     if (system_ret("systemctl is-active --quiet ntp") != 0) {
         return;
     }
-    if (const int status = system_ret("systemctl restart ntp"); status != 0) {
+    if (const int status = system_ret("systemctl restart ntp");
+        status != 0 && !device_is_going_down()) {
         log_error("Could not restart ntp service (returned %d).", status);
     }
 }

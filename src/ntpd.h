@@ -15,7 +15,8 @@ void ntpd_service_conf_add();
 // Takes the override back and restarts the service. Failures are logged.
 void ntpd_service_conf_remove();
 
-// Has the service run with its configuration as it is now, if it runs at all. Failures are logged.
+// Has the service run with its configuration as it is now, if it runs at all. Failures are logged,
+// unless the whole device is going down.
 void ntpd_restart_service();
 
 // Logs the drift that the service has noted, if any.

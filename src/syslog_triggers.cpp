@@ -9,6 +9,7 @@
 #include "strutil.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -39,13 +40,56 @@ constexpr std::string_view reactions[] = {
     " Execve failed.",
 };
 
-std::mutex rules_mutex; // guards the list, all of its rules and the events to send
+std::mutex rules_mutex; // guards the list, all of its rules, their filters, the events to send
 std::unique_ptr<systemlogs_monitor_t> systemlog_rules_list;
+
+// Most lines contain no rule's key, and most of those not even some pair of neighbouring characters
+// of it. For each rule, in the list's order, up to four of its key's pairs; apart from the rules,
+// so that all of them stay in the processor's cache.
+constexpr std::size_t pairs_max = 1024;  // pairs are told apart by that many hashes
+constexpr std::uint16_t any = pairs_max; // every line has it
+struct key_filter {
+    std::array<std::uint16_t, 4> pairs;
+    systemlogs_monitor_t *rule;
+};
+std::vector<key_filter> key_filters;
 std::vector<std::uint32_t> events_to_send;
 
 TVSubscriptionCallback on_crash_report_event = nullptr;
 std::unique_ptr<thread_info> tail_process;
 unsigned next_event_number = 0; // a number is used once in a run
+
+// --- Filters
+
+using line_pairs = std::array<bool, pairs_max + 1>; // which of them a line has
+
+std::uint16_t pair_at(const char *text) {
+    return static_cast<std::uint16_t>(
+        (static_cast<unsigned char>(text[0]) * 31U + static_cast<unsigned char>(text[1])) %
+        pairs_max);
+}
+
+line_pairs pairs_of(const char *line) {
+    line_pairs pairs{};
+    pairs[any] = true;
+    for (; line[0] != '\0'; ++line) {
+        pairs[pair_at(line)] = true; // the last is one with the line's end, which no key has
+    }
+    return pairs;
+}
+
+void set_filter(key_filter &filter) {
+    const std::string &key = filter.rule->key_word;
+    const std::size_t count = key.size() - 1;
+    for (std::size_t i = 0; i < filter.pairs.size(); ++i) {
+        filter.pairs[i] = count == 0 ? any : pair_at(&key[i * count / filter.pairs.size()]);
+    }
+}
+
+bool may_contain(const line_pairs &pairs, const key_filter &filter) {
+    return std::all_of(filter.pairs.begin(), filter.pairs.end(),
+                       [&pairs](std::uint16_t pair) { return pairs[pair]; });
+}
 
 // --- The list, with the lock held
 
@@ -63,6 +107,7 @@ void append_rule(std::unique_ptr<systemlogs_monitor_t> rule) {
     while (*end) {
         end = &(*end)->next;
     }
+    set_filter(key_filters.emplace_back(key_filter{{}, rule.get()}));
     *end = std::move(rule);
 }
 
@@ -73,6 +118,7 @@ std::unique_ptr<systemlogs_monitor_t> unlink_rule(const systemlogs_monitor_t *wa
     }
     std::unique_ptr<systemlogs_monitor_t> rule = std::move(*link);
     *link = std::move(rule->next);
+    std::erase_if(key_filters, [wanted](const auto &filter) { return filter.rule == wanted; });
     return rule;
 }
 
@@ -188,7 +234,8 @@ bool count_match(systemlogs_monitor_t &rule, std::time_t now) {
         return false;
     }
     const std::int64_t elapsed = now - rule.latest_activation;
-    if (elapsed < rule.cooldown) {
+    // The first match passes whatever the clock says: a camera's may begin at 1970.
+    if (rule.latest_activation != 0 && elapsed < rule.cooldown) {
         const auto left = static_cast<unsigned>(rule.cooldown - elapsed);
         log_info("Advanced Debug Mode: Found log message within Cool Down time. No Crash Report "
                  "will generated. Will be ready in %u minutes, %u seconds.",
@@ -333,7 +380,8 @@ std::string json_text(const std::string &text) {
 bool create_a_systemlog_trigger_rule(const trigger_request &request, bool store_also) {
     const std::string name = request.name.substr(0, request.name.find('\n'));
     const std::string key = request.key_word.substr(0, request.key_word.find('\n'));
-    if (!is_usable(name, trigger_name_max) || !is_usable(key, trigger_key_max)) {
+    const bool is_title = g_utf8_validate(name.data(), static_cast<gssize>(name.size()), nullptr);
+    if (!is_usable(name, trigger_name_max) || !is_title || !is_usable(key, trigger_key_max)) {
         return false;
     }
     if (request.subscribe_also) {
@@ -346,6 +394,8 @@ bool create_a_systemlog_trigger_rule(const trigger_request &request, bool store_
     if (systemlogs_monitor_t *rule = find_rule(name)) {
         rule->key_word = key;
         start_counting(*rule);
+        set_filter(*std::find_if(key_filters.begin(), key_filters.end(),
+                                 [rule](const auto &filter) { return filter.rule == rule; }));
         lock.unlock();
     } else {
         lock.unlock();
@@ -402,10 +452,12 @@ void remove_all_subscribed_triggers() {
 
 void traverse_and_trigger_if_so(const char *line) {
     const std::lock_guard lock(rules_mutex);
+    const line_pairs pairs = pairs_of(line);
     std::time_t now = 0;
     std::string now_text; // made for the first match: most lines match nothing
-    for (auto *rule = systemlog_rules_list.get(); rule; rule = rule->next.get()) {
-        if (std::strstr(line, rule->key_word.c_str()) == nullptr) {
+    for (const key_filter &filter : key_filters) {
+        systemlogs_monitor_t *rule = filter.rule;
+        if (!may_contain(pairs, filter) || std::strstr(line, rule->key_word.c_str()) == nullptr) {
             continue;
         }
         if (now_text.empty()) {
@@ -488,6 +540,14 @@ void syslog_triggers_begin_listening() {
                                                nullptr};
     if (!tail_process) {
         tail_process = process_create(follower, traverse_and_trigger_if_so);
+    }
+}
+
+void syslog_triggers_keep_listening() {
+    if (tail_process && tail_process->at_end) {
+        log_warning("What follows the log for the triggers has ended and is started again.");
+        syslog_triggers_stop_listening();
+        syslog_triggers_begin_listening();
     }
 }
 

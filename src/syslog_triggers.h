@@ -13,7 +13,8 @@
 #include <tvevent.h>
 
 // What the event's title and the lines of the rule files can hold, in bytes. Longer ones, empty
-// ones and ones with control characters make no rule.
+// ones and ones with control characters make no rule, nor does a name that is no UTF-8: it goes
+// over the bus. A key may be any bytes, as a log line may.
 inline constexpr std::size_t trigger_name_max = 242;
 inline constexpr std::size_t trigger_key_max = 494;
 
@@ -88,6 +89,8 @@ const systemlogs_monitor_t *get_systemlog_list();
 
 // Starts and ends following the log. Ending waits for the follower's thread.
 void syslog_triggers_begin_listening();
+// While it is followed: starts a follower anew that somebody has ended. Costs nothing otherwise.
+void syslog_triggers_keep_listening();
 void syslog_triggers_stop_listening();
 
 // The action: "do" is add, remove or list.

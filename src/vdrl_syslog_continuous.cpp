@@ -20,6 +20,7 @@ constexpr const char *take_command =
 
 struct installed_file {
     const char *source;
+    const char *staged; // on the target's file system, in no folder that a service reads
     const char *target;
     mode_t mode;
     const char *not_installed; // what is logged
@@ -34,20 +35,22 @@ struct set_up {
 };
 
 constexpr set_up syslog_ng = {
-    {"/usr/local/packages/Vandrel/conf/logrotate.conf", "/etc/logrotate.d/vandrel.conf", 0644,
+    {"/usr/local/packages/Vandrel/conf/logrotate.conf", "/etc/.vandrel.new",
+     "/etc/logrotate.d/vandrel.conf", 0644,
      "Could not install logrotate script for vandrel.log. Will not enable vandrel.log.",
      "Could not remove logrotate script for vandrel.log."},
-    {"/usr/local/packages/Vandrel/conf/syslog-ng.conf", "/etc/syslog-ng.d/vandrel.conf", 0644,
-     "Could not install vandrel.log syslog configuration.",
+    {"/usr/local/packages/Vandrel/conf/syslog-ng.conf", "/etc/.vandrel.new",
+     "/etc/syslog-ng.d/vandrel.conf", 0644, "Could not install vandrel.log syslog configuration.",
      "Could not remove vandrel.log syslog configuration."},
     "systemctl reload syslog-ng"};
 
 constexpr set_up rsyslog = {
-    {"/usr/local/packages/Vandrel/rsyslog_rotate.sh", "/usr/local/vandrel_log_rotate.sh", 0755,
+    {"/usr/local/packages/Vandrel/rsyslog_rotate.sh", "/usr/local/.vandrel.new",
+     "/usr/local/vandrel_log_rotate.sh", 0755,
      "Could not install rotate script for vandrel.log. Will not enable vandrel.log.",
      "Could not remove rotate script for vandrel.log."},
-    {"/usr/local/packages/Vandrel/conf/rsyslog.conf", "/etc/rsyslog.d/66-vandrel.conf", 0644,
-     "Could not install rsyslog config for vandrel.log.",
+    {"/usr/local/packages/Vandrel/conf/rsyslog.conf", "/etc/.vandrel.new",
+     "/etc/rsyslog.d/66-vandrel.conf", 0644, "Could not install rsyslog config for vandrel.log.",
      "Could not remove rsyslog config for vandrel.log."},
     "systemctl restart rsyslog"};
 
@@ -62,11 +65,13 @@ const set_up *of_this_device() {
     }
 }
 
-// Not copied in place: half a file after a power cut would be taken for the installed one.
+// Not made in its place: half a file, or one that can't be run, would be taken for the installed
+// one after a power cut; and logrotate reads whatever lies in its folder.
 bool install(const installed_file &file) {
     const auto text = file_get_contents(file.source);
-    const bool installed =
-        text && file_put_string(file.target, *text) && ::chmod(file.target, file.mode) == 0;
+    const bool installed = text && file_put_string(file.staged, *text) &&
+                           ::chmod(file.staged, file.mode) == 0 &&
+                           ::rename(file.staged, file.target) == 0;
     if (!installed) {
         log_error("%s", file.not_installed);
     }

@@ -5,12 +5,13 @@
 #include "log_capture.h"
 #include "paramsetter.h"
 #include "sandbox.h"
+#include "strutil.h"
 
-#include <ctime>
 #include <filesystem>
 #include <gtest/gtest.h>
 
 namespace fs = std::filesystem;
+using texts = std::vector<std::string>;
 
 namespace {
 
@@ -19,10 +20,6 @@ const std::string restart_interval_file = folder + "automatic_restart_interval.i
 const std::string restart_times_file = folder + "automatic_restart_times.info";
 const std::string ptz_interval_file = folder + "automatic_PTZ_test_interval.info";
 const std::string ptz_times_file = folder + "automatic_PTZ_test_times.info";
-const std::string reset_call =
-    "dbus-send --system --type=method_call --print-reply --reply-timeout=3000 "
-    "--dest=com.tarvo.PTZ.Coordinator /com/tarvo/PTZ/Coordinator/1 "
-    "com.tarvo.PTZ.Coordinator.Auxiliary string:Operator int32:0 string:reset";
 
 class ScheduledTasks : public testing::Test {
   protected:
@@ -43,19 +40,8 @@ class ScheduledTasks : public testing::Test {
 };
 
 std::string ask(const std::string &rule, const std::string &status, const std::string &argument) {
-    std::map<std::string, std::string> arguments{{"rule", rule}, {"status", status}};
-    if (argument != "-") {
-        arguments["argument"] = argument;
-    }
-    return body_of(action_miscellaneous, arguments);
-}
-
-// The time of day in so many minutes.
-std::string minute_from_now(int minutes) {
-    const std::time_t at = std::time(nullptr) + minutes * 60L;
-    char text[6];
-    std::strftime(text, sizeof text, "%H:%M", std::localtime(&at));
-    return text;
+    return body_of(action_miscellaneous, query("rule=" + rule + "&status=" + status +
+                                               (argument == "-" ? "" : "&argument=" + argument)));
 }
 
 } // namespace
@@ -65,57 +51,56 @@ TEST_F(ScheduledTasks, SetsAndStopsAsAsked) {
     const std::string not_specified = "Error: argument not specified.\r\n";
     const std::string too_short = "Too short interval set (must exceed 2 minutes)\r\n";
     const std::string unknown = "Error: Status unknown, no action.\r\n";
+    const std::string no_address = "Error: no address given.\r\n";
+    const std::string restart_set = "Automatic restart rule has been set.\r\n";
+    const std::string ptz_set = "Automatic PTZ test has been set.\r\n";
+    const std::string ptz_times_set = "PTZ test rule has been set.\r\n";
+    const char *restart = "automatic_restart";
+    const char *ptz = "automatic_ptz_test";
     const struct {
         std::string rule, status, argument, reply, logged;
     } cases[] = {
-        {"automatic_restart", "start", "5", unknown, ""},
-        {"automatic_restart", "stop", "-", unknown, ""},
-        {"automatic_restart", "set_interval", "-", not_specified, ""},
-        {"automatic_restart", "set_interval", "2", too_short, ""},
-        {"automatic_restart", "set_interval", "-1", too_short, ""},
-        {"automatic_restart", "set_interval", "", too_short, ""},
-        {"automatic_restart", "set_interval", "soon\n\"", too_short, ""},
-        {"automatic_restart", "set_times", "8:00,24:00,08:60,noon", not_specified, ""},
-        {"automatic_restart", "set_times", "", not_specified, ""},
-        {"automatic_restart", "set_times", "08:00," + std::string(10'000, 'x'), not_specified, ""},
-        {"automatic_restart", "set_interval", "3", "Automatic restart rule has been set.\r\n",
-         "INFO Started Automatic Restart: Every 0 hours."},
-        {"automatic_restart", "set_interval", "125", "Automatic restart rule has been set.\r\n",
-         "INFO Updated Automatic Restart Interval: Every 2 hours."},
-        {"automatic_restart", "set_times", "08:00\"x", "Automatic restart rule has been set.\r\n",
-         "INFO Started Automatic Restart Times: 08:00"},
-        {"automatic_restart", "set_times", "08:00,2\"x", "Automatic restart rule has been set.\r\n",
-         "INFO Updated Automatic Restart Times: 08:00,2\"x"},
-        {"automatic_ptz_test", "set_interval", "9223372036854775808",
-         "Automatic PTZ test has been set.\r\n",
-         "INFO Started automatic PTZ test: Every 153722867280912930 hours."},
-        {"automatic_ptz_test", "set_interval", "60x", "Automatic PTZ test has been set.\r\n",
-         "INFO Updated automatic PTZ test interval: Every 1 hours."},
-        {"automatic_ptz_test", "set_times", "23:59", "PTZ test rule has been set.\r\n",
-         "INFO Started PTZ Test Times: 23:59"},
-        {"automatic_ptz_test", "set_times", "00:00,x", "PTZ test rule has been set.\r\n",
-         "INFO Updated PTZ Test Times: 00:00,x"},
+        {restart, "start", "5", unknown, ""},
+        {restart, "stop", "-", unknown, ""},
+        {restart, "set_interval", "-", not_specified, ""},
+        {restart, "set_interval", "2", too_short, ""},
+        {restart, "set_interval", "-1", too_short, ""},
+        {restart, "set_interval", "", too_short, ""},
+        {restart, "set_interval", "soon\n\"", too_short, ""},
+        {restart, "set_times", "8:00,24:00,08:60,noon", not_specified, ""},
+        {restart, "set_times", "", not_specified, ""},
+        {restart, "set_times", "08:00," + std::string(10'000, 'x'), not_specified, ""},
+        {restart, "set_interval", "3", restart_set, "Started Automatic Restart: Every 0 hours."},
+        {restart, "set_interval", "125", restart_set,
+         "Updated Automatic Restart Interval: Every 2 hours."},
+        {restart, "set_times", "08:00\"x", restart_set, "Started Automatic Restart Times: 08:00"},
+        {restart, "set_times", "08:00,2\"x", restart_set,
+         "Updated Automatic Restart Times: 08:00,2\"x"},
+        {ptz, "set_interval", "9223372036854775808", ptz_set,
+         "Started automatic PTZ test: Every 153722867280912930 hours."},
+        {ptz, "set_interval", "60x", ptz_set,
+         "Updated automatic PTZ test interval: Every 1 hours."},
+        {ptz, "set_times", "23:59", ptz_times_set, "Started PTZ Test Times: 23:59"},
+        {ptz, "set_times", "00:00,x", ptz_times_set, "Updated PTZ Test Times: 00:00,x"},
         // The restart's interval is named here, and its count starts anew: known behaviour.
-        {"automatic_ptz_test", "stop", "-", "Automatic PTZ test has been stopped.\r\n",
-         "INFO Stopped automatic PTZ testing: Every 2 hours."},
-        {"automatic_ptz_test", "stop", "-", "PTZ test rule at given times has been stopped.\r\n",
-         "INFO Stopped PTZ Times: 00:00,x."},
-        {"automatic_ptz_test", "stop", "-", unknown, ""},
-        {"automatic_restart", "stop", "-", "Automatic restart rule has been stopped.\r\n",
-         "INFO Stopped Automatic Restart: Every 2 hours."},
-        {"automatic_restart", "stop", "-",
-         "Automatic restart rule at given times has been stopped.\r\n",
-         "INFO Stopped Automatic Restart Times: 08:00,2\"x."},
-        {"syslog_server", "set", "-", "Error: no address given.\r\n", ""},
-        {"syslog_server", "set", "host;reboot", "Error: no address given.\r\n", ""},
+        {ptz, "stop", "-", "Automatic PTZ test has been stopped.\r\n",
+         "Stopped automatic PTZ testing: Every 2 hours."},
+        {ptz, "stop", "-", "PTZ test rule at given times has been stopped.\r\n",
+         "Stopped PTZ Times: 00:00,x."},
+        {ptz, "stop", "-", unknown, ""},
+        {restart, "stop", "-", "Automatic restart rule has been stopped.\r\n",
+         "Stopped Automatic Restart: Every 2 hours."},
+        {restart, "stop", "-", "Automatic restart rule at given times has been stopped.\r\n",
+         "Stopped Automatic Restart Times: 08:00,2\"x."},
+        {"syslog_server", "set", "-", no_address, ""},
+        {"syslog_server", "set", "host;reboot", no_address, ""},
         {"syslog_server", "start", "-", "", ""},
     };
     for (const auto &one : cases) {
         log.clear();
         EXPECT_EQ(ask(one.rule, one.status, one.argument), one.reply)
             << one.rule << ' ' << one.status << ' ' << one.argument.substr(0, 50);
-        EXPECT_EQ(log.texts(), one.logged.empty() ? std::vector<std::string>{}
-                                                  : std::vector<std::string>{one.logged});
+        EXPECT_EQ(log.texts(), one.logged.empty() ? texts{} : texts{"INFO " + one.logged});
         if (one.status == "set_interval" && one.argument == "125") {
             EXPECT_EQ(starting_tick, 100UL);
             EXPECT_EQ(read_file(restart_interval_file), "T:125\n");
@@ -129,19 +114,16 @@ TEST_F(ScheduledTasks, SetsAndStopsAsAsked) {
         EXPECT_FALSE(fs::exists(file)) << file;
     }
     EXPECT_EQ(body_of(action_miscellaneous, {}), "Error: rule not specified.\r\n");
-    EXPECT_EQ(body_of(action_miscellaneous, {{"rule", "automatic_restart"}}),
+    EXPECT_EQ(body_of(action_miscellaneous, {{"rule", restart}}),
               "Error: status not specified.\r\n");
-    EXPECT_EQ(body_of(action_miscellaneous, {{"rule", "syslog_server"}}),
-              "Error: no address given.\r\n");
-    EXPECT_EQ(reply_of(action_miscellaneous, {{"rule", "other"}, {"status", "stop"}}), "");
+    EXPECT_EQ(body_of(action_miscellaneous, {{"rule", "syslog_server"}}), no_address);
+    EXPECT_EQ(reply_of(action_miscellaneous, query("rule=other&status=stop")), "");
     EXPECT_TRUE(recorded_calls().empty());
-}
 
-TEST_F(ScheduledTasks, WhatCanNotBeStoredIsStillDone) {
-    log_capture log;
+    // What can't be stored is still done.
+    log.clear();
     fs::create_directory(restart_interval_file);
-    EXPECT_EQ(ask("automatic_restart", "set_interval", "5"),
-              "Automatic restart rule has been set.\r\n");
+    EXPECT_EQ(ask(restart, "set_interval", "5"), restart_set);
     EXPECT_TRUE(automatic_restart_interval);
     EXPECT_EQ(log.texts()[0], "WARNING (errno: Is a directory) Could not open file '" +
                                   restart_interval_file + "'");
@@ -173,70 +155,35 @@ TEST_F(ScheduledTasks, ReadsBackWhatIsThere) {
     EXPECT_FALSE(automatic_restart_given_times);
 }
 
-TEST_F(ScheduledTasks, ATimeOfDayFiresOnceInItsMinute) {
-    log_capture log;
-    std::string minute;
-    int fired = 0;
-    do { // again if the minute has changed meanwhile
-        minute = minute_from_now(0);
-        log.clear();
-        recorded_calls();
-        ptz_test_given_times = "xx," + minute + "," + minute;
-        for (int tick = 0; tick < 3; ++tick) {
-            EXPECT_TRUE(scheduled_tasks_timer_callback(nullptr));
-        }
-        ++fired;
-    } while (minute != minute_from_now(0));
-    if (fired == 1) {
-        EXPECT_EQ(log.texts(), std::vector<std::string>{"WARNING Automatic PTZ Test"});
-        EXPECT_EQ(recorded_calls(), std::vector<std::string>{reset_call});
-    }
-    // Not while an interval is set, not at another time, and no restart in the minute of the start:
-    // it would be that of the restart that has just been made.
-    recorded_calls();
-    ask("automatic_ptz_test", "set_interval", "100");
-    automatic_restart_given_times = minute_from_now(5);
-    scheduled_tasks_timer_callback(nullptr);
-    do {
-        minute = minute_from_now(0);
-        read_scheduled_tasks();
-        automatic_restart_given_times = minute;
-        recorded_calls();
-        scheduled_tasks_timer_callback(nullptr);
-    } while (minute != minute_from_now(0));
-    EXPECT_TRUE(recorded_calls().empty());
-}
-
 TEST_F(ScheduledTasks, ServicesGetTheirFirstSettingsBack) {
     const std::string device = "/etc/tvparameter/parameters.conf";
-    write_file(device, "root.Network.SSH.Enabled=no\nroot.Network.FTP.Enabled=maybe not\n");
+    const std::string file = folder + "parameters.txt";
+    const auto both = [](const char *ssh, const char *ftp) {
+        return format_text("root.Network.SSH.Enabled=%s\nroot.Network.FTP.Enabled=%s\n", ssh, ftp);
+    };
+    write_file(device, both("no", "maybe not"));
     const std::unique_ptr<TVParameter, deleter<tv_parameter_free>> handle(
         tv_parameter_new("Vandrel", nullptr));
     std::string ssh, ftp;
     store_SSH_FTP_settings(handle.get(), ssh, ftp);
     activate_SSH_FTP(handle.get());
-    EXPECT_EQ(read_file(device), "root.Network.SSH.Enabled=yes\nroot.Network.FTP.Enabled=yes\n");
-    EXPECT_EQ(read_file(folder + "parameters.txt"), "SSH:no\nFTP:maybe not\n");
-    restore_SSH_FTP_settings(handle.get(), ssh, ftp);
-    EXPECT_EQ(read_file(device),
-              "root.Network.SSH.Enabled=no\nroot.Network.FTP.Enabled=maybe not\n");
-
-    write_file(device, "root.Network.SSH.Enabled=by hand\nroot.Network.FTP.Enabled=by hand\n");
+    EXPECT_EQ(read_file(device), both("yes", "yes"));
+    EXPECT_EQ(read_file(file), "SSH:no\nFTP:maybe not\n");
     store_SSH_FTP_settings(handle.get(), ssh, ftp);
-    EXPECT_EQ(ssh + "," + ftp, "no,maybe not");
+    restore_SSH_FTP_settings(handle.get(), ssh, ftp);
+    EXPECT_EQ(read_file(device), both("no", "maybe not"));
 
     // A file that has lost its content brings nothing back, and changes nothing.
     for (const std::string &content : {std::string(), std::string("SSH:"), std::string(99, '\0')}) {
-        write_file(folder + "parameters.txt", content);
+        write_file(file, content);
         store_SSH_FTP_settings(handle.get(), ssh, ftp);
         restore_SSH_FTP_settings(handle.get(), ssh, ftp);
     }
-    EXPECT_EQ(read_file(device),
-              "root.Network.SSH.Enabled=by hand\nroot.Network.FTP.Enabled=by hand\n");
+    EXPECT_EQ(read_file(device), both("no", "maybe not"));
     // With nothing to ask, nothing is remembered for good.
-    fs::remove(folder + "parameters.txt");
+    fs::remove(file);
     log_capture log;
     store_SSH_FTP_settings(nullptr, ssh, ftp);
-    EXPECT_FALSE(fs::exists(folder + "parameters.txt"));
+    EXPECT_FALSE(fs::exists(file));
     EXPECT_EQ(log.texts()[0], "WARNING Could not get status of root.Network.SSH.Enabled.");
 }

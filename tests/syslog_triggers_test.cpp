@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 namespace fs = std::filesystem;
+using texts = std::vector<std::string>;
 
 namespace {
 
@@ -20,7 +21,7 @@ const std::string rules = "/usr/local/packages/Vandrel/localdata/systemlog_analy
 const std::string crash_rules =
     "/usr/local/packages/Vandrel/localdata/systemlog_analyzer_logmsg.txt";
 
-std::vector<std::string> called; // names of the crash-report rules whose events came
+texts called; // names of the crash-report rules whose events came
 
 void note_event(guint, TVEvent *event, gpointer rule) {
     tv_event_free(event);
@@ -31,11 +32,15 @@ std::string listing() {
     return body_of(action_systemlog_trigger, {{"do", "list"}});
 }
 
-// Of the rule in the listing, the number behind "triggered_count".
-int count_of(const std::string &name) {
+// Of these rules in the listing, the numbers behind "triggered_count".
+std::vector<int> counts(const texts &names) {
     const std::string json = listing();
-    const auto at = json.find("\"triggered_count\":", json.find("\"name\":\"" + name + "\""));
-    return std::atoi(json.c_str() + at + 18);
+    std::vector<int> found;
+    for (const std::string &name : names) {
+        const auto at = json.find("\"triggered_count\":", json.find("\"name\":\"" + name + "\""));
+        found.push_back(std::atoi(json.c_str() + at + 18));
+    }
+    return found;
 }
 
 void feed(const std::string &text) {
@@ -82,26 +87,29 @@ TEST_F(SyslogTriggers, EveryRuleWhoseKeyIsInTheLineFires) {
     create_a_systemlog_trigger_rule({"report", "down", true, 10, 0, 0}, false);
     create_a_systemlog_trigger_rule({"report too", "kernel", true, 10, 0, 0}, false);
     create_a_systemlog_trigger_rule({"other", "Link"}, false);
-    feed("kernel: eth0 link down");
-    feed("kernel: eth0 Link up");
-    feed("kernel: eth0 link dow");
-    EXPECT_EQ(count_of("first"), 1);
-    EXPECT_EQ(count_of("report"), 1);
-    EXPECT_EQ(count_of("report too"), 3);
-    EXPECT_EQ(count_of("other"), 1);
+    create_a_systemlog_trigger_rule({"one letter", "L"}, false);
+    create_a_systemlog_trigger_rule({"not ASCII", "\xc3\xa9t\xe9"}, false);
+    for (const char *line : {"kernel: eth0 link down", "kernel: eth0 Link up",
+                             "kernel: eth0 link dow", "\xc3\xa9t\xe9", "owdn nkil e\xa9\xc3"}) {
+        feed(line);
+    }
+    EXPECT_EQ(counts({"first", "report", "report too", "other", "one letter", "not ASCII"}),
+              (std::vector<int>{1, 1, 3, 1, 1, 1}));
     ASSERT_TRUE(run_until([] { return called.size() == 4; }));
-    EXPECT_EQ(called, (std::vector<std::string>{"report", "report too", "report too",
-                                                "report too"})); // in the list's order
+    EXPECT_EQ(called, (texts{"report", "report too", "report too", "report too"})); // in its order
 
     // The same name again: the rule stays, its counting starts anew.
     const std::uint32_t event = get_systemlog_list()->eventID;
     create_a_systemlog_trigger_rule({"first", "new key", true, 5, 5, 5}, false);
     EXPECT_EQ(get_systemlog_list()->eventID, event);
     EXPECT_FALSE(get_systemlog_list()->is_subscribed);
-    EXPECT_EQ(count_of("first"), 0);
     EXPECT_NE(listing().find("\"key_word\":\"new key\",\"last_time_triggered\":\"Not triggered "
-                             "yet\",\"start_time_triggered\":\"Not triggered yet\""),
+                             "yet\",\"start_time_triggered\":\"Not triggered yet\",\"limit\":0,"
+                             "\"cooldown\":\"0\",\"is_subscribed\":0,\"triggered_count\":0}"),
               std::string::npos);
+    feed("link down");
+    feed("a new key");
+    EXPECT_EQ(counts({"first"}), std::vector<int>{1});
 }
 
 TEST_F(SyslogTriggers, OwnReactionsMatchNothing) {
@@ -110,25 +118,22 @@ TEST_F(SyslogTriggers, OwnReactionsMatchNothing) {
     }
     for (const char *text :
          {"Advanced Debug Mode: Found log message.",
-          "Advanced Debug Mode: Found log message within Cool Down time. No Crash Report will",
           "Advanced Debug Mode: Generating Crash report.",
           "Advanced Debug Mode: Generating Crash Report finished.",
           "Metadata Event 2023 tarvo:VelaPlatform/tarvo:Vandrel/tarvo:systemlogs_0",
           "(eventlistener:10, errno: None) Metadata Event topic_tree is too small."}) {
         feed(own(text));
     }
-    EXPECT_EQ(count_of("Vandrel") + count_of("Event") + count_of("log message"), 0);
+    EXPECT_EQ(counts({"Vandrel", "Event", "log message"}), (std::vector<int>{0, 0, 0}));
     feed(own("Test 0: refresher message."));
     feed("Other[1]: Metadata Event");
     feed(own("Advanced Debug Mode: Activated"));
-    EXPECT_EQ(count_of("Vandrel"), 2);
-    EXPECT_EQ(count_of("Event"), 1);
-    EXPECT_EQ(count_of("Advanced"), 1);
+    EXPECT_EQ(counts({"Vandrel", "Event", "Advanced"}), (std::vector<int>{2, 1, 1}));
 }
 
 TEST_F(SyslogTriggers, CrashReportRulesKeepToLimitAndCooldown) {
     create_a_systemlog_trigger_rule({"limited", "limited", true, 2, 0, 0}, false);
-    create_a_systemlog_trigger_rule({"cool", "cool", true, 2, 3600, 1}, false);
+    create_a_systemlog_trigger_rule({"cool", "cool", true, 2, UINT32_MAX, 1}, false);
     monitory_active = false;
     feed("limited cool");
     monitory_active = true;
@@ -136,34 +141,27 @@ TEST_F(SyslogTriggers, CrashReportRulesKeepToLimitAndCooldown) {
     feed("limited cool");
     advanced_debug_mode_crash_log_message_activated = true;
     log_.clear();
-    EXPECT_EQ(count_of("limited") + count_of("cool"), 0);
-    for (int i = 0; i < 3; ++i) {
-        feed("limited");
+    for (const char *line : {"limited", "limited", "limited", "cool", "cool"}) {
+        feed(line);
     }
-    EXPECT_EQ(count_of("limited"), 2);
+    EXPECT_EQ(counts({"limited", "cool"}), (std::vector<int>{2, 1}));
     const std::string limit_reached = "INFO Advanced Debug Mode: Found log message but configured "
                                       "Log Message Limit is reached. No Crash Report will "
                                       "generated.";
-    EXPECT_EQ(log_.texts(), std::vector<std::string>{limit_reached});
-    log_.clear();
-
-    feed("cool");
-    feed("cool");
-    EXPECT_EQ(count_of("cool"), 1);
-    EXPECT_EQ(log_.texts(), std::vector<std::string>{limit_reached});
+    EXPECT_EQ(log_.texts(), (texts{limit_reached, limit_reached}));
     // A match that is given back counts for neither, and may come again at once.
     auto &cool = const_cast<systemlogs_monitor_t &>(*get_systemlog_list()->next);
     give_match_back(cool);
     create_a_systemlog_trigger_rule({"long", "long", true, 9, 3600, 0}, false);
     log_.clear();
-    feed("cool");
-    feed("long");
-    feed("long");
+    for (const char *line : {"cool", "long", "long"}) {
+        feed(line);
+    }
     EXPECT_EQ(cool.count, 2U);
     ASSERT_EQ(log_.texts().size(), 1U);
-    EXPECT_EQ(log_.texts()[0].find("INFO Advanced Debug Mode: Found log message within Cool Down "
-                                   "time. No Crash Report will generated. Will be ready in "),
-              0U);
+    EXPECT_TRUE(log_.texts()[0].starts_with(
+        "INFO Advanced Debug Mode: Found log message within Cool Down time. No Crash Report will "
+        "generated. Will be ready in "));
     ASSERT_TRUE(run_until([] { return called.size() == 5; }));
 
     log_.clear();
@@ -172,20 +170,19 @@ TEST_F(SyslogTriggers, CrashReportRulesKeepToLimitAndCooldown) {
     ASSERT_NE(get_systemlog_list(), nullptr);
     EXPECT_EQ(get_systemlog_list()->name, "plain");
     EXPECT_EQ(get_systemlog_list()->next, nullptr);
-    EXPECT_EQ(log_.texts(),
-              std::vector<std::string>{"INFO Creating systemlog trigger rule: plain"});
+    EXPECT_EQ(log_.texts(), texts{"INFO Creating systemlog trigger rule: plain"});
 }
 
 TEST_F(SyslogTriggers, TheFilesBringBackWhatTheyHold) {
     create_a_systemlog_trigger_rule({"a \"name\"\ncut", "key\\one"}, true);
     create_a_systemlog_trigger_rule({"crash", "panic", true, 3, 7200, 1}, true);
     create_a_systemlog_trigger_rule({"b", "[ ERR"}, true);
-    EXPECT_EQ(read_file(rules), "NAME:a \"name\"\nKEY:key\\one\nNAME:b\nKEY:[ ERR\n");
-    EXPECT_EQ(read_file(crash_rules), "NAME:crash\nKEY:panic\nCOUNT:1\nLIMIT:3\nCOOLDOWN:7200\n");
-    const std::string plain = read_file(rules);
+    const std::string plain = "NAME:a \"name\"\nKEY:key\\one\nNAME:b\nKEY:[ ERR\n";
+    const std::string crash = "NAME:crash\nKEY:panic\nCOUNT:1\nLIMIT:3\nCOOLDOWN:7200\n";
     EXPECT_EQ(remove_a_systemlog_trigger_rule("b"), 0);
     EXPECT_EQ(remove_a_systemlog_trigger_rule("b"), 1);
     EXPECT_EQ(read_file(rules), plain); // a removal waits for the next store
+    EXPECT_EQ(read_file(crash_rules), crash);
     TearDown();
 
     advanced_debug_mode_crash_log_message_activated = false;
@@ -193,23 +190,30 @@ TEST_F(SyslogTriggers, TheFilesBringBackWhatTheyHold) {
     EXPECT_TRUE(advanced_debug_mode_crash_log_message_activated);
     store_systemlog_analyser_rules();
     EXPECT_EQ(read_file(rules), plain);
-    EXPECT_EQ(read_file(crash_rules), "NAME:crash\nKEY:panic\nCOUNT:1\nLIMIT:3\nCOOLDOWN:7200\n");
-    feed("panic");
+    EXPECT_EQ(read_file(crash_rules), crash);
+
+    // What can't be written is left alone, and so is the other file.
+    fs::remove(crash_rules);
+    fs::create_directory(crash_rules);
+    create_a_systemlog_trigger_rule({"c", "d"}, true);
+    EXPECT_EQ(read_file(rules), plain);
+    EXPECT_EQ(log_.texts().back(),
+              "WARNING (errno: Is a directory) Could not open file '" + crash_rules + "'");
+    fs::remove(crash_rules);
     TearDown();
 
     // Damaged files: what is whole comes back, the rest is said and left out.
-    const std::string long_key(495, 'k');
-    write_file(rules, "KEY:without a name\nNAME:good\nnonsense\nKEY:k1\nNAME:" +
-                          std::string(243, 'n') + "\nKEY:k2\nNAME:bad\nKEY:" + long_key +
-                          "\nNAME:\nKEY:x\nNAME:cut\nKEY:\nNAME:\x01\nKEY:y\nNAME:half");
+    write_file(rules,
+               "KEY:without a name\nNAME:good\nnonsense\nKEY:k1\nNAME:" + std::string(243, 'n') +
+                   "\nKEY:k2\nNAME:bad\nKEY:" + std::string(495, 'k') +
+                   "\nNAME:\nKEY:x\nNAME:cut\nKEY:\nNAME:\x01\nKEY:y\nNAME:half");
     write_file(crash_rules, "NAME:c\nKEY:k\nCOUNT:99999999999999999999\nLIMIT:x\nCOOLDOWN:-5\n" +
                                 std::string(1000, '\0') + "\nCOOLDOWN:");
     log_.clear();
     read_old_systemlog_analyser_rules(note_event);
-    const std::string json = listing();
-    EXPECT_NE(json.find("{\"name\":\"good\",\"key_word\":\"k1\""), std::string::npos);
-    EXPECT_NE(json.find("{\"name\":\"c\",\"key_word\":\"k\""), std::string::npos);
-    EXPECT_EQ(std::count(json.begin(), json.end(), '{'), 3);
+    store_systemlog_analyser_rules();
+    EXPECT_EQ(read_file(rules), "NAME:good\nKEY:k1\n");
+    EXPECT_EQ(read_file(crash_rules), "NAME:c\nKEY:k\nCOUNT:4294967295\nLIMIT:0\nCOOLDOWN:0\n");
     EXPECT_EQ(log_.texts()[0], "WARNING A systemlog trigger in '" + rules + "' can not be used: ");
     TearDown();
 
@@ -221,97 +225,66 @@ TEST_F(SyslogTriggers, TheFilesBringBackWhatTheyHold) {
     write_file(crash_rules, "");
     read_old_systemlog_analyser_rules(note_event);
     feed("a line with key 1999 in it");
-    EXPECT_EQ(count_of("rule 1999"), 1);
+    EXPECT_EQ(counts({"rule 1999", "rule 199"}), (std::vector<int>{1, 0}));
     store_systemlog_analyser_rules();
     EXPECT_EQ(read_file(rules), many);
 }
 
-TEST_F(SyslogTriggers, FilesThatCanNotBeWrittenAreLeftAlone) {
-    create_a_systemlog_trigger_rule({"a", "b"}, true);
-    const std::string before = read_file(rules);
-    fs::remove(crash_rules);
-    fs::create_directory(crash_rules);
-    log_.clear();
-    create_a_systemlog_trigger_rule({"c", "d"}, true);
-    EXPECT_EQ(read_file(rules), before);
-    EXPECT_EQ(log_.texts().back(),
-              "WARNING (errno: Is a directory) Could not open file '" + crash_rules + "'");
-}
-
 TEST_F(SyslogTriggers, AnswersTheAction) {
     const std::string added = "New systemlog trigger added.";
+    const std::string not_found = "Systemlog trigger not removed (not found).";
     const std::string refused = "Status: 400 Bad Request";
-    const struct {
-        std::map<std::string, std::string> arguments;
-        std::string body; // or the start of a refusal
-    } cases[] = {
-        {{}, "Error: do=[add|remove|list]."},
-        {{{"do", "Add"}}, "Error: do=[add|remove|list]."},
-        {{{"do", "list"}}, "{\"active\":1,\"systemlog_trigger_rules\":[]}"},
-        {{{"do", "add"}, {"name", "n"}}, refused},
-        {{{"do", "add"}, {"key", "k"}}, refused},
-        {{{"do", "add"}, {"name", "n"}, {"key", ""}}, refused},
-        {{{"do", "add"}, {"name", "\nx"}, {"key", "k"}}, refused},
-        {{{"do", "add"}, {"name", "n"}, {"key", "tab\there"}}, refused},
-        {{{"do", "add"}, {"name", std::string(243, 'n')}, {"key", "k"}}, refused},
-        {{{"do", "add"}, {"name", "n"}, {"key", std::string(100'000, 'k')}}, refused},
-        {{{"do", "add"}, {"name", "n"}, {"subscription_message", "m"}, {"limit", "3"}}, refused},
-        {{{"do", "add"},
-          {"name", "n"},
-          {"subscription_message", "m"},
-          {"limit", "three"},
-          {"cooldown", "60"}},
-         refused},
-        {{{"do", "add"},
-          {"name", "n"},
-          {"subscription_message", "m"},
-          {"limit", "3"},
-          {"cooldown", "99999999999"}},
-         refused},
-        {{{"do", "add"}, {"name", "a+b\x1b"}, {"key", "[ WARN+\"q\""}}, added + added},
-        {{{"do", "add"},
-          {"name", "crash"},
-          {"subscription_message", "seg+fault"},
-          {"limit", "3"},
-          {"cooldown", "7200"}},
-         added},
-        {{{"do", "remove"}}, ""},
-        {{{"do", "remove"}, {"name", "A b+"}}, "Systemlog trigger not removed (not found)."},
-        {{{"do", "list"}},
-         "{\"active\":1,\"systemlog_trigger_rules\":[{\"name\":\"a b+\",\"key_word\":\"[ WARN "
-         "\\\"q\\\"\",\"last_time_triggered\":\"Not triggered yet\",\"start_time_triggered\":\"Not "
-         "triggered yet\",\"limit\":0,\"cooldown\":\"0\",\"is_subscribed\":0,\"triggered_count\":0}"
-         ",{\"name\":\"crash\",\"key_word\":\"seg fault\",\"last_time_triggered\":\"Not triggered "
-         "yet\",\"start_time_triggered\":\"Not triggered "
-         "yet\",\"limit\":3,\"cooldown\":\"7200\",\"is_subscribed\":1,\"triggered_count\":0}]}"},
-        {{{"do", "remove"}, {"name", "a+b\x1b"}}, "Systemlog trigger removed."},
-        {{{"do", "remove"}, {"name", std::string(100'000, 'n')}},
-         "Systemlog trigger not removed (not found)."},
-        {{{"do", "add"}, {"name", "n"}, {"key", std::string(300, '"')}}, added + added},
+    const std::string untriggered = "\",\"last_time_triggered\":\"Not triggered yet\",\"start_time_"
+                                    "triggered\":\"Not triggered yet\",\"limit\":";
+    const std::pair<std::string, std::string> cases[] = {
+        // the body, or the start of a refusal
+        {"", "Error: do=[add|remove|list]."},
+        {"do=Add", "Error: do=[add|remove|list]."},
+        {"do=list", "{\"active\":1,\"systemlog_trigger_rules\":[]}"},
+        {"do=add&name=n", refused},
+        {"do=add&key=k", refused},
+        {"do=add&name=n&key=", refused},
+        {"do=add&name=\nx&key=k", refused},
+        {"do=add&name=n&key=tab\there", refused},
+        {"do=add&name=\xc3&key=k", refused},
+        {"do=add&key=k&name=" + std::string(243, 'n'), refused},
+        {"do=add&name=n&key=" + std::string(100'000, 'k'), refused},
+        {"do=add&name=n&subscription_message=m&limit=3", refused},
+        {"do=add&name=n&subscription_message=m&limit=three&cooldown=60", refused},
+        {"do=add&name=n&subscription_message=m&limit=3&cooldown=99999999999", refused},
+        {"do=add&name=a+b\x1b&key=[ WARN+\"q\"", added + added},
+        {"do=add&name=crash&subscription_message=seg+fault&limit=3&cooldown=7200", added},
+        {"do=remove", ""},
+        {"do=remove&name=A b+", not_found},
+        {"do=list",
+         "{\"active\":1,\"systemlog_trigger_rules\":[{\"name\":\"a b+\",\"key_word\":\"[ "
+         "WARN \\\"q\\\"" +
+             untriggered +
+             "0,\"cooldown\":\"0\",\"is_subscribed\":0,\"triggered_count\":0},{\"name\":"
+             "\"crash\",\"key_word\":\"seg fault" +
+             untriggered + "3,\"cooldown\":\"7200\",\"is_subscribed\":1,\"triggered_count\":0}]}"},
+        {"do=remove&name=a+b\x1b", "Systemlog trigger removed."},
+        {"do=remove&name=" + std::string(100'000, 'n'), not_found},
+        {"do=add&name=n&key=" + std::string(300, '"'), added + added},
     };
-    for (const auto &one : cases) {
-        const std::string reply = reply_of(action_systemlog_trigger, one.arguments);
-        if (one.body == refused) {
-            EXPECT_EQ(reply.find(refused), 0U) << reply;
-        } else {
-            EXPECT_EQ(reply.substr(reply.find("\r\n\r\n") + 4), one.body);
-        }
+    for (const auto &[text, expected] : cases) {
+        const std::string reply = reply_of(action_systemlog_trigger, query(text));
+        EXPECT_EQ(expected == refused ? reply.substr(0, refused.size())
+                                      : reply.substr(reply.find("\r\n\r\n") + 4),
+                  expected)
+            << text.substr(0, 80);
     }
     // Escaped text is cut to 255 bytes, but not in the middle of what it escapes.
     const std::string json = listing();
     const auto start = json.find("\"name\":\"n\",\"key_word\":\"") + 23;
     EXPECT_EQ(json.find("\",\"last", start) - start, 254U);
-    const auto texts = log_.texts();
-    EXPECT_NE(std::find(texts.begin(), texts.end(),
-                        "INFO Trigger on Warning system log messages configured."),
-              texts.end());
-    EXPECT_NE(std::find(texts.begin(), texts.end(),
-                        "INFO Creating systemlog trigger rule with limit: 3, cooldown: 120 "
-                        "minutes"),
-              texts.end());
-    EXPECT_NE(std::find(texts.begin(), texts.end(),
-                        "INFO System log trigger named: \"a b+\" is removed."),
-              texts.end());
+    EXPECT_EQ(log_.texts(),
+              (texts{"INFO Creating systemlog trigger rule: a b+",
+                     "INFO Trigger on Warning system log messages configured.",
+                     "INFO Creating systemlog trigger rule with limit: 3, cooldown: 120 minutes",
+                     "INFO System log trigger named: \"a b+\" is removed.",
+                     "INFO Creating systemlog trigger rule: n",
+                     "INFO Trigger on customized system log message configured."}));
 }
 
 TEST_F(SyslogTriggers, RulesChangeWhileLinesArrive) {
@@ -336,5 +309,5 @@ TEST_F(SyslogTriggers, RulesChangeWhileLinesArrive) {
         settle();
     }
     follower.join();
-    EXPECT_EQ(count_of("always"), lines);
+    EXPECT_EQ(counts({"always"}), std::vector<int>{lines});
 }

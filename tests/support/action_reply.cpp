@@ -2,6 +2,19 @@
 
 #include "glib_ptr.h"
 
+#include <algorithm>
+
+std::map<std::string, std::string> query(std::string_view text) {
+    std::map<std::string, std::string> arguments;
+    while (!text.empty()) {
+        const std::string_view one = text.substr(0, text.find('&'));
+        const auto equals = one.find('=');
+        arguments.emplace(one.substr(0, equals), one.substr(equals + 1));
+        text.remove_prefix(std::min(text.size(), one.size() + 1));
+    }
+    return arguments;
+}
+
 std::string reply_of(http_callback handler, const std::map<std::string, std::string> &arguments) {
     const ghashtable_ptr table(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free));
     for (const auto &[name, value] : arguments) {

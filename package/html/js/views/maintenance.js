@@ -172,7 +172,7 @@ function serverCard(message) {
 
   async function set() {
     const server = address.value.trim();
-    if (!/^[A-Za-z0-9.:[\]-]+$/.test(server)) {
+    if (!/^[A-Za-z0-9._:[\]-]+$/.test(server)) {
       addressField.explain('A host name or an IP address, nothing else.', true);
       address.focus();
       return;

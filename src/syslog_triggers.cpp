@@ -80,7 +80,7 @@ line_pairs pairs_of(const char *line) {
 
 void set_filter(key_filter &filter) {
     const std::string &key = filter.rule->key_word;
-    const std::size_t count = key.size() - 1;
+    const std::size_t count = key.size() - 1; // no key is empty
     for (std::size_t i = 0; i < filter.pairs.size(); ++i) {
         filter.pairs[i] = count == 0 ? any : pair_at(&key[i * count / filter.pairs.size()]);
     }

@@ -38,7 +38,7 @@ case $serial in
 esac
 
 # One run at a time, or one that saw a storage go would forget what the other saw.
-exec 9>"$LOCALDATA/.collecting"
+exec 9<>"$LOCALDATA/.collecting"
 if command -v flock >/dev/null; then
     tries=0
     until flock -n 9 || [ "$tries" -eq 30 ]; do

@@ -62,11 +62,11 @@ flush() {
 replace_file() {
     beside=${1%/*}/.${1##*/}.$$
     if cat >"$beside" 2>/dev/null; then
-        if cmp -s "$beside" "$1"; then
+        if [ -f "$1" ] && cmp -s "$beside" "$1"; then
             rm -f "$beside"
             return 0
         fi
-        if flush "$beside" && mv -f "$beside" "$1"; then
+        if ! [ -d "$1" ] && flush "$beside" && mv -f "$beside" "$1"; then
             flush "${1%/*}"
             return 0
         fi

@@ -57,7 +57,7 @@ if [ "${2:-}" != written ] && [ -f "$log" ]; then
     wait_until_written
 fi
 
-exec 9>"$LOCALDATA/.continuous_syslog"
+exec 9<>"$LOCALDATA/.continuous_syslog"
 if command -v flock >/dev/null && ! tries 50 flock -n 9; then
     warn "The log can not be brought into the session: another run does not end"
     exit 1

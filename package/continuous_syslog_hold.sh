@@ -62,7 +62,7 @@ fi
 is_empty && exit 0
 
 # Those who bring the lines into a session see no file that is just being emptied.
-exec 9>"$LOCALDATA/.continuous_syslog"
+exec 9<>"$LOCALDATA/.continuous_syslog"
 if command -v flock >/dev/null && ! tries 50 flock -n 9; then
     exit 1 # logrotate comes again
 fi

@@ -360,8 +360,7 @@ const char *reason_to_refuse(const std::string &path, const std::string &session
 } // namespace
 
 void print_file_as_json_data(GDataOutputStream *stream, const char *path) {
-    // A pipe or a device in the place of a file would hold up the daemon.
-    const unique_file file = is_file(path) ? file_open(path, "r") : nullptr;
+    const unique_file file = file_open(path, "r");
     errno = 0;
     std::string line;
     if (!file || !read_line(file.get(), record_line_max, line)) {

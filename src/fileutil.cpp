@@ -250,7 +250,23 @@ int dir_remove_recursive(const char *path) {
 }
 
 unique_file file_open(const char *path, const char *mode) {
-    return unique_file(std::fopen(path, (std::string(mode) + "e").c_str()));
+    const int how = *mode == 'r'   ? O_RDONLY
+                    : *mode == 'w' ? O_WRONLY | O_CREAT | O_TRUNC
+                                   : O_WRONLY | O_CREAT | O_APPEND;
+    unique_fd descriptor(::open(path, how | O_NONBLOCK | O_CLOEXEC, 0666));
+    struct stat status {};
+    if (!descriptor || ::fstat(descriptor.get(), &status) != 0) {
+        return nullptr;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return nullptr;
+    }
+    unique_file file(::fdopen(descriptor.get(), mode));
+    if (file) {
+        (void)descriptor.release();
+    }
+    return file;
 }
 
 unique_file file_open_or_warn(const char *path, const char *mode) {

@@ -64,7 +64,8 @@ bool file_rename(const char *from, const char *to);
 // folders above stay).
 int dir_remove_recursive(const char *path);
 
-// fopen with close-on-exec. Nothing is logged.
+// fopen with mode "r", "w" or "a" and close-on-exec, for regular files only: to open a pipe would
+// wait for its other end, and a device may never end. Nothing is logged; errno tells.
 unique_file file_open(const char *path, const char *mode);
 // The same, and a warning with the path when it fails.
 unique_file file_open_or_warn(const char *path, const char *mode);

@@ -24,7 +24,13 @@ TEST(Fileutil, TellsFilesFromFolders) {
     for (const auto &c : cases) {
         EXPECT_EQ(is_directory((folder + c.name).c_str()), c.directory) << c.name;
         EXPECT_EQ(is_file((folder + c.name).c_str()), c.file) << c.name;
+        for (const char *mode : {"r", "a"}) {
+            const bool made = c.name == std::string("/missing") && *mode == 'a';
+            EXPECT_EQ(file_open((folder + c.name).c_str(), mode) != nullptr, c.file || made)
+                << c.name << mode; // at once: the pipe has no other end
+        }
     }
+    EXPECT_EQ(file_open("/dev/zero", "r"), nullptr);
     EXPECT_FALSE(is_executable((folder + "/file").c_str()));
     EXPECT_TRUE(is_executable("/bin/sh"));
 

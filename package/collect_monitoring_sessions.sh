@@ -95,9 +95,9 @@ sizes=$(printf '%s\n' "$all" | sed -n 's/^file //p' | xargs stat -c '%s %n' 2>/d
 put_input() {
     printf '%s\n' "$sizes" | sed 's/^/size /'
     printf '%s\n' "$all" end
-    cat "$found" 2>/dev/null
+    if [ -f "$found" ]; then cat "$found"; fi
     echo end
-    cat "$lost" 2>/dev/null
+    if [ -f "$lost" ]; then cat "$lost"; fi
 }
 
 # shellcheck disable=SC2016 # awk's own variables

@@ -184,7 +184,10 @@ pack_trace() {
 # by its environment, where they mean nothing else, and are compared as texts.
 keep_nc_rules() {
     sweep_beside "$LOCALDATA/nc_rules.txt"
-    [ -e "$LOCALDATA/nc_rules.txt" ] || : >"$LOCALDATA/nc_rules.txt" || return 1
+    if ! [ -e "$LOCALDATA/nc_rules.txt" ]; then
+        : >"$LOCALDATA/nc_rules.txt" || return 1
+    fi
+    [ -f "$LOCALDATA/nc_rules.txt" ] || return 1
     # shellcheck disable=SC2016 # awk's own variables
     kept=$(nc_address=$1 nc_port=$2 nc_record=$3 awk '
         function put_record() {

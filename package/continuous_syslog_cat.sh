@@ -67,13 +67,17 @@ target=$(readlink "$LOCALDATA/current_continuous_syslog.txt")
 if [ -n "$target" ] && ! [ -d "${target%/*}" ]; then
     exit 0 # its storage is not there
 fi
+if [ -e "$target" ] && ! [ -f "$target" ]; then # such as a pipe, which nobody may read
+    warn "The log can not be brought into the session: $target is no file"
+    exit 1
+fi
 
 # Opened, in this order, they stay the files that they are should they be rotated now: at worst both
 # are the same.
 newer=/dev/null
 older=/dev/null
-{ command exec 3<"$log"; } 2>/dev/null && newer=/proc/$$/fd/3
-{ command exec 4<"$log.1"; } 2>/dev/null && older=/proc/$$/fd/4
+{ [ -f "$log" ] && command exec 3<"$log"; } 2>/dev/null && newer=/proc/$$/fd/3
+{ [ -f "$log.1" ] && command exec 4<"$log.1"; } 2>/dev/null && older=/proc/$$/fd/4
 new_end=$(whole_size $newer)
 old_end=$(whole_size $older)
 new_id=$(identity $newer "$new_end")
@@ -81,7 +85,7 @@ old_id=$(identity $older "$old_end")
 
 offset=0
 id=
-read -r offset id 2>/dev/null <"$position"
+[ -f "$position" ] && read -r offset id <"$position"
 case $offset in
 '' | *[!0-9]*) offset=0 ;;
 esac

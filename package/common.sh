@@ -83,9 +83,15 @@ sweep_beside() {
     return 0
 }
 
+# can_append FILE: whether it is a file, or nothing yet. On a card or a share it could be a pipe, which
+# waits for its reader, or a link to a file of the camera.
+can_append() {
+    ! [ -h "$1" ] && { [ -f "$1" ] || ! [ -e "$1" ]; }
+}
+
 # cut_back FILE: takes back what a full storage or a power cut left of a row at its end.
 cut_back() {
-    if ! [ -s "$1" ] || [ "$(tail -c 1 "$1" | tr -d '\n' | wc -c)" -eq 0 ]; then
+    if ! can_append "$1" || ! [ -s "$1" ] || [ "$(tail -c 1 "$1" | tr -d '\n' | wc -c)" -eq 0 ]; then
         return
     fi
     rest=$(($(tail -n 1 "$1" | wc -c)))
@@ -95,6 +101,7 @@ cut_back() {
 # append_row FILE HEADER ROW: appends the row, to a new file behind the header; all of it or nothing.
 # The file's folder has to be there.
 append_row() {
+    can_append "$1" || return 1
     if [ -s "$1" ]; then
         { printf '%s\n' "$3" >>"$1"; } 2>/dev/null && return 0
     else

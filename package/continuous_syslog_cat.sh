@@ -67,7 +67,7 @@ target=$(readlink "$LOCALDATA/current_continuous_syslog.txt")
 if [ -n "$target" ] && ! [ -d "${target%/*}" ]; then
     exit 0 # its storage is not there
 fi
-if [ -e "$target" ] && ! [ -f "$target" ]; then # such as a pipe, which nobody may read
+if ! can_append "$target"; then
     warn "The log can not be brought into the session: $target is no file"
     exit 1
 fi

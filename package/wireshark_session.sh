@@ -18,7 +18,7 @@
 keep_earlier() {
     earlier=$1/earlier_$(date '+%Y%m%d_%H%M%S')
     for file in pcapdump.pcap trace.pcap repair.log note.txt video.mkv; do
-        [ -e "$1/$file" ] && mkdir -p "$earlier" && mv "$1/$file" "$earlier/"
+        { [ -e "$1/$file" ] || [ -h "$1/$file" ]; } && mkdir -p "$earlier" && mv "$1/$file" "$earlier/"
     done
     return 0
 }
@@ -29,7 +29,7 @@ start_recording() {
         exit 1
     fi
     folder=$STORAGES/$2/Vandrel_$3/$1
-    if ! mkdir -p "$folder" ||
+    if ! mkdir -p "$folder" || ! can_append "$folder/wireshark_signature.txt" ||
         ! printf 'Start:%s\n' "$(date '+%Y-%m-%d %H:%M:%S')" 2>/dev/null \
             >"$folder/wireshark_signature.txt"; then
         warn "No trace in $2: its folder can not be made"
@@ -46,7 +46,7 @@ start_recording() {
 }
 
 stop_recording() {
-    [ -f "$1/wireshark_signature.txt" ] || exit 0
+    [ -f "$1/wireshark_signature.txt" ] && can_append "$1/wireshark_signature.txt" || exit 0
     if command -v videorecord >/dev/null; then
         killall videorecord 2>/dev/null
     fi

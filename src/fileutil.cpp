@@ -105,6 +105,18 @@ bool is_executable(const char *path) {
     return has_access(path, X_OK);
 }
 
+bool can_append_or_warn(const char *path) {
+    struct stat status {};
+    const int failure = ::lstat(path, &status) == 0 ? 0 : errno;
+    if (failure == 0 ? S_ISREG(status.st_mode) : failure == ENOENT) {
+        errno = 0;
+        return true;
+    }
+    errno = failure == 0 ? EINVAL : failure;
+    log_cannot_open(path);
+    return false;
+}
+
 long long filesize(const char *path) {
     struct stat status {};
     if (::stat(path, &status) != 0) {
@@ -251,8 +263,8 @@ int dir_remove_recursive(const char *path) {
 
 unique_file file_open(const char *path, const char *mode) {
     const int how = *mode == 'r'   ? O_RDONLY
-                    : *mode == 'w' ? O_WRONLY | O_CREAT | O_TRUNC
-                                   : O_WRONLY | O_CREAT | O_APPEND;
+                    : *mode == 'w' ? O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW
+                                   : O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW;
     unique_fd descriptor(::open(path, how | O_NONBLOCK | O_CLOEXEC, 0666));
     struct stat status {};
     if (!descriptor || ::fstat(descriptor.get(), &status) != 0) {

@@ -15,6 +15,11 @@ bool is_readable(const char *path);
 bool is_writable(const char *path);
 bool is_executable(const char *path);
 
+// Whether a command may append to it: a file, or nothing yet. On a card or a share it could be a
+// pipe, which waits for its reader, or a link to a file of the camera. False after a warning with
+// the path.
+bool can_append_or_warn(const char *path);
+
 // Bytes, or -1 after an error line.
 long long filesize(const char *path);
 
@@ -65,7 +70,8 @@ bool file_rename(const char *from, const char *to);
 int dir_remove_recursive(const char *path);
 
 // fopen with mode "r", "w" or "a" and close-on-exec, for regular files only: to open a pipe would
-// wait for its other end, and a device may never end. Nothing is logged; errno tells.
+// wait for its other end, and a device may never end. Nothing is written through a link, which
+// could lead from a card or a share to a file of the camera. Nothing is logged; errno tells.
 unique_file file_open(const char *path, const char *mode);
 // The same, and a warning with the path when it fails.
 unique_file file_open_or_warn(const char *path, const char *mode);

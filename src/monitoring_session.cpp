@@ -123,10 +123,12 @@ std::string continuous_syslog_path(const std::string &directory) {
 
 // The device log of the time around the restart, which the continuous log could not follow.
 void append_device_log(const std::string &directory) {
-    const std::string command =
-        format_bounded(256, "cat /var/log/info.log /var/log/error.log | sort >> %s &",
-                       continuous_syslog_path(directory).c_str());
-    (void)system_ret(command.c_str());
+    const std::string path = continuous_syslog_path(directory);
+    if (can_append_or_warn(path.c_str())) {
+        const std::string command = format_bounded(
+            256, "cat /var/log/info.log /var/log/error.log | sort >> %s &", path.c_str());
+        (void)system_ret(command.c_str());
+    }
 }
 
 // --- Starting one
@@ -281,6 +283,9 @@ constexpr std::size_t information_line_max = 399;
 
 void complete_signature(const std::string &directory) {
     const std::string path = directory + "/.signature";
+    if (!can_append_or_warn(path.c_str())) {
+        return;
+    }
     if (const unique_file file = file_open(path.c_str(), "r")) {
         std::string line;
         while (read_line(file.get(), signature_line_max, line)) {

@@ -31,6 +31,18 @@ TEST(Fileutil, TellsFilesFromFolders) {
         }
     }
     EXPECT_EQ(file_open("/dev/zero", "r"), nullptr);
+    fs::create_symlink(folder + "/file", folder + "/file_link");
+    EXPECT_EQ(file_open((folder + "/file_link").c_str(), "a"), nullptr);
+    EXPECT_NE(file_open((folder + "/file_link").c_str(), "r"), nullptr);
+    {
+        log_capture warnings;
+        EXPECT_TRUE(can_append_or_warn((folder + "/file").c_str()));
+        EXPECT_TRUE(can_append_or_warn((folder + "/none").c_str()));
+        for (const char *name : {"", "/pipe", "/file_link", "/file/below"}) {
+            EXPECT_FALSE(can_append_or_warn((folder + name).c_str())) << name;
+        }
+        EXPECT_EQ(warnings.texts().size(), 4U);
+    }
     EXPECT_FALSE(is_executable((folder + "/file").c_str()));
     EXPECT_TRUE(is_executable("/bin/sh"));
 

@@ -69,11 +69,6 @@ bool is_host_with_port(const std::string &text) {
 
 // --- Files
 
-// Replaces a file whole, with the house's warning when it can't be written.
-bool replace_file(const char *path, const std::string &text) {
-    return file_open_or_warn(path, "a") && file_put_string(path, text);
-}
-
 // The text with a newline at its end, unless it is empty.
 void end_last_line(std::string &text) {
     if (!text.empty() && text.back() != '\n') {
@@ -107,11 +102,11 @@ std::optional<std::string> other_lines() {
 // Through the scratch file, which is renamed where it lies on the same file system. False after a
 // warning.
 bool rewrite_rsyslog_file(const std::string &text) {
-    if (!replace_file(scratch_path, text)) {
+    if (!file_replace(scratch_path, text)) {
         return false;
     }
     const bool replaced =
-        file_rename(scratch_path, rsyslog_path) || replace_file(rsyslog_path, text);
+        file_rename(scratch_path, rsyslog_path) || file_replace(rsyslog_path, text);
     file_remove(scratch_path);
     return replaced;
 }
@@ -148,8 +143,8 @@ int setup_syslog_ng(const char *address) {
         format_text("destination d_remote-syslog { network(\"%s\" transport(\"udp\") port(514)); "
                     "};\nlog { source(s_system); destination(d_remote-syslog); };\n\n",
                     address);
-    if (!replace_file(syslog_ng_path, configuration) ||
-        !replace_file(info_path, std::string(address) + "\n")) {
+    if (!file_replace(syslog_ng_path, configuration) ||
+        !file_replace(info_path, std::string(address) + "\n")) {
         return syslog_remote_failed;
     }
     vdrl_syslog_remote_restart_syslog();
@@ -164,14 +159,14 @@ int setup_rsyslog(const char *address) {
                              (is_ipv6(address) ? format_text("[%s]", address) : address) + "\n";
     if (!is_file(rsyslog_path)) {
         // The first server is neither remembered nor logged.
-        if (!replace_file(rsyslog_path, line)) {
+        if (!file_replace(rsyslog_path, line)) {
             return syslog_remote_failed;
         }
         vdrl_syslog_remote_restart_syslog();
         return syslog_remote_rsyslog;
     }
     const auto kept = other_lines();
-    if (!kept || !replace_file(info_path, std::string(address) + "\n") ||
+    if (!kept || !file_replace(info_path, std::string(address) + "\n") ||
         !rewrite_rsyslog_file(*kept + line)) {
         return syslog_remote_failed;
     }

@@ -11,6 +11,7 @@
 #include "monitoring_session.h"
 #include "ntpd.h"
 #include "onvif.h"
+#include "pcapdump.h"
 #include "scheduled_tasks.h"
 #include "session_globals.h"
 #include "session_info.h"
@@ -235,6 +236,7 @@ gboolean timer_callback(gpointer) noexcept {
     }
     scheduled_tasks_tick(tick);
     syslog_triggers_keep_listening();
+    mend_cut_off_traces();
     if (has_ntpd_service && tick % 60 == 0) {
         ntpd_log_drift();
     }

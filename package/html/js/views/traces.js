@@ -65,15 +65,15 @@ export function create() {
   });
   const idField = explainedField('Recording id', id, ID_HINT);
 
-  /** Whether the recording id can be sent. The daemon would start a known one anew, over its files. */
+  /** Whether the recording id can be sent; says so when a trace has it already. */
   function checkId() {
     const name = id.value.trim();
     const known = traces.some(({ path }) =>
       path.startsWith(`/var/spool/storage/${storage.name()}/`) && path.endsWith(`/${name}`));
-    const wrong = !PLAIN.test(name) ? 'One word of letters, digits, “.”, “_” and “-”, that begins '
-      + 'with none of “.” and “-”.' : known ? 'This storage has a trace of that name; it would be '
-      + 'overwritten.' : '';
-    idField.explain(wrong || ID_HINT, wrong !== '');
+    const wrong = PLAIN.test(name) ? '' : 'One word of letters, digits, “.”, “_” and “-”, that begins '
+      + 'with none of “.” and “-”.';
+    idField.explain(wrong || (known ? 'This storage has a trace of that name; what it recorded is kept '
+      + 'in a folder “earlier_…” of the new one.' : ID_HINT), wrong !== '');
     return wrong === '';
   }
 

@@ -130,7 +130,11 @@ test("kernel dumps are copied once, also when switching takes a restart", async 
   await run(camera, "reboot");
   await until(async () => (await state(camera)).active === 1);
   await until(async () => (await log(camera, "Continuing System Monitoring Session")) !== "");
-  assert.deepEqual(await files(camera, `${folder}/coredumps`), [copied]);
+  // Copied once, with the report of a core under its own name.
+  assert.deepEqual(await until(async () => {
+    const found = await files(camera, `${folder}/coredumps`);
+    return found.length > 1 && found;
+  }), [copied, `${copied}_server-report.log`]);
   assert.equal((await camera.shell(`cmp ${folder}/coredumps/${copied} /var/spool/storage/SD_DISK/dumps/${copied} && echo same`)).trim(), "same");
 
   const pid = await camera.pid("Vandrel");

@@ -134,8 +134,7 @@ std::string index_json() {
             out += open ? ", \"stoptime\": \"Active\"}" : "";
             out += (out.empty() ? "" : ",") + ("{\"starttime\":\"" + value + "\"");
             open = true;
-        } else if (tag == 'P' && open && is_shell_word(value) &&
-                   value.size() < destination_size) {
+        } else if (tag == 'P' && open && is_shell_word(value) && value.size() < destination_size) {
             const bool active = value == wireshark_session_destination;
             const std::string size_file =
                 in_folder(value, active ? "pcapdump.pcap" : "wireshark_archive.zip");
@@ -170,8 +169,8 @@ std::optional<std::string> known_mounts; // of the storages, as the kernel lists
 bool index_is_new = true;                // since it was looked through
 std::vector<std::string> cut_off;
 
-// "38 27 179:1 / /var/spool/storage/SD_DISK rw,nosuid - ext4 /dev/mmcblk0p1 rw"; the first number is
-// another one when the storage has come back. The storages themselves are not touched.
+// "38 27 179:1 / /var/spool/storage/SD_DISK rw,nosuid - ext4 /dev/mmcblk0p1 rw"; the first number
+// is another one when the storage has come back. The storages themselves are not touched.
 std::string storage_mounts() {
     std::string mounts;
     const unique_file file = file_open("/proc/self/mountinfo", "r");

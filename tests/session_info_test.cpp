@@ -71,10 +71,10 @@ TEST(SessionInfo, KnowsATraceDirectory) {
     EXPECT_TRUE(is_trace_dir(folder.c_str()));
     for (const std::string &path :
          {card + std::string("other"), card + std::string("link"), card + std::string("link/"),
-          card + std::string("linked"), card + std::string("session"), card + std::string("/door-1.a"),
-          card + std::string("./door-1.a"), card + std::string("other/../door-1.a"),
-          card + std::string("missing"), folder + "/", folder + "/.",
-          folder + "/wireshark_signature.txt", std::string("/tmp/Vandrel"),
+          card + std::string("linked"), card + std::string("session"),
+          card + std::string("/door-1.a"), card + std::string("./door-1.a"),
+          card + std::string("other/../door-1.a"), card + std::string("missing"), folder + "/",
+          folder + "/.", folder + "/wireshark_signature.txt", std::string("/tmp/Vandrel"),
           folder + std::string(5000, '/'), std::string()}) {
         EXPECT_FALSE(is_trace_dir(path.c_str())) << path.substr(0, 100);
     }

@@ -3,6 +3,7 @@
 #include "dateutil.h"
 #include "handle.h"
 #include "log.h"
+#include "strutil.h"
 
 #include <algorithm>
 #include <array>
@@ -103,4 +104,11 @@ void forget_append_failures() {
 
 std::string row_time() {
     return date_format_now(date_format_row);
+}
+
+std::string csv_cell(std::string_view name) {
+    const bool is_formula = !name.empty() && std::strchr("=+-@", name.front()) != nullptr;
+    std::string cell = (is_formula ? " " : "") + std::string(name);
+    str_replace_char(cell, ',', ' ');
+    return cell;
 }

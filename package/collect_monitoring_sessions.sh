@@ -33,9 +33,7 @@ found=$LOCALDATA/found_monitoring_sessions.txt
 lost=$LOCALDATA/lost_monitoring_sessions.txt
 info_size_max=65536
 
-case $serial in
-*[!A-Za-z0-9]*) exit 1 ;;
-esac
+[ -z "$serial" ] || is_serial "$serial" || exit 1
 
 # One run at a time, or one that saw a storage go would forget what the other saw.
 exec 9<>"$LOCALDATA/.collecting"
@@ -89,9 +87,7 @@ put_all() {
             continue
         fi
         for root in "$storage/Vandrel_"*; do
-            case ${root##*/Vandrel_} in
-            '' | *[!A-Za-z0-9]*) continue ;;
-            esac
+            is_serial "${root##*/Vandrel_}" || continue
             if [ -z "$serial" ] || [ "${root##*/Vandrel_}" = "$serial" ]; then
                 if [ -h "$root" ] || ! [ -d "$root" ]; then
                     continue

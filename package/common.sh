@@ -23,6 +23,13 @@ is_plain() {
     esac
 }
 
+# is_serial TEXT: whether it can be a camera's serial number, as the daemon takes it.
+is_serial() {
+    case $1 in
+    '' | *[!A-Za-z0-9]*) return 1 ;;
+    esac
+}
+
 # is_stamp NAME: whether it has the form of a session's folder, 20230531_08_27_40.
 is_stamp() {
     case $1 in

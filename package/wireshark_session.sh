@@ -27,7 +27,7 @@ keep_earlier() {
 }
 
 start_recording() {
-    if ! is_plain "$1" || ! is_plain "$2" || ! is_plain "$3" || ! is_mounted "$STORAGES/$2"; then
+    if ! is_plain "$1" || ! is_plain "$2" || ! is_serial "$3" || ! is_mounted "$STORAGES/$2"; then
         warn "No trace in ${2:-no storage}: it is not there"
         exit 1
     fi

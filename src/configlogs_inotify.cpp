@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr unsigned folder_permissions = 0666;       // the daemon's rights go beyond
+constexpr unsigned folder_permissions = 0777;       // they are entered after unzipping, too
 constexpr long long configuration_max = 10LL << 20; // bytes; a larger file is no configuration
 
 // Which version of a file it is; a file that changes gets another one.

@@ -52,8 +52,13 @@ bool is_temporary(std::string_view name) {
 
 void create_dir_monitor(const std::string &session_directory) {
     if (get_core_pattern()) {
-        if (inotify_watcher && crash_path && is_directory(crash_path->c_str())) {
-            (void)vdrl_inotify_renew(*inotify_watcher);
+        if (crash_path && is_directory(crash_path->c_str())) {
+            renew_core_pattern();
+            if (!inotify_watcher) {
+                watch_crash_path();
+            } else {
+                (void)vdrl_inotify_renew(*inotify_watcher);
+            }
         }
         return;
     }

@@ -121,7 +121,9 @@ void write_pending() {
         }
         failed = failed || error != 0;
     }
-    is_failing = failed;
+    if (!pending.empty()) {
+        is_failing = failed;
+    }
     pending.clear();
 }
 

@@ -275,6 +275,7 @@ gboolean timer_callback(gpointer) noexcept {
     errno = 0;
     if (!serial_number) {
         read_serial_number();
+        resume_waiting_session();
     }
     scheduled_tasks_tick(tick);
     syslog_triggers_keep_listening();

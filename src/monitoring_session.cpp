@@ -34,6 +34,7 @@
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -49,8 +50,12 @@ constexpr std::size_t start_time_max = 99;
 
 // What the session's start wants on its storage and what has not been there for it yet.
 bool configuration_watches_are_due = false;
+bool is_first_use = false;
 bool event_listener_is_due = false;
 std::string due_image_interval; // seconds as text, "" when nothing is due
+
+// The parameters did not tell it at the start.
+bool resume_waits_for_serial = false;
 
 // What current_monitoring_session.txt says, before any of it is believed.
 struct stored_session {
@@ -353,6 +358,13 @@ void watch_configurations(const std::string &directory) {
     }
 }
 
+void watch_configurations_if_due(const std::string &directory) {
+    if (configuration_watches_are_due && is_directory(directory.c_str())) {
+        configuration_watches_are_due = false;
+        watch_configurations(directory);
+    }
+}
+
 // Where the kernel has to be restarted first, the client gets its reply before.
 void reply_or_restart(GDataOutputStream *stream, int result, const char *done,
                       const char *restarts) {
@@ -568,6 +580,12 @@ bool resume_monitoring_session() {
     if (!stored) {
         return false;
     }
+    // Its storage's folder bears the serial number.
+    resume_waits_for_serial = stored->id && !serial_number;
+    if (resume_waits_for_serial) {
+        log_warning("The monitoring session is continued once the serial number is known.");
+        return false;
+    }
     if (!names_a_session_directory(*stored)) {
         log_warning("No monitoring session can be continued from '%s': storage or folder is "
                     "missing or can not be used.",
@@ -593,11 +611,19 @@ bool resume_monitoring_session() {
     return true;
 }
 
+void resume_waiting_session() {
+    if (resume_waits_for_serial && serial_number && !monitory_active) {
+        (void)resume_monitoring_session();
+    }
+}
+
 void setup_session(const std::string &directory, const std::string &image_interval) {
     monitory_active = true;
+    is_first_use = true;
     configuration_watches_are_due = true;
     event_listener_is_due = true;
     due_image_interval = image_interval;
+    watch_configurations_if_due(directory);
     if (apache2_included) {
         if (storage_id) {
             set_http_edge_storage(directory);
@@ -612,7 +638,7 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (!is_directory(directory.c_str())) {
         return;
     }
-    if (configuration_watches_are_due || connection_lost_count > 0) {
+    if (std::exchange(is_first_use, false) || connection_lost_count > 0) {
         sweep_zip_leftovers(*secondary_storage_path);
     }
     // A power cut while the session was being started left these out.
@@ -630,14 +656,10 @@ void start_what_needs_the_storage(const std::string &directory) {
         device_log_is_due = false;
         append_device_log(directory);
     }
+    watch_configurations_if_due(directory);
+    configlogs_inotify_gio_catch_up(directory);
     if (storage_id) {
         create_dir_monitor(directory);
-    }
-    if (configuration_watches_are_due) {
-        configuration_watches_are_due = false;
-        watch_configurations(directory);
-    } else {
-        configlogs_inotify_gio_catch_up(directory);
     }
     if (!due_image_interval.empty()) {
         _start_image_capturing(directory, due_image_interval);

@@ -237,7 +237,8 @@ void mend_cut_off_traces() {
             return;
         }
     }
-    if (ps_grep_and_check_if_included("wireshark_session", ".sh")) {
+    const bool is_due = index_is_new || !cut_off.empty();
+    if (!is_due || ps_grep_and_check_if_included("wireshark_session", ".sh")) {
         return; // what packs one may have outlived the daemon
     }
     if (index_is_new) {

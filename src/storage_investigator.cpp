@@ -135,7 +135,11 @@ int get_storage_use_pcent(const char *path) {
         return -1;
     }
     const std::string command = format_bounded(df_command_size, "/bin/df -k -P '%s'", path);
-    command_pipe pipe(command.c_str());
+    command_pipe pipe(command.c_str(), std::nothrow);
+    if (!pipe) {
+        log_error("Could not popen: %s", command.c_str());
+        return -1;
+    }
     std::string line;
     if (!pipe.next_line(line_max, line)) {
         return -1;

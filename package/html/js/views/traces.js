@@ -128,9 +128,9 @@ export function create() {
     ending = true;
     message.work('Stopping, repairing and packing …');
     try {
+      // The reply begins before the work and ends after it.
       const words = await requestGranted('stop_wireshark_session', {},
-        ['Wireshark session deactivated.'], { timeoutMs: TIMEOUT_MS });
-      // It says so before the work, and answers this after it.
+        ['Wireshark session deactivated.'], { timeoutMs: REPAIR_TIMEOUT_MS });
       const { error } = await refresh(REPAIR_TIMEOUT_MS);
       const trace = traces.find(({ path }) => path === stopped);
       if (error) {

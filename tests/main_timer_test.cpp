@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 namespace fs = std::filesystem;
 
@@ -158,6 +159,31 @@ TEST_F(MainTimer, ALostStorageIsWaitedFor) {
                   "INFO Connection to edge storage location re-established, connection was lost "
                   "since 1 days 1 hours 1500 minutes. Continuing system monitoring session."}));
     EXPECT_EQ(connection_lost_count, 0U);
+}
+
+TEST_F(MainTimer, AStorageThatTakesNothingIsLost) {
+    const char *card = "/var/spool/storage/SD_DISK";
+    ASSERT_EQ(::mount("tmpfs", card, "tmpfs", 0, nullptr), 0);
+    write_file(session_ + "/Session_Information.txt", "Duration: 0 Days 0 hours 1 minutes\n");
+    fs::create_directories(session_ + "/system_monitoring/monitoring_load");
+    install_tool("uptime", "echo 'load average: 1, 2, 3'\n");
+    ASSERT_EQ(::mount(nullptr, card, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    log_capture log;
+    for (unsigned long tick = 2; tick < 6; ++tick) {
+        tick_at(tick);
+        EXPECT_EQ(connection_lost_count, tick - 1);
+    }
+    const auto said = log.texts();
+    EXPECT_EQ(std::count(said.begin(), said.end(),
+                         "ERR (main_timer:#, errno: None) Lost connection to edge storage "
+                         "location, no data can be saved."),
+              1);
+    EXPECT_LT(said.size(), 10U) << "what can't be written is said once";
+    ASSERT_EQ(::mount(nullptr, card, nullptr, MS_REMOUNT, nullptr), 0);
+    tick_at(6);
+    EXPECT_EQ(connection_lost_count, 0U);
+    monitory_active = false;
+    ASSERT_EQ(::umount2(card, MNT_DETACH), 0);
 }
 
 TEST_F(MainTimer, AFullStorageEndsTheSession) {

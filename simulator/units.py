@@ -19,7 +19,10 @@ FOLDERS = ("/etc/systemd/system", "/usr/lib/systemd/system")
 LOGS = "/var/log/boot"
 START_TIMEOUT_S = 20
 RESTART_AFTER_S = 1
+STOP_TIMEOUT_MIN_S = 1  # of this machine's time, in which a service still has to do its work
 FIRST_PASSED_DESCRIPTOR = 3  # where a service finds the sockets made for it
+
+speed = 1  # of the camera's time, in which the units' limits are
 
 
 class UnitError(Exception):
@@ -275,7 +278,8 @@ class Unit:
             send_signal([process.pid], signal.SIGTERM)
         else:
             send_signal(session_members(process.pid), signal.SIGTERM)
-        self.ended.wait(float(self._setting("TimeoutStopSec", "10")))
+        limit = float(self._setting("TimeoutStopSec", "10")) / speed
+        self.ended.wait(max(limit, STOP_TIMEOUT_MIN_S))
         send_signal(session_members(process.pid), signal.SIGKILL)
         self.ended.wait()
         for path in (self._setting("PIDFile"), self._setting("X-ReadyWhen")):

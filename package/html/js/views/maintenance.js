@@ -154,6 +154,7 @@ function serverCard(message) {
   const addressField = explainedField('Server', address, ADDRESS_HINT);
   /** The server set from here: the camera does not name the first one that was ever set on rsyslog. */
   let setHere = '';
+  let logDaemon = '';
 
   /** @param {string} what @param {Record<string, string>} values @param {RegExp} granted
    * @param {string} [more] */
@@ -174,6 +175,11 @@ function serverCard(message) {
     const server = address.value.trim();
     if (!/^[A-Za-z0-9._:[\]-]+$/.test(server)) {
       addressField.explain('A host name or an IP address, nothing else.', true);
+      address.focus();
+      return;
+    }
+    if (logDaemon === 'syslog-ng' && /^([^:]+|\[.*\]):\d+$/.test(server)) {
+      addressField.explain('With syslog-ng no port can be given: it is always 514.', true);
       address.focus();
       return;
     }
@@ -211,6 +217,7 @@ function serverCard(message) {
         actionButton('Send test message', async () => { await test(); }),
         actionButton('Remove server …', remove, { class: 'danger' }))));
   onCamera(element, ({ camera }) => {
+    logDaemon = camera?.device.logDaemon ?? '';
     facts.show(camera ? [['Server', camera.maintenance.server || setHere || 'the camera names none'],
       ['Log daemon', camera.device.logDaemon]] : []);
   });

@@ -6,16 +6,20 @@ import { onCamera, refreshCamera } from '../camera.js';
 import { actionButton, confirmed, createTable } from '../controls.js';
 import { el, setText } from '../dom.js';
 import { byteSize, counted } from '../format.js';
-import { isOwn, monitorTitle } from '../session_data.js';
+import { isOwn, monitorTitle, runsElsewhere } from '../session_data.js';
 
 const TIMEOUT_MS = 600000;
 
 /** @typedef {import('../session_data.js').Session} Session */
 
-/** @param {Session} session */
-function stateOf({ running, lost, bytes, zipped }) {
+/** @param {Session} session @param {string} serial of this camera */
+function stateOf(session, serial) {
+  const { running, lost, bytes, zipped } = session;
   if (running) {
     return { state: 'running', text: 'Running' };
+  }
+  if (runsElsewhere(session, serial)) {
+    return { state: 'running', text: `Recording on ${session.serial}` };
   }
   if (lost) {
     return { state: 'trouble', text: bytes > 0 ? 'Lost' : 'Not reachable' };
@@ -82,10 +86,13 @@ export function sessionList(message) {
   }
 
   /** @param {Session} session */
-  async function remove({ path, title, bytes, storage, zipped }) {
+  async function remove(session) {
+    const { path, title, bytes, storage, zipped } = session;
     const sure = await confirmed({
       title: `Delete session ${title}?`,
-      text: [`${byteSize(bytes)} on ${storage}${zipped ? ', and its archive,' : ''} are deleted from the `
+      text: [...runsElsewhere(session, serial) ? [`The camera ${session.serial} has not stopped this `
+        + 'session and may be recording it now. What it records from then on is lost as well. Stop the '
+        + 'session on that camera first, unless it is gone.'] : [], `${byteSize(bytes)} on ${storage}${zipped ? ', and its archive,' : ''} are deleted from the `
         + 'camera. This can’t be taken back.'],
       action: 'Delete',
       keep: 'Keep',
@@ -138,7 +145,7 @@ export function sessionList(message) {
         setText(kinds, counted(next.monitors.length, 'kind'));
         setText(names, next.monitors.map(monitorTitle).join(', '));
         const work = working.get(next.path);
-        const shown = work ? { state: 'working', text: work } : stateOf(next);
+        const shown = work ? { state: 'working', text: work } : stateOf(next, serial);
         state.dataset.state = shown.state;
         setText(state, shown.text);
         progress.hidden = work === undefined;

@@ -11,6 +11,7 @@ import { wallText } from './series.js';
 const ZOOM = 2;
 const PAN = 0.25;
 const OWN = 'My choice';
+const FRAME_MS = 40;
 
 /** @typedef {import('./catalogue.js').Chart} Chart */
 /** @typedef {ReturnType<typeof import('./chart_group.js').createChartGroup>} Group */
@@ -40,7 +41,7 @@ export function createBoard({ source, group, changed, beside }) {
   let board = GLANCE;
   /** @type {string[]} of one's own choice */
   let own = [];
-  /** @type {Map<string, {card: ReturnType<typeof createChartCard>, stop: () => void, seen: boolean}>} */
+  /** @type {Map<string, {card: ReturnType<typeof createChartCard>, stop: () => void, seen: Promise<void> | null}>} */
   const cards = new Map();
   const tabs = el('div', { class: 'tools tabs', role: 'group', 'aria-label': 'Dashboards' });
   const place = el('div', { class: 'board' });
@@ -128,10 +129,9 @@ export function createBoard({ source, group, changed, beside }) {
         cards.delete(chart.id);
       } });
       place.append(card.element);
-      const record = { card, seen: false, stop: whenSeen(card.element, () => {
-        record.seen = true;
-        card.load();
-      }) };
+      /** @type {{card: ReturnType<typeof createChartCard>, stop: () => void, seen: Promise<void> | null}} */
+      const record = { card, seen: null, stop: () => {} };
+      record.stop = whenSeen(card.element, () => { record.seen = card.load(); });
       cards.set(chart.id, record);
     }
     besides.replaceChildren(...beside(board));
@@ -161,6 +161,11 @@ export function createBoard({ source, group, changed, beside }) {
       const all = boards();
       board = own.length > 0 ? '' : all.includes(sight.board) ? sight.board : all[0] ?? GLANCE;
       show();
+    },
+    /** Resolves once the charts in sight are drawn, but for those that read very many files. */
+    async drawn() {
+      await new Promise((resolve) => { setTimeout(resolve, FRAME_MS); }); // what is in sight is known a frame later
+      await Promise.all([...cards.values()].flatMap(({ card, seen }) => (card.isLong ? [] : [seen])));
     },
     /** Reads what is shown anew. */
     async refresh() {

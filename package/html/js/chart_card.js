@@ -316,5 +316,5 @@ export function createChartCard({ source, chart, group, remove }) {
     shown = [];
     read = [];
   }
-  return { element, id: chart.id, load, close };
+  return { element, isLong: chart.choice !== null, load, close };
 }

@@ -49,6 +49,9 @@ export function zoneOf(line) {
 
 /** @param {string} line @returns {Mark[]} */
 export function markOfLine(line) {
+  if (!line.includes(' Vandrel[')) {
+    return [];
+  }
   const stamp = LOG_TIME.exec(line);
   for (const [pattern, kind, told] of stamp ? LOG_LINES : []) {
     const read = pattern.exec(line);

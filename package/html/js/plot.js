@@ -7,9 +7,10 @@ import { gathered, KINDS } from './marks.js';
 import { aligned, wallText } from './series.js';
 import { scaleOf, valueText } from './units.js';
 
-const HEIGHT = 200;
+const HEIGHT = 230;
 const LANE = 36; // of a band with its name
 const BAR = 15;
+const AXIS = 56; // of times
 const STRIP = 14; // for the marks above the plot
 const ZOOM = 2;
 const PAN = 0.25; // of what is in sight
@@ -19,8 +20,9 @@ const LEAST_AXIS = 56; // so that charts below each other have their times below
 // Told apart on a light and on a dark ground, also by those who see few colours.
 const COLOURS = ['#2f7ed8', '#d9730d', '#1f9e77', '#c2449a', '#8a6fe8', '#a08000', '#d64545', '#3aa0b5', '#7a8b99', '#5b7f2a'];
 const DASHES = [[], [6, 4], [2, 3], [10, 4, 2, 4]];
-const BAD_STATE = /^(?:not |stopp|lost|fail|d$|z$|off|error)/i;
+const BAD_STATE = /^(?:not |lost|fail|d$|z$|error)/i;
 const GOOD_STATE = /^(?:run|reach|ok|s$|r$|on\b)/i;
+const QUIET_STATE = /^(?:stopp|off|no\b|none)/i;
 
 /** @typedef {import('./series.js').Series} Series */
 /** @typedef {import('./chart_group.js').Mark} Mark */
@@ -39,6 +41,7 @@ export function lookOf(index) {
 
 /** @param {string} state @param {number} index */
 const stateColour = (state, index) => (BAD_STATE.test(state) ? colour('--bad') : GOOD_STATE.test(state) ? colour('--good')
+  : QUIET_STATE.test(state) ? colour('--control-line')
   : COLOURS[(index + 2) % COLOURS.length] ?? '');
 
 /** @param {Series} series @param {number | null | undefined} value */
@@ -231,6 +234,7 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
     ctx.beginPath();
     ctx.rect(bbox.left, bbox.top, bbox.width, bbox.height);
     ctx.clip();
+    ctx.textAlign = 'left';
     ctx.textBaseline = 'middle';
     ctx.font = `${11 * ratio}px system-ui, sans-serif`;
     let lane = 0;
@@ -281,7 +285,7 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
         return el('p', {}, swatch, el('bdi', {}, series.name), el('b', {}, seriesText(series, value)));
       }),
       ...(rows.length > most.length ? [el('p', {}, `and ${rows.length - most.length} more`)] : []),
-      ...group.marksAt(time).slice(0, 4).map(({ text }) => el('p', { class: 'of-mark' }, text)));
+      ...[...new Set(group.marksAt(time).map(({ text }) => text))].slice(0, 3).map((text) => el('p', { class: 'of-mark' }, text)));
     const right = left > self.over.clientWidth / 2;
     tip.style.left = right ? '' : `${left + 12}px`;
     tip.style.right = right ? `${self.over.clientWidth - left + 12}px` : '';
@@ -344,8 +348,8 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
     setText(otherUnit, '');
     plot = new uPlot({
       width: Math.max(place.clientWidth, 200),
-      height: bands ? Math.max(1, lanes) * LANE + STRIP + 40 : height,
-      padding: [STRIP, two ? 0 : 12, 0, bands ? 12 : 0],
+      height: bands ? Math.max(1, lanes) * LANE + STRIP + AXIS : height,
+      padding: [STRIP, two ? 0 : 24, 0, bands ? 12 : 0],
       tzDate: (time) => uPlot.tzDate(new Date(time * 1000), 'Etc/UTC'),
       legend: { show: false },
       cursor: {

@@ -76,11 +76,11 @@ async function readInformation(recording, contents) {
 export function createRecordingView(recording, hrefOf) {
   /** @type {import('./recording.js').Contents} */
   let contents = { csv: [], files: [], complete: true };
-  /** @type {Map<string, number>} */
-  let sizes = new Map();
+  /** @type {Map<string, {bytes: number, header?: string}>} */
+  let listed = new Map();
   let closed = false;
   const message = createMessage();
-  const source = createSource(recording, (path) => sizes.get(path) ?? 0);
+  const source = createSource(recording, (path) => listed.get(path));
   const group = createChartGroup({
     pointed(time) {
       timeline.read(time);
@@ -162,7 +162,7 @@ export function createRecordingView(recording, hrefOf) {
   async function list() {
     contents = await recording.list();
     contents.csv.sort((a, b) => a.path.localeCompare(b.path, 'en'));
-    sizes = new Map([...contents.csv, ...contents.files].map(({ path, bytes }) => [path, bytes]));
+    listed = new Map([...contents.files, ...contents.csv].map((file) => [file.path, file]));
     images.show(contents.files);
     crashFiles.show(contents.files.filter(({ path }) => CRASH_FILE.test(path)));
     allFiles.show([...contents.files, ...contents.csv.map((csv) => ({ ...csv, time: '', utc: null }))]);
@@ -196,6 +196,7 @@ export function createRecordingView(recording, hrefOf) {
         message.clear();
         if (!closed) {
           this.apply(sight);
+          await board.drawn(); // what is looked at comes first
           await readRest();
         }
       } catch (error) {

@@ -95,8 +95,21 @@ function readHeader(header, path) {
   return { names, day, both, titled: titled !== null };
 }
 
-const [LF, CR, BLANK, COMMA, ZERO, NINE, MINUS, DOT] = [10, 13, 32, 44, 48, 57, 45, 46];
+const [LF, CR, BLANK, COMMA, ZERO, NINE, MINUS, DOT, COLON] = [10, 13, 32, 44, 48, 57, 45, 46, 58];
 const POWERS = Array.from({ length: 16 }, (_, power) => 10 ** power);
+
+/** The number of some digits; NaN when they are none. @param {Uint8Array} bytes @param {number} at @param {number} count */
+function digits(bytes, at, count) {
+  let value = 0;
+  for (let end = at + count; at < end; at++) {
+    const byte = bytes[at] ?? 0;
+    if (byte < ZERO || byte > NINE) {
+      return NaN;
+    }
+    value = value * 10 + byte - ZERO;
+  }
+  return value;
+}
 
 /** A column while its cells come. @param {string} name */
 function columnReader(name) {
@@ -130,16 +143,23 @@ function columnReader(name) {
     texts.set(text, texts.size);
     return texts.size - 1;
   }
+  /** @param {number} value @param {() => string} text */
+  function note(value, text) {
+    if (!written.has(value) && written.size < MOST_TEXTS) {
+      written.set(value, text());
+    }
+  }
   return {
     values,
+    note,
     /** @param {string} text not empty */
     add(text) {
       const read = texts ? null : NUMBER.exec(text);
       if (read) {
         const value = Number(read[1]);
         values.push(value);
-        if (String(value) !== text && written.size < MOST_TEXTS) {
-          written.set(value, text);
+        if (String(value) !== text) {
+          note(value, () => text);
         }
       } else {
         addText(text);
@@ -169,8 +189,6 @@ export function tableReader(path, wanted) {
   /** @type {Table} */
   const table = { columns: [], times: [], skipped: 0, unfinished: false };
   const ends = new Int32Array(MOST_CELLS);
-  let lastDay = '';
-  let lastDaySeconds = NaN;
 
   /** @param {Uint8Array} bytes @param {number} from @param {number} to */
   function textOf(bytes, from, to) {
@@ -194,20 +212,26 @@ export function tableReader(path, wanted) {
     return text;
   }
 
-  /** Seconds of "08:46:09" in the given cell behind its day. @param {string} day @param {string} clock */
-  function timeOf(day, clock) {
-    if (day !== lastDay) {
-      lastDay = day;
-      lastDaySeconds = wallSeconds(day, '00:00:00');
+  let knownDay = -1; // as 20261121
+  let knownDaySeconds = 0;
+  /** Of "2026-11-21,08:46:09", as most rows begin; NaN for all others. @param {Uint8Array} bytes @param {number} at */
+  function plainTime(bytes, at) {
+    const day = digits(bytes, at, 4) * 10000 + digits(bytes, at + 5, 2) * 100 + digits(bytes, at + 8, 2);
+    const [hour, minute, second] = [digits(bytes, at + 11, 2), digits(bytes, at + 14, 2), digits(bytes, at + 17, 2)];
+    if (!(day > 0 && hour < 24 && minute < 60 && second < 60) || bytes[at + 4] !== MINUS || bytes[at + 7] !== MINUS
+        || bytes[at + 13] !== COLON || bytes[at + 16] !== COLON) {
+      return NaN;
     }
-    const read = clock.length === 8 && clock[2] === ':' && clock[5] === ':'
-      ? Number(clock.slice(0, 2)) * 3600 + Number(clock.slice(3, 5)) * 60 + Number(clock.slice(6)) : NaN;
-    return read >= 0 && read < 86400 && Number(clock.slice(3, 5)) < 60 ? lastDaySeconds + read : wallSeconds(day, clock);
+    if (day !== knownDay) {
+      knownDay = day;
+      knownDaySeconds = wallSeconds(textOf(bytes, at, at + 10), '00:00:00');
+    }
+    return knownDaySeconds + hour * 3600 + minute * 60 + second;
   }
 
   /** A plain number of few digits, as most cells are; NaN for all others.
-   * @param {Uint8Array} bytes @param {number} from @param {number} to */
-  function plainNumber(bytes, from, to) {
+   * @param {Uint8Array} bytes @param {number} from @param {number} to @param {ReturnType<typeof columnReader>} reader */
+  function plainNumber(bytes, from, to, reader) {
     const negative = bytes[from] === MINUS;
     let at = from + Number(negative);
     if (to - at > 15 || to === at) {
@@ -226,12 +250,13 @@ export function tableReader(path, wanted) {
         return NaN;
       }
     }
-    // What would be written otherwise, as "007" and "1.50", is read with its text.
+    const size = point < 0 ? whole : whole / /** @type {number} */ (POWERS[to - point - 1]);
+    const value = negative ? -size : size;
+    // "007" and "1.50" are not how a number is written by itself.
     if ((bytes[first] === ZERO && to - first > 1 && point !== first + 1) || (point > 0 && bytes[to - 1] === ZERO)) {
-      return NaN;
+      reader.note(value, () => textOf(bytes, from, to));
     }
-    const value = point < 0 ? whole : whole / /** @type {number} */ (POWERS[to - point - 1]);
-    return negative ? -value : value;
+    return value;
   }
 
   /** @param {Uint8Array} bytes @param {number} from @param {number} to */
@@ -257,8 +282,11 @@ export function tableReader(path, wanted) {
     const startOf = (/** @type {number} */ cell) => (cell === 0 ? from : /** @type {number} */ (ends[cell - 1]) + 1);
     const cellText = (/** @type {number} */ cell) => (cell < count
       ? textOf(bytes, startOf(cell), /** @type {number} */ (ends[cell])) : '');
-    const stamp = both ? cellText(day).split(/[ T]/) : [cellText(day), cellText(day + 1)];
-    const time = timeOf(stamp[0] ?? '', stamp[1]?.split(',')[0] ?? '');
+    let time = count > day ? plainTime(bytes, startOf(day)) : NaN;
+    if (Number.isNaN(time)) {
+      const stamp = both ? cellText(day).split(/[ T]/) : [cellText(day), cellText(day + 1)];
+      time = wallSeconds(stamp[0] ?? '', stamp[1]?.split(',')[0] ?? '');
+    }
     if (Number.isNaN(time)) {
       table.skipped += Number(textOf(bytes, from, to) !== '');
       return;
@@ -282,7 +310,7 @@ export function tableReader(path, wanted) {
       while (end > begin && (bytes[end - 1] === CR || bytes[end - 1] === BLANK)) {
         end--;
       }
-      const value = reader.isText() ? NaN : plainNumber(bytes, begin, end);
+      const value = reader.isText() ? NaN : plainNumber(bytes, begin, end, reader);
       if (!Number.isNaN(value)) {
         reader.values.push(value);
       } else if (begin === end) {
@@ -480,8 +508,8 @@ export function aligned(many) {
     return known < 0 ? timelines.push(times) - 1 : known;
   });
   const [only] = timelines;
-  if (timelines.length === 1 && only && holes(only).length === 0) {
-    return [only, ...many.map(({ values }) => values)];
+  if (timelines.length === 1 && only) {
+    return [withHoles(only, only, ([from, to]) => (from + to) / 2), ...many.map(({ values }) => withHoles(only, values, () => null))];
   }
   // Each timeline's rows, with a place in the middle of each hole, where -1 stands for a row.
   const own = timelines.map((times) => {
@@ -525,7 +553,7 @@ export function aligned(many) {
     const row = timeline.rows[timeline.at] ?? -1;
     const time = timeline.moments[timeline.at++] ?? 0;
     // Of one file every row keeps its own time.
-    if (all.length === 0 || timelines.length === 1 || timeline.last === all.length - 1
+    if (all.length === 0 || timeline.last === all.length - 1
         || time - /** @type {number} */ (all[all.length - 1]) > COLLECTION_S) {
       all.push(time);
       for (const column of columns) {
@@ -538,6 +566,25 @@ export function aligned(many) {
     }
   }
   return [all, ...columns];
+}
+
+/**
+ * The cells of a file's rows with one more in each hole.
+ * @template Cell
+ * @param {number[]} times
+ * @param {Cell[]} cells
+ * @param {(hole: [number, number]) => Cell} filler
+ */
+function withHoles(times, cells, filler) {
+  /** @type {Cell[]} */
+  let filled = [];
+  let from = 0;
+  for (const hole of holes(times)) {
+    const to = firstFrom(times, hole[1]);
+    filled = filled.concat(cells.slice(from, to), [filler(hole)]);
+    from = to;
+  }
+  return from === 0 ? cells : filled.concat(cells.slice(from));
 }
 
 /** @param {number[]} a @param {number[]} b */

@@ -24,9 +24,10 @@ const MOST_RANKED = 400; // files
 
 /**
  * @param {import('./recording.js').Recording} recording
- * @param {(path: string) => number} bytesOf a file, as the listing told
+ * @param {(path: string) => {bytes: number, header?: string} | undefined} fileOf as the listing told
  */
-export function createSource(recording, bytesOf) {
+export function createSource(recording, fileOf) {
+  const bytesOf = (/** @type {string} */ path) => fileOf(path)?.bytes ?? 0;
   /** @type {Map<string, Promise<ReadTable>>} */
   const tables = new Map();
   /** @type {Map<string, Promise<string[]>>} */
@@ -62,7 +63,12 @@ export function createSource(recording, bytesOf) {
       };
       if (from > 0) {
         // The header, then what follows the line in whose middle the end begins.
-        await recording.read(path, headOnly(take), { from: 0, most: Math.min(from, 4096), signal });
+        const header = fileOf(path)?.header;
+        if (header) {
+          reader.add(new TextEncoder().encode(`${header}\n`));
+        } else {
+          await recording.read(path, headOnly(take), { from: 0, most: Math.min(from, 4096), signal });
+        }
         await recording.read(path, lastLines(take), { from, most, signal });
       } else {
         await recording.read(path, take, { most, signal });

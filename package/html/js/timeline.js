@@ -8,7 +8,7 @@ import { folded, gathered, KIND_TITLES, KINDS } from './marks.js';
 import { wallText } from './series.js';
 
 const MOST_ROWS = 300;
-const NEAR = 0.012; // of what is in sight: two marks that are one button
+const NEAR = 0.035; // of what is in sight: two marks that are one button
 const MOST_IN_READING = 8;
 
 /** @typedef {import('./marks.js').Mark} Mark */

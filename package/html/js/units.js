@@ -30,7 +30,7 @@ export function scaleOf(unit, most) {
     return { text: unit, size: 1 };
   }
   const fitting = multiples.filter(([, size]) => Math.abs(most) >= Number(size));
-  const [text, size] = fitting.at(-1) ?? multiples[most === 0 ? multiples.length - 1 : 0] ?? [unit, 1];
+  const [text, size] = fitting.at(-1) ?? multiples.find(([, size]) => most === 0 && size === 1) ?? multiples[0] ?? [unit, 1];
   return { text: String(text), size: Number(size) };
 }
 

@@ -175,7 +175,7 @@ test('marks are made of names and of the daemon’s own lines alone', () => {
   const many = Array.from({ length: 30 }, (_, index) => ({ time: index, kind: index === 7 ? 'crash' : 'trigger', text: index === 7 ? 'x' : 't' }));
   assert.deepEqual(folded(many).map(({ kind, count, last }) => [kind, count, last]), [['trigger', 29, 29], ['crash', 1, 7]]);
   assert.deepEqual(gathered(many, 10).map(({ time, kind, marks }) => [time, kind, marks.length]), [[0, 'crash', 10], [10, 'trigger', 10], [20, 'trigger', 10]]);
-  const counted = logSeries(['ERR    ', 'WARNING', 'INFO   ', 'ERR    '].map((level, index) => `2026-11-21T08:${index * 10 + 1}:00.1+00:00 camera [ ${level} ] x`));
+  const counted = logSeries(['ERR    ', 'WARNING', 'INFO   ', 'ERR    '].map((level, index) => `2026-11-21T08:${index}1:00.1+00:00 camera [ ${level} ] x`));
   assert.deepEqual(counted.map(({ name, values }) => [name, values]), [['errors', [1, 0, 0, 1]], ['warnings', [0, 1, 0, 0]]]);
   assert.deepEqual(sortedMarks([mark, { ...mark }, { ...mark, time: 5 }, { ...mark, time: NaN }]).map(({ time }) => time), [5, mark.time]);
   assert.equal(csvLine(['a', 'b,"c"', null, 5]), 'a,"b,""c""",,5\r\n');

@@ -7,35 +7,13 @@ import { el, setText } from './dom.js';
 import { byteSize, counted } from './format.js';
 import { whenSeen } from './seen.js';
 import { isConstant } from './series.js';
+import { sparkline } from './sparkline.js';
 
 /** Other words that people search by. @type {Record<string, string>} */
 const WORDS = {
   Processor: 'cpu load', Memory: 'ram', Processes: 'program daemon pid cpu ram', Network: 'ethernet interface bandwidth traffic ip',
   'Temperature and power': 'heat sensor degrees volt ampere watt', Storage: 'disk sd card', Video: 'stream rtsp', 'HTTP API': 'web cgi', Logs: 'syslog error',
 };
-const [WIDTH, HEIGHT] = [96, 22];
-const SVG = 'http://www.w3.org/2000/svg';
-
-/** The end of a series as a line. @param {import('./series.js').Series} series */
-function sparkline({ times, values, categories }) {
-  const picture = document.createElementNS(SVG, 'svg');
-  picture.setAttribute('viewBox', `0 0 ${WIDTH} ${HEIGHT}`);
-  picture.setAttribute('class', 'spark');
-  picture.setAttribute('aria-hidden', 'true');
-  const known = values.filter((value) => value !== null);
-  const [min, max] = [Math.min(...known), Math.max(...known)];
-  const [first, last] = [times[0] ?? 0, times[times.length - 1] ?? 1];
-  const points = times.flatMap((time, index) => {
-    const value = values[index] ?? null;
-    return value === null || categories ? [] : [`${((time - first) / (last - first || 1) * WIDTH).toFixed(1)},${
-      (HEIGHT - 2 - (max > min ? (value - min) / (max - min) : 0.5) * (HEIGHT - 4)).toFixed(1)}`];
-  });
-  const line = document.createElementNS(SVG, 'polyline');
-  line.setAttribute('points', points.join(' '));
-  picture.append(line);
-  return picture;
-}
-
 /**
  * @typedef {object} Entry
  * @property {string} id

@@ -35,6 +35,7 @@ export const STORAGES = [
  * @property {number | null} lostMinutes since when its storage can't be used; null while it can
  * @property {{log: boolean, interval: boolean, minutes: number}} debug
  * @property {Maintenance} maintenance
+ * @property {number} triggers how many log triggers there are
  * @property {Device} device
  * @property {Session[]} sessions newest first, the lost ones behind
  */
@@ -206,6 +207,7 @@ export function cameraOf(value) {
       ptz: scheduleOf(miscellaneous, 'ptz_test'),
       server: server === 'None' ? '' : server,
     },
+    triggers: list(told.systemlog_trigger_rules).length,
     device: {
       model: text(device.Model),
       firmware: text(device.FW),

@@ -25,8 +25,9 @@ const MOST_RANKED = 400; // files
 /**
  * @param {import('./recording.js').Recording} recording
  * @param {(path: string) => {bytes: number, header?: string} | undefined} fileOf as the listing told
+ * @param {number} [mostLogBytes] read of a log's end
  */
-export function createSource(recording, fileOf) {
+export function createSource(recording, fileOf, mostLogBytes = MOST_LOG_BYTES) {
   const bytesOf = (/** @type {string} */ path) => fileOf(path)?.bytes ?? 0;
   /** @type {Map<string, Promise<ReadTable>>} */
   const tables = new Map();
@@ -100,7 +101,7 @@ export function createSource(recording, fileOf) {
       await recording.read(path, (piece) => {
         onProgress?.(piece.length);
         collector.add(decoder.decode(piece, { stream: true }));
-      }, { from: Math.max(0, bytesOf(path) - MOST_LOG_BYTES), most: MOST_LOG_BYTES, signal });
+      }, { from: Math.max(0, bytesOf(path) - mostLogBytes), most: mostLogBytes, signal });
       return inOrder(collector.finish().lines);
     });
     logs.set(path, reading);
@@ -184,6 +185,12 @@ export function createSource(recording, fileOf) {
         remarks.push(`${left} others are left out, by the ends of their files.`);
       }
       return { series: derived(joinedByName(read.flatMap(({ series }) => series)), chart), remarks };
+    },
+    /** The series of a chart as far as the ends of its files have them. @param {Chart} chart @param {Options} [options] */
+    async readEnd(chart, options = {}) {
+      const read = await Promise.all(chart.parts.map((part) =>
+        seriesOfPart(part, options, { from: Math.max(0, bytesOf(part.path) - END_BYTES), most: 2 * END_BYTES })));
+      return derived(joinedByName(read.flatMap(({ series }) => series)), chart);
     },
     /** The end of a file as series, for a picture of it in small. @param {string} path @param {Options} [options] */
     async glimpse(path, options = {}) {

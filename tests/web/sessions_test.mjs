@@ -88,13 +88,15 @@ test('a session is started, watched, stopped, downloaded and deleted', async () 
   await says(page, 'Can\'t delete the current active monitoring session.');
 
   await rows(page).getByRole('link').first().click();
-  await page.getByRole('link', { name: 'load/load.csv' }).click();
+  await page.getByRole('heading', { name: 'All files' }).click();
+  await page.getByRole('link', { name: 'monitoring_load/load.csv' }).click();
   const shown = page.getByRole('region', { name: 'Content of the file' });
   await shown.getByText('Date,Time,Load average').waitFor();
   const content = (await shown.textContent()).split(/\r?\n/);
   const recorded = await camera.shell(`cat ${session}/system_monitoring/monitoring_load/load.csv`);
   assert.deepEqual(content.slice(0, -1), recorded.split(/\r?\n/).slice(0, content.length - 1));
   await page.getByRole('link', { name: 'Close' }).click();
+  await page.getByText('Information', { exact: true }).click();
   await page.getByText('Collected Data Points').waitFor();
   await page.getByRole('link', { name: 'All sessions' }).click();
 

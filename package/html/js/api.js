@@ -33,6 +33,14 @@ export class RequestError extends Error {
 
 let pendingCount = 0;
 
+/** Tells the other tabs of the page that something was changed. */
+const changes = new BroadcastChannel('vandrel-changes');
+
+/** @param {() => void} listener called when another tab has changed something */
+export function onChanges(listener) {
+  changes.addEventListener('message', listener);
+}
+
 /** Requests under way. While there are any, silence of the daemon means nothing. */
 export function pending() {
   return pendingCount;
@@ -84,6 +92,7 @@ export async function requestGranted(action, values, granted, options = {}) {
   if (Array.isArray(granted) ? !granted.includes(words) : !granted.test(words)) {
     throw refusal(words || 'The daemon’s reply is empty.');
   }
+  changes.postMessage(action);
   return words;
 }
 

@@ -2,8 +2,11 @@
 
 import { RequestError } from './api.js';
 import { el, setText } from './dom.js';
+import { clock } from './format.js';
 
 let ids = 0;
+/** The button that was pressed last: what comes of it is told beside it. @type {HTMLElement | null} */
+let pressed = null;
 
 /** An id that no other element has. @param {string} name */
 export function newId(name) {
@@ -53,6 +56,11 @@ export function actionButton(text, act, properties = {}) {
     ...properties,
     onclick: async () => {
       if (!button.hasAttribute('aria-disabled')) {
+        // What was said of the action before is of no use any more.
+        for (const old of button.closest('main > .view')?.querySelectorAll('.message:not([data-kind="work"])') ?? []) {
+          /** @type {HTMLElement} */ (old).hidden = true;
+        }
+        pressed = button;
         button.setAttribute('aria-disabled', 'true');
         await act().finally(() => button.removeAttribute('aria-disabled'));
       }
@@ -74,12 +82,29 @@ export function createMessage() {
   const element = el('div', { class: 'message-place', role: 'status' }, box);
   let ticking = 0;
 
+  /** Goes to the button that was pressed, where that is of the same view. */
+  function moveToAction() {
+    const view = element.closest('main > .view');
+    if (!pressed || !view?.contains(pressed) || pressed.closest('.card, .view')?.contains(element) && element.previousElementSibling === pressed.parentElement) {
+      return;
+    }
+    // In a table or a heading's line it would push other things away: it stands in front of or behind these.
+    const table = pressed.closest('.table');
+    const place = table ?? pressed.closest('.tools');
+    if (place && place.parentElement !== view) {
+      place[table ? 'before' : 'after'](element);
+    }
+    pressed = null;
+  }
+
   /** @param {'work' | 'good' | 'bad' | 'doubtful'} kind @param {...(Node | string)} parts */
   function show(kind, ...parts) {
     clearInterval(ticking);
+    moveToAction();
     box.dataset.kind = kind;
+    delete box.dataset.away;
     progress.hidden = kind !== 'work';
-    setText(elapsed, '');
+    setText(elapsed, kind === 'work' ? '' : clock(new Date()));
     text.replaceChildren(...parts);
     box.hidden = false;
   }
@@ -107,6 +132,8 @@ export function createMessage() {
           el('q', {}, message), advice ? ` ${advice}` : '');
       } else {
         show('bad', `${what ? `${what}: ` : ''}${message} ${advice ?? ''}`.trim());
+        // It is no longer true once the daemon answers again.
+        box.dataset.away = String(['unreachable', 'stopped', 'timeout'].includes(kind));
       }
     },
   };
@@ -184,7 +211,7 @@ export function createTable({ caption, columns, key, make }) {
   function makeRow(row) {
     const { cells, update } = make(row);
     const places = cells.map((cell, index) => el(index === 0 ? 'th' : 'td', {
-      scope: index === 0 ? 'row' : undefined, class: columns[index]?.number ? 'number' : undefined,
+      'data-title': columns[index]?.title, scope: index === 0 ? 'row' : undefined, class: columns[index]?.number ? 'number' : undefined,
     }, cell));
     return { row: el('tr', {}, ...places), update };
   }
@@ -222,4 +249,20 @@ export function createTable({ caption, columns, key, make }) {
       });
     },
   };
+}
+
+/**
+ * Keeps what is typed or chosen in a field over a reload of the page.
+ * @template {HTMLInputElement | HTMLSelectElement} Control
+ * @param {Control} control
+ * @param {string} name
+ * @returns {Control}
+ */
+export function remembered(control, name) {
+  const kept = sessionStorage.getItem(name);
+  if (kept !== null) {
+    control.value = kept;
+  }
+  control.addEventListener('change', () => sessionStorage.setItem(name, control.value));
+  return control;
 }

@@ -102,6 +102,11 @@ byId('skip-link').addEventListener('click', (event) => {
 });
 
 onDaemonState(({ state, text, advice }) => {
+  if (state === 'answers') {
+    for (const said of main.querySelectorAll('.message[data-away="true"]')) {
+      /** @type {HTMLElement} */ (said).hidden = true;
+    }
+  }
   byId('daemon-state').dataset.state = state;
   setText(byId('daemon-text'), text);
   const notice = byId('daemon-notice');

@@ -99,7 +99,9 @@ export function createPicker({ source, isShown, choose, join }) {
 
   /** Enter: the first of those in sight. */
   function takeFirst() {
-    const first = rows.find(({ row, box }) => !row.hidden && !box.checked);
+    const name = search.value.trim().toLowerCase();
+    const left = rows.filter(({ row, box }) => !row.hidden && !box.checked);
+    const first = left.find(({ entry }) => entry.title.toLowerCase() === name) ?? left[0];
     if (!first) {
       setText(status, rows.some(({ row }) => !row.hidden) ? 'All that match are shown already.' : `Nothing recorded is called “${search.value.trim()}”.`);
       return;

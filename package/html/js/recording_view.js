@@ -2,6 +2,7 @@
 // for a session on the camera and for an archive.
 
 import { createBoard } from './board.js';
+import { GLANCE } from './catalogue.js';
 import { createChartGroup } from './chart_group.js';
 import { readCondition } from './condition.js';
 import { actionButton, createFacts, createMessage, createTable } from './controls.js';
@@ -111,7 +112,8 @@ export function createRecordingView(recording, hrefOf) {
   const board = createBoard({
     source, group,
     changed: (step) => writeLink(step),
-    beside: (name) => (name === 'HTTP API' ? [httpReport.element] : name === 'Temperature and power' ? [condition.element] : []),
+    beside: (name) => [...(name === GLANCE || name === 'Temperature and power' ? [condition.element] : []),
+      ...(name === GLANCE || name === 'HTTP API' ? [httpReport.element] : [])],
   });
   const information = createFacts();
 

@@ -257,7 +257,15 @@ export function informationOf(told) {
   return pairs;
 }
 
+/** What the folders of a session hold, where their names do not say it. @type {Record<string, string>} */
+const MONITORS = {
+  koral: 'HTTP API', vela: 'packages', vela_configs: 'configurations of packages', vmstatus: 'memory of processes', topstatus: 'processor of processes',
+  meminfo: 'memory', slabinfo: 'kernel objects', self: 'this package', onvif: 'ONVIF', basic: 'logs and reports', snapshots: 'images',
+  environment: 'temperature and power', devicetest: 'device test', metadata: 'events', streams: 'video streams',
+};
+
 /** "monitoring_kernel" as "kernel". @param {string} name */
 export function monitorTitle(name) {
-  return name.replace(/^monitoring_/, '').replaceAll('_', ' ');
+  const short = name.replace(/^monitoring_/, '');
+  return MONITORS[short] ?? short.replaceAll('_', ' ');
 }

@@ -197,7 +197,7 @@ test('refreshing by itself loses nothing of what the user does', async () => {
   await page.goto(`${camera.address}/local/Vandrel/?again#/sessions`);
   await rows(page).filter({ hasText: stampOf(first) }).waitFor();
   const images = page.getByLabel('Image interval');
-  await page.getByText(/kinds$/).click();
+  await page.getByText(/kinds of data$/).click();
   await images.fill('1234');
   await images.evaluate((input) => input.setSelectionRange(1, 3));
   const second = await record();
@@ -270,7 +270,7 @@ test('no accessibility violation, light and dark', async () => {
     const check = async () => assert.deepEqual(await violations(page), []);
     await page.getByRole('combobox', { name: 'Advanced debug mode' }).selectOption('Both');
     await page.getByLabel('A crash report every').fill('0');
-    await page.getByText(/kinds$/).click();
+    await page.getByText(/kinds of data$/).click();
     await check();
     await page.getByLabel('A crash report every').fill('1');
     await button(page, 'Start session').click();

@@ -33,11 +33,12 @@ export class RequestError extends Error {
 
 let pendingCount = 0;
 
-/** Tells the other tabs of the page that something was changed. */
-const changes = new BroadcastChannel('vandrel-changes');
+/** Where the tabs of the page tell each other that something was changed. @type {BroadcastChannel | null} */
+let changes = null;
 
 /** @param {() => void} listener called when another tab has changed something */
 export function onChanges(listener) {
+  changes ??= new BroadcastChannel('vandrel-changes');
   changes.addEventListener('message', listener);
 }
 
@@ -92,7 +93,7 @@ export async function requestGranted(action, values, granted, options = {}) {
   if (Array.isArray(granted) ? !granted.includes(words) : !granted.test(words)) {
     throw refusal(words || 'The daemon’s reply is empty.');
   }
-  changes.postMessage(action);
+  changes?.postMessage(action);
   return words;
 }
 

@@ -32,6 +32,7 @@
  * @property {boolean} glance whether it is seen first
  * @property {Choice | null} choice of the series, where there may be very many
  * @property {Derived[]} derived
+ * @property {boolean} counts of a file as it is: its numbers only grow, until the camera restarts
  * @property {Part[]} parts
  */
 
@@ -264,8 +265,8 @@ function rulesOf(path) {
   return found;
 }
 
-/** @type {Pick<Chart, 'hint' | 'stacked' | 'rank' | 'glance' | 'choice' | 'derived'>} */
-const PLAIN = { hint: '', stacked: false, rank: 0, glance: false, choice: null, derived: [] };
+/** @type {Pick<Chart, 'hint' | 'stacked' | 'rank' | 'glance' | 'choice' | 'derived' | 'counts'>} */
+const PLAIN = { hint: '', stacked: false, rank: 0, glance: false, choice: null, derived: [], counts: false };
 
 /** Where the device's log of a session stands. */
 export const LOG = 'system_monitoring/monitoring_basic/Continuous_Syslog.txt';
@@ -296,7 +297,7 @@ export function chartsOf(files, others = []) {
       const id = rule.own ? `${rule.id}-${name}` : rule.id;
       const chart = charts.get(id) ?? {
         id, group: rule.group, title: rule.title.replace('NAME', name), unit: rule.unit ?? '', hint: rule.hint ?? '',
-        stacked: rule.stacked ?? false, rank: rule.rank ?? 0, choice: rule.choice ?? null, derived: rule.derived ?? [], parts: [],
+        stacked: rule.stacked ?? false, rank: rule.rank ?? 0, choice: rule.choice ?? null, derived: rule.derived ?? [], counts: false, parts: [],
         // The loopback interface tells little at a glance.
         glance: (rule.glance ?? false) && name !== 'lo',
       };
@@ -321,8 +322,8 @@ export function chartsOf(files, others = []) {
 export function chartOfFile(path) {
   const counts = /\/(?:pagefaults|monitoring_network\/(?!network\.csv)[^/]+)\.csv$/.test(path);
   return {
-    id: idOfFile(path), group: groupOf(path), title: titleOf(path), unit: counts ? '1/s' : '', ...PLAIN,
-    parts: [{ path, columns: /./, name: (column, group) => (group ? `${group}: ${column}` : column), factor: 1, kind: counts ? 'counter' : 'gauge' }],
+    id: idOfFile(path), group: groupOf(path), title: titleOf(path), unit: '', ...PLAIN, counts,
+    parts: [{ path, columns: /./, name: (column, group) => (group ? `${group}: ${column}` : column), factor: 1, kind: 'gauge' }],
   };
 }
 

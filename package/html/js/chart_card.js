@@ -167,7 +167,7 @@ export function createChartCard({ source, chart, group, remove }) {
   const legend = createLegend(toggle);
   const rows = createRows(title);
   const values = select([['', 'As recorded'], ['rate', 'Per second']], () => showSeries());
-  values.value = isFile && chart.parts[0]?.kind === 'counter' ? 'rate' : '';
+  values.value = chart.counts ? 'rate' : '';
   values.setAttribute('aria-label', `Values of ${title}`);
   const stop = el('button', { type: 'button', hidden: true, onclick: () => controller.abort() }, 'Stop');
 

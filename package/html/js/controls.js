@@ -82,19 +82,28 @@ export function createMessage() {
   const element = el('div', { class: 'message-place', role: 'status' }, box);
   let ticking = 0;
 
-  /** Goes to the button that was pressed, where that is of the same view. */
+  /** Where it stands while no button is in sight that it could stand beside. */
+  const home = document.createComment('message');
+
+  /** Goes to the button that was pressed, where that is of the same view and in sight. */
   function moveToAction() {
+    const button = pressed;
+    pressed = null;
     const view = element.closest('main > .view');
-    if (!pressed || !view?.contains(pressed) || pressed.closest('.card, .view')?.contains(element) && element.previousElementSibling === pressed.parentElement) {
+    if (view && element.parentElement?.getClientRects().length === 0 && home.parentElement) {
+      home.after(element); // the card that it was in is hidden
+    }
+    if (!button || !view?.contains(button) || button.getClientRects().length === 0) {
       return;
     }
-    // In a table or a heading's line it would push other things away: it stands in front of or behind these.
-    const table = pressed.closest('.table');
-    const place = table ?? pressed.closest('.tools');
+    const table = button.closest('.table'); // between rows it would push them away
+    const place = table ?? button.closest('.tools');
     if (place && place.parentElement !== view) {
+      if (!home.parentElement) {
+        element.before(home);
+      }
       place[table ? 'before' : 'after'](element);
     }
-    pressed = null;
   }
 
   /** @param {'work' | 'good' | 'bad' | 'doubtful'} kind @param {...(Node | string)} parts */

@@ -1,7 +1,7 @@
 // The panel in which charts are chosen: those of the catalogue and every file, grouped, searchable,
 // each with a picture in small of its last rows.
 
-import { GROUPS, groupOf, idOfFile, titleOf } from './catalogue.js';
+import { chartOfFile, GROUPS, groupOf, idOfFile, titleOf } from './catalogue.js';
 import { newId } from './controls.js';
 import { el, setText } from './dom.js';
 import { byteSize, counted } from './format.js';
@@ -14,6 +14,8 @@ const WORDS = {
   Processor: 'cpu load', Memory: 'ram', Processes: 'program daemon pid cpu ram', Network: 'ethernet interface bandwidth traffic ip',
   'Temperature and power': 'heat sensor degrees volt ampere watt', Storage: 'disk sd card', Video: 'stream rtsp', 'HTTP API': 'web cgi', Logs: 'syslog error',
 };
+const LOOKED_AT = 4; // files of a chart, for its picture
+
 /**
  * @typedef {object} Entry
  * @property {string} id
@@ -21,7 +23,7 @@ const WORDS = {
  * @property {string} group
  * @property {string} note
  * @property {string} search in small letters
- * @property {import('./catalogue.js').Part | null} part
+ * @property {import('./catalogue.js').Part[]} parts
  */
 
 /**
@@ -58,17 +60,20 @@ export function createPicker({ source, isShown, choose, join }) {
     const picture = el('span', { class: 'spark-place' });
     const note = el('span', { class: 'quiet' }, entry.note);
     const row = el('label', { class: 'check picker-row' }, box, el('bdi', {}, entry.title), note, picture);
-    const { part } = entry;
-    if (part && part.kind !== 'log') {
+    const { parts } = entry;
+    if (parts.length > 0 && parts.every(({ kind }) => kind !== 'log')) {
       waiting.push(whenSeen(row, async () => {
-        const all = await source.glimpse(part.path, { signal: controller.signal }).catch(() => []);
-        const series = all.filter(({ column }) => part.columns.test(column));
+        const read = await Promise.all(parts.slice(0, LOOKED_AT).map(async ({ path, columns }) => {
+          const all = await source.glimpse(path, { signal: controller.signal }).catch(() => []);
+          return all.filter(({ column }) => columns.test(column));
+        }));
+        const series = read.flat();
         const best = series.find((one) => !one.categories && !isConstant(one)) ?? series.find(({ categories }) => !categories);
         if (best) {
           picture.replaceChildren(sparkline(best));
         }
-        if (series.length > 0 && series.every(isConstant)) {
-          setText(note, `${entry.note} · unchanged`);
+        if (parts.length <= LOOKED_AT && series.length > 0 && series.every(isConstant)) {
+          setText(note, [entry.note, 'unchanged lately'].filter(Boolean).join(' · '));
         }
       }));
     }
@@ -124,12 +129,12 @@ export function createPicker({ source, isShown, choose, join }) {
       /** @type {Entry[]} */
       const ofCatalogue = charts.map(({ id, title, group, parts, unit }) => ({
         id, title, group, note: [unit, parts.length > 1 ? counted(parts.length, 'file') : ''].filter(Boolean).join(' · '),
-        search: searchText(title, group, WORDS[group] ?? '', ...parts.slice(0, 200).map(({ path }) => path)), part: parts[0] ?? null,
+        search: searchText(title, group, WORDS[group] ?? '', ...parts.slice(0, 200).map(({ path }) => path)), parts,
       }));
       /** @type {Entry[]} */
       const ofFiles = files.map(({ path, bytes }) => ({
         id: idOfFile(path), title: titleOf(path), group: groupOf(path), note: byteSize(bytes), search: searchText(path, WORDS[groupOf(path)] ?? ''),
-        part: { path, columns: /./, name: (column) => column, factor: 1, kind: 'gauge' },
+        parts: chartOfFile(path).parts,
       }));
       /** @param {Entry[]} entries @param {boolean} open */
       const listed = (entries, open) => GROUPS.flatMap((group) => {

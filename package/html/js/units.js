@@ -48,5 +48,5 @@ export function valueText(value, unit = '') {
   }
   const { text, size } = scaleOf(unit, value);
   const number = numberText(value / size);
-  return text === '%' || text === '' ? `${number}${text}` : `${number} ${text}`;
+  return text === '%' || text === '' ? `${number}${text}` : text === '1/s' ? `${number}/s` : `${number} ${text}`;
 }

@@ -32,8 +32,8 @@ export function verdictOf(tool, output) {
   }
   if (tool === 'ping') {
     const [, loss] = /([\d.]+)% packet loss/.exec(output) ?? [];
-    return loss !== undefined ? { good: Number(loss) < 100, text: Number(loss) >= 100 ? 'no reply' : `replies, ${loss} % lost` }
-      : /bad address|unknown host|not known|unreachable|failure|Invalid/i.test(output) ? { good: false, text: 'not reached' } : null;
+    return loss !== undefined && Number(loss) > 0 && Number(loss) < 100 ? { good: true, text: `it replies, ${loss} % lost` }
+      : Number(loss) === 0 || /is alive|bytes from/i.test(output) ? { good: true, text: 'it replies' } : { good: false, text: 'no reply' };
   }
   if (tool === 'portcheck') {
     return /fail|refused|timed out|unreachable/i.test(output) ? { good: false, text: 'the port does not answer' }

@@ -106,7 +106,7 @@ function nextStep() {
     link.href = camera?.active ? `#/session?path=${encodeURIComponent(camera.directory)}` : '#/sessions';
     setText(link, camera?.active ? 'Open the dashboards' : 'Start a session');
   });
-  return el('div', { class: 'tools' }, link, el('a', { class: 'button', href: '#/sessions' }, 'All sessions'));
+  return el('div', { class: 'tools' }, link, el('a', { class: 'button', href: '#/sessions' }, 'Other recordings'));
 }
 
 /** @returns {import('../main.js').View} */

@@ -247,9 +247,10 @@ export function createChartCard({ source, chart, group, remove }) {
           }
         },
       });
-      if (signal.aborted) {
-        throw signal.reason;
+      if (closed) {
+        return;
       }
+      signal.throwIfAborted();
       message.clear();
       read = answer.series.slice(0, MOST_SERIES);
       setText(remarks, [chart.hint, ...answer.remarks,
@@ -308,6 +309,7 @@ export function createChartCard({ source, chart, group, remove }) {
   function close() {
     closed = true;
     controller.abort();
+    message.clear();
     clearTimeout(summing);
     stopListening();
     lines.close();

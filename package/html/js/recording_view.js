@@ -195,14 +195,16 @@ export function createRecordingView(recording, hrefOf) {
       message.work('Reading what was recorded …');
       try {
         await list();
-        message.clear();
         if (!closed) {
+          message.clear();
           this.apply(sight);
           await board.drawn(); // what is looked at comes first
           await readRest();
         }
       } catch (error) {
-        message.fail(error);
+        if (!closed) {
+          message.fail(error);
+        }
       }
     },
     /** @param {import('./link.js').Sight} sight */
@@ -227,6 +229,7 @@ export function createRecordingView(recording, hrefOf) {
     },
     close() {
       closed = true;
+      message.clear();
       clearTimeout(linkTimer);
       stopWaiting();
       board.close();

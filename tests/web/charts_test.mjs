@@ -173,7 +173,7 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
     await new Promise((resolve) => { setTimeout(resolve, 500); });
     ({ status } = await camera.action('zip_monitor_data', { storage: session }));
   }
-  await page.goto(`${camera.address}/local/Vandrel/#/session?${query}`);
+  await page.getByRole('button', { name: 'Read again' }).click();
   for (const [said, told] of [['re-established', 'The storage was back after'], ['Device was rebooted', 'The camera was restarted or lost']]) {
     const line = await camera.shell(`grep '${said}' ${session}/system_monitoring/monitoring_basic/Continuous_Syslog.txt`);
     await page.getByRole('row').filter({ hasText: told }).filter({ hasText: line.slice(0, 19).replace('T', ' ') }).waitFor();

@@ -18,3 +18,6 @@ foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection=f
   endif()
 endforeach()
 add_link_options(-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+
+# No paths of the machine that built it.
+add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)

@@ -57,7 +57,9 @@ def read_settings(name):
     if path is None:
         return None
     settings = {}
-    for part in [path] + sorted(glob.glob(f"/etc/systemd/system/{name}.d/*.conf")):
+    drop_ins = [part for folder in reversed(FOLDERS)
+                for part in sorted(glob.glob(f"{folder}/{name}.d/*.conf"))]
+    for part in [path] + drop_ins:
         with open(part, encoding="utf-8", errors="replace") as file:
             for line in file:
                 key, separator, value = (word.strip() for word in line.partition("="))

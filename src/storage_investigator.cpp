@@ -19,6 +19,11 @@ constexpr std::size_t mount_line_max = 1023;
 constexpr std::size_t df_command_size = 1024;
 constexpr std::size_t du_command_size = 256;
 constexpr int full_percent = 90;
+constexpr gint64 states_age_us = 30 * G_USEC_PER_SEC;
+constexpr const char *storage_mounts = "/var/spool/storage/";
+constexpr const char *storages_command =
+    "dbus-send --system --print-reply --reply-timeout=6000 --dest=com.tarvo.Storage "
+    "--type=method_call /com/tarvo/Storage com.tarvo.Storage.GetAllStoragesInfo";
 
 // Positions in a storage's block, counted from the line with its name.
 constexpr unsigned status_position = 3;
@@ -58,7 +63,72 @@ int percent_in(const std::string &line) {
     return value;
 }
 
+// What stands between a line's quotes.
+std::string quoted(const std::string &line) {
+    const std::size_t begin = line.find('"');
+    const std::size_t end = line.rfind('"');
+    return begin == std::string::npos || end == begin ? ""
+                                                      : line.substr(begin + 1, end - begin - 1);
+}
+
+// The storages of the service's reply: of each block the line behind "struct {" has the name.
+std::vector<storage_state> states_in(const std::vector<std::string> &reply) {
+    std::vector<storage_state> states;
+    for (std::size_t i = 0; i + 1 < reply.size(); ++i) {
+        const std::string name = contains(reply[i], "struct {") ? quoted(reply[i + 1]) : "";
+        if (name.empty()) {
+            continue;
+        }
+        storage_reply_reader reader(name);
+        for (const std::string &line : reply) {
+            reader.take_line(line);
+        }
+        const std::size_t status = i + 1 + status_position;
+        states.push_back(
+            {name, status < reply.size() ? quoted(reply[status]) : "", reader.is_healthy(), 0, -1});
+    }
+    return states;
+}
+
+// Takes size and usage from a line of df, as percent_in() shows it.
+void take_usage(storage_state &state, const std::string &line) {
+    const std::size_t size = line.find_first_not_of(' ', std::min(line.find(' '), line.size()));
+    state.size_kb =
+        size == std::string::npos ? 0 : std::max(0LL, decimal_prefix(line.substr(size)));
+    state.percent_used = percent_in(line);
+}
+
 } // namespace
+
+const std::vector<storage_state> &storage_states() {
+    static std::vector<storage_state> states;
+    static gint64 asked_us = 0;
+    const gint64 now_us = g_get_monotonic_time();
+    if (asked_us != 0 && now_us - asked_us < states_age_us) {
+        return states;
+    }
+    std::vector<std::string> reply;
+    command_read_lines(storages_command, line_max,
+                       [&reply](const std::string &line) { reply.push_back(line); });
+    states = states_in(reply);
+    states.push_back({"localdata", "OK", true, 0, -1});
+    // The last line is that of the internal storage, whatever it is mounted on.
+    std::string last;
+    command_read_lines("/bin/df -k -P; /bin/df -k -P /usr/local/packages/Vandrel/localdata",
+                       line_max, [&last](const std::string &line) {
+                           for (storage_state &state : states) {
+                               if (line.ends_with(storage_mounts + state.name + "\n")) {
+                                   take_usage(state, line);
+                               }
+                           }
+                           last = line;
+                       });
+    if (contains(last, "%")) {
+        take_usage(states.back(), last);
+    }
+    asked_us = now_us;
+    return states;
+}
 
 storage_reply_reader::storage_reply_reader(const std::string &name)
     : quoted_name_("\"" + name + "\"") {}
@@ -95,9 +165,7 @@ bool storage_reply_reader::is_healthy() const {
 bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also) {
     storage_reply_reader reply(name_to_go_by);
     const int status = command_read_lines(
-        "dbus-send --system --print-reply --reply-timeout=6000 --dest=com.tarvo.Storage "
-        "--type=method_call /com/tarvo/Storage com.tarvo.Storage.GetAllStoragesInfo",
-        line_max, [&reply](const std::string &line) { reply.take_line(line); });
+        storages_command, line_max, [&reply](const std::string &line) { reply.take_line(line); });
     if (was_ended_by_signal(status)) {
         return false;
     }

@@ -35,6 +35,7 @@ export const STORAGES = [
  * @property {number | null} lostMinutes since when its storage can't be used; null while it can
  * @property {{log: boolean, interval: boolean, minutes: number}} debug
  * @property {Maintenance} maintenance
+ * @property {number} triggers how many log triggers there are
  * @property {Device} device
  * @property {Session[]} sessions newest first, the lost ones behind
  */
@@ -207,6 +208,7 @@ export function cameraOf(value) {
       ptz: scheduleOf(miscellaneous, 'ptz_test'),
       server: server === 'None' ? '' : server,
     },
+    triggers: list(told.systemlog_trigger_rules).length,
     device: {
       model: text(device.Model),
       firmware: text(device.FW),
@@ -261,7 +263,15 @@ export function informationOf(told) {
   return pairs;
 }
 
+/** What the folders of a session hold, where their names do not say it. @type {Record<string, string>} */
+const MONITORS = {
+  koral: 'HTTP API', vela: 'packages', vela_configs: 'configurations of packages', vmstatus: 'memory of processes', topstatus: 'processor of processes',
+  meminfo: 'memory', slabinfo: 'kernel objects', self: 'this package', onvif: 'ONVIF', basic: 'logs and reports', snapshots: 'images',
+  environment: 'temperature and power', devicetest: 'device test', metadata: 'events', streams: 'video streams',
+};
+
 /** "monitoring_kernel" as "kernel". @param {string} name */
 export function monitorTitle(name) {
-  return name.replace(/^monitoring_/, '').replaceAll('_', ' ');
+  const short = name.replace(/^monitoring_/, '');
+  return MONITORS[short] ?? short.replaceAll('_', ' ');
 }

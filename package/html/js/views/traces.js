@@ -90,7 +90,7 @@ export function create() {
         { timeoutMs: TIMEOUT_MS });
       typed = false;
       await refresh();
-      message.show('good', el('q', {}, words));
+      message.show('good', 'The trace has been started. ', el('q', {}, words));
       setTimeout(refresh, FIRST_LOOK_MS);
     } catch (error) {
       message.fail(error);
@@ -176,7 +176,7 @@ export function create() {
     }
   }
   const directCard = el('section', { class: 'card', 'aria-label': 'Direct trace' },
-    el('h2', {}, 'Direct trace'),
+    el('h2', {}, 'A trace taken from elsewhere'),
     el('p', { class: 'quiet' }, 'Has the camera’s log say that a trace was taken past this page, such as '
       + 'with the camera’s own trace download, so that whoever reads the log knows of it.'),
     el('form', { novalidate: true, onsubmit: (event) => event.preventDefault() }, secondsField.element,

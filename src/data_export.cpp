@@ -327,10 +327,12 @@ void reply_file(GDataOutputStream *stream, const std::string &session, const cha
     auto position = static_cast<off_t>(*offset);
     auto left = *length;
     ssize_t size = 0;
-    while (left > 0 &&
-           (size = ::pread(file.get(), piece.data(),
-                           std::min<unsigned long long>(left, piece.size()), position)) > 0 &&
-           http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
+    while (
+        left > 0 &&
+        (size = ::pread(file.get(), piece.data(),
+                        static_cast<std::size_t>(std::min<unsigned long long>(left, piece.size())),
+                        position)) > 0 &&
+        http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
         position += size;
         left -= static_cast<unsigned long long>(size);
     }

@@ -27,11 +27,11 @@ bool has_access(const char *path, int mode) {
 
 // Works on descriptors relative to the parent, so that neither the length of a path nor a folder
 // that is swapped for a link while the tree is being removed can lead elsewhere.
-int remove_entries(int parent, const char *name, int depth) {
+int remove_entries(int parent, const char *name, const std::string &path, int depth) {
     unique_fd descriptor(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     unique_folder folder(descriptor ? ::fdopendir(descriptor.get()) : nullptr);
     if (!folder) {
-        log_warning("Could not open dir for removal: %s", name);
+        log_warning("Could not open dir for removal: %s", path.c_str());
         errno = 0;
         return 0;
     }
@@ -48,7 +48,8 @@ int remove_entries(int parent, const char *name, int depth) {
             S_ISDIR(status.st_mode);
         if (folder_below) {
             if (depth < removal_depth_max) {
-                removed += remove_entries(folder_descriptor, entry_name, depth + 1);
+                removed += remove_entries(folder_descriptor, entry_name, path + "/" + entry_name,
+                                          depth + 1);
             }
         } else if (::unlinkat(folder_descriptor, entry_name, 0) == 0) {
             ++removed;
@@ -258,7 +259,7 @@ bool file_rename(const char *from, const char *to) {
 }
 
 int dir_remove_recursive(const char *path) {
-    return remove_entries(AT_FDCWD, path, 0);
+    return remove_entries(AT_FDCWD, path, path, 0);
 }
 
 unique_file file_open(const char *path, const char *mode) {

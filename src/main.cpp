@@ -418,6 +418,7 @@ void start_up() {
     event_init();
     wait_and_collect_monitoring_sessions();
     collect_action_rules();
+    end_left_over_capture();
     collect_wireshark_sessions(true);
     g_unix_signal_add(SIGTERM, stopped_cleanup, nullptr);
     g_unix_signal_add(SIGTERM, stay, nullptr);

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
+#include <vector>
 
 namespace {
 
@@ -34,8 +35,8 @@ std::string base_name(const std::string &path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// Temporary files that a power cut left: the archive's exclude pattern does not reach below the
-// session's folder.
+// Temporary files that a power cut left, and crash reports that the loss of the storage cut off:
+// the archive's exclude pattern does not reach below the session's folder.
 void sweep_temporary_files(const std::string &folder) {
     std::error_code error;
     // Links are not followed; what can't be read or removed stays.
@@ -45,10 +46,22 @@ void sweep_temporary_files(const std::string &folder) {
          !error && entry != end; entry.increment(error)) {
         const std::string name = entry->path().filename();
         std::error_code ignored;
-        if (name.starts_with(".tmp") && entry->is_regular_file(ignored)) {
+        if (!name.starts_with(".tmp") || entry->is_symlink(ignored)) {
+            continue;
+        }
+        if (entry->is_directory(ignored)) {
+            entry.disable_recursion_pending();
+            (void)dir_remove_recursive(entry->path().c_str());
+        } else if (entry->is_regular_file(ignored)) {
             file_remove(entry->path().c_str());
         }
     }
+}
+
+// "ziKhWrXF": what zip makes an archive as, under a name of its own beside it.
+bool is_zip_temporary(const std::string &name) {
+    return name.size() == 8 && name.starts_with("zi") &&
+           std::all_of(name.begin(), name.end(), [](char ch) { return g_ascii_isalnum(ch) != 0; });
 }
 
 // A reply without a content type, as these refusals have always been.
@@ -118,6 +131,27 @@ std::string session_archive_path(const std::string &session_directory) {
     return session_directory + ".zip";
 }
 
+void sweep_zip_leftovers(const std::string &root) {
+    std::vector<std::string> left;
+    std::error_code error;
+    for (fs::directory_iterator entry(root, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code ignored;
+        if (is_zip_temporary(entry->path().filename()) && !entry->is_symlink(ignored) &&
+            entry->is_regular_file(ignored)) {
+            left.push_back(entry->path());
+        }
+    }
+    // Asked behind the list: what runs now may have made one of them, what starts later has not.
+    if (left.empty() || ps_grep_and_check_if_included("zip", "--recurse-paths")) {
+        return;
+    }
+    for (const std::string &path : left) {
+        log_info("Removing '%s', which an interrupted zip has left.", path.c_str());
+        file_remove(path.c_str());
+    }
+}
+
 bool is_zipping_session(const std::string &session_directory) {
     if (session_directory.find('/') == std::string::npos) {
         log_warning("Could not get basename of path: %s", session_directory.c_str());
@@ -151,6 +185,7 @@ void zip_session_directory(const char *path) {
                        archive.c_str(), name.c_str());
     const std::string parent = std::string(path).substr(0, std::strlen(path) - name.size());
     sweep_temporary_files(path);
+    sweep_zip_leftovers(parent);
     if (::chdir(parent.c_str()) != 0) {
         log_error("Could not change directory to: %s", parent.c_str());
         return;

@@ -1,5 +1,6 @@
 #include "storage_investigator.h"
 
+#include "fileutil.h"
 #include "log.h"
 #include "session_globals.h"
 #include "shell_word.h"
@@ -9,10 +10,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
 
 namespace {
 
 constexpr std::size_t line_max = 199;
+constexpr std::size_t mount_line_max = 1023;
 constexpr std::size_t df_command_size = 1024;
 constexpr std::size_t du_command_size = 256;
 constexpr int full_percent = 90;
@@ -29,7 +32,10 @@ constexpr unsigned last_property = 16;
 constexpr unsigned must_be_true = 6;
 constexpr unsigned must_be_false[] = {9, 10};
 
-bool warn = true; // the last test found its storage healthy
+// The storages whose last test failed. Their names come from requests, too: the list is begun anew
+// when it gets long.
+std::set<std::string> failing;
+constexpr std::size_t failing_max = 50;
 
 bool contains(const std::string &line, const char *text) {
     return line.find(text) != std::string::npos;
@@ -164,16 +170,31 @@ bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also) {
         return false;
     }
     if (reply.is_healthy()) {
-        warn = true;
+        failing.erase(name_to_go_by);
         return true;
     }
-    if (warn && log_also) {
+    if (failing.size() >= failing_max) {
+        failing.clear();
+    }
+    if (failing.insert(name_to_go_by).second && log_also) {
         errno = 0;
         log_error("%s: Lost connection to storage location: %s, no data can be saved.", __func__,
                   name_to_go_by);
     }
-    warn = false;
     return false;
+}
+
+// "38 27 179:1 / /var/spool/storage/SD_DISK rw,nosuid - ext4 /dev/mmcblk0p1 rw"
+bool is_mount_point(const std::string &path) {
+    const unique_file file = file_open("/proc/self/mountinfo", "r");
+    const std::string word = " " + path + " ";
+    std::string line;
+    bool found = false;
+    while (file && !found && read_line(file.get(), mount_line_max, line)) {
+        found = line.substr(0, line.find(" - ")).find(word) != std::string::npos;
+    }
+    errno = 0;
+    return found;
 }
 
 int get_storage_use_pcent(const char *path) {
@@ -182,7 +203,11 @@ int get_storage_use_pcent(const char *path) {
         return -1;
     }
     const std::string command = format_bounded(df_command_size, "/bin/df -k -P '%s'", path);
-    command_pipe pipe(command.c_str());
+    command_pipe pipe(command.c_str(), std::nothrow);
+    if (!pipe) {
+        log_error("Could not popen: %s", command.c_str());
+        return -1;
+    }
     std::string line;
     if (!pipe.next_line(line_max, line)) {
         return -1;

@@ -8,7 +8,7 @@
 #include <vector>
 
 // Asks the platform's storage service (at most 6 seconds). The loss of a storage is logged once, if
-// `log_also`, until a test succeeds again.
+// `log_also`, until a test of it succeeds again.
 bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also);
 
 // Finds one storage in the storage service's printed reply, line after line. A storage is healthy
@@ -27,6 +27,9 @@ class storage_reply_reader {
     bool status_ok_ = false;
     bool properties_[17] = {};
 };
+
+// Whether a file system is mounted there. An ejected storage leaves its empty mount point behind.
+bool is_mount_point(const std::string &path);
 
 struct storage_state {
     std::string name;   // as the storage service has it, or "localdata"

@@ -138,7 +138,9 @@ int system_ret(const char *command) {
     return system_ret_stopped;
 }
 
-command_pipe::command_pipe(const char *command) : pipe_(::popen(command, "re")) {
+command_pipe::command_pipe(const char *command, std::nothrow_t) : pipe_(::popen(command, "re")) {}
+
+command_pipe::command_pipe(const char *command) : command_pipe(command, std::nothrow) {
     if (pipe_ == nullptr) {
         log_fatal("Could not popen '%s'", command);
     }
@@ -153,10 +155,9 @@ int command_pipe::close() noexcept {
 }
 
 bool was_ended_by_signal(int wait_status) {
-    constexpr int shell_signal_status =
-        128; // the shell's own status for "ended by signal N" is 128 + N
-    return WIFSIGNALED(wait_status) ||
-           (WIFEXITED(wait_status) && WEXITSTATUS(wait_status) > shell_signal_status);
+    // The shell's own status for "ended by signal N" is 128 + N; a tool's may be higher.
+    const int signal = WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) - 128 : 0;
+    return WIFSIGNALED(wait_status) || (signal > 0 && signal <= SIGRTMAX);
 }
 
 int command_read_lines(const char *command, std::size_t max_characters,

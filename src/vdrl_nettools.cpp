@@ -71,13 +71,13 @@ bool vdrl_nettools_portcheck(const std::string &address, const std::string &port
         // nc's own limit is one of silence: connected to a host that goes on talking, it stays.
         const int status =
             run_program(argv, program_descriptors::standard, "/dev/null", std::chrono::seconds(30));
-        const bool still_talks = std::exchange(errno, 0) == ETIMEDOUT;
-        return status == 0 || still_talks;
+        errno = 0;
+        return status == 0;
     }
     bool silent = true; // it says something only when it fails
-    command_read_lines(
+    const int status = command_read_lines(
         format_bounded(command_size, "tcptest 4 \"%s\" \"%s\" 2>&1", address.c_str(), port.c_str())
             .c_str(),
         tcptest_piece, [&silent](const std::string &line) { silent = silent && line.empty(); });
-    return silent;
+    return silent && !was_ended_by_signal(status);
 }

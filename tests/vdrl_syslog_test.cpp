@@ -286,5 +286,5 @@ TEST(Ntpd, RunsWithTheOverrideFromStartToStop) {
               (texts{"ERR (ntpd:#, errno: None) Could not reload systemd configuration (returned "
                      "1).",
                      "ERR (ntpd:#, errno: None) Could not restart ntp service (returned 1).",
-                     "INFO NTPd Drift is -1.5 (/var/lib/openntpd/db/ntpd.drift)"}));
+                     "INFO NTPd Drift is -1.5 more (/var/lib/openntpd/db/ntpd.drift)"}));
 }

@@ -11,9 +11,9 @@ const CARD = "/var/spool/storage/SD_DISK";
 const SERIAL = "02A5C41E90B7";
 const ROOT = `${CARD}/Vandrel_${SERIAL}`;
 const START = "Wed May 31 08:27:40 CEST 2023";
-const FOLDERS = ["coredumps", "monitoring_metadata", "network_device_test", ...[
+const FOLDERS = ["coredumps", "network_device_test", ...[
   "basic", "basic/Crash_Reports", "basic/Server_Reports", "devicetest", "environment", "interrupts",
-  "kernel", "koral", "koral/logfiles", "koral/others", "load", "meminfo", "network", "onvif", "radar",
+  "kernel", "koral", "koral/logfiles", "koral/others", "load", "meminfo", "metadata", "network", "onvif", "radar",
   "self", "slabinfo", "snapshots", "streams", "topstatus", "vela", "vela_configs", "vmstatus",
 ].map((name) => `system_monitoring/monitoring_${name}`)].sort();
 const BUSYBOX = "awk cat cmp cut date dd du find grep head ls mkdir mv ps readlink rm sed sh sleep " +

@@ -199,7 +199,8 @@ export function cameraOf(value) {
     lostMinutes: active && (lost > 0 || text(told.space) === '0') ? lost : null,
     debug: {
       log: number(debug['status-log']) === 1,
-      interval: number(debug['status-interval']) === 1,
+      // After a restart only the minutes tell.
+      interval: number(debug['status-interval']) === 1 || number(debug.crash_recurrence) > 0,
       minutes: number(debug.crash_recurrence),
     },
     maintenance: {
@@ -235,6 +236,11 @@ export function cameraOf(value) {
 /** Whether this camera recorded the session. @param {Session} session @param {string} serial */
 export function isOwn(session, serial) {
   return session.serial === '' || serial === '' || session.serial === serial;
+}
+
+/** Whether another camera seems to record it just now. @param {Session} session @param {string} serial */
+export function runsElsewhere(session, serial) {
+  return !isOwn(session, serial) && session.end === 'Still active';
 }
 
 /**

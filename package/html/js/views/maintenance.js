@@ -163,6 +163,7 @@ function serverCard(message) {
   const addressField = explainedField('Server', address, ADDRESS_HINT);
   /** The server set from here: the camera does not name the first one that was ever set on rsyslog. */
   let setHere = '';
+  let logDaemon = '';
 
   /** @param {string} what @param {Record<string, string>} values @param {RegExp} granted
    * @param {string} [more] */
@@ -186,6 +187,11 @@ function serverCard(message) {
     const wanted = address.value.trim();
     if (!/^[A-Za-z0-9._:[\]-]+$/.test(wanted)) {
       addressField.explain('A host name or an IP address, nothing else.', true);
+      address.focus();
+      return;
+    }
+    if (logDaemon === 'syslog-ng' && /^([^:]+|\[.*\]):\d+$/.test(wanted)) {
+      addressField.explain('With syslog-ng no port can be given: it is always 514.', true);
       address.focus();
       return;
     }
@@ -227,6 +233,7 @@ function serverCard(message) {
         actionButton('Send test message', test),
         actionButton('Remove server …', remove, { class: 'danger' }))));
   onCamera(element, ({ camera }) => {
+    logDaemon = camera?.device.logDaemon ?? '';
     told = camera?.maintenance.server ?? '';
     facts.show(camera ? [['Server', server() || 'the camera names none'],
       ['Log daemon', camera.device.logDaemon]] : []);

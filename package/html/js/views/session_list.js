@@ -6,7 +6,7 @@ import { onCamera, refreshCamera } from '../camera.js';
 import { actionButton, confirmed, createTable, field, select } from '../controls.js';
 import { el, setText } from '../dom.js';
 import { byteSize, counted } from '../format.js';
-import { isOwn, monitorTitle } from '../session_data.js';
+import { isOwn, monitorTitle, runsElsewhere } from '../session_data.js';
 
 const TIMEOUT_MS = 600000;
 const MANY = 8; // sessions, from which on they are filtered, sorted and ticked
@@ -21,10 +21,14 @@ const ORDERS = {
   largest: (a, b) => b.bytes - a.bytes,
 };
 
-/** @param {Session} session */
-function stateOf({ running, lost, bytes, zipped }) {
+/** @param {Session} session @param {string} serial of this camera */
+function stateOf(session, serial) {
+  const { running, lost, bytes, zipped } = session;
   if (running) {
     return { state: 'running', text: 'Running' };
+  }
+  if (runsElsewhere(session, serial)) {
+    return { state: 'running', text: `Recording on ${session.serial}` };
   }
   if (lost) {
     return { state: 'trouble', text: bytes > 0 ? 'Lost' : 'Not reachable' };
@@ -97,7 +101,7 @@ export function sessionList(message) {
 
   /** Deletes the ticked sessions, one after the other. */
   async function removeTicked() {
-    const all = ticked().filter(({ running }) => !running);
+    const all = ticked().filter((session) => !session.running && !runsElsewhere(session, serial));
     const bytes = all.reduce((sum, session) => sum + session.bytes, 0);
     if (all.length === 0 || !await confirmed({
       title: `Delete ${counted(all.length, 'session')}?`,
@@ -119,10 +123,13 @@ export function sessionList(message) {
   }
 
   /** @param {Session} session */
-  async function remove({ path, title, bytes, storage, zipped }) {
+  async function remove(session) {
+    const { path, title, bytes, storage, zipped } = session;
     const sure = await confirmed({
       title: `Delete session ${title}?`,
-      text: [`${byteSize(bytes)} on ${storage}${zipped ? ', and its archive,' : ''} are deleted from the `
+      text: [...runsElsewhere(session, serial) ? [`The camera ${session.serial} has not stopped this `
+        + 'session and may be recording it now. What it records from then on is lost as well. Stop the '
+        + 'session on that camera first, unless it is gone.'] : [], `${byteSize(bytes)} on ${storage}${zipped ? ', and its archive,' : ''} are deleted from the `
         + 'camera. This can’t be taken back.'],
       action: 'Delete',
       keep: 'Keep',
@@ -184,7 +191,7 @@ export function sessionList(message) {
         setText(kinds, `${counted(next.monitors.length, 'kind')} of data`);
         setText(names, next.monitors.map(monitorTitle).join(', '));
         const work = working.get(next.path);
-        const shown = work ? { state: 'working', text: work } : stateOf(next);
+        const shown = work ? { state: 'working', text: work } : stateOf(next, serial);
         state.dataset.state = shown.state;
         setText(state, shown.text);
         progress.hidden = work === undefined;

@@ -239,7 +239,7 @@ export const RULES = [
     why: 'Below a tenth the kernel gives back files all the time, below a twentieth it ends processes. Three rows, as one may be a moment.',
     async find({ series, figure }, limits) {
       const [available] = await series('available');
-      const total = (await series('memory-total'))[0]?.values.find((value) => value !== null) ?? 0;
+      const { total } = await memoryOf(series);
       if (!available || total === 0) {
         return [];
       }
@@ -262,17 +262,17 @@ export const RULES = [
   },
   {
     name: 'memory of a process', subject: 'memory of processes', reads: ['process-growth'],
-    limits: { points: 10, span: 5 * HOUR, rising: 0.85, later: 0.4, spreads: 5, least: 4 * MB, share: 0.2, soon: 14 * DAY },
-    why: 'The median slope of all pairs of hours. Said only when 85 % of the pairs rise, the second half rises on (a start that levels off is none), the sum is five times the spread, a fifth of the level and 4 MB.',
+    limits: { points: 10, span: 5 * HOUR, rising: 0.85, later: 0.4, spreads: 5, least: 4 * MB, share: 0.2, ofAll: 0.01, soon: 14 * DAY, ahead: 20 },
+    why: 'The median slope of all pairs of hours. Said only when 85 % of the pairs rise, the second half rises on (a start that levels off is none), the sum is five times the spread, a fifth of the level, a hundredth of all memory and 4 MB. What is to come is told for at most twenty times as long as was seen.',
     async find({ series, breathe }, limits) {
-      const available = (await series('available'))[0]?.values.at(-1) ?? null;
+      const memory = await memoryOf(series);
       /** @type {(Found & {growth: number})[]} */
       const found = [];
       for (const process of await series('process-growth')) {
         await breathe();
         const growth = clearGrowth(medians(process, growthStep(process)), limits);
-        if (growth && growth.growth > Math.max(limits.least, growth.level * limits.share)) {
-          found.push({ growth: growth.growth, ...grownText(`Memory of ${process.name}`, growth, available, limits), chart: 'process-growth', path: `/${process.name}/` });
+        if (growth && growth.growth > Math.max(limits.least, growth.level * limits.share, memory.total * limits.ofAll)) {
+          found.push({ growth: growth.growth, ...grownText(`Memory of ${process.name}`, growth, memory, limits), chart: 'process-growth', path: `/${process.name}/` });
         }
       }
       return found.sort((a, b) => b.growth - a.growth);
@@ -280,17 +280,17 @@ export const RULES = [
   },
   {
     name: 'memory of the system', subject: 'memory of the kernel', reads: ['memory-parts'],
-    limits: { points: 10, span: 5 * HOUR, rising: 0.85, later: 0.4, spreads: 5, least: 8 * MB, share: 0.2, soon: 14 * DAY },
-    why: 'As for processes. Objects of the kernel that stay are no files it gives back.',
+    limits: { points: 10, span: 5 * HOUR, rising: 0.85, later: 0.4, spreads: 5, least: 8 * MB, share: 0.2, ofAll: 0.03, soon: 14 * DAY, ahead: 20 },
+    why: 'As for processes, from 3 % of all memory on. Objects of the kernel that stay are no files it gives back.',
     async find({ series, breathe }, limits) {
-      const available = (await series('available'))[0]?.values.at(-1) ?? null;
+      const memory = await memoryOf(series);
       /** @type {Found[]} */
       const found = [];
       for (const part of (await series('memory-parts')).filter(({ name }) => name !== 'kernel objects')) {
         await breathe();
         const growth = clearGrowth(medians(part, growthStep(part)), limits);
-        if (growth && growth.growth > Math.max(limits.least, growth.level * limits.share)) {
-          found.push({ ...grownText(`Memory for ${part.name}`, growth, available, limits), chart: 'memory-parts', path: MEMORY_FILES[part.name] ?? '' });
+        if (growth && growth.growth > Math.max(limits.least, growth.level * limits.share, memory.total * limits.ofAll)) {
+          found.push({ ...grownText(`Memory for ${part.name}`, growth, memory, limits), chart: 'memory-parts', path: MEMORY_FILES[part.name] ?? '' });
         }
       }
       return found;
@@ -321,8 +321,8 @@ export const RULES = [
     },
   },
   {
-    name: 'load', subject: 'the load', reads: ['load'], limits: { cores: 4, time: HOUR, rows: 10 },
-    why: 'More runs or waits than there are cores, for an hour. Where the log does not tell how many these are, four are taken, as most cameras have at most.',
+    name: 'load', subject: 'the load', reads: ['load'], limits: { cores: 4, time: HOUR, rows: 10, usual: 2 },
+    why: 'More runs or waits than there are cores, for an hour. Where the log does not tell how many these are, four are taken, as most cameras have at most; then it counts only where it is twice the usual.',
     async find({ series, log, figure }, limits) {
       const load = (await series('load')).find(({ name }) => name === '15 min');
       if (!load) {
@@ -335,7 +335,7 @@ export const RULES = [
       const [first, last] = [high[0], high.at(-1)];
       const most = Math.max(...high.map((one) => one.most));
       return !first || !last ? [] : [{
-        severity: 'warning', from: first.from, to: last.to, chart: 'load', path: 'load',
+        severity: log?.processors || most >= limits.usual * usual ? 'warning' : 'note', from: first.from, to: last.to, chart: 'load', path: 'load',
         text: `The load was above ${cores}, ${log?.processors ? 'the number of cores' : 'as the number of cores is not known'}, for ${
           lasting(high.reduce((sum, { from, to }) => sum + to - from, 0))}, at most ${numberText(most)}; usual are ${numberText(usual)}.`,
       }];
@@ -598,15 +598,21 @@ const MEMORY_FILES = /** @type {Record<string, string>} */ ({
 /** Hours, or shorter where the whole is. @param {Series} series */
 const growthStep = ({ times }) => Math.min(HOUR, Math.max(600, ((times.at(-1) ?? 0) - (times[0] ?? 0)) / 48));
 
+/** All memory, and what of it is available at the end. @param {Known['series']} series */
+const memoryOf = async (series) => ({
+  total: (await series('memory-total'))[0]?.values.find((value) => value !== null) ?? 0,
+  available: (await series('available'))[0]?.values.at(-1) ?? Infinity,
+});
+
 /**
- * @param {string} name @param {NonNullable<ReturnType<typeof clearGrowth>>} growth @param {number | null} available
- * @param {Record<string, number>} limits
+ * @param {string} name @param {NonNullable<ReturnType<typeof clearGrowth>>} growth
+ * @param {Awaited<ReturnType<typeof memoryOf>>} memory @param {Record<string, any>} limits
  * @returns {Found}
  */
-function grownText(name, { slope, growth, level, from, to }, available, limits) {
-  const left = available === null ? Infinity : available / slope;
+function grownText(name, { slope, growth, level, from, to }, { total, available }, limits) {
+  const left = available / slope < (to - from) * limits.ahead ? available / slope : Infinity;
   return {
-    severity: left < (limits.soon ?? 0) || growth > 3 * level ? 'grave' : 'warning', from, to,
+    severity: left < limits.soon || (growth > 3 * level && growth > total / 10) ? 'grave' : 'warning', from, to,
     text: `${name} grew from ${valueText(level, 'B')} to ${valueText(level + growth, 'B')} in ${lasting(to - from)}, about ${valueText(slope * DAY, 'B')} a day${
       left < 365 * DAY ? `; at that rate memory is used up in ${lasting(left)}` : ''}.`,
   };
@@ -713,6 +719,14 @@ async function createKnown({ recording, source, contents, marks, signal }, breat
  * @property {AbortSignal} [signal]
  * @property {(done: number) => void} [onProgress] from 0 to 1
  */
+
+/** How much the rules read of a recording. @param {import('./recording.js').Contents} contents */
+export function bytesToRead({ csv, files }) {
+  const wanted = RULES.flatMap(({ reads }) => reads);
+  const paths = new Set(chartsOf(csv, files).filter(({ id }) => wanted.some((one) => id === one || (one.endsWith('-') && id.startsWith(one))))
+    .flatMap(({ parts }) => parts.map(({ path }) => path)).concat(LOG, HTTP_LOG, REGULAR));
+  return [...csv, ...files].reduce((sum, { path, bytes }) => sum + (paths.has(path) ? bytes : 0), 0);
+}
 
 /**
  * Applies all rules. Throws when it is aborted, and what reading throws.

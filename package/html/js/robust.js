@@ -30,7 +30,7 @@ export function medians({ times, values }, width = 3600) {
     const end = Math.max(row + 1, firstFrom(times, begin + step));
     const value = median(values.slice(row, end).filter((one) => one !== null));
     if (!Number.isNaN(value)) {
-      points.push({ time: begin + step / 2, value });
+      points.push({ time: Math.min(begin + step / 2, last), value });
     }
     row = end;
   }

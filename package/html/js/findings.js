@@ -64,6 +64,9 @@ const times = (count) => (count === 1 ? 'once' : count === 2 ? 'twice' : `${numb
 /** @param {number} part */
 const percent = (part) => `${numberText(Math.round(part * 1000) / 10)}%`;
 
+/** The most of many, more than a call could take. @param {number[]} values */
+const mostOf = (values) => values.reduce((a, b) => Math.max(a, b), -Infinity);
+
 /** How often something happened, by the usual time between. @param {number[]} moments ascending */
 function often(moments) {
   const [first = 0, last = 0] = [moments[0], moments.at(-1)];
@@ -77,7 +80,12 @@ function groupedBy(items, keyOf) {
   /** @type {Map<string, Item[]>} */
   const groups = new Map();
   for (const item of items) {
-    groups.set(keyOf(item), [...groups.get(keyOf(item)) ?? [], item]);
+    const group = groups.get(keyOf(item));
+    if (group) {
+      group.push(item);
+    } else {
+      groups.set(keyOf(item), [item]);
+    }
   }
   return groups;
 }
@@ -199,7 +207,7 @@ export const RULES = [
         const values = sensor.values.filter((value) => value !== null);
         const usual = median(values);
         const spread = median(values.map((value) => Math.abs(value - usual)));
-        const most = values.reduce((a, b) => Math.max(a, b), -Infinity);
+        const most = mostOf(values);
         if (Number.isFinite(most)) {
           figure(`Temperature, ${sensor.name}`, `${valueText(usual, '°C')}, at most ${valueText(most, '°C')}`);
         }
@@ -334,7 +342,7 @@ export const RULES = [
       figure('Load of 15 minutes', `usually ${numberText(usual)}`);
       const high = stretches(load, (value) => value > cores).filter(({ from, to, rows }) => to - from >= limits.time && rows >= limits.rows);
       const [first, last] = [high[0], high.at(-1)];
-      const most = Math.max(...high.map((one) => one.most));
+      const most = mostOf(high.map((one) => one.most));
       return !first || !last ? [] : [{
         severity: log?.processors || most >= limits.usual * usual ? 'warning' : 'note', from: first.from, to: last.to, chart: 'load', path: 'load',
         text: `The load was above ${cores}, ${log?.processors ? 'the number of cores' : 'as the number of cores is not known'}, for ${
@@ -343,7 +351,7 @@ export const RULES = [
     },
   },
   {
-    name: 'clock', subject: 'the clock', reads: ['rows', 'log'], limits: { back: MINUTE, silent: 30 * MINUTE },
+    name: 'clock', subject: 'the clock', reads: ['rows', 'log'], limits: { back: MINUTE, silent: 30 * MINUTE, shown: 50 },
     why: 'Rows follow each other: a time before the last one is a clock that was set back. A hole while neither a restart, nor the storage, nor one line of the log tells of it is a clock that was set forward, or a camera that stood still.',
     async find({ rows, log, gaps, marks }, limits) {
       /** @type {Found[]} */
@@ -366,10 +374,11 @@ export const RULES = [
           text: `The clock was set ${to > from ? 'forward' : 'back'} by ${lasting(Math.abs(to - from))} at ${at(to)}, as the log tells.`,
         });
       }
-      for (const [from, to] of log ? gaps : []) {
+      const long = gaps.filter(([from, to]) => to - from >= limits.silent).slice(0, limits.shown);
+      for (const [from, to] of log ? long : []) {
         const told = marks.some(({ time, kind }) => kind !== 'gap' && kind !== 'report' && kind !== 'trigger' && time > from - 600 && time < to + 600);
         const lines = [...log?.steps ?? []].reduce((sum, [step, { count }]) => sum + (step > from && step + LOG_STEP_S < to ? count : 0), 0);
-        if (to - from >= limits.silent && !told && found.length < 5) {
+        if (!told) {
           found.push(lines === 0 ? {
             severity: 'warning', from, to, path: REGULAR,
             text: `The times jump by ${lasting(to - from)}, from ${wallText(from)} to ${wallText(to)}, without a restart, a lost storage or a line of the log between: the clock was set forward, or the camera stood still.`,
@@ -425,7 +434,7 @@ export const RULES = [
       const usual = median([...log.steps.values()].map(({ count }) => count));
       figure('Log', `${counted(log.all.count, 'line')}, ${counted(log.errors.count, 'error')}`);
       const storms = [...log.steps].filter(([, { count }]) => count >= limits.lines && count >= limits.usual * usual).sort(([a], [b]) => a - b);
-      const fullest = Math.max(...storms.map(([, { count }]) => count));
+      const fullest = mostOf(storms.map(([, { count }]) => count));
       const programs = storms.find(([, { count }]) => count === fullest)?.[1].programs ?? [];
       const [program, lines] = [...programs].reduce((/** @type {[string, number]} */ a, b) => (b[1] > a[1] ? b : a), ['', 0]);
       const [first, last] = [storms[0], storms.at(-1)];
@@ -437,21 +446,23 @@ export const RULES = [
     },
   },
   {
-    name: 'calls', subject: 'callers of the HTTP API', reads: ['http'], limits: { flood: 3000, refused: 20 },
-    why: 'Five calls a second for ten minutes keep a camera’s web server busy. Twenty refused logins in ten minutes are no typing errors.',
-    async find({ http, figure }, limits) {
+    name: 'calls', subject: 'callers of the HTTP API', reads: ['http'], limits: { flood: 3000, many: 600, usual: 20, refused: 20 },
+    why: 'Five calls a second for ten minutes keep a camera’s web server busy; one a second counts where it is twenty times what comes from all usually. Twenty refused logins in ten minutes are no typing errors.',
+    async find({ http, span, figure }, limits) {
       if (!http || http.all.count === 0) {
         return [];
       }
+      const steps = Math.max(http.steps.size, Math.round((span[1] - span[0]) / LOG_STEP_S)); // also those without a call
+      const usual = http.steps.size * 2 < steps ? 0 : median([...http.steps.values()]);
       figure('HTTP API, busiest callers', http.callers.slice(0, 3).map(({ address, calls }) => `${address} ${numberText(calls.count)}`).join(', '));
       return http.callers.flatMap(({ address, calls, refused, busiest, mostRefused, users }) => {
         /** @type {Found[]} */
         const found = [];
-        if (busiest.count >= limits.flood) {
+        if (busiest.count >= limits.flood || (busiest.count >= limits.many && busiest.count >= limits.usual * usual)) {
           found.push({
             severity: 'warning', from: busiest.from, to: Math.max(busiest.from + LOG_STEP_S, calls.last), path: HTTP_LOG, chart: 'http-calls',
             text: `${address} called the web server ${times(calls.count)}, ${percent(calls.count / http.all.count)} of all calls, at most ${
-              numberText(busiest.count)} in ten minutes, from ${at(busiest.from)}.`,
+              numberText(busiest.count)} in ten minutes, from ${at(busiest.from)}; usually ${numberText(usual)} come in all.`,
           });
         }
         if (refused.count > 0) {
@@ -522,7 +533,7 @@ export const RULES = [
           if (first && last) {
             found.push({
               severity: 'warning', from: first.from, to: last.to, chart: id, path: name,
-              text: `${name} was flooded ${often(flood.map(({ from }) => from))}: ${valueText(Math.max(...flood.map(({ most }) => most)), 'B/s')} received, usual are ${valueText(usual.get('received'), 'B/s')}.`,
+              text: `${name} was flooded ${often(flood.map(({ from }) => from))}: ${valueText(mostOf(flood.map(({ most }) => most)), 'B/s')} received, usual are ${valueText(usual.get('received'), 'B/s')}.`,
             });
           }
         }
@@ -552,7 +563,7 @@ export const RULES = [
       const [first, last] = [storms[0], storms.at(-1)];
       return !first || !last ? [] : [{
         severity: 'warning', from: first.from, to: last.to, chart: 'major-faults', path: 'pagefaults',
-        text: `Up to ${valueText(Math.max(...storms.map(({ most }) => most)), '1/s')} page faults were served from the storage, ${often(storms.map(({ from }) => from))}.`,
+        text: `Up to ${valueText(mostOf(storms.map(({ most }) => most)), '1/s')} page faults were served from the storage, ${often(storms.map(({ from }) => from))}.`,
       }];
     },
   },

@@ -153,6 +153,8 @@ const MONTHS = ['Jan', 'Feb', 'Mar', 'Apr', 'May', 'Jun', 'Jul', 'Aug', 'Sep', '
 export function httpDigest() {
   /** @type {Map<string, Caller & {steps: [number, number, number]}>} */
   const callers = new Map();
+  /** @type {Map<number, number>} calls of each step */
+  const perStep = new Map();
   const all = none();
   return {
     /** @param {string} line */
@@ -163,6 +165,10 @@ export function httpDigest() {
         return;
       }
       add(all, time);
+      const from = Math.floor(time / LOG_STEP_S) * LOG_STEP_S;
+      if (perStep.size < MOST_STEPS) {
+        perStep.set(from, (perStep.get(from) ?? 0) + 1);
+      }
       const caller = callers.get(address) ?? {
         address, calls: none(), refused: none(), busiest: { from: 0, count: 0 }, mostRefused: { from: 0, count: 0 }, users: new Set(),
         steps: /** @type {[number, number, number]} */ ([0, 0, 0]),
@@ -172,7 +178,6 @@ export function httpDigest() {
       }
       callers.set(address, caller);
       add(caller.calls, time);
-      const from = Math.floor(time / LOG_STEP_S) * LOG_STEP_S;
       if (caller.steps[0] !== from) {
         caller.steps = [from, 0, 0];
       }
@@ -190,6 +195,6 @@ export function httpDigest() {
         }
       }
     },
-    finish: () => ({ all, callers: [...callers.values()].sort((a, b) => b.calls.count - a.calls.count) }),
+    finish: () => ({ all, steps: perStep, callers: [...callers.values()].sort((a, b) => b.calls.count - a.calls.count) }),
   };
 }

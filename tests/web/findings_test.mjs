@@ -128,7 +128,9 @@ const FAULTS = [
     'full storage', 'grave', /^The storage was full at 2026-10-26 06:00 and the session was ended by it, with \d/, ''],
   ['a process that takes a core', { fault: { 'analytics processor': (time, usual) => (time > 2 * DAY && time < 2.5 * DAY ? 51 : usual) } },
     'process takes a core', 'warning', /^analytics took 45% of the processor or more, at most 51%, for 11 h 58 min from 2026-10-22 06:02; usual are \d+%/, 'process-processor'],
-  ['power cuts', { fault: { missing: away.map(([from]) => [from, from + 900]), log: away.map(([from]) => daemon(REBOOTED)(from + 890)) } },
+  ['power cuts', { fault: { missing: away.map(([from]) => [from, from + 900]), log: [...away.map(([from]) => daemon(REBOOTED)(from + 890)),
+    // The log is taken when a session starts, which is no end of the daemon.
+    [DAY + 10, 'INFO', 'Vandrel-silent: Continuous log taken up to here (77.1795295208).'], daemon('Monitoring session started (SD_DISK)')(DAY + 20)] } },
     'restart', 'grave', /^The camera or the daemon went down without having been ended, .* 4 times/, ''],
   ['a plug with errors', { fault: { errors: (time) => Math.max(0, time - 2 * DAY) / 30 } },
     'network errors', 'warning', /^eth0 counted 14,\d+ of “received: errors”, at most 120 in an hour, from /, 'errors-eth0'],

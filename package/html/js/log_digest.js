@@ -18,6 +18,7 @@ const PROGRAM = /\] +([^\s:[]{1,64})(?:\[\d+\])?: ?/;
 const PLAIN_PROGRAM = /^\S+ \S+ +([^\s:[]{1,64})(?:\[\d+\])?: ?/;
 // The device or the daemon ends in order.
 const PLANNED = /\b(?:Vandrel-silent: Continuous log taken up to here|reboot: (?:Restarting|Power down)|System is (?:rebooting|going down)|Restarting system|systemd-shutdown|Reached target (?:System )?(?:Reboot|Shutdown|Power.?Off)|Automatic restart\b.* now)/i;
+const START_S = 120; // that a session takes to start
 const CLOCK_S = 60; // by which a clock is set at least to be told
 const PROCESSORS = /\bBrought up \d+ nodes?, (\d{1,3}) CPUs?\b|\bTotal of (\d{1,3}) processors activated/;
 const CLOCK_SET = /\b(?:chronyd|ntpd|ntpdate|sntp|systemd-timesyncd)\b.*\b(?:stepped|step|reset|set|jump\w*)\b.*?([-+]?\d+(?:\.\d+)?) ?s(?:ec|\b)/i;
@@ -69,6 +70,8 @@ export function logDigest() {
   const clockSteps = [];
   /** @type {number[]} */
   const planned = [];
+  /** @type {number[]} */
+  const starts = [];
   /** A camera that was restarted brings lines again, also ones from before. @type {[Set<string>, Set<string>]} */
   const recent = [new Set(), new Set()];
   const all = none();
@@ -119,6 +122,8 @@ export function logDigest() {
       }
       if (PLANNED.test(line)) {
         planned.push(time);
+      } else if (line.includes(': Monitoring session started (')) {
+        starts.push(time); // the log is taken then too
       }
       const [, brought, total] = processors === 0 && line.includes('kernel:') ? PROCESSORS.exec(line) ?? [] : [];
       processors ||= Number(brought ?? total ?? 0);
@@ -130,7 +135,8 @@ export function logDigest() {
     finish() {
       return {
         all, errors, patterns: [...patterns.values()].sort((a, b) => a.severity - b.severity || b.count - a.count),
-        steps, clockSteps, planned, processors,
+        steps, clockSteps, processors,
+        planned: planned.filter((time) => !starts.some((start) => start >= time && start < time + START_S)),
       };
     },
   };

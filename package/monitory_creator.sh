@@ -17,6 +17,7 @@
 
 # shellcheck source=package/common.sh
 . "${0%/*}/common.sh"
+umask 077 # it may hold cores, and the passwords in what is logged of the HTTP API
 
 storage=$1
 serial=$2

@@ -428,7 +428,7 @@ int _start_monitoring_session(const session_request &request) {
     const std::string root = internal ? localdata_root : storage_root_of(request.storage).value();
     monitor_start_time = date_format_now(date_format_information);
     // The first session on a new card makes the root, without which its space can't be asked for.
-    ::mkdir(root.c_str(), 0755);
+    ::mkdir(root.c_str(), 0700);
     const std::string folder = new_folder_name(root);
     errno = 0;
     if (folder.empty()) {

@@ -69,7 +69,7 @@ const clear = (camera) =>
 async function state(camera, folder) {
   const tree = (await camera.shell(`cd ${ROOT} 2>/dev/null || exit 0
     find . -mindepth 1 -maxdepth 1 | sed 's/^/top /'
-    cd ${folder} 2>/dev/null && { find . -mindepth 1 -type d -perm 0755 | sed 's/^../in /'
+    cd ${folder} 2>/dev/null && { find . -mindepth 1 -type d -perm 0700 | sed 's/^../in /'
     sed 's/^/signature /' .signature; }; exit 0`)).split("\n");
   const of = (kind) => tree.filter((line) => line.startsWith(kind + " "))
     .map((line) => line.slice(kind.length + 1));

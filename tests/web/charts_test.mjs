@@ -208,7 +208,6 @@ test('the archive is opened without a camera', async () => {
   await page.getByRole('button', { name: 'At a glance' }).click();
   await page.getByRole('img', { name: 'Chart of Memory.' }).waitFor();
   await page.getByRole('table', { name: 'Condition of the camera' }).getByRole('row', { name: /^Temperature/ }).first().waitFor();
-  await page.getByRole('region', { name: 'HTTP API', exact: true }).waitFor();
   await page.getByText('Information', { exact: true }).click();
   await page.getByRole('region', { name: 'Information' }).getByText('Serial Number').waitFor();
   await page.getByRole('img', { name: /^Image of / }).waitFor();

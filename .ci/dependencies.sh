@@ -3,6 +3,7 @@
 #
 #   .ci/dependencies.sh run     what ./run needs: to build, and to simulate a camera
 #   .ci/dependencies.sh test    what ./test needs on top of it
+#   .ci/dependencies.sh emulator    what ./test --long runs other processors' programs with
 #   .ci/dependencies.sh package ARCH...   what ./pack needs: amd64, aarch64, armhf
 #
 # With nothing missing it neither asks for rights nor looks at the network.
@@ -130,8 +131,9 @@ package)
     mapfile -t wanted < <(run_packages; cross_compilers "${architectures[@]}")
     ;;
 run) mapfile -t wanted < <(run_packages) ;;
+emulator) wanted=(qemu-user-static) ;;
 test) mapfile -t wanted < <(run_packages; test_packages) ;;
-*) sed -n '2,8s/^# \{0,1\}//p' "$0"; exit 2 ;;
+*) sed -n '2,9s/^# \{0,1\}//p' "$0"; exit 2 ;;
 esac
 mapfile -t missing < <(missing_packages "${wanted[@]}")
 # Whoever has Node.js from elsewhere keeps it.

@@ -450,7 +450,8 @@ int _start_monitoring_session(const session_request &request) {
     unsigned long interval = 0;
     if (request.debug_mode && !internal) {
         debug = decide_debug_mode(request);
-        interval = decimal_prefix_unsigned(request.log_interval.value_or(""));
+        interval =
+            static_cast<unsigned long>(decimal_prefix_unsigned(request.log_interval.value_or("")));
         if (!debug.proceed) {
             return 0;
         }

@@ -168,7 +168,8 @@ void read_task(task &what) {
     if (const unique_file file = file_open(what.interval_path, "r")) {
         while (read_line(file.get(), interval_line_max, line)) {
             if (const std::size_t at = line.find("T:"); at != std::string::npos) {
-                what.length = decimal_prefix_unsigned(line.c_str() + at + 2);
+                what.length =
+                    static_cast<unsigned long>(decimal_prefix_unsigned(line.c_str() + at + 2));
             }
         }
         what.interval = what.length != 0;

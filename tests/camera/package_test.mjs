@@ -179,3 +179,21 @@ test("pages of other origins can't act on the camera", async (t) => {
   const page = await camera.get("/local/Vandrel/", { headers: { "Sec-Fetch-Site": "cross-site" } });
   assert.equal(page.status, 200); // a link to the page is none of these
 });
+
+// ./test --long has made its archive and installed the emulator before.
+test("a session from start to archive on another processor",
+     { skip: process.env.VANDREL_LONG !== "true" }, async (t) => {
+  const other = readdirSync(join(CHECKOUT, "build/package"))
+    .find((name) => /_aarch64\.tar\.gz$/.test(name));
+  assert.ok(other, "no archive for aarch64");
+  const camera = new Camera();
+  t.after(() => camera.remove());
+  await camera.start("--package", join(CHECKOUT, "build/package", other));
+  await camera.action("activate_monitor_session", { storage: "SD_DISK" });
+  assert.equal((await camera.command("reboot")).status, 0);
+  const session = (await camera.shell("ls -d /var/spool/storage/SD_DISK/Vandrel_*/2*")).trim();
+  await until(async () => (await camera.shell(`cat ${session}/system_monitoring/monitoring_load/*.csv` +
+    " 2>/dev/null || true")).split("\n").length > 2, "a row", 300_000);
+  await camera.action("deactivate_monitor_session");
+  await until(async () => (await camera.exec("unzip", "-tq", `${session}.zip`)).status === 0);
+});

@@ -216,7 +216,7 @@ test('the archive is opened without a camera', async () => {
   await images.getByRole('button', { name: 'Next' }).click();
   await images.getByText(/, 2 of \d/).waitFor();
   await page.getByRole('region', { name: 'Logs and texts' }).getByRole('combobox').selectOption('Session_Information.txt');
-  await page.getByLabel('Search').fill('serial');
+  await page.getByLabel('Search', { exact: true }).fill('serial');
   await page.getByText(/^1 of \d+ lines match$/).waitFor();
   const [core] = await Promise.all([
     page.waitForEvent('download'), page.getByRole('button', { name: /^core\.[^_]*$/ }).first().click(),

@@ -281,6 +281,7 @@ test('no accessibility violation, light and dark', async () => {
     await page.getByRole('dialog').getByRole('button', { name: 'Stop session' }).click();
     await says(page, 'Session deactivated.');
     await page.goto(`${camera.address}/local/Vandrel/#/session?path=${session}`);
+    await page.getByRole('heading', { name: 'All files' }).click();
     await page.getByRole('link', { name: 'Session_Information.txt' }).waitFor();
     await check();
     await page.getByRole('link', { name: 'Session_Information.txt' }).click();

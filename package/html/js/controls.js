@@ -84,6 +84,11 @@ export function createMessage() {
 
   /** Where it stands while no button is in sight that it could stand beside. */
   const home = document.createComment('message');
+  const hiding = new MutationObserver(() => {
+    if (element.closest('[hidden]') && home.parentElement) {
+      home.after(element); // the card that it was in has been hidden, as by what was done
+    }
+  });
 
   /** Goes to the button that was pressed, where that is of the same view and in sight. */
   function moveToAction() {
@@ -103,6 +108,11 @@ export function createMessage() {
         element.before(home);
       }
       place[table ? 'before' : 'after'](element);
+      hiding.disconnect();
+      const card = element.closest('.card');
+      if (card) {
+        hiding.observe(card, { attributes: true, attributeFilter: ['hidden'] });
+      }
     }
   }
 

@@ -18,6 +18,7 @@ const SEVERITIES = [
   { type: 'emerg', title: 'Emergency', find: 'A test emergency message!' },
 ];
 const RESULTS_KEPT = 20;
+const BEHIND_MS = 300;
 
 function daemonCard() {
   const text = el('dd');
@@ -112,9 +113,14 @@ function nextStep() {
 /** @returns {import('../main.js').View} */
 export function create() {
   const now = el('div', { class: 'columns' }, sessionCard(nextStep()));
-  // What needs much code comes behind the first view.
-  const rest = import('../overview_now.js').then(({ createNow }) => now.append(...createNow()));
-  rest.catch(() => {}); // without it the facts below are there
+  // What needs much code comes behind the first view; without it the facts below are there.
+  let asked = false;
+  onCamera(now, ({ camera }) => {
+    if (camera && !asked) {
+      asked = true;
+      setTimeout(() => import('../overview_now.js').then(({ createNow }) => now.append(...createNow()), () => {}), BEHIND_MS);
+    }
+  });
   return {
     element: el('div', { class: 'view' }, el('h1', {}, 'Overview'), now,
       el('div', { class: 'columns' }, cameraCard(), daemonCard(), selfTestCard())),

@@ -1,5 +1,6 @@
 #include "crash_report.h"
 
+#include "command_limits.h"
 #include "dateutil.h"
 #include "fileutil.h"
 #include "log.h"
@@ -12,13 +13,9 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr std::size_t folder_size = 256;
 constexpr unsigned report_folder_permissions = 0666;
 constexpr const char *script = "/usr/local/packages/Vandrel/debug_script.sh";
-// Far above what its foreground part takes; a script that hangs must not hold the daemon.
-constexpr auto script_limit = 10min;
 
 } // namespace
 
@@ -41,7 +38,7 @@ void crash_report_snapshot(const std::string &folder) {
     // Started under its name, not its path, which stands in for the interpreter's script.
     const char *const argv[] = {script, archive.c_str(), nullptr};
     errno = 0;
-    const int status = run_program(argv, program_descriptors::none, nullptr, script_limit);
+    const int status = run_program(argv, program_descriptors::none, -1, limit_of(script).limit);
     if (status == -1) {
         log_error("%s Execve failed.", __func__);
     } else if (WIFSIGNALED(status)) {

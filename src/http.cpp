@@ -5,7 +5,6 @@
 #include "strutil.h"
 #include "sysutil.h"
 
-#include <array>
 #include <cerrno>
 #include <string>
 #include <tvhttp.h>
@@ -13,7 +12,6 @@
 namespace {
 
 constexpr std::size_t cgi_key_size = 128;
-constexpr std::size_t command_output_piece = 16384;
 
 // The missing "=" in the character set has always been there; clients know it so.
 constexpr std::string_view routing_error_type = "Content-Type: text/plain; charset-utf-8;\r\n\r\n";
@@ -145,12 +143,8 @@ void print_http_error(GDataOutputStream *stream, const char *message) {
 }
 
 void http_write_command_output(GDataOutputStream *stream, const char *command) {
-    const command_pipe pipe(command);
-    std::array<char, command_output_piece> piece;
-    ssize_t size = 0;
-    // Straight from the descriptor: what the command has printed so far goes out at once.
-    while ((size = TEMP_FAILURE_RETRY(::read(::fileno(pipe.file()), piece.data(), piece.size()))) >
-               0 &&
-           http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
+    command_pipe pipe(command);
+    std::string piece;
+    while (!(piece = pipe.next_piece()).empty() && http_write(stream, piece)) {
     }
 }

@@ -13,6 +13,7 @@
 #include "glib_ptr.h"
 #include "http.h"
 #include "log.h"
+#include "loop.h"
 #include "main_timer.h"
 #include "monitoring_session.h"
 #include "ntpd.h"
@@ -40,7 +41,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <glib-unix.h>
 
 namespace {
 
@@ -419,8 +419,8 @@ void start_up() {
     wait_and_collect_monitoring_sessions();
     collect_action_rules();
     collect_wireshark_sessions(true);
-    g_unix_signal_add(SIGTERM, stopped_cleanup, nullptr);
-    g_unix_signal_add(SIGTERM, stay, nullptr);
+    loop_add_termination(stopped_cleanup, nullptr);
+    loop_add_termination(stay, nullptr);
     nc_rules = vdrl_dt_rules_read_from_file();
     timer_count = 0;
     // A storage that is not there at the start is no loss to log.
@@ -440,9 +440,9 @@ void start_up() {
     if (has_ntpd_service) {
         ntpd_service_conf_add();
     }
-    g_timeout_add_seconds(60, timer_callback, nullptr);
-    g_timeout_add_seconds(10, nc_timer_callback, nullptr);
-    g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
+    loop_add_seconds(60, timer_callback, nullptr);
+    loop_add_seconds(10, nc_timer_callback, nullptr);
+    loop_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
     start_ptz_tracker();
 }
 

@@ -8,6 +8,7 @@
 #include "kernel_crash.h"
 #include "koral_cgi_monitoring.h"
 #include "log.h"
+#include "loop.h"
 #include "monitoring_session.h"
 #include "ntpd.h"
 #include "onvif.h"
@@ -27,6 +28,9 @@
 namespace {
 
 constexpr unsigned long timer_count_wrap = 60'000'000;
+// Above the longest command that the loop waits for. The service manager starts the daemon again,
+// and it goes on with its session.
+constexpr std::chrono::minutes stillness_max{15};
 
 std::string monitoring_folder(const std::string &session, const char *folder) {
     return format_bounded(session_directory_size, "%s/%s/%s", session.c_str(), "system_monitoring",
@@ -57,7 +61,7 @@ void keep_http_log(const std::string &) {
 }
 
 void log_consumption_soon(const std::string &) {
-    g_timeout_add_seconds(10, storage_consumption_log_message, nullptr);
+    loop_add_seconds(10, storage_consumption_log_message, nullptr);
 }
 
 void take_interrupts_snapshots(const std::string &) {
@@ -230,6 +234,7 @@ std::span<const duty> internal_storage_schedule() {
 gboolean timer_callback(gpointer) noexcept {
     const unsigned long tick = timer_count;
     errno = 0;
+    loop_end_unless_it_turns(stillness_max);
     if (!serial_number) {
         read_serial_number();
     }

@@ -10,6 +10,7 @@
 #include "kernel_crash.h"
 #include "koral_cgi_monitoring.h"
 #include "log.h"
+#include "loop.h"
 #include "onvif.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
@@ -451,7 +452,7 @@ int _start_monitoring_session(const session_request &request) {
     monitor_active_minutes_count = 0;
     connection_lost_count = 0;
     setup_session(directory, request.image_interval.value_or(""));
-    g_timeout_add_seconds(10, reload_httpd_now, nullptr);
+    loop_add_seconds(10, reload_httpd_now, nullptr);
     return 0;
 }
 
@@ -522,7 +523,7 @@ int deactivate_monitor_session(const std::string &directory) {
     }
     if (apache2_included) {
         koral_cgi_monitor_release();
-        g_timeout_add_seconds(6, reload_httpd_now, nullptr);
+        loop_add_seconds(6, reload_httpd_now, nullptr);
     }
     const int result = disable_kernel_crash_monitor(serial_number);
     const std::string archive = session_archive_path(directory);

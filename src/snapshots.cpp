@@ -5,6 +5,7 @@
 #include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
+#include "loop.h"
 #include "session_globals.h"
 #include "shell_word.h"
 #include "strutil.h"
@@ -63,7 +64,7 @@ gboolean create_interrupts_snapshot(gpointer) noexcept {
 
 void create_two_interrupts_snapshots() {
     create_interrupts_snapshot(nullptr);
-    g_timeout_add_seconds(3, create_interrupts_snapshot, nullptr);
+    loop_add_seconds(3, create_interrupts_snapshot, nullptr);
 }
 
 void create_nc_snapshot(const std::string &session_directory) {

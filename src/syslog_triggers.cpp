@@ -5,6 +5,7 @@
 #include "fileutil.h"
 #include "line_parser.h"
 #include "log.h"
+#include "loop.h"
 #include "session_globals.h"
 #include "strutil.h"
 
@@ -477,7 +478,7 @@ void traverse_and_trigger_if_so(const char *line) {
         }
         events_to_send.push_back(rule->eventID);
         if (events_to_send.size() == 1) {
-            g_idle_add_full(G_PRIORITY_DEFAULT, send_events, nullptr, nullptr);
+            loop_add_idle(send_events, nullptr);
         }
     }
 }

@@ -7,6 +7,7 @@
 #include "fileutil.h"
 #include "http.h"
 #include "log.h"
+#include "loop.h"
 #include "session_globals.h"
 #include "shell_word.h"
 #include "storage_investigator.h"
@@ -345,7 +346,7 @@ void note_end(GPid, gint wait_status, gpointer data) noexcept {
     --running;
     start_waiting();
     if (!std::exchange(is_counting, true)) {
-        g_idle_add(count_next, nullptr);
+        loop_add_idle(count_next, nullptr);
     }
 }
 
@@ -363,7 +364,7 @@ gboolean take_output(gint descriptor, GIOCondition, gpointer data) noexcept {
         }
     }
     (void)c.child.output.close();
-    g_child_watch_add(c.child.pid, note_end, &c);
+    loop_add_child(c.child.pid, note_end, &c);
     return G_SOURCE_REMOVE;
 }
 
@@ -392,7 +393,7 @@ void start(check &c) {
     }
     c.state = check_state::running;
     ++running;
-    g_unix_fd_add(c.child.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
+    loop_add_fd(c.child.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
                   take_output, &c);
 }
 

@@ -67,12 +67,10 @@ bool vdrl_nettools_portcheck(const std::string &address, const std::string &port
         const std::string command =
             format_bounded(command_size, ": | nc -w 5 \"%s\" \"%s\" > /dev/null 2>&1",
                            address.c_str(), port.c_str());
-        const char *const argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-        // nc's own limit is one of silence: connected to a host that goes on talking, it stays.
-        const int status =
-            run_program(argv, program_descriptors::standard, "/dev/null", std::chrono::seconds(30));
-        const bool still_talks = std::exchange(errno, 0) == ETIMEDOUT;
-        return status == 0 || still_talks;
+        // nc's own limit is one of silence: connected to a host that goes on talking, it stays
+        // until it is ended.
+        const int status = system_ret(command.c_str());
+        return status == 0 || status == system_ret_signal;
     }
     bool silent = true; // it says something only when it fails
     command_read_lines(

@@ -307,6 +307,7 @@ void reply_file(GDataOutputStream *stream, const std::string &session, const cha
         refuse(stream, "There is no such file in the session.");
         return;
     }
+    const long_reply_turns turns(long_reply::session_data);
     http_write_header(stream, http_status::ok, "text/plain; charset=utf-8");
     std::array<char, piece_size> piece;
     auto position = static_cast<off_t>(*offset);

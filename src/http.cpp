@@ -12,6 +12,7 @@
 namespace {
 
 constexpr std::size_t cgi_key_size = 128;
+constexpr std::size_t reply_piece = 65536;
 
 // The missing "=" in the character set has always been there; clients know it so.
 constexpr std::string_view routing_error_type = "Content-Type: text/plain; charset-utf-8;\r\n\r\n";
@@ -124,8 +125,16 @@ const char *http_argument(GHashTable *arguments, const char *name) {
 }
 
 bool http_write(GDataOutputStream *stream, std::string_view text) {
-    return g_output_stream_write_all(G_OUTPUT_STREAM(stream), text.data(), text.size(), nullptr,
-                                     nullptr, nullptr) != FALSE;
+    while (!text.empty()) {
+        const std::string_view piece = text.substr(0, reply_piece);
+        if (g_output_stream_write_all(G_OUTPUT_STREAM(stream), piece.data(), piece.size(), nullptr,
+                                      nullptr, nullptr) == FALSE) {
+            return false;
+        }
+        loop_run_due();
+        text.remove_prefix(piece.size());
+    }
+    return true;
 }
 
 void http_write_header(GDataOutputStream *stream, http_status status, const char *content_type,

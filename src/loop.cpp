@@ -1,9 +1,13 @@
 #include "loop.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <ctime>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -113,6 +117,40 @@ gboolean stop_waiting_for(gint, GIOCondition, gpointer) noexcept {
     return G_SOURCE_CONTINUE;
 }
 
+// --- SIGTERM
+
+void (*clean_up)() = nullptr;
+int termination = -1;                       // an eventfd; it lives as long as the process
+std::atomic<std::int64_t> terminated_at{0}; // monotonic microseconds; 0: not yet
+std::atomic<bool> is_cleaning_up{false};
+
+// Services have 90 seconds to end, and there is more to end than commands.
+using namespace std::chrono_literals;
+constexpr std::chrono::milliseconds time_to_notice = 10s;
+constexpr std::chrono::milliseconds time_to_end = 60s;
+
+// Async-signal-safe calls only.
+void note_termination(int) {
+    const int before = errno;
+    std::int64_t none = 0;
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    terminated_at.compare_exchange_strong(none, std::int64_t{now.tv_sec} * 1'000'000 +
+                                                    now.tv_nsec / 1000);
+    const std::uint64_t one = 1;
+    (void)!::write(termination, &one, sizeof one);
+    errno = before;
+}
+
+gboolean terminate(gint descriptor, GIOCondition, gpointer) noexcept {
+    std::uint64_t count = 0;
+    (void)!::read(descriptor, &count, sizeof count);
+    if (!is_cleaning_up.exchange(true)) {
+        clean_up();
+    }
+    return G_SOURCE_CONTINUE;
+}
+
 bool may_turn() {
     return turning_places > 0 && !in_callbacks;
 }
@@ -156,8 +194,23 @@ unsigned loop_add_child(GPid pid, GChildWatchFunc callback, gpointer data) {
                   G_PRIORITY_DEFAULT);
 }
 
-void loop_add_termination(GSourceFunc callback, gpointer data) {
-    (void)attach(g_unix_signal_source_new(SIGTERM), callback, data, G_PRIORITY_DEFAULT);
+void loop_on_termination(void (*callback)()) {
+    clean_up = callback;
+    termination = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    struct sigaction action {};
+    action.sa_handler = note_termination;
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGTERM, &action, nullptr);
+    (void)loop_add_fd(termination, G_IO_IN, terminate, nullptr);
+}
+
+std::chrono::milliseconds loop_time_left() {
+    const std::int64_t since = terminated_at;
+    if (since == 0) {
+        return std::chrono::hours(24 * 365);
+    }
+    const auto passed = std::chrono::milliseconds((g_get_monotonic_time() - since) / 1000);
+    return (is_cleaning_up ? time_to_end : time_to_notice) - passed;
 }
 
 void loop_remove(unsigned source) {
@@ -192,8 +245,11 @@ void loop_wait(int descriptor, GIOCondition condition, std::chrono::milliseconds
 }
 
 void loop_run_due() {
-    if (may_turn()) {
+    constexpr std::int64_t often_enough_us = 20'000;
+    static std::int64_t last = 0; // on the main loop's thread, as all that may turn
+    if (may_turn() && g_get_monotonic_time() - last > often_enough_us) {
         turn(false);
+        last = g_get_monotonic_time();
     }
 }
 

@@ -16,8 +16,12 @@ unsigned loop_add_fd(int descriptor, GIOCondition condition, GUnixFDSourceFunc c
 unsigned loop_add_channel(GIOChannel *channel, GIOCondition condition, GIOFunc callback,
                           gpointer data);
 unsigned loop_add_child(GPid pid, GChildWatchFunc callback, gpointer data);
-// Runs the callback on SIGTERM, and again for each one that comes until it answers FALSE.
-void loop_add_termination(GSourceFunc callback, gpointer data);
+// Runs the callback on the first SIGTERM; later ones do nothing. Once.
+void loop_on_termination(void (*callback)());
+// What the service manager's patience leaves for all that is still to be waited for, before the
+// clean-up and in it; below zero when it is over, a year as long as no SIGTERM has come. Any
+// thread.
+std::chrono::milliseconds loop_time_left();
 void loop_remove(unsigned source);
 
 // As long as one of these lives, the thread's waits below let the daemon's own callbacks run. Only
@@ -35,7 +39,8 @@ class loop_turns {
 // so that no tick runs in a tick. Any thread.
 void loop_wait(int descriptor, GIOCondition condition, std::chrono::milliseconds limit);
 
-// Where a loop_turns lives: runs what is due, without waiting.
+// Where a loop_turns lives: runs what is due, without waiting. Cheap enough for every piece of a
+// reply.
 void loop_run_due();
 
 // Ends the process by SIGALRM unless it is called again within that time.

@@ -184,9 +184,22 @@ void note_storage_is_lost() {
 enum class space { enough, too_little, unknown };
 
 space free_space() {
-    const int percent = get_storage_use_pcent(secondary_storage_path->c_str());
+    bool has_hung = false;
+    const int percent = get_storage_use_pcent(secondary_storage_path->c_str(), &has_hung);
+    if (has_hung) {
+        return space::enough; // of the tool, not of the storage: it was asked a moment ago
+    }
     return percent < 0 ? space::unknown
                        : (storage_has_room(percent) ? space::enough : space::too_little);
+}
+
+// A service's client that hangs tells nothing: then it is as it was, as long as the session's
+// folder is there.
+bool storage_is_usable(const std::string &session) {
+    static bool last = true;
+    const auto answer = ask_whether_storage_is_ok(storage_id->c_str(), true);
+    last = answer.value_or(last && is_directory(session.c_str()));
+    return last;
 }
 
 void session_tick(unsigned long tick, const std::string &session) {
@@ -194,7 +207,7 @@ void session_tick(unsigned long tick, const std::string &session) {
     const bool external = storage_id.has_value();
     // An external storage that has gone has no usage to ask for: it is lost, not full.
     const bool may_be_lost = external && left != space::too_little;
-    const bool usable = !may_be_lost || determine_if_this_storage_is_ok(storage_id->c_str(), true);
+    const bool usable = !may_be_lost || storage_is_usable(session);
     if (left == space::unknown && usable) {
         left = free_space(); // it may have come back between the two questions
     }

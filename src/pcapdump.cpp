@@ -214,6 +214,7 @@ void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
     http_reply(stream, ok, text, "Wireshark session deactivated.\r\n");
     g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
     pcapdump_is_active = false;
+    const long_reply_turns turns(long_reply::trace_repair);
     terminate_pcapdump(*wireshark_session_destination);
     (void)system_ret(format_bounded(script_command_size,
                                     "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' "
@@ -258,6 +259,7 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
                       "Content-Description: File Transfer\r\nContent-Disposition: attachment; "
                       "filename=\"" +
                           name + "\"\r\n");
+    const long_reply_turns turns(long_reply::trace_archive);
     if (folder == wireshark_session_destination) {
         (void)system_ret(format_bounded(script_command_size,
                                         "/usr/local/packages/Vandrel/update_wireshark_session.sh "

@@ -89,6 +89,7 @@ void send_archive(GDataOutputStream *stream, const std::string &session, const s
                            "Content-Length: %lld\r\n\r\n",
                            name_part(model).c_str(), name_part(firmware).c_str(),
                            base_name(session).c_str(), filesize(archive.c_str())));
+    const long_reply_turns turns(long_reply::session_archive);
     output_file(stream, archive.c_str());
 }
 

@@ -21,7 +21,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t output_piece = 16384;
-constexpr auto kill_grace = 500ms; // a killed process is gone at once, unless it is in the kernel
+constexpr auto look_again = 1000ms; // whether a SIGTERM shortens what is waited for
+constexpr auto kill_grace = 500ms;  // a killed process is gone at once, unless it is in the kernel
 
 // The descriptors and the session of a child that posix_spawn makes: it does not copy the process,
 // so that threads and their locks don't matter.
@@ -79,6 +80,12 @@ std::chrono::milliseconds real_time() {
     static const long per_second = ::sysconf(_SC_CLK_TCK);
     struct tms unused {};
     return std::chrono::milliseconds(static_cast<long long>(::times(&unused)) * 1000 / per_second);
+}
+
+// After a SIGTERM all share what is left of the time to end, each at least a little.
+std::chrono::milliseconds time_left(std::chrono::milliseconds waited) {
+    constexpr auto at_least = 2s;
+    return std::max<std::chrono::milliseconds>(loop_time_left(), at_least - waited);
 }
 
 // Children that did not even end by SIGKILL: they wait in the kernel for something that does not
@@ -168,15 +175,16 @@ pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limi
     const unique_fd end(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
     errno = 0;
     const auto begin = real_time();
-    for (auto pause = end ? limit : 1ms;;) {
+    for (std::chrono::milliseconds pause = end ? look_again : 1ms;;) {
         const auto waited = real_time() - begin;
-        loop_wait(end.get(), G_IO_IN, std::min(pause, std::max(limit - waited, 1ms)));
+        const auto left = std::min(limit - waited, time_left(waited));
+        loop_wait(end.get(), G_IO_IN, std::clamp(left, 1ms, pause));
         result = ::waitpid(pid, wait_status, WNOHANG);
-        if (result != 0 || waited >= limit) {
+        if (result != 0 || left <= 0ms) {
             errno = result < 0 ? errno : 0;
             return result;
         }
-        pause = end ? limit : std::min(pause * 2, 50ms);
+        pause = std::min(pause * 2, end ? look_again : 50ms);
     }
 }
 
@@ -248,8 +256,9 @@ bool command_pipe::fill() {
         } else {
             const auto begin = real_time();
             loop_wait(child_.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP),
-                      is_limited_ ? left_ - waited_ : std::chrono::hours(1));
+                      is_limited_ ? std::min(left_ - waited_, look_again) : 1h);
             waited_ += real_time() - begin;
+            left_ = is_limited_ ? std::min(left_, waited_ + time_left(waited_)) : left_;
             errno = before;
         }
     }

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -254,5 +255,7 @@ void loop_run_due() {
 }
 
 void loop_end_unless_it_turns(std::chrono::seconds limit) {
-    (void)::alarm(static_cast<unsigned>(limit.count()));
+    itimerval once{};
+    once.it_value.tv_sec = static_cast<time_t>(limit.count());
+    (void)::setitimer(ITIMER_REAL, &once, nullptr);
 }

@@ -30,6 +30,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -125,10 +126,11 @@ std::string continuous_syslog_path(const std::string &directory) {
 // The device log of the time around the restart, which the continuous log could not follow.
 void append_device_log(const std::string &directory) {
     const std::string path = continuous_syslog_path(directory);
-    if (can_append_or_warn(path.c_str())) {
-        const std::string command = format_bounded(
-            256, "cat /var/log/info.log /var/log/error.log | sort >> %s &", path.c_str());
-        (void)system_ret(command.c_str());
+    const unique_fd file = file_descriptor(path.c_str(), O_WRONLY | O_CREAT | O_APPEND);
+    if (file) {
+        (void)system_ret("cat /var/log/info.log /var/log/error.log | sort &", file.get());
+    } else {
+        log_cannot_open(path.c_str());
     }
 }
 
@@ -284,7 +286,9 @@ constexpr std::size_t information_line_max = 399;
 
 void complete_signature(const std::string &directory) {
     const std::string path = directory + "/.signature";
-    if (!can_append_or_warn(path.c_str())) {
+    const unique_fd target = file_descriptor(path.c_str(), O_WRONLY | O_CREAT | O_APPEND);
+    if (!target) {
+        log_cannot_open(path.c_str());
         return;
     }
     if (const unique_file file = file_open(path.c_str(), "r")) {
@@ -295,8 +299,7 @@ void complete_signature(const std::string &directory) {
             }
         }
     }
-    (void)system_ret(
-        format_text("(echo \"End:\" && date) >> %s/%s", directory.c_str(), ".signature").c_str());
+    (void)system_ret("(echo \"End:\" && date)", target.get());
 }
 
 void complete_session_information(const std::string &directory) {

@@ -15,15 +15,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <sys/stat.h>
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr std::size_t archive_name_size = 128;
 constexpr std::size_t zip_command_size = 1024;
+constexpr long live_temporary_age_s = 600;
 constexpr const char *json = "application/json";
 constexpr const char *text = "text/plain";
 constexpr const char *being_zipped =
@@ -32,23 +30,6 @@ constexpr const char *being_zipped =
 
 std::string base_name(const std::string &path) {
     return path.substr(path.rfind('/') + 1);
-}
-
-// Temporary files that a power cut left: the archive's exclude pattern does not reach below the
-// session's folder.
-void sweep_temporary_files(const std::string &folder) {
-    std::error_code error;
-    // Links are not followed; what can't be read or removed stays.
-    for (fs::recursive_directory_iterator
-             entry(folder, fs::directory_options::skip_permission_denied, error),
-         end;
-         !error && entry != end; entry.increment(error)) {
-        const std::string name = entry->path().filename();
-        std::error_code ignored;
-        if (name.starts_with(".tmp") && entry->is_regular_file(ignored)) {
-            file_remove(entry->path().c_str());
-        }
-    }
 }
 
 // A reply without a content type, as these refusals have always been.
@@ -151,8 +132,14 @@ void zip_session_directory(const char *path) {
         format_bounded(zip_command_size, "zip --recurse-paths %s %s --exclude .tmp\\* &",
                        archive.c_str(), name.c_str());
     const std::string parent = std::string(path).substr(0, std::strlen(path) - name.size());
-    sweep_temporary_files(path);
-    if (::chdir(parent.c_str()) != 0) {
+    // The tool follows links, and its exclude pattern does not reach below the folder. What a
+    // running session is just writing stays.
+    sweep_tree(path, is_current_monitor_dir(path) ? live_temporary_age_s : 0);
+    if (const std::string target = parent + archive; !can_append_or_warn(target.c_str())) {
+        file_remove(target.c_str());
+    }
+    const unique_fd folder = folder_descriptor(parent.c_str());
+    if (!folder || ::fchdir(folder.get()) != 0) {
         log_error("Could not change directory to: %s", parent.c_str());
         return;
     }

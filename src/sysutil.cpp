@@ -44,7 +44,10 @@ class spawn_settings {
         ::posix_spawn_file_actions_adddup2(&actions_, descriptor, STDOUT_FILENO);
         keep_standard_ones();
     }
-    void inherit_standard_ones() {
+    void inherit_standard_ones(int output) {
+        if (output >= 0) {
+            ::posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO);
+        }
         ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
     }
     void close_all() { ::posix_spawn_file_actions_addclosefrom_np(&actions_, 0); }
@@ -188,7 +191,7 @@ pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limi
     }
 }
 
-int system_ret(const char *command) {
+int system_ret(const char *command, int output) {
     if (command == nullptr) {
         return system_ret_no_command;
     }
@@ -197,7 +200,7 @@ int system_ret(const char *command) {
         return system_ret_signal;
     }
     spawn_settings settings;
-    settings.inherit_standard_ones();
+    settings.inherit_standard_ones(output);
     const auto begin = real_time();
     const pid_t pid = spawn_shell(command, settings);
     if (pid < 0) {

@@ -21,7 +21,8 @@ inline constexpr int system_ret_signal = -4;     // logged
 
 // Runs a shell command, waits for it and returns its exit status (0 to 255) or one of the values
 // above. The command inherits standard input, output and error, no other descriptor. Any thread.
-int system_ret(const char *command);
+// `output`, unless it is -1, is the command's standard output.
+int system_ret(const char *command, int output = -1);
 
 // What a program that run_program starts finds open.
 enum class program_descriptors {

@@ -5,6 +5,7 @@
 #include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
+#include "loop.h"
 #include "monitoring_session.h"
 #include "session_globals.h"
 #include "session_info.h"
@@ -14,8 +15,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -27,6 +31,37 @@ constexpr const char *text = "text/plain";
 constexpr const char *being_zipped =
     "The monitoring session is in the process of being compressed into a zip archive. Please try "
     "downloading it again in a few minutes.";
+
+// An archive that is being made, until its tool has ended.
+struct packing {
+    std::string session;
+    pid_t group;
+    unsigned long long ticks = 0; // of the processor
+    int minutes_still = 0;
+};
+std::vector<packing> packings;
+constexpr int still_minutes_max = 10;
+
+// A tool that hangs would lock its session for ever: its limit is one of progress.
+gboolean look_at_packings(gpointer) noexcept {
+    std::erase_if(packings, [](packing &one) {
+        const auto ticks = group_cpu_ticks(one.group);
+        if (!ticks) {
+            return true;
+        }
+        one.minutes_still = one.ticks == *ticks ? one.minutes_still + 1 : 0;
+        one.ticks = *ticks;
+        if (one.minutes_still < still_minutes_max) {
+            return false;
+        }
+        ::kill(-one.group, SIGKILL);
+        errno = 0;
+        log_warning("The archive of '%s' makes no progress: its packing is ended.",
+                    one.session.c_str());
+        return true;
+    });
+    return packings.empty() ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+}
 
 std::string base_name(const std::string &path) {
     return path.substr(path.rfind('/') + 1);
@@ -143,7 +178,12 @@ void zip_session_directory(const char *path) {
         log_error("Could not change directory to: %s", parent.c_str());
         return;
     }
-    (void)system_ret(command.c_str());
+    if (const pid_t group = start_in_background(command.c_str()); group > 0) {
+        packings.push_back({path, group});
+        if (packings.size() == 1) {
+            loop_add_seconds(60, look_at_packings, nullptr);
+        }
+    }
 }
 
 int zip_session(const std::string &session_directory) {

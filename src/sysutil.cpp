@@ -1,6 +1,7 @@
 #include "sysutil.h"
 
 #include "command_limits.h"
+#include "fileutil.h"
 #include "log.h"
 #include "loop.h"
 
@@ -225,6 +226,47 @@ int system_ret(const char *command, int output) {
         return system_ret_signal;
     }
     return system_ret_stopped;
+}
+
+pid_t start_in_background(const char *command) {
+    spawn_settings settings;
+    settings.inherit_standard_ones(-1);
+    const pid_t group = spawn_shell(command, settings);
+    if (group < 0) {
+        log_error("Could not execute: %s", command);
+        return -1;
+    }
+    int status = 0;
+    if (wait_for_child(group, &status, limit_of(command).limit) == 0) {
+        (void)kill_session(group);
+    }
+    return group;
+}
+
+// "2678 (zip) S 1 2677 2677 0 -1 4194304 391 0 0 0 15 3 ...": behind the name state, parent, group;
+// 9 fields later user and system time.
+std::optional<unsigned long long> group_cpu_ticks(pid_t group) {
+    const unique_folder processes(::opendir("/proc"));
+    std::optional<unsigned long long> ticks;
+    while (const dirent *entry = processes ? ::readdir(processes.get()) : nullptr) {
+        if (entry->d_name[0] < '1' || entry->d_name[0] > '9') {
+            continue;
+        }
+        const unique_file file =
+            file_open((std::string("/proc/") + entry->d_name + "/stat").c_str(), "r");
+        std::string line;
+        int of_group = 0;
+        unsigned long user = 0, system = 0;
+        if (file && read_line(file.get(), 1000, line) &&
+            std::sscanf(line.c_str() + std::min(line.rfind(')'), line.size()),
+                        ") %*c %*d %d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &of_group, &user,
+                        &system) == 3 &&
+            of_group == group) {
+            ticks = ticks.value_or(0) + user + system;
+        }
+    }
+    errno = 0;
+    return ticks;
 }
 
 command_pipe::command_pipe(const char *command) : command_(command) {

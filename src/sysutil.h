@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 
@@ -23,6 +24,13 @@ inline constexpr int system_ret_signal = -4;     // logged
 // above. The command inherits standard input, output and error, no other descriptor. Any thread.
 // `output`, unless it is -1, is the command's standard output.
 int system_ret(const char *command, int output = -1);
+
+// The same for a command that ends in "&"; what goes on is the process group whose number is
+// returned, or -1 after a log line. Main loop only.
+pid_t start_in_background(const char *command);
+
+// The processor time that a process group has used, in ticks; nothing when it has ended.
+std::optional<unsigned long long> group_cpu_ticks(pid_t group);
 
 // What a program that run_program starts finds open.
 enum class program_descriptors {

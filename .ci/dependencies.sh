@@ -3,6 +3,8 @@
 #
 #   .ci/dependencies.sh run     what ./run needs: to build, and to simulate a camera
 #   .ci/dependencies.sh test    what ./test needs on top of it
+#   .ci/dependencies.sh emulator    what ./test --long runs other processors' programs with
+#   .ci/dependencies.sh package ARCH...   what ./pack needs: amd64, aarch64, armhf
 #
 # With nothing missing it neither asks for rights nor looks at the network.
 set -eu
@@ -66,6 +68,54 @@ chromium            # tests of the page
 END
 }
 
+# A package for another architecture: Debian's cross compiler, and GLib with what it needs unpacked
+# into build/sysroot, where it meets no package of the host.
+triplet_of() { # ARCH
+    case $1 in
+    amd64) echo x86_64-linux-gnu ;;
+    aarch64) echo aarch64-linux-gnu ;;
+    armhf) echo arm-linux-gnueabihf ;;
+    *) echo "no such architecture: $1" >&2 && return 1 ;;
+    esac
+}
+debian_name_of() { # ARCH
+    case $1 in
+    aarch64) echo arm64 ;;
+    *) echo "$1" ;;
+    esac
+}
+cross_compilers() { # ARCH...
+    local arch
+    for arch in "$@"; do
+        [ "$(debian_name_of "$arch")" = "$(dpkg --print-architecture)" ] ||
+            echo "g++-$(triplet_of "$arch" | tr _ -)"
+    done
+}
+sysroot_packages() {
+    sed 's/ *#.*//' <<'END'
+libc6               # to run it in an emulator
+libgcc-s1
+libstdc++6
+libglib2.0-0
+libglib2.0-dev
+libpcre2-8-0        # from here on what GLib needs
+libpcre2-dev
+libffi8
+libffi-dev
+zlib1g
+zlib1g-dev
+libmount1
+libmount-dev
+libblkid1
+libblkid-dev
+libselinux1
+libselinux1-dev
+libsepol2
+libsepol-dev
+libgtest-dev        # unit tests in the emulator
+END
+}
+
 missing_packages() {
     local package
     for package in "$@"; do
@@ -74,10 +124,16 @@ missing_packages() {
     done
 }
 
+architectures=()
 case ${1:-} in
+package)
+    architectures=("${@:2}")
+    mapfile -t wanted < <(run_packages; cross_compilers "${architectures[@]}")
+    ;;
 run) mapfile -t wanted < <(run_packages) ;;
+emulator) wanted=(qemu-user-static) ;;
 test) mapfile -t wanted < <(run_packages; test_packages) ;;
-*) sed -n '2,7s/^# \{0,1\}//p' "$0"; exit 2 ;;
+*) sed -n '2,9s/^# \{0,1\}//p' "$0"; exit 2 ;;
 esac
 mapfile -t missing < <(missing_packages "${wanted[@]}")
 # Whoever has Node.js from elsewhere keeps it.
@@ -118,6 +174,32 @@ for package in $(unpacked_packages); do
         echo "$package can not be unpacked: no 'camera start --syslog syslog-ng'" >&2
         [ "$1" = run ] || exit 1
     fi
+done
+
+# The package lists of another architecture are kept apart from the host's.
+sysroot() { # ARCH
+    local folder=build/sysroot/$1 name work packages apt
+    mapfile -t packages < <(sysroot_packages)
+    [ "$(cat "$folder/packages" 2>/dev/null)" != "${packages[*]}" ] || return 0
+    echo "Unpacking: libraries for $1"
+    name=$(debian_name_of "$1")
+    work=$(mktemp -d) && mkdir -p build/sysroot "$work/lists/partial" "$work/files" || return 1
+    : >"$work/status"
+    apt=(apt-get -qq -o APT::Architecture="$name" -o APT::Architectures="$name"
+        -o Dir::State::lists="$work/lists" -o Dir::State::status="$work/status"
+        -o Dir::Cache="$work" -o APT::Sandbox::User=root)
+    # A mirror that lacks one list may have the packages all the same.
+    "${apt[@]}" update || echo "The package lists for $1 are incomplete." >&2
+    (cd "$work" && "${apt[@]}" download "${packages[@]/%/:$name}" >/dev/null) &&
+        find "$work" -maxdepth 1 -name '*.deb' -exec dpkg -x {} "$work/files" \; &&
+        echo "${packages[*]}" >"$work/files/packages" && rm -rf "$folder" &&
+        chmod 755 "$work/files" && cp -rT "$work/files" "$folder.$$" && mv -T "$folder.$$" "$folder"
+    local status=$?
+    rm -rf "$work"
+    return $status
+}
+for arch in "${architectures[@]}"; do
+    [ "$(debian_name_of "$arch")" = "$(dpkg --print-architecture)" ] || sysroot "$arch"
 done
 
 # The page's libraries and what bundles them; a test needs the browser's tools on top of that.

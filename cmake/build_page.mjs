@@ -5,7 +5,7 @@
 //   node cmake/build_page.mjs FOLDER    the page's folder
 
 import { createHash } from 'node:crypto';
-import { mkdirSync, readFileSync, renameSync, writeFileSync } from 'node:fs';
+import { mkdirSync, readFileSync, readdirSync, renameSync, writeFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { join } from 'node:path';
 import { fileURLToPath } from 'node:url';
@@ -47,6 +47,15 @@ for (const [name, exported] of [['uplot', '{ default }'], ['unzipit', '{ unzipRa
   write(join(lib, `${name}.js`), await bundle({ stdin: { contents, resolveDir }, format: 'esm' }));
   write(join(lib, `${name}.d.ts`), contents); // for the check of the page's types
 }
+/** The licences of the libraries that are shipped with the page and in the viewer. */
+const licences = ['uplot', 'unzipit'].map((name) => {
+  const folder = fileURLToPath(new URL(`../node_modules/${name}/`, import.meta.url));
+  const file = readdirSync(folder).find((entry) => /^licen[cs]e/i.test(entry));
+  const { version } = JSON.parse(readFileSync(join(folder, 'package.json'), 'utf8'));
+  return `${name} ${version}\n\n${readFileSync(join(folder, file), 'utf8').trim()}\n`;
+}).join(`\n${'-'.repeat(72)}\n\n`);
+write(join(lib, 'LICENSES.txt'), licences);
+
 const chartStyle = readFileSync(resolve('uplot/dist/uPlot.min.css'), 'utf8');
 write(join(lib, 'uplot.css'), chartStyle);
 
@@ -59,6 +68,7 @@ const policy = `default-src 'none'; script-src ${hash(script)}; style-src ${hash
 const icon = Buffer.from(readFileSync(join(page, 'icon.svg'))).toString('base64');
 const parts = {
   POLICY: policy, ICON: `data:image/svg+xml;base64,${icon}`, STYLE: style, SCRIPT: script,
+  LICENCES: licences.replaceAll('--', '- -'),
 };
 write(join(page, 'viewer.html'), readFileSync(new URL('viewer.html.in', import.meta.url), 'utf8')
-  .replace(/@(POLICY|ICON|STYLE|SCRIPT)@/g, (_, name) => parts[name]));
+  .replace(/@(POLICY|ICON|STYLE|SCRIPT|LICENCES)@/g, (_, name) => parts[name]));

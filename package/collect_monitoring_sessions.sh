@@ -33,9 +33,7 @@ found=$LOCALDATA/found_monitoring_sessions.txt
 lost=$LOCALDATA/lost_monitoring_sessions.txt
 info_size_max=65536
 
-case $serial in
-*[!A-Za-z0-9]*) exit 1 ;;
-esac
+[ -z "$serial" ] || is_serial "$serial" || exit 1
 
 # One run at a time, or one that saw a storage go would forget what the other saw.
 exec 9<>"$LOCALDATA/.collecting"
@@ -48,6 +46,19 @@ if command -v flock >/dev/null; then
 fi
 sweep_beside "$found"
 sweep_beside "$lost"
+
+# sweep_archives ROOT: of a session that another camera deleted while this one packed it, the archive
+# alone is left, which no list names.
+sweep_archives() {
+    for archive in "$1"/[0-9]*.zip; do
+        session=${archive%.zip}
+        if is_stamp "${session##*/}" && ! [ -e "$session" ] && [ -f "$archive" ] &&
+            ! [ -h "$archive" ] && [ -n "$(find "$archive" -mmin +1440)" ]; then
+            rm -f "$archive"
+            warn "$archive is removed: its session was deleted long ago"
+        fi
+    done
+}
 
 # put_sessions ROOT: for each session "session PATH", "folder NAME"..., and "file PATH" for what
 # tells of its time. Links are not followed: they may lead anywhere.
@@ -76,11 +87,13 @@ put_all() {
             continue
         fi
         for root in "$storage/Vandrel_"*; do
-            case ${root##*/Vandrel_} in
-            '' | *[!A-Za-z0-9]*) continue ;;
-            esac
+            is_serial "${root##*/Vandrel_}" || continue
             if [ -z "$serial" ] || [ "${root##*/Vandrel_}" = "$serial" ]; then
-                [ -d "$root" ] && ! [ -h "$root" ] && put_sessions "$root"
+                if [ -h "$root" ] || ! [ -d "$root" ]; then
+                    continue
+                fi
+                put_sessions "$root"
+                [ -z "$serial" ] || sweep_archives "$root" # each camera does it for its own
             fi
         done
         # Of a storage that went meanwhile nobody knows whether what was not seen is gone.

@@ -17,7 +17,7 @@
 serial=${1:-}
 index=$LOCALDATA/found_wireshark_sessions.txt
 
-is_plain "$serial" || exit 1
+is_serial "$serial" || exit 1
 sweep_beside "$index"
 
 # time_of KEY FILE: what can be shown of the signature's last line with that key.

@@ -10,15 +10,23 @@ PACKAGE=/usr/local/packages/Vandrel
 LOCALDATA=$PACKAGE/localdata
 STORAGES=/var/spool/storage
 
-# warn TEXT: one line for the system log, where there is a logger.
+# warn TEXT: one line for the system log, where there is a logger. Under "Vandrel-silent" no trigger
+# takes notice of it.
 warn() {
-    logger -t Vandrel -p user.warning -- "${0##*/}: $1" 2>/dev/null || :
+    logger -t "${log_tag:-Vandrel}" -p user.warning -- "${0##*/}: $1" 2>/dev/null || :
 }
 
 # is_plain NAME: whether it can be one part of a path, whatever command line it comes into.
 is_plain() {
     case $1 in
     '' | .* | -* | *[!A-Za-z0-9._-]*) return 1 ;;
+    esac
+}
+
+# is_serial TEXT: whether it can be a camera's serial number, as the daemon takes it.
+is_serial() {
+    case $1 in
+    '' | *[!A-Za-z0-9]*) return 1 ;;
     esac
 }
 
@@ -126,13 +134,21 @@ append_row() {
 
 # append_rows DIRECTORY FILE HEADER: reads lines "FOLDER/SUBFOLDER<tab>ROW" and appends each row to
 # DIRECTORY/FOLDER/SUBFOLDER/FILE. Makes the folders, but never DIRECTORY itself: that may have gone
-# with its storage.
+# with its storage. What can't be written is said once, until a sample is whole again.
 append_rows() {
     tab=$(printf '\t')
+    said=/run/Vandrel_failing_${2%.csv}
+    failed=
     while IFS=$tab read -r folder row; do
         [ -d "$1/$folder" ] || { leads_there "$1/$folder/" && mkdir "$1/${folder%/*}" "$1/$folder"; } 2>/dev/null
-        append_row "$1/$folder/$2" "$3" "$row" || return 1
+        append_row "$1/$folder/$2" "$3" "$row" || failed=${failed:-$folder/$2}
     done
+    if [ -z "$failed" ]; then
+        rm -f "$said"
+    elif [ -d "$1" ] && ! [ -e "$said" ]; then
+        : >"$said"
+        warn "$failed can not be written"
+    fi
 }
 
 # mend_after_boot DIRECTORY: cuts back the files of a session's folder, in the first sample after a

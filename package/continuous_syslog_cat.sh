@@ -22,7 +22,7 @@ position=$LOCALDATA/continuous_syslog_position.txt
 # Every line that was logged before this one is written when this one is.
 wait_until_written() {
     mark="($$.$(date +%s))"
-    logger -t Vandrel -p user.info -- "Continuous log taken up to here $mark." 2>/dev/null &&
+    logger -t Vandrel-silent -p user.info -- "Continuous log taken up to here $mark." 2>/dev/null &&
         tries 50 grep -qsF "$mark" "$log" "$log.1"
 }
 

@@ -13,6 +13,7 @@
 
 # shellcheck source=package/common.sh
 . "${0%/*}/common.sh"
+log_tag=Vandrel-silent # a rule on errors would make the next report of them
 
 # --- What is collected
 
@@ -75,8 +76,17 @@ name=${name%.tgz}
 processes=$PACKAGE/conf/crash_report_processes
 item_limit=60 # seconds for what should take one
 
-is_plain "$name" && [ -d "$folder" ] || exit 1
-# Made and packed here. What a power cut leaves of it stays: its files tell of the moment too.
+# The name ends in that of the time zone, which may be "+04".
+case $name in
+'' | .* | -* | *[!A-Za-z0-9._+-]*) is_usable=no ;;
+*) is_usable=yes ;;
+esac
+if [ $is_usable = no ] || ! [ -d "$folder" ]; then
+    warn "no crash report can be made as '$archive'"
+    exit 1
+fi
+# Made and packed here. What is left of it when the power or the storage goes is swept when the session
+# is packed.
 place=$folder/.tmp_$name
 work=$place/$name
 mkdir -p "$work" || {
@@ -129,6 +139,10 @@ dump_processes() {
         case $process in '' | '#'*) continue ;; esac
         pids=$(pidof "$process") || failed "core of $process" "no such process"
         for pid in $pids; do
+            if [ -e "$folder/.tmp_end" ]; then # the daemon waits for the archive
+                failed "core.$process.$pid.gz" "the session was stopped"
+                continue
+            fi
             core "$process" "$pid"
         done
     done <"$processes"

@@ -17,6 +17,7 @@
 
 # shellcheck source=package/common.sh
 . "${0%/*}/common.sh"
+umask 077 # it may hold cores, and the passwords in what is logged of the HTTP API
 
 storage=$1
 serial=$2
@@ -36,7 +37,7 @@ fail() {
 
 make_tree() {
     basic=$1/system_monitoring
-    mkdir -p "$1/coredumps" "$1/network_device_test" "$1/monitoring_metadata" \
+    mkdir -p "$1/coredumps" "$1/network_device_test" \
         "$basic/monitoring_basic/Server_Reports" "$basic/monitoring_basic/Crash_Reports" \
         "$basic/monitoring_koral/logfiles" "$basic/monitoring_koral/others" \
         "$basic/monitoring_vela_configs" "$basic/monitoring_devicetest" \
@@ -44,13 +45,14 @@ make_tree() {
         "$basic/monitoring_topstatus" "$basic/monitoring_kernel" "$basic/monitoring_environment" \
         "$basic/monitoring_self" "$basic/monitoring_network" "$basic/monitoring_streams" \
         "$basic/monitoring_radar" "$basic/monitoring_meminfo" "$basic/monitoring_load" \
-        "$basic/monitoring_vela" "$basic/monitoring_slabinfo" "$basic/monitoring_onvif" \
+        "$basic/monitoring_metadata" "$basic/monitoring_vela" "$basic/monitoring_slabinfo" \
+        "$basic/monitoring_onvif" \
         2>/dev/null || return 1
     [ -e "$1/.signature" ] || printf '%s\n' "Serial: $serial" "Storage: $storage" \
         "Folder: $folder" "Start: $start_time" 2>/dev/null >"$1/.signature"
 }
 
-if ! is_plain "$storage" || ! is_plain "$serial" || ! is_stamp "$folder"; then
+if ! is_plain "$storage" || ! is_serial "$serial" || ! is_stamp "$folder"; then
     fail "bad arguments"
 fi
 case $start_time$image_interval$crash_interval in

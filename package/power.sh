@@ -8,7 +8,8 @@
 # hardware monitor in /sys/class that measures voltages, currents or power it appends a row to
 # NAME/devicepower.csv in it, in mV, mA and mW; and, where a device measures power, their sum to
 # power.csv. The columns of a file are those that its device had at first; one that can't be read is
-# left empty. Without anything measured, or without the directory, nothing is written.
+# left empty. While a device does not tell its power, power.csv has no row. Without anything measured,
+# or without the directory, nothing is written.
 
 # shellcheck source=package/common.sh
 . "${0%/*}/common.sh"
@@ -19,6 +20,7 @@ mend_after_boot "$1"
 directory=$1
 stamp=
 total=
+powered= # the names of the devices that it is the sum of
 
 # measure FILE DIVISOR: sets $value to what the file says, "" if it says nothing.
 measure() {
@@ -28,10 +30,14 @@ measure() {
     -[0-9]* | [0-9]*) ;;
     *) value= && return ;;
     esac
-    case ${value#-} in
-    *[!0-9]*) value= ;;
-    *) value=$((value / $2)) ;;
+    sign=
+    case $value in -*) sign=- ;; esac
+    digits=${value#-}
+    case $digits in
+    *[!0-9]*) value= && return ;;
     esac
+    digits=${digits#"${digits%%[!0]*}"} # a number that begins with 0 is octal
+    value=$((${sign}${digits:-0} / $2))
 }
 
 # sensor COLUMN: sets $file and $divisor for a column of the device in $device.
@@ -70,7 +76,10 @@ record() {
         row=$row,$value
         measured=$measured$value
         case $column$value in
-        power*_mW?*) total=$((${total:-0} + value)) ;;
+        power*_mW?*)
+            total=$((${total:-0} + value))
+            powered="$powered ${folder##*/} "
+            ;;
         esac
     done
     [ -n "$measured" ] || return
@@ -122,6 +131,22 @@ for device in /sys/class/hwmon/*; do
         [ -n "$value" ] && set -- "$@" "$column"
     done
     record "$name" "$@"
+done
+
+# Without a device that was measured before, the sum would be another one's.
+for csv in "$directory"/*/devicepower.csv; do
+    name=${csv%/*}
+    name=${name##*/}
+    header=
+    { read -r header <"$csv"; } 2>/dev/null
+    case $header in
+    *,power*_mW*)
+        case $powered in
+        *" $name "*) ;;
+        *) total= ;;
+        esac
+        ;;
+    esac
 done
 
 [ -z "$total" ] || append_row "$directory/power.csv" DATE,TIME,POWER_mW "$stamp,$total"

@@ -16,6 +16,7 @@ import os
 import re
 import shutil
 import subprocess
+import tempfile
 
 CHECKOUT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 SIMULATOR = os.path.join(CHECKOUT, "simulator")
@@ -30,7 +31,9 @@ PERSISTENT_FOLDERS = {"/etc": "etc", "/var": "var", "/lib/persistent": "persiste
                       "/usr/local": "local"}
 STORAGES = "storages"
 PACKAGE = "local/packages/Vandrel"
-PACKAGE_PAGE = "html"  # stays in the checkout, so that an edited page needs no restart
+PACKAGE_UNIT = "etc/systemd/system/Vandrel.service"
+NO_PACKAGE = "none"
+HOST_ARCH = {"x86_64": "amd64", "armv7l": "armhf"}.get(os.uname().machine, os.uname().machine)
 DEFAULT_SERIAL = "02A5C41E90B7"
 CAMERA_ADDRESS = "192.168.0.90"
 
@@ -106,8 +109,9 @@ def empty(state):
             os.unlink(entry.path)
 
 
-def prepare(state, serial, password, log_program):
-    """Brings the state directory up to what this checkout installs; `serial` may be None."""
+def prepare(state, serial, password, log_program, archive):
+    """Brings the state directory up to what this checkout installs; `serial` may be None. `archive`
+    is one of the package, None for what is built, or NO_PACKAGE. Returns its architecture."""
     if log_program != "rsyslog" and not os.path.isdir(os.path.join(PACKAGES, "syslog-ng-core")):
         raise CameraError("syslog-ng is not there: .ci/dependencies.sh run")
     for folder in [*PERSISTENT_FOLDERS.values(), STORAGES]:
@@ -123,43 +127,67 @@ def prepare(state, serial, password, log_program):
     for other in LOG_PROGRAMS.keys() - {log_program}:
         for path in LOG_PROGRAMS[other]:
             subprocess.run(["rm", "-rf", os.path.join(state, path)], check=True)
-    install_package(os.path.join(state, PACKAGE))
+    arch = HOST_ARCH if archive == NO_PACKAGE else install_package(state, archive)
     install_other_packages(os.path.join(state, os.path.dirname(PACKAGE)))
     write_parameters(os.path.join(state, "etc/tvparameter/parameters.conf"), serial)
     write_passwords(os.path.join(state, "etc/apache2/passwords"), password)
+    return arch
 
 
-def install_package(target):
-    """Puts the package and the daemon to their place, and takes away what an earlier installation
-    had and this one has not. What the package wrote itself stays."""
-    source = os.path.join(CHECKOUT, "package")
-    daemon = os.path.join(BUILD, "bin/Vandrel")
-    if not all(map(os.path.exists, (daemon, SERVICES, EVENT_LISTENER))):
-        raise CameraError("the daemon is not built: cmake --preset release && "
+def unpack(archive, target):
+    """Lays out an archive of the package, or what this checkout has built, with install.sh."""
+    if archive:
+        command = ["tar", "-xzf", archive, "-C", target, "--strip-components=1"]
+    else:
+        command = ["cmake", "--install", BUILD, "--prefix", os.path.join(target, "files")]
+        shutil.copy2(os.path.join(CHECKOUT, "package/install.sh"), target)
+    result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                            check=False)
+    if result.returncode != 0:
+        what = archive or "the daemon is not built (cmake --preset release && " \
+                          "cmake --build --preset release)"
+        raise CameraError(f"{what}: {result.stderr.strip()}")
+
+
+def install_package(state, archive):
+    """Installs or upgrades the package as on a device whose file system is mounted here. Returns the
+    architecture that it was made for."""
+    if not all(map(os.path.exists, (SERVICES, EVENT_LISTENER))):
+        raise CameraError("the device's services are not built: cmake --preset release && "
                           "cmake --build --preset release")
-    record = os.path.join(target, ".installed")
-    try:
-        with open(record, encoding="utf-8") as file:
-            before = file.read().splitlines()
-    except FileNotFoundError:
-        before = []
-    for path in before:
-        try:
-            os.unlink(os.path.join(target, path))
-        except FileNotFoundError:
-            pass
-    installed = []
-    for folder, folders, files in os.walk(source):
-        if folder == source:
-            folders[:] = [name for name in folders if name != PACKAGE_PAGE]
-        inside = os.path.relpath(folder, source)
-        os.makedirs(os.path.join(target, inside), exist_ok=True)
-        for name in files:
-            installed.append(os.path.normpath(os.path.join(inside, name)))
-            shutil.copy2(os.path.join(folder, name), os.path.join(target, inside, name))
-    shutil.copy2(daemon, os.path.join(target, "Vandrel"))
-    os.makedirs(os.path.join(target, PACKAGE_PAGE), exist_ok=True)
-    replace(record, "".join(path + "\n" for path in installed + ["Vandrel"]))
+    with tempfile.TemporaryDirectory() as work:
+        package, root = os.path.join(work, "package"), os.path.join(work, "root")
+        os.makedirs(package)
+        os.makedirs(os.path.join(root, "usr"))
+        unpack(archive, package)
+        for inside, folder in PERSISTENT_FOLDERS.items():
+            if inside in ("/etc", "/usr/local"):
+                os.symlink(os.path.join(state, folder), root + inside)
+        result = subprocess.run([os.path.join(package, "install.sh"), "--root", root],
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                                check=False)
+    if result.returncode != 0:
+        raise CameraError(result.stderr.strip())
+    with open(os.path.join(state, PACKAGE, "package.conf"), encoding="utf-8") as file:
+        arch = re.search('^ARCHITECTURE="(.*)"$', file.read(), re.MULTILINE)[1]
+    emulate(os.path.join(state, "etc/systemd/system/Vandrel.service.d/emulator.conf"), arch)
+    return arch
+
+
+def emulate(drop_in, arch):
+    """Has a daemon that was built for another processor run in an emulator."""
+    if arch == HOST_ARCH:
+        if os.path.exists(drop_in):
+            os.unlink(drop_in)
+        return
+    processor = {"armhf": "arm", "amd64": "x86_64"}.get(arch, arch)
+    os.makedirs(os.path.dirname(drop_in), exist_ok=True)
+    replace(drop_in, f"""\
+[Service]
+ExecStart=
+ExecStart=/host/usr/bin/qemu-{processor}-static -L /host/sysroot \
+ -E LD_LIBRARY_PATH=/host/platform /usr/local/packages/Vandrel/Vandrel
+""".replace("\\\n", ""))
 
 
 def install_other_packages(target):

@@ -19,7 +19,10 @@ FOLDERS = ("/etc/systemd/system", "/usr/lib/systemd/system")
 LOGS = "/var/log/boot"
 START_TIMEOUT_S = 20
 RESTART_AFTER_S = 1
+STOP_TIMEOUT_MIN_S = 1  # of this machine's time, in which a service still has to do its work
 FIRST_PASSED_DESCRIPTOR = 3  # where a service finds the sockets made for it
+
+speed = 1  # of the camera's time, in which the units' limits are
 
 
 class UnitError(Exception):
@@ -54,7 +57,9 @@ def read_settings(name):
     if path is None:
         return None
     settings = {}
-    for part in [path] + sorted(glob.glob(f"/etc/systemd/system/{name}.d/*.conf")):
+    drop_ins = [part for folder in reversed(FOLDERS)
+                for part in sorted(glob.glob(f"{folder}/{name}.d/*.conf"))]
+    for part in [path] + drop_ins:
         with open(part, encoding="utf-8", errors="replace") as file:
             for line in file:
                 key, separator, value = (word.strip() for word in line.partition("="))
@@ -273,7 +278,8 @@ class Unit:
             send_signal([process.pid], signal.SIGTERM)
         else:
             send_signal(session_members(process.pid), signal.SIGTERM)
-        self.ended.wait(float(self._setting("TimeoutStopSec", "10")))
+        limit = float(self._setting("TimeoutStopSec", "10")) / speed
+        self.ended.wait(max(limit, STOP_TIMEOUT_MIN_S))
         send_signal(session_members(process.pid), signal.SIGKILL)
         self.ended.wait()
         for path in (self._setting("PIDFile"), self._setting("X-ReadyWhen")):

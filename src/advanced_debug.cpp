@@ -49,6 +49,7 @@ void compare_line(const std::string &line) {
 } // namespace
 
 void advanced_debug_tick(const std::string &) {
+    const log_reaction what_is_said; // rules on it would make a report of each report
     if (advanced_debug_mode_crash_recurrence != 0) {
         if (advanced_debug_mode_crash_recurrence_tick % advanced_debug_mode_crash_recurrence == 0) {
             if (crash_report_being_created != 0) {
@@ -68,15 +69,22 @@ void advanced_debug_tick(const std::string &) {
 }
 
 void crash_report_log_message_callback(guint, TVEvent *event, gpointer rule) noexcept {
+    const log_reaction what_is_said;
     log_info("Advanced Debug Mode: Found log message.");
-    if (crash_report_being_created == 0) {
+    auto &matched = *static_cast<systemlogs_monitor_t *>(rule);
+    if (!storage_id) {
+        log_info("Advanced Debug Mode: No crash report is made without an external storage.");
+        give_match_back(matched, match_back::as_if_never);
+    } else if (crash_report_being_created == 0) {
         log_info("Advanced Debug Mode: Generating Crash report.");
-        create_crash_report_snapshot();
+        if (!create_crash_report_snapshot()) {
+            give_match_back(matched, match_back::with_cooldown);
+        }
     } else {
         log_info("Advanced Debug Mode: Old crash report still being generated. No new crash report "
                  "will be generated. [crash_report_being_created = %d]",
                  crash_report_being_created);
-        give_match_back(*static_cast<systemlogs_monitor_t *>(rule));
+        give_match_back(matched, match_back::as_if_never);
     }
     tv_event_free(event);
 }

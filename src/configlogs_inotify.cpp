@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr unsigned folder_permissions = 0666;       // the daemon's rights go beyond
+constexpr unsigned folder_permissions = 0777;       // they are entered after unzipping, too
 constexpr long long configuration_max = 10LL << 20; // bytes; a larger file is no configuration
 
 // Which version of a file it is; a file that changes gets another one.
@@ -37,6 +37,7 @@ struct config_watcher {
     std::unique_ptr<vdrl_inotify_watcher> watch;
     ino_t watched = 0;       // the inode under the watch
     file_version copied;     // what the session has, or could not take
+    std::size_t content = 0; // hash of that
     bool is_due = false;     // the session lacks the version that the package has
     std::time_t last_copy{}; // names of copies have a resolution of a second
     guint timer = 0;         // a copy that waits for the next second
@@ -63,6 +64,12 @@ std::optional<file_version> version_of(const std::string &path) {
                     : std::nullopt;
 }
 
+std::size_t content_of(const std::string &path, const file_version &version) {
+    const auto text =
+        version.size <= configuration_max ? file_get_contents(path.c_str()) : std::nullopt;
+    return text ? std::hash<std::string>{}(*text) : 0;
+}
+
 // Copies the configuration as it is now. A version that can't be copied because of itself is not
 // tried again; one that the storage did not take is.
 bool copy_configuration(const std::string &session, config_watcher &slot, bool initial) {
@@ -77,6 +84,7 @@ bool copy_configuration(const std::string &session, config_watcher &slot, bool i
     make_folder((folder + "/" + slot.package).c_str(), folder_permissions);
     errno = 0;
     slot.last_copy = std::time(nullptr);
+    slot.content = content_of(path, *version); // before: what changes meanwhile differs from it
     const bool copied = file_copy_whole(
         path.c_str(), (folder + "/" + slot.package + "/" + *name).c_str(), configuration_max);
     slot.copied = *version;
@@ -207,8 +215,13 @@ void configlogs_inotify_gio_catch_up(const std::string &session_directory) {
         if (version && (!slot.watch || version->inode != slot.watched)) {
             configlogs_inotify_gio_setup(session_directory, std::string(slot.package),
                                          static_cast<int>(i));
-        } else if (slot.watch) {
+        } else if (slot.watch && version &&
+                   (slot.is_due ||
+                    (!(*version == slot.copied) &&
+                     content_of(configuration_path(slot.package), *version) != slot.content))) {
             record_change(slot);
+        } else if (slot.watch && version) {
+            slot.copied = *version; // it was touched
         }
     }
 }

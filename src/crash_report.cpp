@@ -2,6 +2,7 @@
 
 #include "command_limits.h"
 #include "dateutil.h"
+#include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
 #include "session_globals.h"
@@ -9,30 +10,35 @@
 #include "sysutil.h"
 
 #include <cerrno>
+#include <chrono>
 #include <sys/wait.h>
+#include <thread>
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr std::size_t folder_size = 256;
 constexpr unsigned report_folder_permissions = 0666;
 constexpr const char *script = "/usr/local/packages/Vandrel/debug_script.sh";
+constexpr std::chrono::milliseconds packing_limit = 30s; // the session's stop waits for it
 
 } // namespace
 
-void create_crash_report_snapshot() {
+bool create_crash_report_snapshot() {
     if (!secondary_storage_path || !current_activity_folder) {
-        return;
+        return false;
     }
-    crash_report_snapshot(format_bounded(folder_size, "%s%s/%s/%s", secondary_storage_path->c_str(),
-                                         current_activity_folder->c_str(), "system_monitoring",
-                                         "monitoring_basic"));
+    return crash_report_snapshot(
+        format_bounded(folder_size, "%s%s/%s/%s", secondary_storage_path->c_str(),
+                       current_activity_folder->c_str(), "system_monitoring", "monitoring_basic"));
 }
 
-void crash_report_snapshot(const std::string &folder) {
+bool crash_report_snapshot(const std::string &folder) {
     const std::string reports = folder + "/Crash_Reports";
     if (!make_folder(reports.c_str(), report_folder_permissions)) {
         log_error("Could not create '%s'", reports.c_str());
-        return;
+        return false;
     }
     const std::string archive = reports + "/" + date_format_now("Debug_%Y-%m-%dT%H%M%S%Z.tgz");
     // Started under its name, not its path, which stands in for the interpreter's script.
@@ -43,6 +49,33 @@ void crash_report_snapshot(const std::string &folder) {
         log_error("%s Execve failed.", __func__);
     } else if (WIFSIGNALED(status)) {
         log_error("The script of crash report '%s' was killed.", archive.c_str());
+    } else if (WEXITSTATUS(status) != 0) {
+        log_error("The script of crash report '%s' ended with status %d.", archive.c_str(),
+                  WEXITSTATUS(status));
+    }
+    if (status != 0) {
+        return false;
     }
     crash_report_being_created = 1;
+    return true;
+}
+
+void finish_crash_report(const std::string &session_directory) {
+    const std::string reports =
+        session_directory + "/system_monitoring/monitoring_basic/Crash_Reports";
+    const auto is_being_made = [] { return ps_grep_and_check_if_included("debug_script", ".tgz"); };
+    if (!is_directory(reports.c_str()) || !is_being_made()) {
+        return;
+    }
+    // The script dumps no further process once this is there, and packs what it has.
+    const std::string end = reports + "/.tmp_end";
+    (void)file_open_or_warn(end.c_str(), "w");
+    for (auto waited = 0ms; waited < packing_limit && is_being_made(); waited += 200ms) {
+        command_read_lines("killall dcore 2>&1", 200, [](const std::string &) {});
+        std::this_thread::sleep_for(200ms);
+    }
+    file_remove(end.c_str());
+    if (is_being_made()) {
+        log_warning("The crash report that is being made is left out of the session's archive.");
+    }
 }

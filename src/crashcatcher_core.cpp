@@ -16,6 +16,7 @@ constexpr const char *own_end = "/coredumps/core.%e.%p.%h.%t";
 constexpr std::size_t pattern_max = 127;
 
 std::optional<std::string> old_core_pattern;
+std::optional<std::string> pending_path; // that the pattern could not be turned to yet
 
 // The kernel takes a pattern with one write.
 bool write_pattern(std::FILE *file, const std::string &pattern) {
@@ -46,14 +47,26 @@ void set_core_pattern(const std::string &path) {
         return;
     }
     const unique_file file = file_open_or_warn(core_pattern_path, "w");
-    if (!file) {
+    if (!file || !write_pattern(file.get(), pattern)) {
+        pending_path = path;
+        if (file) {
+            log_error("Crash detection: Unable to set new core pattern");
+        }
         return;
     }
-    if (write_pattern(file.get(), pattern)) {
-        log_info("Crash detection: Core pattern set up successfully to: %s", path.c_str());
-    } else {
-        log_error("Crash detection: Unable to set new core pattern");
+    log_info("Crash detection: Core pattern set up successfully to: %s", path.c_str());
+}
+
+void renew_core_pattern() {
+    if (!pending_path) {
+        return;
     }
+    const unique_file file = file_open(core_pattern_path, "w");
+    if (file && write_pattern(file.get(), own_start + *pending_path + "core.%e.%p.%h.%t")) {
+        log_info("Crash detection: Core pattern set up successfully to: %s", pending_path->c_str());
+        pending_path.reset();
+    }
+    errno = 0;
 }
 
 void reset_core_pattern() {
@@ -69,6 +82,7 @@ void reset_core_pattern() {
         }
     }
     old_core_pattern.reset();
+    pending_path.reset();
 }
 
 const std::optional<std::string> &get_core_pattern() {

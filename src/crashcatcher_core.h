@@ -9,6 +9,9 @@
 // an old pattern kept, crash detection is not set up.
 void set_core_pattern(const std::string &path);
 
+// Writes a pattern that could not be written then; quietly if it still can't be.
+void renew_core_pattern();
+
 // Writes the kept pattern back, or the device's standard one, and forgets it in any case.
 void reset_core_pattern();
 

@@ -43,12 +43,22 @@ bool is_report(std::string_view name) {
     return at != std::string_view::npos && name.substr(at) == report_ending;
 }
 
+// Kernel dumps do, too, under a name of their own while they are copied.
+bool is_temporary(std::string_view name) {
+    return name.starts_with(".tmp");
+}
+
 } // namespace
 
 void create_dir_monitor(const std::string &session_directory) {
     if (get_core_pattern()) {
-        if (inotify_watcher && crash_path && is_directory(crash_path->c_str())) {
-            (void)vdrl_inotify_renew(*inotify_watcher);
+        if (crash_path && is_directory(crash_path->c_str())) {
+            renew_core_pattern();
+            if (!inotify_watcher) {
+                watch_crash_path();
+            } else {
+                (void)vdrl_inotify_renew(*inotify_watcher);
+            }
         }
         return;
     }
@@ -72,7 +82,7 @@ void inotify_gio_release() {
 void inotify_gio_process_event(const inotify_event &event, const char *name,
                                vdrl_inotify_watcher &watcher) {
     if (!monitory_active || name == nullptr || *name == '\0' ||
-        (event.mask & IN_CLOSE_WRITE) == 0 || is_report(name)) {
+        (event.mask & IN_CLOSE_WRITE) == 0 || is_report(name) || is_temporary(name)) {
         return;
     }
     top_dir_callback(watcher.name.c_str(), name);

@@ -3,19 +3,22 @@
 #include "dateutil.h"
 #include "fileutil.h"
 #include "log.h"
+#include "strutil.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <sys/stat.h>
+#include <utility>
 
 namespace {
 
-// The file whose rows could not be written, until they can be again: a full storage is one warning,
-// not one for each of its files and minutes.
-std::string failing_path;
+// The file that a failure with this errno was said of, until it can be written again.
+std::map<int, std::string> said_failures;
+append_counts counts;
 
 // Where the last whole row ends: `size`, unless the file ends in a part of a row.
 off_t end_of_rows(int file, off_t size) {
@@ -69,21 +72,39 @@ append_result append_whole(const std::string &path, std::string_view header, std
 
 bool append_rows(const std::string &path, std::string_view header, std::string_view rows) {
     const append_result result = append_whole(path, header, rows, true);
-    errno = result.error;
-    if (!result.opened) {
-        log_cannot_open(path.c_str());
-    } else if (result.error == 0) {
-        if (path == failing_path) {
-            failing_path.clear();
+    if (result.error == 0) {
+        ++counts.written;
+        std::erase_if(said_failures, [&path](const auto &said) { return said.second == path; });
+        return true;
+    }
+    ++counts.failed;
+    if (said_failures.emplace(result.error, path).second) {
+        errno = result.error;
+        if (result.opened) {
+            log_warning("Could not write to '%s': %s", path.c_str(), std::strerror(errno));
+        } else {
+            log_cannot_open(path.c_str());
         }
-    } else if (failing_path.empty()) {
-        failing_path = path;
-        log_warning("Could not write to '%s': %s", path.c_str(), std::strerror(result.error));
     }
     errno = 0;
-    return result.error == 0;
+    return false;
+}
+
+append_counts take_append_counts() {
+    return std::exchange(counts, {});
+}
+
+void forget_append_failures() {
+    said_failures.clear();
 }
 
 std::string row_time() {
     return date_format_now(date_format_row);
+}
+
+std::string csv_cell(std::string_view name) {
+    const bool is_formula = !name.empty() && std::strchr("=+-@", name.front()) != nullptr;
+    std::string cell = (is_formula ? " " : "") + std::string(name);
+    str_replace_char(cell, ',', ' ');
+    return cell;
 }

@@ -3,6 +3,7 @@
 #include "fileutil.h"
 #include "log.h"
 #include "session_info.h"
+#include "storage_investigator.h"
 #include "strutil.h"
 
 #include <algorithm>
@@ -281,6 +282,20 @@ void reply_listing(GDataOutputStream *stream, const std::string &session) {
                    "],\"complete\":" + (list.entries > entries_max ? "false" : "true") + "}");
 }
 
+void reply_storages(GDataOutputStream *stream) {
+    std::string storages;
+    for (const storage_state &state : storage_states()) {
+        storages += format_text(
+            "%s{\"name\":%s,\"status\":%s,\"usable\":%s,\"size_kb\":%lld,\"percent_used\":%d}",
+            storages.empty() ? "" : ",", json_text(state.name).c_str(),
+            json_text(state.status).c_str(), state.usable ? "true" : "false", state.size_kb,
+            state.percent_used);
+    }
+    errno = 0;
+    http_reply(stream, http_status::ok, "application/json; charset=utf-8",
+               "{\"storages\":[" + storages + "]}");
+}
+
 // --- A part of one file
 
 void reply_file(GDataOutputStream *stream, const std::string &session, const char *relative_path,
@@ -303,10 +318,12 @@ void reply_file(GDataOutputStream *stream, const std::string &session, const cha
     auto position = static_cast<off_t>(*offset);
     auto left = *length;
     ssize_t size = 0;
-    while (left > 0 &&
-           (size = ::pread(file.get(), piece.data(),
-                           std::min<unsigned long long>(left, piece.size()), position)) > 0 &&
-           http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
+    while (
+        left > 0 &&
+        (size = ::pread(file.get(), piece.data(),
+                        static_cast<std::size_t>(std::min<unsigned long long>(left, piece.size())),
+                        position)) > 0 &&
+        http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
         position += size;
         left -= static_cast<unsigned long long>(size);
     }
@@ -415,7 +432,9 @@ void action_view_monitor_data(GDataOutputStream *stream, GHashTable *arguments) 
     const char *file = http_argument(arguments, "file");
     const char *name = http_argument(arguments, "name");
     const char *pid = http_argument(arguments, "pid");
-    if (is_trace_text(path, file)) {
+    if (storage == nullptr && type != nullptr && std::strcmp(type, "storages") == 0) {
+        reply_storages(stream);
+    } else if (is_trace_text(path, file)) {
         reply_file(stream, path, file, http_argument(arguments, "offset"),
                    http_argument(arguments, "length"));
     } else if (!is_monitory_dir(session.c_str())) {

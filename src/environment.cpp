@@ -4,6 +4,7 @@
 #include "csv.h"
 #include "filehandler.h"
 #include "fileutil.h"
+#include "glib_ptr.h"
 #include "log.h"
 #include "session_globals.h"
 #include "strutil.h"
@@ -14,6 +15,7 @@
 #include <chrono>
 #include <cstring>
 #include <fnmatch.h>
+#include <set>
 #include <unistd.h>
 
 int number_of_temperature_sensors = 0;
@@ -95,6 +97,10 @@ std::optional<std::string> text_in_quotes(const std::string &line) {
                                       : std::optional(line.substr(open + 1, close - open - 1));
 }
 
+std::string lower_case(const std::string &text) {
+    return gchar_ptr(g_ascii_strdown(text.c_str(), -1)).get();
+}
+
 void store_value(const std::string &directory, const std::string &file, const char *header,
                  const std::optional<std::string> &value) {
     if (value) {
@@ -131,13 +137,22 @@ void init_environment_monitor_settings() {
     number_of_heaters = ask_count("GetNbrOfHeaters");
     number_of_fans = ask_count("GetNbrOfFans");
     temperature_sensor_names.clear();
+    // The other files of the folder. A card's names know no upper and lower case.
+    std::set<std::string> taken{"power"};
+    for (int i = 0; i < std::max(number_of_heaters, number_of_fans); ++i) {
+        taken.insert(format_text("heater_%d", i));
+        taken.insert(format_text("fan_%d", i));
+    }
     for (int i = 0; i < number_of_temperature_sensors; ++i) {
         std::string name =
             parameter_get(format_text("root.TemperatureControl.Sensor.S%d.Name", i).c_str())
                 .value_or("");
         str_replace_char(name, ' ', '_');
-        temperature_sensor_names.push_back(name.empty() ? format_text("Sensor_%d", i)
-                                                        : file_name_of(name));
+        name = name.empty() ? format_text("Sensor_%d", i) : file_name_of(name);
+        while (!taken.insert(lower_case(name)).second) {
+            name += format_text("_%d", i);
+        }
+        temperature_sensor_names.push_back(name);
     }
 }
 

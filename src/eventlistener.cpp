@@ -93,6 +93,7 @@ void append_to_copy(const char *line) {
 }
 
 void parse_eventlistener_line(const char *line) {
+    const log_reaction what_is_said; // a rule's event is one of those that come here
     append_to_copy(line);
     if (eventlistener_take_line(global_event_buffer, line)) {
         log_event(global_event_buffer);

@@ -500,7 +500,11 @@ void store_proc_interrupts(const std::string &interrupts_directory) {
     const std::string target =
         format_bounded(file_path_size, "%s/%s_interrupts.txt", interrupts_directory.c_str(),
                        date_format_now("%Y%m%d_%H%M%S").c_str());
-    file_copy("/proc/interrupts", target.c_str());
+    if (file_copy("/proc/interrupts", target.c_str())) {
+        // The copy has taken over the time of the kernel's file, which is that of its first use.
+        (void)::utimensat(AT_FDCWD, target.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+        errno = 0;
+    }
 }
 
 bool ps_grep_and_check_if_included(const std::string &pattern, const std::string &needle) {
@@ -526,7 +530,7 @@ std::string get_names_listed_from_directory(const std::string &path, std::size_t
     return names.substr(0, capacity == 0 ? 0 : capacity - 1);
 }
 
-std::vector<std::string> get_subdirectories(const char *path) {
+std::vector<std::string> get_subdirectories(const char *path, bool *are_all) {
     std::vector<std::string> names;
     const unique_folder folder(::opendir(path));
     if (!folder) {
@@ -534,13 +538,17 @@ std::vector<std::string> get_subdirectories(const char *path) {
         return names;
     }
     while (const dirent *entry = ::readdir(folder.get())) {
+        if (entry->d_type != DT_DIR || std::strcmp(entry->d_name, ".") == 0 ||
+            std::strcmp(entry->d_name, "..") == 0) {
+            continue;
+        }
         if (names.size() == subdirectories_max) {
+            if (are_all != nullptr) {
+                *are_all = false;
+            }
             break;
         }
-        if (entry->d_type == DT_DIR && std::strcmp(entry->d_name, ".") != 0 &&
-            std::strcmp(entry->d_name, "..") != 0) {
-            names.emplace_back(entry->d_name);
-        }
+        names.emplace_back(entry->d_name);
     }
     return names;
 }

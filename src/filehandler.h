@@ -36,8 +36,9 @@ bool ps_grep_and_check_if_included(const std::string &pattern, const std::string
 // The names listed in a folder joined by ",", cut to what fits a text of `capacity` bytes.
 std::string get_names_listed_from_directory(const std::string &path, std::size_t capacity);
 
-// The names of the folders in a folder (links are none), at most 100, in the order of the folder.
-std::vector<std::string> get_subdirectories(const char *path);
+// The names of the folders in a folder (links are none), at most 100, in the order of the folder;
+// `are_all` is cleared when there are more.
+std::vector<std::string> get_subdirectories(const char *path, bool *are_all = nullptr);
 
 // The digits of a counter of /proc/vmstat; "" after an error line when there is none.
 std::string vmstat_get_val(const char *counter);

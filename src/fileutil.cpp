@@ -31,11 +31,11 @@ bool has_access(const char *path, int mode) {
 
 // Works on descriptors relative to the parent, so that neither the length of a path nor a folder
 // that is swapped for a link while the tree is being removed can lead elsewhere.
-int remove_entries(int parent, const char *name, int depth) {
+int remove_entries(int parent, const char *name, const std::string &path, int depth) {
     unique_fd descriptor(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     unique_folder folder(descriptor ? ::fdopendir(descriptor.get()) : nullptr);
     if (!folder) {
-        log_warning("Could not open dir for removal: %s", name);
+        log_warning("Could not open dir for removal: %s", path.c_str());
         errno = 0;
         return 0;
     }
@@ -52,7 +52,8 @@ int remove_entries(int parent, const char *name, int depth) {
             S_ISDIR(status.st_mode);
         if (folder_below) {
             if (depth < removal_depth_max) {
-                removed += remove_entries(folder_descriptor, entry_name, depth + 1);
+                removed += remove_entries(folder_descriptor, entry_name, path + "/" + entry_name,
+                                          depth + 1);
             }
         } else if (::unlinkat(folder_descriptor, entry_name, 0) == 0) {
             ++removed;
@@ -174,13 +175,15 @@ void sweep_entries(int parent, const char *name, long age_min, int depth) {
             ::fstatat(here, entry_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
             continue;
         }
+        const bool is_left_over = std::string_view(entry_name).starts_with(temporary_mark) &&
+                                  std::time(nullptr) - status.st_mtime >= age_min;
         if (S_ISDIR(status.st_mode)) {
-            if (depth < removal_depth_max) {
+            if (is_left_over) {
+                (void)remove_entries(here, entry_name, entry_name, 0);
+            } else if (depth < removal_depth_max) {
                 sweep_entries(here, entry_name, age_min, depth + 1);
             }
-        } else if (!S_ISREG(status.st_mode) ||
-                   (std::string_view(entry_name).starts_with(temporary_mark) &&
-                    std::time(nullptr) - status.st_mtime >= age_min)) {
+        } else if (!S_ISREG(status.st_mode) || is_left_over) {
             (void)::unlinkat(here, entry_name, 0);
         }
     }
@@ -456,7 +459,7 @@ bool file_rename(const char *from, const char *to) {
 
 int dir_remove_recursive(const char *path) {
     const place where(path);
-    return remove_entries(where.folder(), where.name(), 0);
+    return remove_entries(where.folder(), where.name(), path, 0);
 }
 
 unique_file file_open(const char *path, const char *mode) {

@@ -4,6 +4,7 @@
 #include "fileutil.h"
 #include "log.h"
 #include "session_globals.h"
+#include "storage_investigator.h"
 #include "strutil.h"
 #include "sysutil.h"
 
@@ -156,7 +157,12 @@ bool copy_dump(dump_storage &storage, const std::string &folder, const std::stri
         }
         return false;
     }
-    return file_copy_whole(from.c_str(), to.c_str(), LLONG_MAX);
+    if (!file_copy_whole(from.c_str(), to.c_str(), LLONG_MAX)) {
+        return false;
+    }
+    // Whoever waits for cores there is told by the close of a file, not by its new name.
+    (void)file_open(to.c_str(), "a");
+    return true;
 }
 
 void update_storage(dump_storage &storage, const std::string &folder,
@@ -212,6 +218,10 @@ int switch_on() {
 
 int setup_storage(dump_storage &storage, const std::string &folder,
                   const std::string &session_directory) {
+    // What is made in the mount point of a storage that is not there fills the camera's own memory.
+    if (!is_mount_point(folder.substr(0, folder.rfind('/')))) {
+        return 0;
+    }
     if (load_listing(storage)) {
         update_storage(storage, folder, session_directory);
     } else {
@@ -240,6 +250,10 @@ int setup_storage(dump_storage &storage, const std::string &folder,
 
 bool kernel_crash_enabled() {
     return asked_setting().value_or(false);
+}
+
+bool kernel_crash_waits_for_restart() {
+    return is_file(flag_file) && !kernel_crash_enabled();
 }
 
 int setup_kernel_crash_monitor(const std::string &session_directory,

@@ -15,6 +15,9 @@ bool kernel_crash_enabled();
 int setup_kernel_crash_monitor(const std::string &session_directory,
                                const std::optional<std::string> &serial);
 
+// Whether the facility was switched on and still waits for the restart that this takes.
+bool kernel_crash_waits_for_restart();
+
 // Copies what has come since the last call into the session's "coredumps". Large dumps take their
 // time.
 void update_kernel_crash_status(const std::string &session_directory,

@@ -121,7 +121,9 @@ void write_pending() {
         }
         failed = failed || error != 0;
     }
-    is_failing = failed;
+    if (!pending.empty()) {
+        is_failing = failed;
+    }
     pending.clear();
 }
 
@@ -180,6 +182,7 @@ void count_again(koral_cgi_monitor_item_t &item, std::uint32_t process_time) {
     ++item.called_count;
     ++item.store_count;
     item.time_last = std::time(nullptr);
+    item.steady_last = std::chrono::steady_clock::now();
     item.process_time_min = std::min(item.process_time_min, process_time);
     item.process_time_max = std::max(item.process_time_max, process_time);
     auto &times = item.moving_average;
@@ -206,6 +209,7 @@ void count_first(std::string key, std::uint32_t process_time) {
     item->url = std::move(key);
     item->called_count = item->store_count = 1;
     item->time_first = item->time_last = std::time(nullptr);
+    item->steady_first = item->steady_last = std::chrono::steady_clock::now();
     item->process_time_min = item->process_time_max = process_time;
     item->moving_average.fill(process_time);
     item->process_time_avg = limited(process_time * 1000ULL);
@@ -301,8 +305,12 @@ std::string item_text(const koral_cgi_monitor_item_t &item) {
     const auto at = item.url.find('@');
     const std::string user = item.url.substr(0, at);
     const std::string path = at == std::string::npos ? "" : item.url.substr(at + 1);
-    const auto seconds =
-        static_cast<std::uint64_t>(std::max<std::time_t>(1, item.time_last - item.time_first));
+    const std::int64_t lasted =
+        std::chrono::floor<std::chrono::seconds>(item.steady_last - item.steady_first).count();
+    const std::int64_t shown = item.time_last - item.time_first;
+    // A difference of more than a second is a clock that was set meanwhile.
+    const auto seconds = static_cast<std::uint64_t>(
+        std::max<std::int64_t>(1, std::abs(shown - lasted) <= 1 ? shown : lasted));
     const std::uint64_t frequency = item.called_count * 1'000'000 / seconds;
     return format_text("URL: %s    User:%s\r\n"
                        "    Called %" PRIu64 " times during the interval: %s -- %s\r\n"
@@ -486,7 +494,7 @@ void koral_output_to_file() {
         }
         path = session_file("monitoring_koral/koral_status.txt");
     }
-    if (file_put_string(path.c_str(), koral_output_state_of_the_table())) {
+    if (file_replace(path.c_str(), koral_output_state_of_the_table())) {
         (void)::chmod(path.c_str(), 0444);
     }
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -22,6 +23,8 @@ struct koral_cgi_monitor_item_t {
         moving_average{}; // ms, newest first; the last stays the first call's
     std::time_t time_first = 0;
     std::time_t time_last = 0;
+    std::chrono::steady_clock::time_point steady_first; // the same
+    std::chrono::steady_clock::time_point steady_last;
 };
 
 // So many different calls are tracked.

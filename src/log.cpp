@@ -1,11 +1,15 @@
 #include "log.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <mutex>
 #include <new>
 #include <poll.h>
@@ -94,7 +98,42 @@ void send_or_count(int level, const std::string &message) {
     errno = before;
 }
 
+// --- Reactions
+
+struct reaction {
+    std::size_t hash = 0;
+    std::chrono::steady_clock::time_point time{};
+};
+constexpr auto reaction_memory = std::chrono::minutes(5);
+constexpr std::size_t reaction_compared = 200; // bytes; the log service may cut a line
+
+std::mutex reactions_mutex;
+std::array<reaction, 4096> reactions; // guarded by reactions_mutex; the oldest is overwritten
+std::size_t next_reaction = 0;        // as well
+thread_local int reaction_depth = 0;
+
+// The log service writes what is not printable in a way of its own, blanks at the ends as well.
+std::size_t reaction_hash(std::string_view message) {
+    message.remove_prefix(std::min(message.find_first_not_of(' '), message.size()));
+    const auto printable = std::find_if(message.begin(), message.end(), [](char ch) {
+        return static_cast<unsigned char>(ch) < ' ' || ch == '#';
+    });
+    message = message.substr(0, static_cast<std::size_t>(printable - message.begin()));
+    message = message.substr(0, reaction_compared);
+    message = message.substr(0, message.find_last_not_of(' ') + 1);
+    return std::hash<std::string_view>{}(message);
+}
+
+void remember_reaction(const std::string &message) {
+    const std::lock_guard lock(reactions_mutex);
+    reactions[next_reaction] = {reaction_hash(message), std::chrono::steady_clock::now()};
+    next_reaction = (next_reaction + 1) % reactions.size();
+}
+
 void deliver(int level, const std::string &message) {
+    if (reaction_depth > 0) {
+        remember_reaction(message);
+    }
     {
         const std::lock_guard lock(sink_mutex);
         if (sink) {
@@ -176,6 +215,23 @@ void log_cannot_open(const char *path) {
 
 void log_install_out_of_memory_handler() {
     std::set_new_handler(out_of_memory);
+}
+
+log_reaction::log_reaction() {
+    ++reaction_depth;
+}
+log_reaction::~log_reaction() {
+    --reaction_depth;
+}
+
+bool log_was_reaction(std::string_view message) {
+    const std::size_t hash = reaction_hash(message);
+    const auto now = std::chrono::steady_clock::now();
+    const std::lock_guard lock(reactions_mutex);
+    return std::any_of(reactions.begin(), reactions.end(), [&](const reaction &entry) {
+        return entry.hash == hash && entry.time != std::chrono::steady_clock::time_point() &&
+               now - entry.time < reaction_memory;
+    });
 }
 
 void log_set_sink(log_sink new_sink) {

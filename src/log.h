@@ -49,6 +49,19 @@ constexpr std::string_view log_module_of(std::string_view path) {
 #define log_notice(...) log_write(LOG_NOTICE, __VA_ARGS__)
 #define log_info(...) log_write(LOG_INFO, __VA_ARGS__)
 
+// What a thread logs while it has one of these is a reaction to a line of the log. It comes back
+// through the log, where it may not be reacted to: that would go on for ever.
+class log_reaction {
+  public:
+    log_reaction();
+    ~log_reaction();
+    log_reaction(const log_reaction &) = delete;
+    log_reaction &operator=(const log_reaction &) = delete;
+};
+
+// Whether a message, as it has come back, was logged so in the last minutes. Any thread.
+bool log_was_reaction(std::string_view message);
+
 // Receives what would go to syslog; with one set, syslog gets nothing. For tests. Called with the
 // sink's mutex held, on the thread that logs.
 using log_sink = std::function<void(int level, const std::string &message)>;

@@ -417,6 +417,7 @@ void start_up() {
     event_init();
     wait_and_collect_monitoring_sessions();
     collect_action_rules();
+    end_left_over_capture();
     collect_wireshark_sessions(true);
     loop_on_termination(stopped_cleanup);
     nc_rules = vdrl_dt_rules_read_from_file();

@@ -2,6 +2,7 @@
 
 #include "advanced_debug.h"
 #include "app_state.h"
+#include "csv.h"
 #include "environment.h"
 #include "filehandler.h"
 #include "fileutil.h"
@@ -12,6 +13,7 @@
 #include "monitoring_session.h"
 #include "ntpd.h"
 #include "onvif.h"
+#include "pcapdump.h"
 #include "scheduled_tasks.h"
 #include "session_globals.h"
 #include "session_info.h"
@@ -24,6 +26,8 @@
 #include "vdrl_http_log.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <unistd.h>
 
 namespace {
 
@@ -101,8 +105,8 @@ void store_http_calls(const std::string &) {
 }
 
 void report_http_calls(const std::string &session) {
-    file_put_string((monitoring_folder(session, "monitoring_koral") + "/koral_status.txt").c_str(),
-                    koral_output_state_of_the_table());
+    file_replace((monitoring_folder(session, "monitoring_koral") + "/koral_status.txt").c_str(),
+                 koral_output_state_of_the_table());
 }
 
 void update_session_lists(const std::string &) {
@@ -111,10 +115,21 @@ void update_session_lists(const std::string &) {
 
 // --- The schedules
 
+// The session of which no row could be written although its storage's service calls it healthy: one
+// that the kernel or its server has made read-only.
+std::string refusing_session;
+
 void run_due(std::span<const duty> duties, unsigned long tick, const std::string &session);
 
 void collect(const std::string &session) {
+    (void)take_append_counts();
     run_due(collection_block(), 0, session);
+    const append_counts counts = take_append_counts();
+    if (counts.failed == 0) {
+        forget_append_failures();
+    } else if (counts.written == 0 && storage_id) {
+        refusing_session = session;
+    }
 }
 
 constexpr duty external_schedule[] = {
@@ -153,6 +168,7 @@ constexpr duty collection_duties[] = {
 
 constexpr duty internal_schedule[] = {
     {1, "what needs the storage", start_what_needs_the_storage},
+    {1, "HTTP log", keep_http_log},
     {360, "server report", create_serverreport_snapshot},
     {360, "media configuration", onvif_copy_media_conf},
     {120, "HTTP calls", report_http_calls},
@@ -181,6 +197,22 @@ void note_storage_is_lost() {
     ++connection_lost_count;
 }
 
+// Whether the session's storage takes what is written again, if it did not.
+bool takes_writes(const std::string &session) {
+    if (refusing_session != session) {
+        return true;
+    }
+    const std::string trial = session + "/.tmp_trial";
+    const unique_file file = file_open(trial.c_str(), "w");
+    const bool written = file && std::fputs(std::string(4096, '.').c_str(), file.get()) >= 0 &&
+                         std::fflush(file.get()) == 0 && ::fsync(::fileno(file.get())) == 0;
+    file_remove(trial.c_str());
+    if (written) {
+        refusing_session.clear();
+    }
+    return written;
+}
+
 enum class space { enough, too_little, unknown };
 
 space free_space() {
@@ -205,13 +237,20 @@ bool storage_is_usable(const std::string &session) {
 void session_tick(unsigned long tick, const std::string &session) {
     space left = free_space();
     const bool external = storage_id.has_value();
-    // An external storage that has gone has no usage to ask for: it is lost, not full.
-    const bool may_be_lost = external && left != space::too_little;
-    const bool usable = !may_be_lost || storage_is_usable(session);
+    // An external storage that has gone has no usage to ask for: it is lost, not full. So is one
+    // that holds another card, or does not take what is written.
+    const bool is_there = is_directory(session.c_str());
+    const bool may_be_lost = external && (left != space::too_little || !is_there);
+    const bool usable =
+        !may_be_lost || (storage_is_usable(session) && is_there && takes_writes(session));
     if (left == space::unknown && usable) {
         left = free_space(); // it may have come back between the two questions
     }
     if (left == space::too_little || (left == space::unknown && usable)) {
+        if (left == space::unknown) {
+            log_warning("Could not get usage of partition for path '%s'.",
+                        secondary_storage_path->c_str());
+        }
         log_warning("Secondary storage is running out of free space. Deactivating monitoring "
                     "session.");
         if (deactivate_monitor_session(session) != 0) {
@@ -223,11 +262,14 @@ void session_tick(unsigned long tick, const std::string &session) {
         note_storage_is_lost();
     } else if (external) {
         run_due(external_storage_schedule(), tick, session);
+        if (refusing_session == session) {
+            note_storage_is_lost();
+        }
     } else {
         run_due(internal_storage_schedule(), tick, session);
     }
     // On a lost storage there is no file to update; its absence has been said.
-    if (is_directory(session.c_str())) {
+    if (is_directory(session.c_str()) && refusing_session != session) {
         update_session_duration(session);
     }
 }
@@ -250,9 +292,11 @@ gboolean timer_callback(gpointer) noexcept {
     loop_end_unless_it_turns(stillness_max);
     if (!serial_number) {
         read_serial_number();
+        resume_waiting_session();
     }
     scheduled_tasks_tick(tick);
     syslog_triggers_keep_listening();
+    mend_cut_off_traces();
     if (has_ntpd_service && tick % 60 == 0) {
         ntpd_log_drift();
     }

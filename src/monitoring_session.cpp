@@ -2,7 +2,9 @@
 
 #include "app_state.h"
 #include "configlogs_inotify.h"
+#include "crash_report.h"
 #include "crashcatcher_inotify.h"
+#include "csv.h"
 #include "dateutil.h"
 #include "eventlistener.h"
 #include "filehandler.h"
@@ -34,6 +36,7 @@
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -49,8 +52,12 @@ constexpr std::size_t start_time_max = 99;
 
 // What the session's start wants on its storage and what has not been there for it yet.
 bool configuration_watches_are_due = false;
+bool is_first_use = false;
 bool event_listener_is_due = false;
 std::string due_image_interval; // seconds as text, "" when nothing is due
+
+// The parameters did not tell it at the start.
+bool resume_waits_for_serial = false;
 
 // What current_monitoring_session.txt says, before any of it is believed.
 struct stored_session {
@@ -252,8 +259,9 @@ std::string crash_report_messages() {
     return text;
 }
 
-void write_session_information(const session_request &request, const std::string &directory,
-                               unsigned long interval) {
+// With the minutes between scheduled crash reports, if there are such.
+void write_session_information(const std::string &directory,
+                               const std::optional<unsigned long> &interval) {
     std::string text;
     const auto model = parameter_get("root.Brand.ProdShortName");
     const auto firmware = parameter_get("root.Properties.Firmware.Version");
@@ -262,11 +270,11 @@ void write_session_information(const session_request &request, const std::string
                 "\r\nFirmware version: " + *firmware + "\r\n";
     }
     text += "Edge storage location: " + storage_id.value_or("Internal Storage") + "\r\n";
-    if (request.debug_mode && storage_id) {
-        if (advanced_debug_mode_crash_interval_activated) {
+    if (storage_id) {
+        if (interval) {
             text += format_text(
                 "Advanced Debug Mode: Scheduled Crash Report generation every %d hours\r\n",
-                static_cast<int>(interval / 60));
+                static_cast<int>(*interval / 60));
         }
         if (advanced_debug_mode_crash_log_message_activated) {
             text += "Advanced Debug Mode: Crash Report generation based on Log Message "
@@ -276,7 +284,7 @@ void write_session_information(const session_request &request, const std::string
     }
     text += "Start Time of the session: " + monitor_start_time.value_or("") +
             "\r\nStop Time of the session: Still active\r\nCollected Data Points: 0\r\n";
-    file_put_string((directory + "/Session_Information.txt").c_str(), text);
+    file_replace((directory + "/Session_Information.txt").c_str(), text);
 }
 
 // --- Completing one
@@ -303,7 +311,7 @@ void complete_signature(const std::string &directory) {
 }
 
 void complete_session_information(const std::string &directory) {
-    rewrite_session_info(
+    const bool recorded = rewrite_session_info(
         directory, "Session_Information_tmp.txt", information_line_max,
         [](std::string &line) {
             if (line.find("Stop Time of the session:") != std::string::npos ||
@@ -314,6 +322,10 @@ void complete_session_information(const std::string &directory) {
         [] {
             return "Stop Time of the session: " + date_format_now(date_format_information) + "\r\n";
         });
+    if (!recorded) {
+        log_error("The stop of the monitoring session could not be recorded in '%s'.",
+                  directory.c_str());
+    }
 }
 
 void append_session_size(const std::string &directory) {
@@ -339,8 +351,21 @@ void _start_image_capturing(const std::string &directory, const std::string &int
 
 void watch_configurations(const std::string &directory) {
     int index = 0;
-    for (const std::string &package : get_subdirectories("/usr/local/packages")) {
+    bool are_all = true;
+    for (const std::string &package : get_subdirectories("/usr/local/packages", &are_all)) {
         configlogs_inotify_gio_setup(directory, package, index++);
+    }
+    if (!are_all) {
+        log_warning("Of the installed packages only %d are watched for changes of their "
+                    "configuration.",
+                    index);
+    }
+}
+
+void watch_configurations_if_due(const std::string &directory) {
+    if (configuration_watches_are_due && is_directory(directory.c_str())) {
+        configuration_watches_are_due = false;
+        watch_configurations(directory);
     }
 }
 
@@ -407,7 +432,7 @@ int _start_monitoring_session(const session_request &request) {
     const std::string root = internal ? localdata_root : storage_root_of(request.storage).value();
     monitor_start_time = date_format_now(date_format_information);
     // The first session on a new card makes the root, without which its space can't be asked for.
-    ::mkdir(root.c_str(), 0755);
+    ::mkdir(root.c_str(), 0700);
     const std::string folder = new_folder_name(root);
     errno = 0;
     if (folder.empty()) {
@@ -417,22 +442,30 @@ int _start_monitoring_session(const session_request &request) {
     _set_current_activity_folder(folder);
     _set_secondary_storage_path(root);
     _set_storage_id(internal ? std::nullopt : std::optional(request.storage));
+    sweep_zip_leftovers(root);
     if (!check_partition_usage(root.c_str())) {
         log_error("Could not start monitoring session: Secondary storage is soon out of disk "
                   "space.");
         return 0;
     }
+    const bool interval_before = advanced_debug_mode_crash_interval_activated;
+    const bool log_message_before = advanced_debug_mode_crash_log_message_activated;
     debug_decision debug;
     unsigned long interval = 0;
     if (request.debug_mode && !internal) {
         debug = decide_debug_mode(request);
-        interval = decimal_prefix_unsigned(request.log_interval.value_or(""));
+        interval =
+            static_cast<unsigned long>(decimal_prefix_unsigned(request.log_interval.value_or("")));
         if (!debug.proceed) {
             return 0;
         }
     }
     const std::string directory = session_directory().value();
     if (!create_session_tree(request, debug.with_interval, directory)) {
+        // Neither the next restart nor the next start takes up what did not begin.
+        (void)empty_file_if_possible(current_monitoring_session_path);
+        advanced_debug_mode_crash_interval_activated = interval_before;
+        advanced_debug_mode_crash_log_message_activated = log_message_before;
         return 0;
     }
     (void)vdrl_http_log_setup();
@@ -443,7 +476,8 @@ int _start_monitoring_session(const session_request &request) {
     create_serverreport_snapshot(directory);
     onvif_copy_media_conf(directory);
     log_start(request, interval);
-    write_session_information(request, directory, interval);
+    const bool has_schedule = request.debug_mode && advanced_debug_mode_crash_interval_activated;
+    write_session_information(directory, has_schedule ? std::optional(interval) : std::nullopt);
     if (storage_id && setup_kernel_crash_monitor(directory, serial_number) != 0) {
         return 1;
     }
@@ -451,6 +485,7 @@ int _start_monitoring_session(const session_request &request) {
         advanced_debug_mode_crash_recurrence = interval;
         advanced_debug_mode_crash_recurrence_tick = 0;
     }
+    forget_append_failures();
     crash_report_being_created = 0;
     monitor_active_minutes_count = 0;
     connection_lost_count = 0;
@@ -498,9 +533,14 @@ int deactivate_monitor_session(const std::string &directory) {
     // With the storage gone there is nothing to complete; nothing is made in its empty mount point.
     const bool storage_is_there = is_directory(directory.c_str());
     if (storage_is_there) {
+        finish_crash_report(directory);
         onvif_copy_media_conf(directory);
         complete_signature(directory);
         complete_session_information(directory);
+    } else {
+        log_warning(
+            "The storage of the monitoring session is not there: its stop time, its size, its "
+            "last log lines and reports and its archive are left out.");
     }
     if (!empty_file_if_possible(current_monitoring_session_path)) {
         log_cannot_open(current_monitoring_session_path);
@@ -545,6 +585,12 @@ bool resume_monitoring_session() {
     if (!stored) {
         return false;
     }
+    // Its storage's folder bears the serial number.
+    resume_waits_for_serial = stored->id && !serial_number;
+    if (resume_waits_for_serial) {
+        log_warning("The monitoring session is continued once the serial number is known.");
+        return false;
+    }
     if (!names_a_session_directory(*stored)) {
         log_warning("No monitoring session can be continued from '%s': storage or folder is "
                     "missing or can not be used.",
@@ -562,16 +608,27 @@ bool resume_monitoring_session() {
         advanced_debug_mode_crash_recurrence_tick = 0;
     }
     log_info("Continuing System Monitoring Session. Device was rebooted or lost power.");
+    if (stored->id && kernel_crash_waits_for_restart()) {
+        log_warning("Kernel crash dumps are not saved until the device has been restarted.");
+    }
     device_log_is_due = true;
     setup_session(session_directory().value(), stored->image_interval);
     return true;
 }
 
+void resume_waiting_session() {
+    if (resume_waits_for_serial && serial_number && !monitory_active) {
+        (void)resume_monitoring_session();
+    }
+}
+
 void setup_session(const std::string &directory, const std::string &image_interval) {
     monitory_active = true;
+    is_first_use = true;
     configuration_watches_are_due = true;
     event_listener_is_due = true;
     due_image_interval = image_interval;
+    watch_configurations_if_due(directory);
     if (apache2_included) {
         if (storage_id) {
             set_http_edge_storage(directory);
@@ -586,9 +643,13 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (!is_directory(directory.c_str())) {
         return;
     }
+    if (std::exchange(is_first_use, false) || connection_lost_count > 0) {
+        sweep_zip_leftovers(*secondary_storage_path);
+    }
     // A power cut while the session was being started left these out.
     if (!is_file((directory + "/Session_Information.txt").c_str())) {
-        write_session_information({}, directory, 0);
+        const unsigned long interval = advanced_debug_mode_crash_recurrence;
+        write_session_information(directory, interval > 0 ? std::optional(interval) : std::nullopt);
     }
     struct stat status {};
     if (::lstat(continuous_syslog_link, &status) != 0) {
@@ -600,14 +661,10 @@ void start_what_needs_the_storage(const std::string &directory) {
         device_log_is_due = false;
         append_device_log(directory);
     }
+    watch_configurations_if_due(directory);
+    configlogs_inotify_gio_catch_up(directory);
     if (storage_id) {
         create_dir_monitor(directory);
-    }
-    if (configuration_watches_are_due) {
-        configuration_watches_are_due = false;
-        watch_configurations(directory);
-    } else {
-        configlogs_inotify_gio_catch_up(directory);
     }
     if (!due_image_interval.empty()) {
         _start_image_capturing(directory, due_image_interval);

@@ -27,8 +27,10 @@ int deactivate_monitor_session(const std::string &session_directory);
 
 // Takes over the session that ran before a restart, as current_monitoring_session.txt names it.
 // False when it names none, or none that can be used (logged): the start is a fresh one then.
-// At start, once the serial number is known.
+// At start.
 bool resume_monitoring_session();
+// The same later, for a session that waits for the serial number, once that is known.
+void resume_waiting_session();
 
 // Switches on what belongs to a running session, new or resumed. The interval is the still images'
 // as text, "" for none.

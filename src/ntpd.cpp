@@ -22,8 +22,6 @@ constexpr const char *drift_path = "/var/lib/openntpd/db/ntpd.drift";
 constexpr const char *override_text =
     "[Service]\nExecStart=\nExecStart=/usr/sbin/ntpd -d -s -v -f /run/ntp/ntpd.conf $NTPD_ARGS\n";
 
-constexpr std::size_t drift_line_max = 99;
-
 // No service is restarted then any more, and none needs to be.
 bool device_is_going_down() {
     return system_ret("[ \"$(systemctl is-system-running 2>/dev/null)\" = stopping ]") == 0;
@@ -84,11 +82,11 @@ void ntpd_log_drift() {
     if (!is_file(drift_path)) {
         return;
     }
-    const unique_file file = file_open_or_warn(drift_path, "r");
-    std::string drift;
-    if (file) {
-        (void)read_line(file.get(), drift_line_max, drift);
-        str_terminate_at(drift, '\n');
-        log_info("NTPd Drift is %s (%s)", drift.c_str(), drift_path);
+    if (auto drift = file_get_contents(drift_path)) {
+        while (drift->ends_with('\n')) {
+            drift->pop_back();
+        }
+        str_replace_char(*drift, '\n', ' ');
+        log_info("NTPd Drift is %s (%s)", drift->c_str(), drift_path);
     }
 }

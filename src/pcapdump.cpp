@@ -17,7 +17,11 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <functional>
+#include <sys/stat.h>
 #include <thread>
+#include <utility>
+#include <vector>
 
 bool pcapdump_is_active = false;
 
@@ -29,6 +33,7 @@ constexpr std::size_t destination_size = 200;
 constexpr std::size_t trace_path_size = 400;
 constexpr std::size_t script_command_size = 1024;
 constexpr std::size_t index_line_max = 255;
+constexpr std::size_t download_name_max = 99;
 constexpr const char *index_path =
     "/usr/local/packages/Vandrel/localdata/found_wireshark_sessions.txt";
 constexpr const char *json = "application/json; charset=utf-8";
@@ -40,16 +45,29 @@ std::optional<std::string> wireshark_session_destination;
 std::string current_rec_id;
 std::time_t wireshark_start_time = 0;
 
-// The folder for a recording, or nothing when its names can't be parts of a path and of a command.
+// Beside the traces lie sessions and their archives, and the reports of the device tests; a card's
+// names know no upper and lower case.
+bool is_name_of_something_else(const std::string &recording) {
+    return is_start_stamp(recording.substr(0, session_folder_length).c_str()) ||
+           g_ascii_strcasecmp(recording.c_str(), "Network_Device_Test") == 0;
+}
+
+// The folder for a recording, or nothing when its names can't be parts of a path and of a command,
+// or the folder is there and no trace's.
 std::optional<std::string> destination_of(const std::string &storage,
                                           const std::string &recording) {
     const auto root = storage_root_of(storage);
     if (!root || !is_shell_word(recording) || recording.find('/') != std::string::npos ||
         recording.starts_with('.') || recording.starts_with('-') ||
-        root->size() + recording.size() >= destination_size) {
+        root->size() + recording.size() >= destination_size ||
+        is_name_of_something_else(recording)) {
         return std::nullopt;
     }
-    return *root + recording;
+    const std::string destination = *root + recording;
+    struct stat status {};
+    const bool is_free = ::lstat(destination.c_str(), &status) != 0 && errno == ENOENT;
+    errno = 0;
+    return is_free || is_trace_dir(destination.c_str()) ? std::optional(destination) : std::nullopt;
 }
 
 std::string in_folder(const std::string &folder, const char *file) {
@@ -96,21 +114,27 @@ void log_duration(std::time_t start) {
              seconds / 3600, seconds / 60 % 60, seconds % 60);
 }
 
+// The index's lines by their tag:
 // "S:2026-11-21 05:50:48", "P:/var/spool/storage/SD_DISK/Vandrel_02A5C41E90B7/rec1", "E:..."
-std::string index_json() {
-    std::string out;
+void read_index(const std::function<void(char tag, const std::string &value)> &take) {
     const unique_file index = file_open(index_path, "r");
     std::string line;
-    bool open = false;
     while (index && read_line(index.get(), index_line_max, line)) {
         str_terminate_at(line, '\n');
-        const std::string value = line.size() > 2 ? line.substr(2) : "";
-        if (line.starts_with('S')) {
+        take(line[0], line.size() > 2 ? line.substr(2) : "");
+    }
+    errno = 0;
+}
+
+std::string index_json() {
+    std::string out;
+    bool open = false;
+    read_index([&](char tag, const std::string &value) {
+        if (tag == 'S') {
             out += open ? ", \"stoptime\": \"Active\"}" : "";
             out += (out.empty() ? "" : ",") + ("{\"starttime\":\"" + value + "\"");
             open = true;
-        } else if (line.starts_with('P') && open && is_shell_word(value) &&
-                   value.size() < destination_size) {
+        } else if (tag == 'P' && open && is_shell_word(value) && value.size() < destination_size) {
             const bool active = value == wireshark_session_destination;
             const std::string size_file =
                 in_folder(value, active ? "pcapdump.pcap" : "wireshark_archive.zip");
@@ -121,15 +145,112 @@ std::string index_json() {
             out += is_file(in_folder(value, "zip_info.txt").c_str())
                        ? ", \"zipping_status\":\"Zipping\""
                        : ", \"zipping_status\":\"Not zipping\"";
-        } else if (line.starts_with('E') && open) {
+        } else if (tag == 'E' && open) {
             out += ",\"stoptime\":\"" + value + "\"}";
             open = false;
         }
-    }
+    });
     return out + (open ? ", \"stoptime\": \"Active\"}" : "");
 }
 
+// Runs the script for what comes at a trace's end: its work is done in the trace's folder.
+void run_session_script(const std::string &folder, const std::string &recording, const char *verb) {
+    (void)system_ret(format_bounded(script_command_size,
+                                    "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' "
+                                    "'%s' %s",
+                                    folder.c_str(), serial_number.value_or("").c_str(),
+                                    recording.c_str(), verb)
+                         .c_str());
+}
+
+// --- Traces that a restart or the loss of their storage has cut off
+
+std::optional<std::string> known_mounts; // of the storages, as the kernel lists them
+bool index_is_new = true;                // since it was looked through
+std::vector<std::string> cut_off;
+
+// "38 27 179:1 / /var/spool/storage/SD_DISK rw,nosuid - ext4 /dev/mmcblk0p1 rw"; the first number
+// is another one when the storage has come back. The storages themselves are not touched.
+std::string storage_mounts() {
+    std::string mounts;
+    const unique_file file = file_open("/proc/self/mountinfo", "r");
+    std::string line;
+    while (file && read_line(file.get(), 1023, line)) {
+        if (line.find(" /var/spool/storage/") != std::string::npos) {
+            mounts += line.substr(0, line.find(" - "));
+        }
+    }
+    errno = 0;
+    return mounts;
+}
+
+bool has_file(const std::string &folder, const char *file) {
+    return is_file(in_folder(folder, file).c_str());
+}
+
+// Those that have no end, or an end but no archive.
+void find_cut_off() {
+    cut_off.clear();
+    std::string folder;
+    bool ended = true;
+    const auto take_one = [&] {
+        if (!folder.empty() && is_trace_dir(folder.c_str()) &&
+            (!ended || has_file(folder, "zip_info.txt") ||
+             !has_file(folder, "wireshark_archive.zip"))) {
+            cut_off.push_back(folder);
+        }
+        folder.clear();
+    };
+    read_index([&](char tag, const std::string &value) {
+        if (tag == 'S') {
+            take_one();
+            ended = false;
+        } else if (tag == 'P') {
+            folder = value;
+        } else if (tag == 'E') {
+            ended = true;
+        }
+    });
+    take_one();
+}
+
+void mend(const std::string &folder) {
+    log_info("The trace in '%s' was cut off: it is repaired and packed.", folder.c_str());
+    const std::string recording = folder.substr(folder.rfind('/') + 1);
+    run_session_script(folder, recording, "cut");
+    if (has_file(folder, "pcapdump.pcap")) {
+        terminate_pcapdump(folder);
+    }
+    run_session_script(folder, recording, "stop");
+}
+
 } // namespace
+
+void mend_cut_off_traces() {
+    if (wireshark_session_destination) {
+        return; // its tools are the same
+    }
+    if (const std::string mounts = storage_mounts(); mounts != known_mounts) {
+        if (std::exchange(known_mounts, mounts)) {
+            index_is_new = true;
+            collect_wireshark_sessions(true); // as the start has done
+            return;
+        }
+    }
+    const bool is_due = index_is_new || !cut_off.empty();
+    if (!is_due || ps_grep_and_check_if_included("wireshark_session", ".sh")) {
+        return; // what packs one may have outlived the daemon
+    }
+    if (index_is_new) {
+        index_is_new = false;
+        find_cut_off();
+    }
+    if (!cut_off.empty()) {
+        const std::string folder = cut_off.back();
+        cut_off.pop_back();
+        mend(folder);
+    }
+}
 
 void collect_wireshark_sessions(bool in_background) {
     const std::string serial = serial_number.value_or("");
@@ -143,6 +264,12 @@ void collect_wireshark_sessions(bool in_background) {
 
 void kill_all_pcapdump() {
     command_read_lines("killall pcapdump", 200, [](const std::string &) {});
+}
+
+void end_left_over_capture() {
+    if (ps_grep_and_check_if_included("pcapdump", "-w")) {
+        kill_all_pcapdump();
+    }
 }
 
 int terminate_pcapdump(const std::string &folder) {
@@ -212,16 +339,15 @@ void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
         return;
     }
     http_reply(stream, ok, text, "Wireshark session deactivated.\r\n");
-    g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
+    // The reply ends when the trace can be had.
+    g_output_stream_flush(G_OUTPUT_STREAM(stream), nullptr, nullptr);
     pcapdump_is_active = false;
     const long_reply_turns turns(long_reply::trace_repair);
     terminate_pcapdump(*wireshark_session_destination);
-    (void)system_ret(format_bounded(script_command_size,
-                                    "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' "
-                                    "'%s' stop",
-                                    wireshark_session_destination->c_str(),
-                                    serial_number.value_or("").c_str(), current_rec_id.c_str())
-                         .c_str());
+    run_session_script(*wireshark_session_destination, current_rec_id, "stop");
+    if (!is_directory(wireshark_session_destination->c_str())) {
+        known_mounts = ""; // to be mended when its storage is back, however soon that was
+    }
     log_duration(wireshark_start_time);
     wireshark_session_destination.reset();
 }
@@ -251,7 +377,7 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
     std::string name = "wireshark_archive.zip";
     if (const char *package = std::strstr(folder, "Vandrel")) {
         if (const char *slash = std::strchr(package, '/')) {
-            name = std::string(slash + 1) + ".zip";
+            name = std::string(slash + 1).substr(0, download_name_max - 4) + ".zip";
             str_replace_char(name, '/', '_');
         }
     }

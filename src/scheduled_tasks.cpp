@@ -10,8 +10,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <ctime>
 #include <string_view>
 
 bool automatic_restart_interval = false;
@@ -26,7 +26,10 @@ std::optional<std::string> ptz_test_given_times;
 namespace {
 
 constexpr std::size_t interval_line_max = 198;
-constexpr std::size_t times_max = 4095;     // bytes of a list of times
+constexpr std::size_t times_max = 4095; // bytes of a list of times
+// After a start, before a restart at a time of day: the one that has just happened may have been at
+// this very time, and the clock may not be set yet.
+constexpr auto restart_pause = std::chrono::seconds(90);
 constexpr long long interval_too_short = 2; // minutes
 
 // One of the two tasks: its settings, files, command and what is said about it. The texts differ in
@@ -37,12 +40,13 @@ struct task {
     const char *command; // what it does
     const char *interval_path;
     const char *times_path;
+    const char *fired_path; // the time of day last acted upon and its date; null: not kept
 
     bool &interval;
     unsigned long &length; // of the interval, in ticks
     unsigned long &start;  // tick from which it counts
     std::optional<std::string> &times;
-    std::time_t fired_minute; // in which the times were last acted upon
+    std::string fired; // that time: "2026-11-21 08:00"
 
     const char *interval_reply;
     const char *times_reply;
@@ -63,11 +67,12 @@ task restart{
     "/sbin/reboot",
     "/usr/local/packages/Vandrel/localdata/automatic_restart_interval.info",
     "/usr/local/packages/Vandrel/localdata/automatic_restart_times.info",
+    "/usr/local/packages/Vandrel/localdata/automatic_restart_fired.info",
     automatic_restart_interval,
     nbr_of_ticks_until_activation,
     starting_tick,
     automatic_restart_given_times,
-    0,
+    "",
     "Automatic restart rule has been set.\r\n",
     "Automatic restart rule has been set.\r\n",
     "Automatic restart rule has been stopped.\r\n",
@@ -88,11 +93,12 @@ task ptz_test{
     "com.tarvo.PTZ.Coordinator.Auxiliary string:\"Operator\" int32:0 string:\"reset\"",
     "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_interval.info",
     "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_times.info",
+    nullptr,
     ptz_test_interval,
     ptz_nbr_of_ticks_until_activation,
     ptz_starting_tick,
     ptz_test_given_times,
-    0,
+    "",
     "Automatic PTZ test has been set.\r\n",
     "PTZ test rule has been set.\r\n",
     "Automatic PTZ test has been stopped.\r\n",
@@ -104,6 +110,8 @@ task ptz_test{
     "Stopped automatic PTZ testing",
     "Stopped PTZ Times",
 };
+
+std::chrono::steady_clock::time_point read_at; // the start of the daemon
 
 // --- Acting
 
@@ -133,13 +141,20 @@ bool has_entry(std::string_view times, std::string_view wanted) {
 }
 
 // Two timer ticks fall into each minute, sometimes three: what has fired in it does not fire again.
-void act_at_times(task &what, const std::string &time_of_day, std::time_t minute) {
-    if (what.interval || !what.times || !has_entry(*what.times, time_of_day) ||
-        what.fired_minute == minute) {
+// Nor does a restart when the minute comes again behind it, because the clock is wrong until the
+// network sets it, or begins at the same time with each boot.
+void act_at_times(task &what, const std::string &date_and_time) {
+    constexpr std::size_t date_length = 11; // "2026-11-21 "
+    if (what.interval || !what.times || date_and_time.size() <= date_length ||
+        !has_entry(*what.times, std::string_view(date_and_time).substr(date_length)) ||
+        what.fired == date_and_time) {
         return;
     }
     log_warning("%s", what.name);
-    what.fired_minute = minute;
+    what.fired = date_and_time;
+    if (what.fired_path != nullptr) {
+        file_replace(what.fired_path, what.fired + "\n");
+    }
     (void)system_ret(what.command);
 }
 
@@ -153,7 +168,8 @@ void read_task(task &what) {
     if (const unique_file file = file_open(what.interval_path, "r")) {
         while (read_line(file.get(), interval_line_max, line)) {
             if (const std::size_t at = line.find("T:"); at != std::string::npos) {
-                what.length = decimal_prefix_unsigned(line.c_str() + at + 2);
+                what.length =
+                    static_cast<unsigned long>(decimal_prefix_unsigned(line.c_str() + at + 2));
             }
         }
         what.interval = what.length != 0;
@@ -163,6 +179,12 @@ void read_task(task &what) {
             str_terminate_at(line, '\n');
             what.times = line;
         }
+    }
+    what.fired.clear();
+    if (const unique_file file =
+            file_open(what.fired_path != nullptr ? what.fired_path : "", "r")) {
+        (void)read_line(file.get(), interval_line_max, what.fired);
+        str_terminate_at(what.fired, '\n');
     }
     errno = 0;
 }
@@ -230,6 +252,10 @@ const char *stop(task &what) {
     }
     if (what.times) {
         file_remove(what.times_path);
+        if (what.fired_path != nullptr) {
+            file_remove(what.fired_path);
+        }
+        what.fired.clear();
         log_info("%s: %s.", what.times_stopped, what.times->c_str());
         what.times.reset();
         return what.times_stopped_reply;
@@ -298,8 +324,7 @@ std::string change_syslog_server(const char *status, const char *argument) {
 void read_scheduled_tasks() {
     read_task(restart);
     read_task(ptz_test);
-    // A restart at this very minute is the one that has just happened.
-    restart.fired_minute = std::time(nullptr) / 60;
+    read_at = std::chrono::steady_clock::now();
 }
 
 void scheduled_tasks_tick(unsigned long tick) {
@@ -313,10 +338,11 @@ void scheduled_tasks_tick(unsigned long tick) {
 }
 
 gboolean scheduled_tasks_timer_callback(gpointer) noexcept {
-    const std::string time_of_day = date_format_now("%H:%M");
-    const std::time_t minute = std::time(nullptr) / 60;
-    act_at_times(ptz_test, time_of_day, minute);
-    act_at_times(restart, time_of_day, minute);
+    const std::string date_and_time = date_format_now("%Y-%m-%d %H:%M");
+    act_at_times(ptz_test, date_and_time);
+    if (std::chrono::steady_clock::now() - read_at >= restart_pause) {
+        act_at_times(restart, date_and_time);
+    }
     return G_SOURCE_CONTINUE;
 }
 

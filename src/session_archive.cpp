@@ -17,11 +17,14 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr std::size_t archive_name_size = 128;
 constexpr std::size_t zip_command_size = 1024;
@@ -65,6 +68,12 @@ gboolean look_at_packings(gpointer) noexcept {
 
 std::string base_name(const std::string &path) {
     return path.substr(path.rfind('/') + 1);
+}
+
+// "ziKhWrXF": what zip makes an archive as, under a name of its own beside it.
+bool is_zip_temporary(const std::string &name) {
+    return name.size() == 8 && name.starts_with("zi") &&
+           std::all_of(name.begin(), name.end(), [](char ch) { return g_ascii_isalnum(ch) != 0; });
 }
 
 // A reply without a content type, as these refusals have always been.
@@ -135,6 +144,27 @@ std::string session_archive_path(const std::string &session_directory) {
     return session_directory + ".zip";
 }
 
+void sweep_zip_leftovers(const std::string &root) {
+    std::vector<std::string> left;
+    std::error_code error;
+    for (fs::directory_iterator entry(root, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code ignored;
+        if (is_zip_temporary(entry->path().filename()) && !entry->is_symlink(ignored) &&
+            entry->is_regular_file(ignored)) {
+            left.push_back(entry->path());
+        }
+    }
+    // Asked behind the list: what runs now may have made one of them, what starts later has not.
+    if (left.empty() || ps_grep_and_check_if_included("zip", "--recurse-paths")) {
+        return;
+    }
+    for (const std::string &path : left) {
+        log_info("Removing '%s', which an interrupted zip has left.", path.c_str());
+        file_remove(path.c_str());
+    }
+}
+
 bool is_zipping_session(const std::string &session_directory) {
     if (session_directory.find('/') == std::string::npos) {
         log_warning("Could not get basename of path: %s", session_directory.c_str());
@@ -173,6 +203,7 @@ void zip_session_directory(const char *path) {
     if (const std::string target = parent + archive; !can_append_or_warn(target.c_str())) {
         file_remove(target.c_str());
     }
+    sweep_zip_leftovers(parent);
     const unique_fd folder = folder_descriptor(parent.c_str());
     if (!folder || ::fchdir(folder.get()) != 0) {
         log_error("Could not change directory to: %s", parent.c_str());

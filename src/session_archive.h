@@ -21,4 +21,8 @@ bool is_zipping_session(const std::string &session_directory);
 // session's parent.
 void zip_session_directory(const char *path);
 
+// Removes the unfinished archives beside the sessions of a storage's root that a power cut or the
+// loss of the storage has left; nothing while a session is being zipped.
+void sweep_zip_leftovers(const std::string &root);
+
 std::string session_archive_path(const std::string &session_directory);

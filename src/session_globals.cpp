@@ -4,6 +4,8 @@
 #include "shell_word.h"
 #include "strutil.h"
 
+#include <algorithm>
+#include <cctype>
 #include <utility>
 
 std::optional<std::string> secondary_storage_path;
@@ -31,13 +33,19 @@ void _set_current_activity_folder(std::optional<std::string> folder) {
     current_activity_folder = std::move(folder);
 }
 
+bool is_serial_number(const std::optional<std::string> &text) {
+    return text && !text->empty() && std::all_of(text->begin(), text->end(), [](unsigned char ch) {
+               return std::isalnum(ch) != 0;
+           });
+}
+
 std::optional<std::string> storage_root_of(const std::string &storage) {
-    if (!is_shell_word(storage) || storage.find('/') != std::string::npos ||
-        storage.starts_with('.') || storage.starts_with('-')) {
+    if (!is_serial_number(serial_number) || !is_shell_word(storage) ||
+        storage.find('/') != std::string::npos || storage.starts_with('.') ||
+        storage.starts_with('-')) {
         return std::nullopt;
     }
-    std::string root =
-        "/var/spool/storage/" + storage + "/Vandrel_" + serial_number.value_or("") + "/";
+    std::string root = "/var/spool/storage/" + storage + "/Vandrel_" + *serial_number + "/";
     if (root.size() + session_folder_length > session_directory_max) {
         return std::nullopt;
     }

@@ -53,8 +53,12 @@ inline constexpr std::size_t session_directory_max = 110;
 inline constexpr std::size_t session_directory_size = 200; // of a text that holds one
 inline constexpr std::size_t session_folder_length = 17;   // "20230531_08_27_40"
 
-// "/var/spool/storage/STORAGE/Vandrel_SERIAL/", or nothing when a session directory below it would
-// be too long or the storage is no plain file name that can stand in a command line.
+// Whether it is one: letters and digits. The package's scripts ask the same.
+bool is_serial_number(const std::optional<std::string> &text);
+
+// "/var/spool/storage/STORAGE/Vandrel_SERIAL/", or nothing without a serial number, when a session
+// directory below it would be too long, or when the storage is no plain file name that can stand in
+// a command line.
 std::optional<std::string> storage_root_of(const std::string &storage);
 
 // The running session's directory: its root followed directly by its folder; nothing without both.

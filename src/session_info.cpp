@@ -15,20 +15,10 @@
 namespace {
 
 constexpr std::size_t field_name_max = 1000;
-constexpr std::size_t folder_length = 17;
 constexpr std::size_t info_path_size = 512;
 constexpr std::size_t info_line_max = 1023;
 constexpr std::size_t info_size_max = 1 << 20; // far above what the daemon writes
 constexpr unsigned minutes_a_day = 1440;
-
-bool is_start_stamp(const char *folder) {
-    unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
-    return std::strlen(folder) == folder_length &&
-           std::sscanf(folder, "%4u%2u%2u_%2u_%2u_%2u", &year, &month, &day, &hour, &minute,
-                       &second) == 6 &&
-           year >= 1000 && year <= 9999 && month <= 12 && day <= 31 && hour <= 24 && minute <= 60 &&
-           second <= 60;
-}
 
 // A link on a share could lead anywhere.
 bool is_real(const char *path, mode_t type) {
@@ -62,6 +52,15 @@ bool write_in_place(const std::string &path, const std::string &text) {
 
 } // namespace
 
+bool is_start_stamp(const char *folder) {
+    unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
+    return std::strlen(folder) == session_folder_length &&
+           std::sscanf(folder, "%4u%2u%2u_%2u_%2u_%2u", &year, &month, &day, &hour, &minute,
+                       &second) == 6 &&
+           year >= 1000 && year <= 9999 && month <= 12 && day <= 31 && hour <= 24 && minute <= 60 &&
+           second <= 60;
+}
+
 bool is_monitory_dir(const char *path) {
     const bool below_a_storage =
         path != nullptr &&
@@ -76,7 +75,8 @@ bool is_trace_dir(const char *path) {
     return path != nullptr && is_below_a_storage(path) && std::strstr(path, "//") == nullptr &&
            std::strstr(path, "/.") == nullptr && path[std::strlen(path) - 1] != '/' &&
            is_plain_directory(path) &&
-           is_real((std::string(path) + "/wireshark_signature.txt").c_str(), S_IFREG);
+           is_real((std::string(path) + "/wireshark_signature.txt").c_str(), S_IFREG) &&
+           !is_real((std::string(path) + "/system_monitoring").c_str(), S_IFDIR);
 }
 
 bool rewrite_session_info(const std::string &session_directory, const char *temporary_name,

@@ -8,12 +8,17 @@
 // Texts longer than this can't be a session's path anywhere in the daemon.
 inline constexpr std::size_t session_path_max = 199;
 
+// Whether the text has the form of a session's folder, such as 20230531_08_27_40. The bounds are
+// loose: month 0 and hour 24 pass.
+bool is_start_stamp(const char *folder);
+
 // Whether the path names an existing session directory: below the internal or a platform storage,
 // without "/..", its last part a start stamp such as 20230531_08_27_40. What is asked for by a
 // request must pass this before anything else is done with it.
 bool is_monitory_dir(const char *path);
 
-// The same for the folder of a network trace, which holds the file "wireshark_signature.txt".
+// The same for the folder of a network trace, which holds the file "wireshark_signature.txt"
+// and is no session's.
 bool is_trace_dir(const char *path);
 
 // Gives a field's new value from what stood behind its "NAME: " (line end included), or nothing to

@@ -158,7 +158,8 @@ std::vector<listed_session> read_list(const char *path, session_list_kind kind) 
 
 std::string state_json() {
     const bool on_storage = monitory_active && connection_lost_count == 0 && storage_id;
-    const bool space = !on_storage || determine_if_this_storage_is_ok(storage_id->c_str(), true);
+    const bool space = !on_storage || (determine_if_this_storage_is_ok(storage_id->c_str(), true) &&
+                                       is_directory(session_directory().value_or("").c_str()));
     const unsigned long lost_count = on_storage ? (space ? 0UL : 1UL) : connection_lost_count;
     const auto value = [](const char *name) { return parameter_get(name).value_or(""); };
     return format_text(

@@ -84,7 +84,7 @@ void create_nc_snapshot(const std::string &session_directory) {
     std::string rows;
     for (const nc_rules_t *rule = nc_rules.get(); rule != nullptr; rule = rule->next.get()) {
         rows += format_text("%s,%s,%s,%d,%lu,%llu,%llu,%d,%d,%d\r\n", time.c_str(),
-                            rule->nc_name.c_str(), rule->nc_address.c_str(), rule->port,
+                            csv_cell(rule->nc_name).c_str(), rule->nc_address.c_str(), rule->port,
                             static_cast<unsigned long>(rule->timer),
                             static_cast<unsigned long long>(rule->checks_total),
                             static_cast<unsigned long long>(rule->fails_total), rule->fail_count,

@@ -1,5 +1,6 @@
 #include "storage_investigator.h"
 
+#include "fileutil.h"
 #include "log.h"
 #include "session_globals.h"
 #include "shell_word.h"
@@ -9,13 +10,20 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
 
 namespace {
 
 constexpr std::size_t line_max = 199;
+constexpr std::size_t mount_line_max = 1023;
 constexpr std::size_t df_command_size = 1024;
 constexpr std::size_t du_command_size = 256;
 constexpr int full_percent = 90;
+constexpr gint64 states_age_us = 30 * G_USEC_PER_SEC;
+constexpr const char *storage_mounts = "/var/spool/storage/";
+constexpr const char *storages_command =
+    "dbus-send --system --print-reply --reply-timeout=6000 --dest=com.tarvo.Storage "
+    "--type=method_call /com/tarvo/Storage com.tarvo.Storage.GetAllStoragesInfo";
 
 // Positions in a storage's block, counted from the line with its name.
 constexpr unsigned status_position = 3;
@@ -24,7 +32,10 @@ constexpr unsigned last_property = 16;
 constexpr unsigned must_be_true = 6;
 constexpr unsigned must_be_false[] = {9, 10};
 
-bool warn = true; // the last test found its storage healthy
+// The storages whose last test failed. Their names come from requests, too: the list is begun anew
+// when it gets long.
+std::set<std::string> failing;
+constexpr std::size_t failing_max = 50;
 
 bool contains(const std::string &line, const char *text) {
     return line.find(text) != std::string::npos;
@@ -52,7 +63,72 @@ int percent_in(const std::string &line) {
     return value;
 }
 
+// What stands between a line's quotes.
+std::string quoted(const std::string &line) {
+    const std::size_t begin = line.find('"');
+    const std::size_t end = line.rfind('"');
+    return begin == std::string::npos || end == begin ? ""
+                                                      : line.substr(begin + 1, end - begin - 1);
+}
+
+// The storages of the service's reply: of each block the line behind "struct {" has the name.
+std::vector<storage_state> states_in(const std::vector<std::string> &reply) {
+    std::vector<storage_state> states;
+    for (std::size_t i = 0; i + 1 < reply.size(); ++i) {
+        const std::string name = contains(reply[i], "struct {") ? quoted(reply[i + 1]) : "";
+        if (name.empty()) {
+            continue;
+        }
+        storage_reply_reader reader(name);
+        for (const std::string &line : reply) {
+            reader.take_line(line);
+        }
+        const std::size_t status = i + 1 + status_position;
+        states.push_back(
+            {name, status < reply.size() ? quoted(reply[status]) : "", reader.is_healthy(), 0, -1});
+    }
+    return states;
+}
+
+// Takes size and usage from a line of df, as percent_in() shows it.
+void take_usage(storage_state &state, const std::string &line) {
+    const std::size_t size = line.find_first_not_of(' ', std::min(line.find(' '), line.size()));
+    state.size_kb =
+        size == std::string::npos ? 0 : std::max(0LL, decimal_prefix(line.substr(size)));
+    state.percent_used = percent_in(line);
+}
+
 } // namespace
+
+const std::vector<storage_state> &storage_states() {
+    static std::vector<storage_state> states;
+    static gint64 asked_us = 0;
+    const gint64 now_us = g_get_monotonic_time();
+    if (asked_us != 0 && now_us - asked_us < states_age_us) {
+        return states;
+    }
+    std::vector<std::string> reply;
+    command_read_lines(storages_command, line_max,
+                       [&reply](const std::string &line) { reply.push_back(line); });
+    states = states_in(reply);
+    states.push_back({"localdata", "OK", true, 0, -1});
+    // The last line is that of the internal storage, whatever it is mounted on.
+    std::string last;
+    command_read_lines("/bin/df -k -P; /bin/df -k -P /usr/local/packages/Vandrel/localdata",
+                       line_max, [&last](const std::string &line) {
+                           for (storage_state &state : states) {
+                               if (line.ends_with(storage_mounts + state.name + "\n")) {
+                                   take_usage(state, line);
+                               }
+                           }
+                           last = line;
+                       });
+    if (contains(last, "%")) {
+        take_usage(states.back(), last);
+    }
+    asked_us = now_us;
+    return states;
+}
 
 storage_reply_reader::storage_reply_reader(const std::string &name)
     : quoted_name_("\"" + name + "\"") {}
@@ -92,9 +168,7 @@ bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also) {
 
 std::optional<bool> ask_whether_storage_is_ok(const char *name_to_go_by, bool log_also) {
     storage_reply_reader reply(name_to_go_by);
-    command_pipe pipe("dbus-send --system --print-reply --reply-timeout=6000 "
-                      "--dest=com.tarvo.Storage --type=method_call /com/tarvo/Storage "
-                      "com.tarvo.Storage.GetAllStoragesInfo");
+    command_pipe pipe(storages_command);
     std::string line;
     while (pipe.next_line(line_max, line)) {
         reply.take_line(line);
@@ -107,16 +181,31 @@ std::optional<bool> ask_whether_storage_is_ok(const char *name_to_go_by, bool lo
         return false;
     }
     if (reply.is_healthy()) {
-        warn = true;
+        failing.erase(name_to_go_by);
         return true;
     }
-    if (warn && log_also) {
+    if (failing.size() >= failing_max) {
+        failing.clear();
+    }
+    if (failing.insert(name_to_go_by).second && log_also) {
         errno = 0;
         log_error("%s: Lost connection to storage location: %s, no data can be saved.",
                   "determine_if_this_storage_is_ok", name_to_go_by);
     }
-    warn = false;
     return false;
+}
+
+// "38 27 179:1 / /var/spool/storage/SD_DISK rw,nosuid - ext4 /dev/mmcblk0p1 rw"
+bool is_mount_point(const std::string &path) {
+    const unique_file file = file_open("/proc/self/mountinfo", "r");
+    const std::string word = " " + path + " ";
+    std::string line;
+    bool found = false;
+    while (file && !found && read_line(file.get(), mount_line_max, line)) {
+        found = line.substr(0, line.find(" - ")).find(word) != std::string::npos;
+    }
+    errno = 0;
+    return found;
 }
 
 int get_storage_use_pcent(const char *path, bool *has_hung) {
@@ -125,7 +214,11 @@ int get_storage_use_pcent(const char *path, bool *has_hung) {
         return -1;
     }
     const std::string command = format_bounded(df_command_size, "/bin/df -k -P '%s'", path);
-    command_pipe pipe(command.c_str());
+    command_pipe pipe(command.c_str(), std::nothrow);
+    if (!pipe) {
+        log_error("Could not popen: %s", command.c_str());
+        return -1;
+    }
     std::string line;
     if (!pipe.next_line(line_max, line)) {
         (void)pipe.close();

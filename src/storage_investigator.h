@@ -6,9 +6,10 @@
 #include <glib.h>
 #include <optional>
 #include <string>
+#include <vector>
 
 // Asks the platform's storage service (at most 6 seconds). The loss of a storage is logged once, if
-// `log_also`, until a test succeeds again.
+// `log_also`, until a test of it succeeds again.
 bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also);
 
 // The same, but nothing when the tool that asks has hung: it tells nothing of the storage.
@@ -30,6 +31,21 @@ class storage_reply_reader {
     bool status_ok_ = false;
     bool properties_[17] = {};
 };
+
+// Whether a file system is mounted there. An ejected storage leaves its empty mount point behind.
+bool is_mount_point(const std::string &path);
+
+struct storage_state {
+    std::string name;   // as the storage service has it, or "localdata"
+    std::string status; // the service's word: "OK", "Disconnected"
+    bool usable;
+    long long size_kb; // of its partition; 0 while it is not mounted
+    int percent_used;  // -1 while it is not mounted
+};
+
+// All storages of the camera, and the internal one behind them. Asked for by two commands, at most
+// every 30 seconds; in between the last answer. Without the storage service only the internal one.
+const std::vector<storage_state> &storage_states();
 
 // Percent used of the partition that holds the path: 0 when the tool's output has no such number,
 // -1 on error. `has_hung`, if given, tells whether that is because the tool did not answer.

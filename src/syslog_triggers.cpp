@@ -29,20 +29,8 @@ constexpr std::size_t rule_line_max = 499;
 constexpr std::size_t json_text_max = 255;
 constexpr const char *not_triggered = "Not triggered yet";
 
-// What the daemon says because a rule has matched or an event has come, some of it behind the place
-// where it was noticed. Such a line comes back through the log.
-constexpr std::string_view reactions[] = {
-    "Advanced Debug Mode: Found log message",
-    "Advanced Debug Mode: Generating Crash report",
-    "Advanced Debug Mode: Old crash report still being generated.",
-    "Advanced Debug Mode: Generating Crash Report finished.",
-    "Metadata Event ",
-    "Topic number is not a digit, skipping.",
-    "Duplicate topics with index ",
-    "Could not find ending apostrophe for topic name, skipping.",
-    " Execve failed.",
-    "matches faster than events can be sent",
-};
+// What the package's scripts log under for lines that no rule may match.
+constexpr std::string_view silent_tag = "Vandrel-silent: ";
 
 std::mutex rules_mutex; // guards the list, all of its rules, their filters, the events to send
 std::unique_ptr<systemlogs_monitor_t> systemlog_rules_list;
@@ -221,17 +209,18 @@ bool read_rules(const char *path, bool subscribed) {
 
 // --- Matching, on the follower's thread
 
+// What the daemon says because a rule has matched or an event has come, and what its scripts say
+// so.
 bool is_own_reaction(std::string_view line) {
-    static const std::string tag = "Vandrel[" + std::to_string(::getpid()) + "]";
+    static const std::string tag = "Vandrel[" + std::to_string(::getpid()) + "]: ";
     const std::size_t at = line.find(tag);
-    return at != std::string_view::npos &&
-           std::any_of(std::begin(reactions), std::end(reactions), [&](std::string_view text) {
-               return line.find(text, at + tag.size()) != std::string_view::npos;
-           });
+    return line.find(silent_tag) != std::string_view::npos ||
+           (at != std::string_view::npos && log_was_reaction(line.substr(at + tag.size())));
 }
 
 // Whether the rule's event shall be sent now; counts if so. A crash-report rule says why it isn't.
 bool count_match(systemlogs_monitor_t &rule, std::time_t now) {
+    const log_reaction what_is_said;
     if (!rule.is_subscribed) {
         return true;
     }
@@ -244,8 +233,9 @@ bool count_match(systemlogs_monitor_t &rule, std::time_t now) {
         return false;
     }
     const std::int64_t elapsed = now - rule.latest_activation;
-    // The first match passes whatever the clock says: a camera's may begin at 1970.
-    if (rule.latest_activation != 0 && elapsed < rule.cooldown) {
+    // The first match passes whatever the clock says: a camera's may begin at 1970. So does one
+    // when it was set back since the last: how long ago that was is not known.
+    if (rule.latest_activation != 0 && elapsed >= 0 && elapsed < rule.cooldown) {
         const auto left = static_cast<unsigned>(rule.cooldown - elapsed);
         log_info("Advanced Debug Mode: Found log message within Cool Down time. No Crash Report "
                  "will generated. Will be ready in %u minutes, %u seconds.",
@@ -264,6 +254,7 @@ void note_left_out(const systemlogs_monitor_t &rule, std::time_t now) {
     ++events_left_out;
     if (now - left_out_said_at >= pause_s || now < left_out_said_at) {
         left_out_said_at = now;
+        const log_reaction what_is_said;
         log_warning("System log trigger \"%s\" matches faster than events can be sent: %lu events "
                     "have been left out.",
                     rule.name.c_str(), std::exchange(events_left_out, 0));
@@ -286,6 +277,7 @@ gboolean send_events(gpointer) noexcept {
         }
         are_more = are_being_sent = !events_to_send.empty();
     }
+    const log_reaction what_is_said;
     for (const std::uint32_t event : events) {
         send_event_systemlogs(event); // of a rule that has gone meanwhile: nothing is sent
     }
@@ -520,9 +512,11 @@ void traverse_and_trigger_if_so(const char *line) {
     }
 }
 
-void give_match_back(systemlogs_monitor_t &rule) {
+void give_match_back(systemlogs_monitor_t &rule, match_back how) {
     const std::lock_guard lock(rules_mutex);
-    rule.latest_activation = 0;
+    if (how == match_back::as_if_never) {
+        rule.latest_activation = 0;
+    }
     if (rule.count > 0) {
         --rule.count;
     }

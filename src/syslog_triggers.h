@@ -71,8 +71,10 @@ void remove_all_subscribed_triggers();
 // on for ever.
 void traverse_and_trigger_if_so(const char *line);
 
-// Undoes the latest match of a crash-report rule: it neither counts nor starts a cooldown.
-void give_match_back(systemlogs_monitor_t &rule);
+// Undoes the latest match of a crash-report rule: it does not count, and starts no cooldown unless
+// the next match would come to nothing as well.
+enum class match_back { as_if_never, with_cooldown };
+void give_match_back(systemlogs_monitor_t &rule, match_back how);
 
 // Writes both rule files. A failure is logged.
 void store_systemlog_analyser_rules();

@@ -129,6 +129,20 @@ void log_limit(const char *command, std::chrono::milliseconds limit) {
                command);
 }
 
+running_command start_if_possible(const char *command) {
+    reap_undying();
+    running_command started;
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) == 0) {
+        started.output = unique_fd(ends[0]);
+        const unique_fd write_end(ends[1]);
+        spawn_settings settings;
+        settings.write_into(write_end.get());
+        started.pid = spawn_shell(command, settings);
+    }
+    return started;
+}
+
 } // namespace
 
 int run_program(const char *const argv[], program_descriptors descriptors, int output,
@@ -154,16 +168,7 @@ int run_program(const char *const argv[], program_descriptors descriptors, int o
 }
 
 running_command start_command(const char *command) {
-    reap_undying();
-    running_command started;
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) == 0) {
-        started.output = unique_fd(ends[0]);
-        const unique_fd write_end(ends[1]);
-        spawn_settings settings;
-        settings.write_into(write_end.get());
-        started.pid = spawn_shell(command, settings);
-    }
+    running_command started = start_if_possible(command);
     if (started.pid < 0) {
         log_fatal("Could not popen '%s'", command);
     }
@@ -269,13 +274,21 @@ std::optional<unsigned long long> group_cpu_ticks(pid_t group) {
     return ticks;
 }
 
-command_pipe::command_pipe(const char *command) : command_(command) {
+command_pipe::command_pipe(const char *command, std::nothrow_t) : command_(command) {
     has_hung_ = is_left_out(command_);
     if (!has_hung_) {
         left_ = limit_of(command_).limit;
         is_limited_ = left_ > 0ms;
-        child_ = start_command(command);
-        ::fcntl(child_.output.get(), F_SETFL, O_NONBLOCK);
+        child_ = start_if_possible(command);
+        if (child_.output) {
+            ::fcntl(child_.output.get(), F_SETFL, O_NONBLOCK);
+        }
+    }
+}
+
+command_pipe::command_pipe(const char *command) : command_pipe(command, std::nothrow) {
+    if (!*this) {
+        log_fatal("Could not popen '%s'", command);
     }
 }
 
@@ -357,10 +370,9 @@ int command_pipe::close() noexcept {
 }
 
 bool was_ended_by_signal(int wait_status) {
-    constexpr int shell_signal_status =
-        128; // the shell's own status for "ended by signal N" is 128 + N
-    return WIFSIGNALED(wait_status) ||
-           (WIFEXITED(wait_status) && WEXITSTATUS(wait_status) > shell_signal_status);
+    // The shell's own status for "ended by signal N" is 128 + N; a tool's may be higher.
+    const int signal = WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) - 128 : 0;
+    return WIFSIGNALED(wait_status) || (signal > 0 && signal <= SIGRTMAX);
 }
 
 int command_read_lines(const char *command, std::size_t max_characters,

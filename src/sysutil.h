@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <functional>
+#include <new>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -62,6 +63,9 @@ pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limi
 class command_pipe {
   public:
     explicit command_pipe(const char *command);
+    // The same, but false afterwards, with errno, when no shell can be started.
+    command_pipe(const char *command, std::nothrow_t);
+    explicit operator bool() const noexcept { return has_hung_ || child_.pid >= 0; }
     ~command_pipe() { (void)close(); }
     command_pipe(const command_pipe &) = delete;
     command_pipe &operator=(const command_pipe &) = delete;

@@ -95,13 +95,15 @@ std::string storage_log_path(const char *storage, const std::string &serial) {
 }
 
 bool vdrl_dt_log_status_in_file(const nc_rules_t &rule, const std::string &path, bool status) {
+    // What a full storage did not take is no missing file.
     return append_rows(path, "",
                        format_text("%s Network Device Test: [%s] %s: %s\r\n",
                                    date_format_now(date_format_information).c_str(),
                                    rule.nc_name.c_str(),
                                    status ? "Connection successfully established to host"
                                           : "Connection failed to host",
-                                   host_text(rule).c_str()));
+                                   host_text(rule).c_str())) ||
+           is_file(path.c_str());
 }
 
 void vdrl_dt_log_status_on_storage(nc_rules_t &rule, bool status, const char *storage,
@@ -638,8 +640,9 @@ void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const int nbr_of_fails = low_bits(argument("nbr_of_fails"));
 
     const char *reply = "{ \"success\": \"All required parameters were given and OK.\" }";
-    const bool name_fits =
-        !name.empty() && name.size() <= nc_name_max && is_safe_in_double_quotes(name);
+    const bool name_fits = !name.empty() && name.size() <= nc_name_max &&
+                           is_safe_in_double_quotes(name) &&
+                           g_utf8_validate(name.data(), static_cast<gssize>(name.size()), nullptr);
     const bool all_given =
         !address.empty() && is_port(port) && timer != 0 && nbr_of_fails != 0 && name_fits;
     const bool too_long = !host_fits(address, port);

@@ -122,10 +122,13 @@ void vdrl_inotify_destroy(std::unique_ptr<vdrl_inotify_watcher> &watcher) {
     if (owned->source_id != 0) {
         loop_remove(owned->source_id);
     }
+    // The kernel takes the watch of a deleted file away by itself, and says so only afterwards.
     if (owned->wd >= 0 &&
-        ::inotify_rm_watch(g_io_channel_unix_get_fd(owned->gio.get()), owned->wd) != 0) {
+        ::inotify_rm_watch(g_io_channel_unix_get_fd(owned->gio.get()), owned->wd) != 0 &&
+        errno != EINVAL) {
         log_error("inotify_rm_watch error, wd:%d", owned->wd);
     }
+    errno = 0;
     gerror_ptr error;
     if (g_io_channel_shutdown(owned->gio.get(), FALSE, error_out(error)) == G_IO_STATUS_ERROR) {
         if (error) {

@@ -69,13 +69,12 @@ bool vdrl_nettools_portcheck(const std::string &address, const std::string &port
                            address.c_str(), port.c_str());
         // nc's own limit is one of silence: connected to a host that goes on talking, it stays
         // until it is ended.
-        const int status = system_ret(command.c_str());
-        return status == 0 || status == system_ret_signal;
+        return system_ret(command.c_str()) == 0;
     }
     bool silent = true; // it says something only when it fails
-    command_read_lines(
+    const int status = command_read_lines(
         format_bounded(command_size, "tcptest 4 \"%s\" \"%s\" 2>&1", address.c_str(), port.c_str())
             .c_str(),
         tcptest_piece, [&silent](const std::string &line) { silent = silent && line.empty(); });
-    return silent;
+    return silent && !was_ended_by_signal(status);
 }

@@ -141,9 +141,9 @@ void note_started(const char *address, const char *program) {
 
 int setup_syslog_ng(const char *address) {
     const std::string configuration =
-        format_text("destination d_remote-syslog { network(\"%s\" transport(\"udp\") port(514)); "
+        format_text("destination d_remote-syslog { network(\"%s\" transport(\"udp\") port(514)%s); "
                     "};\nlog { source(s_system); destination(d_remote-syslog); };\n\n",
-                    address);
+                    address, is_ipv6(address) ? " ip-protocol(6)" : "");
     if (!file_replace(syslog_ng_path, configuration) ||
         !file_replace(info_path, std::string(address) + "\n")) {
         return syslog_remote_failed;

@@ -36,6 +36,10 @@ const std::string localdata = "/usr/local/packages/Vandrel/localdata/";
 class Crash : public testing::Test {
   protected:
     void SetUp() override {
+        for (const std::string &path : mounted) {
+            ::umount(path.c_str());
+        }
+        mounted.clear();
         fs::remove_all("/var/spool/storage");
         fs::create_directories(cores);
         fs::create_directories(session + "/system_monitoring/monitoring_basic");
@@ -50,6 +54,14 @@ class Crash : public testing::Test {
         monitory_active = false;
         EXPECT_EQ(zombie_children(), 0);
     }
+    // Until the next test, as a storage is; only there the kernel's dumps are kept.
+    static void mount_storage(const std::string &name) {
+        const std::string path = "/var/spool/storage/" + name;
+        fs::create_directories(path);
+        ASSERT_EQ(::mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr), 0);
+        mounted.push_back(path);
+    }
+    static inline texts mounted;
     log_capture log_;
 };
 
@@ -125,11 +137,12 @@ TEST_F(Crash, EachCoreGetsAReport) {
         write_core(name);
     }
     write_core("core.7.camera_server-report.log");
+    write_core(".tmp_vmcore.elf.lzo"); // a kernel dump that is being copied
     ASSERT_TRUE(run_until([&] { return log_.texts().size() == names.size(); }));
     for (const std::string &name : names) {
         EXPECT_EQ(read_file(cores + name + "_server-report.log"), "report 0 0 1 2 3 \n") << name;
     }
-    EXPECT_EQ(list_folder(cores).size(), 2 * names.size() + 1);
+    EXPECT_EQ(list_folder(cores).size(), 2 * names.size() + 2);
     EXPECT_FALSE(fs::exists("x") || fs::exists("y"));
     EXPECT_EQ(log_.texts()[0], "INFO Crash detected: Server report saved");
 
@@ -153,7 +166,7 @@ TEST_F(Crash, ReportsAreMadeByTheScript) {
     install_tool(script, "ls -l /proc/$$/fd 2>/dev/null >&2; exec >/test/script 2>&1 </dev/null\n"
                          "echo \"$1\"; for n in 2 3 4 5 6 7 8 9; do [ -e /proc/$$/fd/$n ] && echo "
                          "open $n; done; exit 0\n");
-    create_crash_report_snapshot();
+    EXPECT_TRUE(create_crash_report_snapshot());
     EXPECT_EQ(crash_report_being_created, 1);
     const std::string told = read_file("/test/script");
     const std::string reports = session + "/system_monitoring/monitoring_basic/Crash_Reports";
@@ -161,21 +174,26 @@ TEST_F(Crash, ReportsAreMadeByTheScript) {
     EXPECT_EQ(told.substr(told.find('\n')), "\nopen 2\n");
     EXPECT_TRUE(fs::is_directory(reports));
 
-    install_tool(script, "kill -9 $$\n");
     log_.clear();
-    create_crash_report_snapshot();
+    crash_report_being_created = 0;
+    for (const char *end : {"kill -9 $$\n", "exit 1\n"}) {
+        install_tool(script, end);
+        EXPECT_FALSE(create_crash_report_snapshot());
+    }
     fs::remove(script);
-    create_crash_report_snapshot();
-    ASSERT_EQ(log_.texts().size(), 2U);
+    EXPECT_FALSE(create_crash_report_snapshot());
+    EXPECT_EQ(crash_report_being_created, 0);
+    ASSERT_EQ(log_.texts().size(), 3U);
     EXPECT_TRUE(log_.texts()[0].ends_with(".tgz' was killed."));
-    EXPECT_EQ(log_.texts()[1], "ERR (crash_report:#, errno: No such file or directory) "
+    EXPECT_TRUE(log_.texts()[1].ends_with(".tgz' ended with status 1."));
+    EXPECT_EQ(log_.texts()[2], "ERR (crash_report:#, errno: No such file or directory) "
                                "crash_report_snapshot Execve failed.");
     fs::remove_all(root);
     log_.clear();
-    create_crash_report_snapshot(); // nothing is made in an empty mount point
+    (void)create_crash_report_snapshot(); // nothing is made in an empty mount point
     EXPECT_FALSE(fs::exists(root));
     _set_current_activity_folder(std::nullopt);
-    create_crash_report_snapshot();
+    EXPECT_FALSE(create_crash_report_snapshot());
     EXPECT_EQ(log_.texts().size(), 1U);
 }
 
@@ -273,6 +291,9 @@ TEST_F(Crash, KernelDumpsAreCopiedOnce) {
     }
     EXPECT_FALSE(kernel_crash_enabled());
     EXPECT_EQ(setup_kernel_crash_monitor(session, serial), 0);
+    EXPECT_FALSE(kernel_crash_enabled()) << "no storage is mounted";
+    mount_storage("SD_DISK");
+    EXPECT_EQ(setup_kernel_crash_monitor(session, serial), 0);
     EXPECT_TRUE(kernel_crash_enabled());
     EXPECT_TRUE(fs::exists(flag));
     EXPECT_FALSE(fs::exists("/etc/sysconfig/crashdump.conf")); // the card was enough
@@ -327,7 +348,7 @@ TEST_F(Crash, KernelDumpsAreCopiedOnce) {
     EXPECT_EQ(disable_kernel_crash_monitor(serial), 1);
     EXPECT_EQ(disable_kernel_crash_monitor(serial), 0); // no flag was left to take away
     write_file("/test/crashdump", "none\n");
-    fs::create_directories("/var/spool/storage/NetworkShare");
+    mount_storage("NetworkShare");
     EXPECT_EQ(setup_kernel_crash_monitor(session, serial), 1);
     EXPECT_EQ(read_file("/etc/sysconfig/crashdump.conf"),
               "[Crashdump]\nDiskID = NetworkShare\nPath = dumps_A1B2C3D4E5F6\n");
@@ -352,6 +373,7 @@ TEST_F(Crash, AListingHoldsSoMuch) {
     for (int i = 0; i < 200; ++i) {
         write_file(dumps + "dump" + std::to_string(1000 + i) + ".elf.lzo", "x");
     }
+    mount_storage("SD_DISK");
     write_file(localdata + "kernel_crash_listing_sd_card.txt", std::string(5'000, 'y') + "\nmore");
     install_tool("sysctl", "echo debug.crashdump = none\n");
     setup_kernel_crash_monitor(session, std::nullopt);

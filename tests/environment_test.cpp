@@ -76,9 +76,9 @@ TEST(Environment, EveryItemHasItsFile) {
     service({{"GetNbrOfTemperatureSensors", head("   int32 12\n")},
              {"GetNbrOfHeaters", head("   int32 2\n")},
              {"GetNbrOfFans", head("   int32 3\n")},
-             {"GetAllTemperatures",
-              dictionary({pair_of(11, "double 5"), pair_of(1, "double -3.25"),
-                          pair_of(0, "double 41.5"), pair_of(2, "string \"warm\"")})},
+             {"GetAllTemperatures", dictionary({pair_of(11, "double 5"), pair_of(1, "double -3.25"),
+                                                pair_of(0, "double 41.5"), pair_of(3, "double 7"),
+                                                pair_of(2, "string \"warm\"")})},
              {"GetHeaterStatus int32:0", head("   string \"Running\"\n")},
              {"GetHeaterStatus int32:1", head("   boolean true\n")},
              {"GetAllFanStatus",
@@ -86,18 +86,20 @@ TEST(Environment, EveryItemHasItsFile) {
     const std::string long_name(300, 'n');
     start({{"root.TemperatureControl.Sensor.S0.Name", "Main board"},
            {"root.TemperatureControl.Sensor.S1.Name", "../../etc/x"},
+           {"root.TemperatureControl.Sensor.S3.Name", "main board"}, // taken, on a card
            {"root.TemperatureControl.Sensor.S11.Name", long_name}});
     log_capture log;
     collect();
     collect();
     const std::string header = "Date, Time, Temperature (Celsius)\n";
     EXPECT_EQ(rows(environment + "/Main_board.csv"), header + "T,41.5\nT,41.5\n");
+    EXPECT_EQ(rows(environment + "/main_board_3.csv"), header + "T,7\nT,7\n");
     EXPECT_EQ(rows(environment + "/_._.._etc_x.csv"), header + "T,-3.25\nT,-3.25\n");
     EXPECT_EQ(rows(environment + "/" + long_name.substr(0, 90) + ".csv"), header + "T,5\nT,5\n");
     EXPECT_EQ(rows(environment + "/Heater_0.csv"),
               "Date, Time, Heater status\nT,Running\nT,Running\n");
     EXPECT_EQ(rows(environment + "/Fan_0.csv"), "Date, Time, Fan status\nT,Stopped\nT,Stopped\n");
-    EXPECT_EQ(list_folder(environment).size(), 5U) << "what is not told has no file";
+    EXPECT_EQ(list_folder(environment).size(), 6U) << "what is not told has no file";
     const std::string error = "ERR (environment:#, errno: None) Expected string value, got ";
     EXPECT_EQ(log.texts(), texts(2, error + "         double 4"));
     EXPECT_NE(read_file("/tmp/asked")

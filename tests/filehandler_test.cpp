@@ -69,6 +69,16 @@ TEST(Csv, TakesBackWhatAFullStorageCutAndWarnsOnce) {
     EXPECT_EQ(filesize((folder + "/b.csv").c_str()), 0);
     EXPECT_EQ(log.texts(), std::vector<std::string>{"WARNING Could not write to '" + folder +
                                                     "/a.csv': No space left on device"});
+    // One file that can't be written, here a folder, hides no other's failure.
+    fs::create_directory(folder + "/c.csv");
+    (void)take_append_counts();
+    EXPECT_FALSE(append_rows(folder + "/c.csv", "", row));
+    EXPECT_FALSE(append_rows(folder + "/c.csv", "", row));
+    EXPECT_EQ(log.lines().size(), 2U);
+    EXPECT_EQ(take_append_counts().failed, 2U);
+    forget_append_failures();
+    EXPECT_FALSE(append_rows(folder + "/c.csv", "", row));
+    EXPECT_EQ(log.lines().size(), 3U);
     ::umount(folder.c_str());
 }
 

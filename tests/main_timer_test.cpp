@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 namespace fs = std::filesystem;
 
@@ -135,6 +136,7 @@ TEST_F(MainTimer, ALostStorageIsWaitedFor) {
     log_capture log;
     fs::rename(session_, root_ + "away");
     for (unsigned long tick = 1; tick <= 1500; tick += 499) {
+        storage(tick > 1); // what its service calls healthy then is another card
         connection_lost_count = tick - 1;
         tick_at(tick);
         EXPECT_EQ(connection_lost_count, tick);
@@ -159,6 +161,31 @@ TEST_F(MainTimer, ALostStorageIsWaitedFor) {
     EXPECT_EQ(connection_lost_count, 0U);
 }
 
+TEST_F(MainTimer, AStorageThatTakesNothingIsLost) {
+    const char *card = "/var/spool/storage/SD_DISK";
+    ASSERT_EQ(::mount("tmpfs", card, "tmpfs", 0, nullptr), 0);
+    write_file(session_ + "/Session_Information.txt", "Duration: 0 Days 0 hours 1 minutes\n");
+    fs::create_directories(session_ + "/system_monitoring/monitoring_load");
+    install_tool("uptime", "echo 'load average: 1, 2, 3'\n");
+    ASSERT_EQ(::mount(nullptr, card, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    log_capture log;
+    for (unsigned long tick = 2; tick < 6; ++tick) {
+        tick_at(tick);
+        EXPECT_EQ(connection_lost_count, tick - 1);
+    }
+    const auto said = log.texts();
+    EXPECT_EQ(std::count(said.begin(), said.end(),
+                         "ERR (main_timer:#, errno: None) Lost connection to edge storage "
+                         "location, no data can be saved."),
+              1);
+    EXPECT_LT(said.size(), 10U) << "what can't be written is said once";
+    ASSERT_EQ(::mount(nullptr, card, nullptr, MS_REMOUNT, nullptr), 0);
+    tick_at(6);
+    EXPECT_EQ(connection_lost_count, 0U);
+    monitory_active = false;
+    ASSERT_EQ(::umount2(card, MNT_DETACH), 0);
+}
+
 TEST_F(MainTimer, AFullStorageEndsTheSession) {
     for (const bool usage_unknown : {false, true}) {
         SetUp();
@@ -168,8 +195,14 @@ TEST_F(MainTimer, AFullStorageEndsTheSession) {
         tick_at(1);
         EXPECT_FALSE(monitory_active);
         EXPECT_FALSE(session_directory());
-        EXPECT_EQ(log.texts().at(0), "WARNING Secondary storage is running out of free space. "
-                                     "Deactivating monitoring session.");
+        const auto said = log.texts();
+        if (usage_unknown) {
+            EXPECT_EQ(said.at(0),
+                      "WARNING Could not get usage of partition for path '" + root_ + "'.");
+        }
+        EXPECT_EQ(said.at(usage_unknown ? 1 : 0),
+                  "WARNING Secondary storage is running out of free space. "
+                  "Deactivating monitoring session.");
         const std::string information = read_file(session_ + "/Session_Information.txt");
         EXPECT_NE(information.find("Stop Time of the session: "), std::string::npos);
         EXPECT_NE(information.find("Session Size: "), std::string::npos);

@@ -66,13 +66,15 @@ TEST(SessionInfo, KnowsATraceDirectory) {
     fs::create_symlink(folder + "/wireshark_signature.txt",
                        card + std::string("linked/wireshark_signature.txt"));
     write_file("/tmp/Vandrel/wireshark_signature.txt", "");
+    write_file(card + std::string("session/wireshark_signature.txt"), "");
+    fs::create_directories(card + std::string("session/system_monitoring"));
     EXPECT_TRUE(is_trace_dir(folder.c_str()));
     for (const std::string &path :
          {card + std::string("other"), card + std::string("link"), card + std::string("link/"),
-          card + std::string("linked"), card + std::string("/door-1.a"),
-          card + std::string("./door-1.a"), card + std::string("other/../door-1.a"),
-          card + std::string("missing"), folder + "/", folder + "/.",
-          folder + "/wireshark_signature.txt", std::string("/tmp/Vandrel"),
+          card + std::string("linked"), card + std::string("session"),
+          card + std::string("/door-1.a"), card + std::string("./door-1.a"),
+          card + std::string("other/../door-1.a"), card + std::string("missing"), folder + "/",
+          folder + "/.", folder + "/wireshark_signature.txt", std::string("/tmp/Vandrel"),
           folder + std::string(5000, '/'), std::string()}) {
         EXPECT_FALSE(is_trace_dir(path.c_str())) << path.substr(0, 100);
     }

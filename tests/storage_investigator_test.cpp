@@ -4,6 +4,7 @@
 #include "storage_investigator.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 namespace {
 
@@ -74,13 +75,16 @@ TEST(StorageInvestigator, LogsALossOnceUntilTheStorageIsBack) {
     install_tool("dbus-send", "kill -9 $$\n");
     EXPECT_FALSE(ok(true));
     EXPECT_TRUE(log.lines().empty());
-    install_recorder("dbus-send", "");
+    const std::string other = block("NetworkShare", "OK", true, false, false);
+    install_recorder("dbus-send", other);
     for (int loss = 0; loss < 2; ++loss) {
         EXPECT_FALSE(ok(true));
+        EXPECT_TRUE(
+            determine_if_this_storage_is_ok("NetworkShare", true)); // no news of the lost one
         EXPECT_FALSE(ok(true));
         install_recorder("dbus-send", good);
         EXPECT_TRUE(ok(true));
-        install_recorder("dbus-send", "");
+        install_recorder("dbus-send", other);
     }
     EXPECT_FALSE(ok(false)); // silent, and the next one is no news
     EXPECT_FALSE(ok(true));
@@ -117,6 +121,16 @@ TEST(StorageInvestigator, ReadsHowFullAPartitionIs) {
     }
     EXPECT_EQ(recorded_calls().at(0), "df -k -P /x");
     EXPECT_EQ(log.texts().back(), "WARNING Could not get usage of partition for path '/x'.");
+    log.clear();
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{3, limit.rlim_max}; // no further one
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(get_storage_use_pcent("/x"), -1);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    ASSERT_EQ(log.texts(), (std::vector<std::string>{
+                               "ERR (storage_investigator:#, errno: Too many open files) Could not "
+                               "popen: /bin/df -k -P '/x'"}));
     log.clear();
     EXPECT_EQ(get_storage_use_pcent("x"), -1);
     EXPECT_FALSE(check_partition_usage(nullptr));

@@ -1,10 +1,12 @@
 #include "app_state.h"
 #include "log_capture.h"
 #include "sandbox.h"
+#include "snapshots.h"
 #include "vdrl_device_test.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <regex>
 
 namespace fs = std::filesystem;
 
@@ -169,4 +171,29 @@ TEST_F(DeviceTest, CompletesARecordFromItsLastLine) {
         missing += line == "ERR (vdrl_device_test:#, errno: None) fgets returned NULL" ? 1 : 0;
     }
     EXPECT_EQ(missing, 2);
+}
+
+// Each counter in its column, and a name that is no formula and no two cells.
+TEST_F(DeviceTest, IsARowOfTheSession) {
+    const std::string folder = "/tmp/session/system_monitoring/monitoring_devicetest/";
+    fs::create_directories(folder);
+    load("10.0.0.7", 8080, 4);
+    rules_->timer = 6;
+    rules_->checks_total = 21;
+    rules_->fails_total = 5;
+    rules_->fail_count = 2;
+    rules_->connected = true;
+    for (const char *name : {"=1+1,hall", "lobby"}) {
+        rules_->nc_name = name;
+        nc_rules = std::move(rules_);
+        create_nc_snapshot("/tmp/session");
+        rules_ = std::move(nc_rules);
+    }
+    const std::string text =
+        std::regex_replace(read_file(folder + "devicetest_snapshots.csv"),
+                           std::regex("\\d{4}-\\d\\d-\\d\\d,\\d\\d:\\d\\d:\\d\\d"), "D,T");
+    EXPECT_EQ(text, "date,time,name,address,port,interval,total_pings,total_ping_fails,"
+                    "consecutive_fails,fail_threshold,connected_status\r\n"
+                    "D,T, =1+1 hall,10.0.0.7,8080,6,21,5,2,4,1\r\n"
+                    "D,T,lobby,10.0.0.7,8080,6,21,5,2,4,1\r\n");
 }

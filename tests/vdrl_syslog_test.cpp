@@ -169,6 +169,11 @@ TEST_F(Syslog, SyslogNgForwardsToOneServer) {
     EXPECT_EQ(log.texts(), (texts{started + "log.example.com (using syslog-ng).", test_message[0],
                                   test_message[1], stopped + "log.example.com no more."}));
 
+    EXPECT_EQ(vdrl_syslog_remote_setup("fe80::1"), 2);
+    EXPECT_TRUE(read_file(syslog_ng_file)
+                    .starts_with("destination d_remote-syslog { network(\"fe80::1\" "
+                                 "transport(\"udp\") port(514) ip-protocol(6)); };\n"));
+
     syslog_program_installed = syslog_variant_none;
     EXPECT_EQ(vdrl_syslog_remote_setup("log.example.com"), 0);
 }
@@ -286,5 +291,5 @@ TEST(Ntpd, RunsWithTheOverrideFromStartToStop) {
               (texts{"ERR (ntpd:#, errno: None) Could not reload systemd configuration (returned "
                      "1).",
                      "ERR (ntpd:#, errno: None) Could not restart ntp service (returned 1).",
-                     "INFO NTPd Drift is -1.5 (/var/lib/openntpd/db/ntpd.drift)"}));
+                     "INFO NTPd Drift is -1.5 more (/var/lib/openntpd/db/ntpd.drift)"}));
 }

@@ -105,6 +105,18 @@ describe("crashes", () => {
     await until(async () => (await camera.shell(`ls ${reports}/*.tgz 2>/dev/null || :`)) !== "");
     assert.match(await camera.shell(`tar -xzOf ${reports}/*.tgz --wildcards '*/FAILED.txt'`), /core\.httpd\.\d+\.gz: .*status 137/);
     await stop(camera);
+
+    // A report that the stop of the session meets is packed with what it has.
+    await run(camera, "dcore", "hang");
+    const root = reports.slice(0, reports.indexOf("/2"));
+    await camera.shell(`echo left by a power cut >${root}/ziKhWrXF`);
+    await start(camera, { recurrence_crash_reports: "interval", log_interval: "600" });
+    assert.equal(await camera.shell(`ls -A ${root} | grep ^zi || :`), "");
+    const last = `${await session(camera)}/system_monitoring/monitoring_basic/Crash_Reports`;
+    await until(async () => (await camera.shell(`pidof dcore || :`)) !== "", "the generator");
+    await stop(camera);
+    await run(camera, "dcore", "run");
+    assert.match(await camera.shell(`ls -A ${last}`), /^Debug_\S+\.tgz\n$/);
   });
 });
 
@@ -130,7 +142,11 @@ test("kernel dumps are copied once, also when switching takes a restart", async 
   await run(camera, "reboot");
   await until(async () => (await state(camera)).active === 1);
   await until(async () => (await log(camera, "Continuing System Monitoring Session")) !== "");
-  assert.deepEqual(await files(camera, `${folder}/coredumps`), [copied]);
+  // Copied once, with the report of a core under its own name.
+  assert.deepEqual(await until(async () => {
+    const found = await files(camera, `${folder}/coredumps`);
+    return found.length > 1 && found;
+  }), [copied, `${copied}_server-report.log`]);
   assert.equal((await camera.shell(`cmp ${folder}/coredumps/${copied} /var/spool/storage/SD_DISK/dumps/${copied} && echo same`)).trim(), "same");
 
   const pid = await camera.pid("Vandrel");

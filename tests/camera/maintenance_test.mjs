@@ -60,6 +60,14 @@ test("the camera restarts and tests its PTZ head by itself", async (t) => {
   pid = await another(camera, pid);
   await camera.shell("sleep 120"); // it may have come back within the minute that it went down in
   assert.equal(await camera.pid("Vandrel"), pid);
+  // Nor is one repeated when the clock brings its minute again.
+  const [day, time] = (await camera.shell("date -d '+5 minutes' '+%F %H:%M'")).trim().split(" ");
+  await set(camera, "automatic_restart", "set_times", time);
+  await camera.shell(`echo "${day} ${time}" >/usr/local/packages/Vandrel/localdata/automatic_restart_fired.info`);
+  await camera.exec("systemctl", "restart", "Vandrel");
+  pid = await another(camera, pid);
+  await camera.shell("sleep 420");
+  assert.equal(await camera.pid("Vandrel"), pid);
   assert.match((await set(camera, "automatic_restart", "stop")).body, /at given times has been stopped/);
   assert.equal(await log(camera, "Could not restart"), ""); // what goes down isn't restarted
 

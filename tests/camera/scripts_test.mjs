@@ -11,9 +11,9 @@ const CARD = "/var/spool/storage/SD_DISK";
 const SERIAL = "02A5C41E90B7";
 const ROOT = `${CARD}/Vandrel_${SERIAL}`;
 const START = "Wed May 31 08:27:40 CEST 2023";
-const FOLDERS = ["coredumps", "monitoring_metadata", "network_device_test", ...[
+const FOLDERS = ["coredumps", "network_device_test", ...[
   "basic", "basic/Crash_Reports", "basic/Server_Reports", "devicetest", "environment", "interrupts",
-  "kernel", "koral", "koral/logfiles", "koral/others", "load", "meminfo", "network", "onvif", "radar",
+  "kernel", "koral", "koral/logfiles", "koral/others", "load", "meminfo", "metadata", "network", "onvif", "radar",
   "self", "slabinfo", "snapshots", "streams", "topstatus", "vela", "vela_configs", "vmstatus",
 ].map((name) => `system_monitoring/monitoring_${name}`)].sort();
 const BUSYBOX = "awk cat cmp cut date dd du find grep head ls mkdir mv ps readlink rm sed sh sleep " +
@@ -69,7 +69,7 @@ const clear = (camera) =>
 async function state(camera, folder) {
   const tree = (await camera.shell(`cd ${ROOT} 2>/dev/null || exit 0
     find . -mindepth 1 -maxdepth 1 | sed 's/^/top /'
-    cd ${folder} 2>/dev/null && { find . -mindepth 1 -type d -perm 0755 | sed 's/^../in /'
+    cd ${folder} 2>/dev/null && { find . -mindepth 1 -type d -perm 0700 | sed 's/^../in /'
     sed 's/^/signature /' .signature; }; exit 0`)).split("\n");
   const of = (kind) => tree.filter((line) => line.startsWith(kind + " "))
     .map((line) => line.slice(kind.length + 1));

@@ -9,7 +9,7 @@ namespace {
 
 // A place where a header can be read, and what it says.
 struct readable_header {
-    std::uint64_t at;
+    std::size_t at;
     std::uint32_t sec, frac, stored, wire;
     std::uint32_t inserted = 0; // carriage returns inside it
 };
@@ -52,7 +52,7 @@ std::string number(const capture &c, std::uint32_t value, int size = 4) {
     return stored;
 }
 
-std::uint32_t number_at(const capture &c, std::uint64_t at) {
+std::uint32_t number_at(const capture &c, std::size_t at) {
     std::uint32_t value = 0;
     for (unsigned i = 0; i < 4; i++) {
         const auto byte = static_cast<unsigned char>(c.bytes[at + i]);
@@ -127,7 +127,7 @@ void transfer_in_ascii_mode(capture &c) {
 }
 
 // The first readable header in [from, to) that is within a day of the time (0: any).
-const readable_header *next_header(const capture &c, std::uint64_t from, std::uint64_t to,
+const readable_header *next_header(const capture &c, std::size_t from, std::size_t to,
                                    std::uint32_t time) {
     for (auto header = std::lower_bound(c.headers.begin(), c.headers.end(), from,
                                         [](auto &h, auto at) { return h.at < at; });
@@ -140,9 +140,9 @@ const readable_header *next_header(const capture &c, std::uint64_t from, std::ui
     return nullptr;
 }
 
-std::string packet_text(const char *what, std::uint64_t count, std::uint64_t at,
+std::string packet_text(const char *what, std::size_t count, std::size_t at,
                         const readable_header &h) {
-    return text("%s Packet #%lu at position %lu (%u | %u | %u | %u).\n", what, count, at, h.sec,
+    return text("%s Packet #%zu at position %zu (%u | %u | %u | %u).\n", what, count, at, h.sec,
                 h.frac, h.stored, h.wire);
 }
 
@@ -183,7 +183,7 @@ pcap_case expect(const char *name, const capture &c) {
         .name = text("%s%s%s", name, c.big_endian ? " swapped" : "", c.nano ? " nano" : ""),
         .input = c.bytes};
     std::string &log = expected.log;
-    const std::uint64_t size = c.bytes.size();
+    const std::size_t size = c.bytes.size();
     if (size < 24) {
         log = "[-] File is too small to read pcap global header.\n";
         expected.result = -2;
@@ -191,11 +191,11 @@ pcap_case expect(const char *name, const capture &c) {
     }
     expect_global(c, expected);
 
-    std::uint64_t at = expected.result >= 4 ? 0 : 24;
-    std::uint64_t count = 1;
+    std::size_t at = expected.result >= 4 ? 0 : 24;
+    std::size_t count = 1;
     bool overlaps = false;
     readable_header last{}; // written
-    const auto write = [&](const readable_header &h, std::uint64_t data) {
+    const auto write = [&](const readable_header &h, std::size_t data) {
         expected.output +=
             number(c, h.sec) + number(c, h.frac) + number(c, h.stored) + number(c, h.wire);
         expected.output += c.bytes.substr(data, h.stored);
@@ -207,7 +207,7 @@ pcap_case expect(const char *name, const capture &c) {
     };
     while (at < size) {
         if (size - at < 32) {
-            log += text("[-] Not enough bytes left in file ==> SKIPPING %lu bytes.\n", size - at);
+            log += text("[-] Not enough bytes left in file ==> SKIPPING %zu bytes.\n", size - at);
             expected.result++;
             if (count == 1) {
                 log += "[-] No packet has been found!\n";
@@ -218,7 +218,7 @@ pcap_case expect(const char *name, const capture &c) {
         }
         if (const auto *here = next_header(c, at, at + 1, last.sec)) {
             readable_header record = *here;
-            const std::uint64_t start = at + record.inserted;
+            const std::size_t start = at + record.inserted;
             const auto rest = static_cast<std::int64_t>(size - start - 16) - record.stored;
             if (rest < 0 || (rest > 0 && rest < 16)) {
                 log += text("[-] LAST PACKET MISMATCH (%u | %u | %u | %u)\n", record.sec,
@@ -228,7 +228,7 @@ pcap_case expect(const char *name, const capture &c) {
                 log += packet_text("[+] CORRECTED", count, start, record);
                 expected.result++;
             }
-            const std::uint64_t end = start + 16 + record.stored;
+            const std::size_t end = start + 16 + record.stored;
             const auto *next = next_header(c, start + 17, end + 32, last.sec);
             if (rest >= 32 && next_header(c, end, end + 1, record.sec) == nullptr && next) {
                 log += packet_text("[-] FOUND OVERLAPPING data of", count + 1, next->at, *next);
@@ -280,7 +280,7 @@ pcap_case expect(const char *name, const capture &c) {
                 write(record, at + 16);
             } else {
                 log +=
-                    text("[-] Packet #%lu at position %lu is invalid ==> SKIPPING.\n", count, at);
+                    text("[-] Packet #%zu at position %zu is invalid ==> SKIPPING.\n", count, at);
                 expected.dropped = true;
             }
         }
@@ -289,7 +289,7 @@ pcap_case expect(const char *name, const capture &c) {
         at += 16 + record.stored;
     }
     if (expected.result != 0) {
-        log += text("[*] Wrote %lu packets to file.\n", count - 1);
+        log += text("[*] Wrote %zu packets to file.\n", count - 1);
         if (overlaps) {
             log += "[!] This corruption seems to be a result of an ascii-mode transferred pcap "
                    "file via FTP.\n"

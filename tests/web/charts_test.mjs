@@ -20,6 +20,7 @@ const { camera, open } = shared;
 const folder = mkdtempSync(join(tmpdir(), 'charts_test-'));
 let session;
 let archive;
+let link; // to a part of the time
 
 /** The rows of a CSV file whose columns behind the time are numbers. */
 const rowsOf = (csv) => csv.trimEnd().split(/\r?\n/).slice(1).map((row) => {
@@ -34,12 +35,30 @@ async function recorded(file, found) {
   }
 }
 
-/** What the chart of this name really draws, its holes left out. */
-const plotted = (page, name) => page.getByRole('img', { name: `Chart of ${name}.` })
+/** The chart of this name, drawn. */
+async function chart(page, name) {
+  const place = page.getByRole('img', { name: `Chart of ${name}.` });
+  await until(() => place.evaluate(({ plot }) => Boolean(plot)));
+  return place;
+}
+
+/** What a chart really draws, its holes left out. */
+const plotted = async (page, name) => (await chart(page, name))
   .evaluate(({ plot }) => plot.data[0].map((_, index) => plot.data.map((column) => column[index]))
     .filter((row) => row.slice(1).every((value) => typeof value === 'number')));
 
-async function openViewer(options) {
+/** Chooses a chart by a part of its name, as it is typed. */
+async function choose(page, words, title) {
+  await page.getByLabel('Search the charts and files').fill(words);
+  await page.keyboard.press('Enter');
+  await page.getByRole('heading', { name: title, exact: true }).waitFor();
+}
+
+/** What of the chart is in sight. */
+const inSight = async (page, name) => (await chart(page, name))
+  .evaluate(({ plot }) => [plot.scales.x.min, plot.scales.x.max].map(Math.round));
+
+async function openViewer(options, hash = '') {
   const context = await shared.browser.newContext(options);
   context.setDefaultTimeout(60000);
   const page = await context.newPage();
@@ -51,7 +70,7 @@ async function openViewer(options) {
       faults.push(request.url());
     }
   });
-  await page.goto(pathToFileURL(VIEWER).href);
+  await page.goto(pathToFileURL(VIEWER).href + hash);
   return { page, faults, context };
 }
 
@@ -68,44 +87,68 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
   await camera.command('log', '-p', 'user.err', 'a needle');
   await recorded('system_monitoring/monitoring_metadata/eventlistener.txt', (text) => text.includes('systemlogs_'));
   await page.goto(`${camera.address}/local/Vandrel/#/session?${query}`);
-  await page.getByRole('link', { name: 'Chart of load/load' }).click();
+  for (const title of ['Load average', 'Memory', 'Traffic of eth0', 'Temperatures']) {
+    await page.getByRole('img', { name: `Chart of ${title}.` }).waitFor();
+  }
+  await page.getByRole('button', { name: 'Choose charts' }).click();
+  await page.getByLabel('Search the charts and files').fill('cpu nothing');
+  await page.keyboard.press('Enter');
+  await page.getByText('Nothing recorded is called “cpu nothing”.').waitFor();
+  await page.getByLabel('Search the charts and files').fill('degrees');
+  await page.getByText(/^\d+ match$/).waitFor();
+  await page.goto(`${camera.address}/local/Vandrel/#/session?${query}&charts=${encodeURIComponent(`file:${LOAD}`)}`);
   await page.getByRole('heading', { name: 'load/load' }).waitFor();
-  await page.getByRole('button', { name: /^core\./ }).waitFor();
+  await page.getByRole('button', { name: /^core\./ }).first().waitFor();
 
   // It goes on being recorded: what was drawn is a beginning of what is there now.
   const points = await plotted(page, 'load/load');
   const { body } = await camera.action('view_monitor_data', { storage: session, file: LOAD });
   assert.ok(points.length >= 3);
   assert.deepEqual(points, rowsOf(body).slice(0, points.length));
-  await page.getByRole('region', { name: 'Charts' }).getByRole('button', { name: 'Table' }).click();
+  for (const box of await page.locator('.legend').getByRole('checkbox').all()) {
+    await box.check(); // those that never changed are not drawn at first
+  }
+  await page.getByRole('button', { name: 'Table of load/load' }).click();
   const rows = page.getByRole('region', { name: 'Rows of load/load' }).getByRole('row');
   assert.equal(await rows.count(), points.length + 1);
   const [download] = await Promise.all([
-    page.waitForEvent('download'), page.getByRole('button', { name: 'Download CSV' }).click(),
+    page.waitForEvent('download'), page.getByRole('button', { name: 'CSV of load/load' }).click(),
   ]);
   assert.deepEqual(rowsOf(readFileSync(await download.path(), 'utf8')), points);
   await page.getByRole('button', { name: 'Zoom in' }).click();
   await page.waitForFunction((all) => document.querySelectorAll('.chart-table tbody tr').length < all, points.length);
-  await page.getByRole('button', { name: 'All', exact: true }).click();
+  await page.waitForURL(/from=.*to=/);
+  link = new URL(page.url()).hash;
+  const span = await inSight(page, 'load/load');
+  const other = await open(link);
+  await other.getByRole('heading', { name: 'load/load' }).waitFor();
+  assert.deepEqual((await inSight(other, 'load/load')).map((time, index) => Math.abs(time - span[index]) <= 1), [true, true]);
+  await other.context().close();
+  await page.goBack();
+  await page.waitForURL((url) => !url.hash.includes('from='));
 
-  await page.getByLabel('File to draw').fill('eth0');
-  await page.getByRole('button', { name: 'Add chart' }).click();
+  await choose(page, 'network/eth0', 'network/eth0');
   await page.getByLabel('Values of network/eth0').selectOption('As recorded');
   const traffic = await plotted(page, 'network/eth0');
   const eth0 = await camera.action('view_monitor_data',
     { storage: session, file: 'system_monitoring/monitoring_network/eth0.csv' });
   assert.deepEqual(traffic, rowsOf(eth0.body).slice(0, traffic.length));
+  const [picture] = await Promise.all([
+    page.waitForEvent('download'), page.getByRole('button', { name: 'Picture of load/load' }).click(),
+  ]);
+  assert.match(readFileSync(await picture.path(), 'latin1'), /^\x89PNG/);
 
   // One cursor over both charts, moved by the keyboard.
   await page.getByRole('img', { name: /^Chart of load/ }).focus();
   await page.keyboard.press('ArrowRight');
   await page.waitForFunction(() => {
-    const [first, second] = [...document.querySelectorAll('.plot')].map(({ plot }) => plot.cursor.left);
-    return first > 0 && first === second;
+    const [first, second] = [...document.querySelectorAll('.plot')].flatMap(({ plot }) => (plot ? [plot] : []))
+      .map((plot) => (plot.cursor.left >= 0 ? plot.posToVal(plot.cursor.left, 'x') : NaN));
+    return Math.abs(first - second) < 5;
   });
-  assert.match(await page.locator('.reading').textContent(), /^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d/);
-  await page.getByRole('row', { name: /Log trigger \d+ found its message/ }).waitFor();
-  const crash = page.getByRole('row', { name: /crashed/ });
+  assert.match(await page.locator('.reading').textContent(), /\d{4}-\d\d-\d\d \d\d:\d\d:\d\d/);
+  await page.getByRole('row', { name: /Log trigger .* found its message/ }).waitFor();
+  const crash = page.getByRole('table', { name: 'What happened' }).getByRole('row', { name: /crashed/ });
   assert.match(await crash.textContent(), /<img>x crashed/);
   assert.equal(await crash.locator('img').count(), 0);
   assert.deepEqual(await violationsInBoth(page), []);
@@ -130,8 +173,8 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
     await new Promise((resolve) => { setTimeout(resolve, 500); });
     ({ status } = await camera.action('zip_monitor_data', { storage: session }));
   }
-  await page.goto(`${camera.address}/local/Vandrel/#/charts?${query}`);
-  for (const [said, told] of [['re-established', 'The storage was back after'], ['Device was rebooted', 'The camera was restarted']]) {
+  await page.getByRole('button', { name: 'Read again' }).click();
+  for (const [said, told] of [['re-established', 'The storage was back after'], ['Device was rebooted', 'The camera was restarted or lost']]) {
     const line = await camera.shell(`grep '${said}' ${session}/system_monitoring/monitoring_basic/Continuous_Syslog.txt`);
     await page.getByRole('row').filter({ hasText: told }).filter({ hasText: line.slice(0, 19).replace('T', ' ') }).waitFor();
   }
@@ -154,22 +197,29 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
 });
 
 test('the archive is opened without a camera', async () => {
-  const { page, context, faults } = await openViewer({ viewport: { width: 800, height: 1000 } });
+  const { page, context, faults } = await openViewer({ viewport: { width: 800, height: 1000 } }, link);
   await page.getByLabel('Archive', { exact: true }).setInputFiles(archive);
   await page.getByRole('button', { name: /^core\./ }).first().waitFor();
   execFileSync('unzip', ['-q', archive, '-d', join(folder, 'unpacked')]);
   const [path] = execFileSync('find', [join(folder, 'unpacked'), '-name', 'load.csv'], { encoding: 'utf8' }).split('\n');
   assert.deepEqual(await plotted(page, 'load/load'), rowsOf(readFileSync(path, 'utf8')));
+  const [from, to] = ['from', 'to'].map((name) => Date.parse(`${new URLSearchParams(link.split('?')[1]).get(name)}Z`) / 1000);
+  assert.deepEqual(await inSight(page, 'load/load'), [from, to]);
+  await page.getByRole('button', { name: 'At a glance' }).click();
+  await page.getByRole('img', { name: 'Chart of Memory.' }).waitFor();
+  await page.getByRole('table', { name: 'Condition of the camera' }).getByRole('row', { name: /^Temperature/ }).first().waitFor();
+  await page.getByText('Information', { exact: true }).click();
   await page.getByRole('region', { name: 'Information' }).getByText('Serial Number').waitFor();
   await page.getByRole('img', { name: /^Image of / }).waitFor();
   const images = page.getByRole('region', { name: 'Images' });
+  await images.getByRole('slider').fill('0');
   await images.getByRole('button', { name: 'Next' }).click();
   await images.getByText(/, 2 of \d/).waitFor();
   await page.getByRole('region', { name: 'Logs and texts' }).getByRole('combobox').selectOption('Session_Information.txt');
-  await page.getByLabel('Search').fill('serial');
+  await page.getByLabel('Search', { exact: true }).fill('serial');
   await page.getByText(/^1 of \d+ lines match$/).waitFor();
   const [core] = await Promise.all([
-    page.waitForEvent('download'), page.getByRole('button', { name: /^core\.[^_]*$/ }).click(),
+    page.waitForEvent('download'), page.getByRole('button', { name: /^core\.[^_]*$/ }).first().click(),
   ]);
   assert.match(readFileSync(await core.path(), 'latin1'), /^\x7fELF/);
   assert.deepEqual(await violations(page), []);

@@ -50,17 +50,18 @@ test('a tool shows its output while it runs, and that it has ended', async () =>
   await says(page, 'Ping is running');
   assert.ok(await page.getByRole('progressbar').isVisible());
   await camera.shell('echo > /tmp/go; mv /usr/bin/ping.kept /usr/bin/ping');
-  await says(page, 'Ping has ended.');
+  await says(page, 'Ping has ended: it replies.');
   assert.equal(await page.getByRole('progressbar').count(), 0);
   assert.match(await page.getByLabel('Output').textContent(), /is alive\n$/);
   await page.getByRole('combobox', { name: 'Tool' }).selectOption('Port check');
   await page.getByRole('spinbutton', { name: 'Port' }).fill('7002');
   await button(page, 'Run').click();
   await until(async () => (await page.getByLabel('Output').textContent()) === 'Port check failed');
+  await says(page, 'the port does not answer');
   await page.getByRole('combobox', { name: 'Tool' }).selectOption('DNS lookup');
   await page.getByRole('textbox', { name: 'Address' }).fill('answering.example');
   await button(page, 'Run').click();
-  await page.getByText('IPv4 address: 203.0.113.1').waitFor();
+  await page.getByLabel('Output').filter({ hasText: 'IPv4 address: 203.0.113.1' }).waitFor();
   assert.deepEqual(await violations(page), []);
 });
 
@@ -84,7 +85,7 @@ test('what tools and device test refuse is said', async () => {
   await choose('Ping');
   await page.getByRole('textbox', { name: 'Address' }).fill('203.0.113.99');
   await button(page, 'Run').click();
-  await says(page, 'Ping has ended.');
+  await says(page, 'Ping has ended: no reply.');
   assert.doesNotMatch(await output.textContent(), /is alive/);
 
   await choose('Traceroute');

@@ -6,7 +6,7 @@ import { test } from 'node:test';
 import { lastMeasure, tellsCondition } from '../../package/html/js/condition.js';
 import { readLooseJson } from '../../package/html/js/loose_json.js';
 import {
-  cameraOf, deviceTime, duration, informationOf, partsOfPath,
+  cameraOf, deviceTime, duration, informationOf, partsOfPath, runsElsewhere,
 } from '../../package/html/js/session_data.js';
 
 const plain = (value) => JSON.parse(JSON.stringify(value));
@@ -56,6 +56,13 @@ test('values that are missing or odd leave a whole state', () => {
   const lost = (space, count) =>
     cameraOf({ active: 1, space, connection_lost_count: count }).lostMinutes;
   assert.deepEqual([lost(1, 0), lost(0, 1), lost(1, 70)], [null, 1, 70]);
+  // After a restart a schedule is told by its minutes alone.
+  const debug = { 'status-interval': 0, crash_recurrence: 90 };
+  assert.deepEqual(cameraOf({ miscellaneous: { advanced_debug_mode: debug } }).debug,
+    { log: false, interval: true, minutes: 90 });
+  const recording = (serial, end) => runsElsewhere({ serial, end }, 'A1B2');
+  assert.deepEqual([recording('C3', 'Still active'), recording('A1B2', 'Still active'), recording('C3', 'then')],
+    [true, false, false]);
 });
 
 test('paths, times and durations are shown for people', () => {

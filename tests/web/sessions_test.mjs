@@ -88,13 +88,15 @@ test('a session is started, watched, stopped, downloaded and deleted', async () 
   await says(page, 'Can\'t delete the current active monitoring session.');
 
   await rows(page).getByRole('link').first().click();
-  await page.getByRole('link', { name: 'load/load.csv' }).click();
+  await page.getByRole('heading', { name: 'All files' }).click();
+  await page.getByRole('link', { name: 'monitoring_load/load.csv' }).click();
   const shown = page.getByRole('region', { name: 'Content of the file' });
   await shown.getByText('Date,Time,Load average').waitFor();
   const content = (await shown.textContent()).split(/\r?\n/);
   const recorded = await camera.shell(`cat ${session}/system_monitoring/monitoring_load/load.csv`);
   assert.deepEqual(content.slice(0, -1), recorded.split(/\r?\n/).slice(0, content.length - 1));
   await page.getByRole('link', { name: 'Close' }).click();
+  await page.getByText('Information', { exact: true }).click();
   await page.getByText('Collected Data Points').waitFor();
   await page.getByRole('link', { name: 'All sessions' }).click();
 
@@ -195,7 +197,7 @@ test('refreshing by itself loses nothing of what the user does', async () => {
   await page.goto(`${camera.address}/local/Vandrel/?again#/sessions`);
   await rows(page).filter({ hasText: stampOf(first) }).waitFor();
   const images = page.getByLabel('Image interval');
-  await page.getByText(/kinds$/).click();
+  await page.getByText(/kinds of data$/).click();
   await images.fill('1234');
   await images.evaluate((input) => input.setSelectionRange(1, 3));
   const second = await record();
@@ -268,7 +270,7 @@ test('no accessibility violation, light and dark', async () => {
     const check = async () => assert.deepEqual(await violations(page), []);
     await page.getByRole('combobox', { name: 'Advanced debug mode' }).selectOption('Both');
     await page.getByLabel('A crash report every').fill('0');
-    await page.getByText(/kinds$/).click();
+    await page.getByText(/kinds of data$/).click();
     await check();
     await page.getByLabel('A crash report every').fill('1');
     await button(page, 'Start session').click();
@@ -279,6 +281,7 @@ test('no accessibility violation, light and dark', async () => {
     await page.getByRole('dialog').getByRole('button', { name: 'Stop session' }).click();
     await says(page, 'Session deactivated.');
     await page.goto(`${camera.address}/local/Vandrel/#/session?path=${session}`);
+    await page.getByRole('heading', { name: 'All files' }).click();
     await page.getByRole('link', { name: 'Session_Information.txt' }).waitFor();
     await check();
     await page.getByRole('link', { name: 'Session_Information.txt' }).click();

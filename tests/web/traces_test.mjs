@@ -106,8 +106,8 @@ test('a trace is started, watched, stopped, downloaded and deleted', async () =>
     assert.equal((await camera.action('view_monitor_data', { storage: `${root}/${name}`, file: 'repair.log' })).status, 400, name);
   }
   await camera.shell(`rm -r ${root}/link ${root}/other`);
-  await start(page, 'door-1.a');
-  await page.getByText('it would be overwritten').waitFor();
+  await id(page).fill('door-1.a');
+  await page.getByText('what it recorded is kept').waitFor();
   assert.deepEqual(await violationsInBoth(page), []);
   await button(page, 'Delete trace door-1.a').click();
   await button(page, 'Keep').click();

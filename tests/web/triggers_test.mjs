@@ -87,7 +87,7 @@ test('restarts and PTZ tests are scheduled and stopped', async () => {
   }
   await restart.getByLabel('At', { exact: true }).fill('20:30, 08:00');
   await button(restart, 'Set: Scheduled restart').click();
-  await restart.getByText('08:00, 20:30').waitFor();
+  await restart.getByText('08:00, 20:30', { exact: true }).waitFor();
   await restart.getByText('The times wait').waitFor();
   const told = await set();
   assert.deepEqual([told.automatic_restart_timer, told.automatic_restart_given_times], [90, '08:00,20:30']);

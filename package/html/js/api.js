@@ -33,6 +33,15 @@ export class RequestError extends Error {
 
 let pendingCount = 0;
 
+/** Where the tabs of the page tell each other that something was changed. @type {BroadcastChannel | null} */
+let changes = null;
+
+/** @param {() => void} listener called when another tab has changed something */
+export function onChanges(listener) {
+  changes ??= new BroadcastChannel('vandrel-changes');
+  changes.addEventListener('message', listener);
+}
+
 /** Requests under way. While there are any, silence of the daemon means nothing. */
 export function pending() {
   return pendingCount;
@@ -84,6 +93,7 @@ export async function requestGranted(action, values, granted, options = {}) {
   if (Array.isArray(granted) ? !granted.includes(words) : !granted.test(words)) {
     throw refusal(words || 'The daemon’s reply is empty.');
   }
+  changes?.postMessage(action);
   return words;
 }
 

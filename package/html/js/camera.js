@@ -2,7 +2,7 @@
 // camera a walk through every session on its storages, so it is asked seldom, and only while a view
 // that shows some of it is in sight.
 
-import { pending, request, RequestError, wordsOf } from './api.js';
+import { onChanges, pending, request, RequestError, wordsOf } from './api.js';
 import { readLooseJson } from './loose_json.js';
 import { cameraOf, informationOf } from './session_data.js';
 
@@ -119,8 +119,11 @@ function poll() {
   }
 }
 
-document.addEventListener('visibilitychange', schedule);
-window.addEventListener('online', () => {
+/** Who comes back to the page, or has changed something in another tab, sees what is so now. */
+function lookAtOnce() {
   triedAt = -Infinity;
   schedule();
-});
+}
+document.addEventListener('visibilitychange', lookAtOnce);
+onChanges(lookAtOnce);
+window.addEventListener('online', lookAtOnce);

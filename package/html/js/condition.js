@@ -1,6 +1,6 @@
-// What a session last recorded of the camera's own condition, out of the ends of its files.
+// What a recording last says of the camera's own condition, out of the ends of its files.
 
-import { request } from './api.js';
+import { readWhole } from './recording.js';
 
 const END_BYTES = 16 * 1024; // of a file; a row of many streams is long
 
@@ -54,19 +54,25 @@ export function lastMeasure(path, columns, end) {
   return kind && day ? { name: kind.name(file), value: kind.value(recorded), time: `${day} ${time}` } : null;
 }
 
+/** Of the files whose columns are not listed, as those of an archive, those that may tell. */
+const MAY_TELL = /\/monitoring_(?:environment\/[^/]+|self\/[^/]+|streams\/stream)\.csv$/;
+const HEADER_BYTES = 1024;
+
 /**
- * @param {string} session
- * @param {{path: string, columns: string[], bytes: number}[]} files of the session
+ * @param {import('./recording.js').Recording} recording
+ * @param {{path: string, columns: string[], bytes: number}[]} files of it
  * @returns {Promise<Measure[]>}
  */
-export async function readCondition(session, files) {
+export async function readCondition(recording, files) {
   /** @type {Measure[]} */
   const measures = [];
-  for (const { path, columns, bytes } of files.filter((file) => tellsCondition(file.columns))) {
-    const end = await request('view_monitor_data', {
-      storage: session, file: path, offset: String(Math.max(0, bytes - END_BYTES)),
-      length: String(2 * END_BYTES), // with what has come since
-    });
+  for (const { path, columns: listed, bytes } of files.filter((file) => tellsCondition(file.columns)
+    || (file.columns.length === 0 && MAY_TELL.test(file.path)))) {
+    const text = async (/** @type {number} */ from, /** @type {number} */ most) =>
+      (await readWhole(recording, path, { from, most })).text();
+    const columns = listed.length > 0 ? listed
+      : (await text(0, HEADER_BYTES)).split(/\r?\n/)[0]?.split(',').slice(2).map((column) => column.trim()) ?? [];
+    const end = await text(Math.max(0, bytes - END_BYTES), 2 * END_BYTES); // with what has come since
     const measure = lastMeasure(path, columns, end);
     if (measure) {
       measures.push(measure);

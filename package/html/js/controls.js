@@ -2,8 +2,11 @@
 
 import { RequestError } from './api.js';
 import { el, setText } from './dom.js';
+import { clock } from './format.js';
 
 let ids = 0;
+/** The button that was pressed last: what comes of it is told beside it. @type {HTMLElement | null} */
+let pressed = null;
 
 /** An id that no other element has. @param {string} name */
 export function newId(name) {
@@ -53,6 +56,11 @@ export function actionButton(text, act, properties = {}) {
     ...properties,
     onclick: async () => {
       if (!button.hasAttribute('aria-disabled')) {
+        // What was said of the action before is of no use any more.
+        for (const old of button.closest('main > .view')?.querySelectorAll('.message:not([data-kind="work"])') ?? []) {
+          /** @type {HTMLElement} */ (old).hidden = true;
+        }
+        pressed = button;
         button.setAttribute('aria-disabled', 'true');
         await act().finally(() => button.removeAttribute('aria-disabled'));
       }
@@ -74,12 +82,48 @@ export function createMessage() {
   const element = el('div', { class: 'message-place', role: 'status' }, box);
   let ticking = 0;
 
+  /** Where it stands while no button is in sight that it could stand beside. */
+  const home = document.createComment('message');
+  const hiding = new MutationObserver(() => {
+    if (element.closest('[hidden]') && home.parentElement) {
+      home.after(element); // the card that it was in has been hidden, as by what was done
+    }
+  });
+
+  /** Goes to the button that was pressed, where that is of the same view and in sight. */
+  function moveToAction() {
+    const button = pressed;
+    pressed = null;
+    const view = element.closest('main > .view');
+    if (view && element.parentElement?.getClientRects().length === 0 && home.parentElement) {
+      home.after(element); // the card that it was in is hidden
+    }
+    if (!button || !view?.contains(button) || button.getClientRects().length === 0) {
+      return;
+    }
+    const table = button.closest('.table'); // between rows it would push them away
+    const place = table ?? button.closest('.tools');
+    if (place && place.parentElement !== view) {
+      if (!home.parentElement) {
+        element.before(home);
+      }
+      place[table ? 'before' : 'after'](element);
+      hiding.disconnect();
+      const card = element.closest('.card');
+      if (card) {
+        hiding.observe(card, { attributes: true, attributeFilter: ['hidden'] });
+      }
+    }
+  }
+
   /** @param {'work' | 'good' | 'bad' | 'doubtful'} kind @param {...(Node | string)} parts */
   function show(kind, ...parts) {
     clearInterval(ticking);
+    moveToAction();
     box.dataset.kind = kind;
+    delete box.dataset.away;
     progress.hidden = kind !== 'work';
-    setText(elapsed, '');
+    setText(elapsed, kind === 'work' ? '' : clock(new Date()));
     text.replaceChildren(...parts);
     box.hidden = false;
   }
@@ -107,6 +151,8 @@ export function createMessage() {
           el('q', {}, message), advice ? ` ${advice}` : '');
       } else {
         show('bad', `${what ? `${what}: ` : ''}${message} ${advice ?? ''}`.trim());
+        // It is no longer true once the daemon answers again.
+        box.dataset.away = String(['unreachable', 'stopped', 'timeout'].includes(kind));
       }
     },
   };
@@ -184,7 +230,7 @@ export function createTable({ caption, columns, key, make }) {
   function makeRow(row) {
     const { cells, update } = make(row);
     const places = cells.map((cell, index) => el(index === 0 ? 'th' : 'td', {
-      scope: index === 0 ? 'row' : undefined, class: columns[index]?.number ? 'number' : undefined,
+      'data-title': columns[index]?.title, scope: index === 0 ? 'row' : undefined, class: columns[index]?.number ? 'number' : undefined,
     }, cell));
     return { row: el('tr', {}, ...places), update };
   }
@@ -222,4 +268,20 @@ export function createTable({ caption, columns, key, make }) {
       });
     },
   };
+}
+
+/**
+ * Keeps what is typed or chosen in a field over a reload of the page.
+ * @template {HTMLInputElement | HTMLSelectElement} Control
+ * @param {Control} control
+ * @param {string} name
+ * @returns {Control}
+ */
+export function remembered(control, name) {
+  const kept = sessionStorage.getItem(name);
+  if (kept !== null) {
+    control.value = kept;
+  }
+  control.addEventListener('change', () => sessionStorage.setItem(name, control.value));
+  return control;
 }

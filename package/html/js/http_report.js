@@ -1,13 +1,14 @@
-// Which calls of the HTTP API a session has seen: its koral_status.txt as a table.
+// Which calls of the HTTP API a recording has seen: its koral_status.txt as a table.
 
-import { request } from './api.js';
 import { createFacts, createTable } from './controls.js';
 import { el, setText } from './dom.js';
 import { counted } from './format.js';
+import { readWhole } from './recording.js';
 import { deviceTime } from './session_data.js';
 
 const REPORT = 'system_monitoring/monitoring_koral/koral_status.txt';
 const MOST_ROWS = 50;
+const MOST_BYTES = 8 * 1024 * 1024;
 
 /**
  * @typedef {object} Call
@@ -50,7 +51,6 @@ export function readReport(report) {
 const short = (value) => value.toLocaleString('en', { maximumFractionDigits: value < 10 ? 1 : 0 });
 
 export function createHttpReport() {
-  let session = '';
   const facts = createFacts();
   const note = el('p', { class: 'quiet' });
   const table = createTable({
@@ -80,17 +80,13 @@ export function createHttpReport() {
   return {
     element,
     /**
-     * Stays hidden for a session without a report.
-     * @param {string} path of the session
-     * @param {{has: (file: string) => boolean}} files of the session
+     * Stays hidden for a recording without a report.
+     * @param {import('./recording.js').Recording} recording
+     * @param {{path: string}[]} files of it
      */
-    async show(path, files) {
-      session = path;
-      const report = files.has(REPORT)
-        ? await request('view_monitor_data', { storage: path, file: REPORT }).catch(() => '') : '';
-      if (session !== path) {
-        return;
-      }
+    async show(recording, files) {
+      const report = !files.some(({ path }) => path === REPORT) ? ''
+        : await readWhole(recording, REPORT, { most: MOST_BYTES }).then((blob) => blob.text()).catch(() => '');
       const { from, to, calls } = readReport(report);
       const sum = (/** @type {Call[]} */ some) => some.reduce((total, { count }) => total + count, 0);
       const users = new Set(calls.map(({ user }) => user));

@@ -94,7 +94,13 @@ export function createImageCard(recording, onChosen) {
       element.hidden = images.length === 0;
       slider.max = String(Math.max(0, images.length - 1));
       at = -1;
-      settle(images.findIndex(({ path }) => path === before));
+      const again = images.findIndex(({ path }) => path === before);
+      settle(again < 0 ? images.length - 1 : again);
+    },
+    close() {
+      clearTimeout(timer);
+      images = [];
+      image.removeAttribute('src');
     },
     /** Shows the last image of before a time. @param {number} time */
     follow(time) {

@@ -8,6 +8,7 @@ import { byId, el, setText } from './dom.js';
  * @typedef {object} View
  * @property {HTMLElement} element
  * @property {(values: URLSearchParams) => void} [show] with what follows "?" in the hash
+ * @property {() => void} [hide] when another view is shown
  */
 
 /**
@@ -23,7 +24,6 @@ const VIEWS = [
   { id: 'overview', title: 'Overview', load: () => import('./views/overview.js') },
   { id: 'sessions', title: 'Sessions', load: () => import('./views/sessions.js') },
   { id: 'session', title: 'Session', within: 'sessions', load: () => import('./views/session.js') },
-  { id: 'charts', title: 'Charts', within: 'sessions', load: () => import('./views/charts.js') },
   { id: 'traces', title: 'Traces', load: () => import('./views/traces.js') },
   { id: 'triggers', title: 'Triggers', load: () => import('./views/triggers.js') },
   { id: 'maintenance', title: 'Maintenance', load: () => import('./views/maintenance.js') },
@@ -33,9 +33,15 @@ const VIEWS = [
   { id: 'log', title: 'Log', load: () => import('./views/log.js') },
 ];
 
+/** Addresses of before. @type {Record<string, string>} */
+const MOVED = { charts: 'session' };
+
 /** @type {Map<string, View>} */
 const made = new Map();
+/** How far each address was scrolled, for those who come back. @type {Map<string, number>} */
+const scrolled = new Map();
 const main = byId('main');
+let shownId = '';
 
 const links = new Map(VIEWS.filter(({ within }) => !within)
   .map(({ id, title }) => [id, el('a', { href: `#/${id}` }, title)]));
@@ -44,13 +50,19 @@ byId('views').append(el('ul', {}, ...[...links.values()].map((link) => el('li', 
 async function showView() {
   const { hash } = location;
   const [path, query] = hash.replace(/^#\//, '').split('?');
-  const entry = VIEWS.find(({ id }) => id === path) ?? VIEWS[0];
+  const entry = VIEWS.find(({ id }) => id === (MOVED[path ?? ''] ?? path)) ?? VIEWS[0];
   if (!entry) {
     return;
   }
   const { create } = await entry.load();
   if (hash !== location.hash) {
     return; // the user has gone on while it was loaded
+  }
+  const isOther = shownId !== entry.id;
+  if (isOther) {
+    scrolled.set(shownId, main.scrollTop);
+    made.get(shownId)?.hide?.();
+    shownId = entry.id;
   }
   const view = made.get(entry.id) ?? create();
   made.set(entry.id, view);
@@ -68,12 +80,21 @@ async function showView() {
     }
   }
   document.title = `${entry.title} – Vandrel`;
+  if (isOther) {
+    main.scrollTop = cameBack ? scrolled.get(entry.id) ?? 0 : 0;
+  }
   view.show?.(new URLSearchParams(query ?? ''));
 }
 
+let cameBack = false;
+window.addEventListener('popstate', () => { cameBack = true; });
+window.addEventListener('click', () => { cameBack = false; }, { capture: true });
 window.addEventListener('hashchange', async () => {
+  const before = shownId;
   await showView();
-  main.focus();
+  if (shownId !== before) {
+    main.focus();
+  }
 });
 byId('skip-link').addEventListener('click', (event) => {
   event.preventDefault(); // the hash names the view
@@ -81,6 +102,11 @@ byId('skip-link').addEventListener('click', (event) => {
 });
 
 onDaemonState(({ state, text, advice }) => {
+  if (state === 'answers') {
+    for (const said of main.querySelectorAll('.message[data-away="true"]')) {
+      /** @type {HTMLElement} */ (said).hidden = true;
+    }
+  }
   byId('daemon-state').dataset.state = state;
   setText(byId('daemon-text'), text);
   const notice = byId('daemon-notice');

@@ -1,19 +1,32 @@
-// What happened during a session, out of the names of its files and the lines of its log.
+// What happened during a session, out of the names of its files and the lines of its log. Pure.
 
-import { wallSeconds } from './series.js';
+import { wallSeconds, wallText } from './series.js';
+import { severityOf, SEVERITIES } from './views/log_lines.js';
+
+const SAME = 10; // more of one kind and text stand in one row of a list
+const LOG_STEP_S = 600;
+// A restart or a storage's return is logged within so much of the end of what was not recorded.
+const CAUSE_S = 600;
 
 /**
  * @typedef {object} Mark
  * @property {number} time as on the camera's clock
  * @property {number} [until] where it lasted
- * @property {'session' | 'crash' | 'reboot' | 'storage' | 'trigger' | 'report'} kind
+ * @property {Kind} kind
  * @property {string} text
  * @property {string} [path] of the file that tells more
  */
 
+/** @typedef {'crash' | 'reboot' | 'storage' | 'gap' | 'session' | 'host' | 'trigger' | 'report'} Kind */
+
+/** The kinds, the gravest first. @type {Record<Kind, string>} */
 export const KIND_TITLES = {
-  session: 'Session', crash: 'Crash', reboot: 'Restart', storage: 'Storage', trigger: 'Trigger', report: 'Report',
+  crash: 'Crash', reboot: 'Restart', storage: 'Storage', gap: 'Not recorded', session: 'Session', host: 'Device test',
+  trigger: 'Trigger', report: 'Report',
 };
+export const KINDS = /** @type {Kind[]} */ (Object.keys(KIND_TITLES));
+/** The kinds that are rare and explain much: a line through each chart. @type {Kind[]} */
+export const GRAVE = ['crash', 'reboot', 'storage', 'gap', 'session'];
 
 /** @type {[RegExp, Mark['kind'], (read: RegExpExecArray) => string][]} */
 const LOG_LINES = [
@@ -22,6 +35,8 @@ const LOG_LINES = [
     ([, since]) => `The storage was back after ${since}`],
   [/Advanced Debug Mode: Found log message\.$/, 'trigger', () => 'A log message asked for a crash report'],
   [/Advanced Debug Mode: Crash Report generation interval reached/, 'trigger', () => 'A scheduled crash report was due'],
+  [/Lost connection to edge storage location, no data can be saved/, 'storage', () => 'The storage was lost'],
+  [/Secondary storage is running out of free space/, 'storage', () => 'The storage was full: the session was ended'],
   [/Monitoring session stopped\./, 'session', () => 'The session was stopped'],
 ];
 const LOG_TIME = /^(\d{4}-\d\d-\d\d)T(\d\d:\d\d:\d\d)\S*?([-+]\d\d):?(\d\d) /;
@@ -34,6 +49,9 @@ export function zoneOf(line) {
 
 /** @param {string} line @returns {Mark[]} */
 export function markOfLine(line) {
+  if (!line.includes(' Vandrel[')) {
+    return [];
+  }
   const stamp = LOG_TIME.exec(line);
   for (const [pattern, kind, told] of stamp ? LOG_LINES : []) {
     const read = pattern.exec(line);
@@ -45,27 +63,132 @@ export function markOfLine(line) {
 }
 
 /**
+ * The names of the log triggers, as the daemon's log tells them: it numbers them as it makes them, anew
+ * after each of its starts.
+ * @param {string[]} lines of the log
+ * @returns {(number: number, time: number) => string} "" where the log does not tell
+ */
+export function triggerNames(lines) {
+  /** @type {{time: number, names: string[]}[]} */
+  const states = [];
+  let process = '';
+  /** @type {string[]} */
+  let names = [];
+  /** @type {Set<string>} */
+  let present = new Set();
+  for (const line of lines) {
+    if (!/systemlog trigger rule|System log trigger named/.test(line)) {
+      continue;
+    }
+    const [, day = '', clock = '', pid = '', made, subscribed, gone] = TRIGGER_LINE.exec(line) ?? [];
+    if (pid === '') {
+      continue;
+    }
+    if (pid !== process) {
+      [process, names, present] = [pid, [], new Set()];
+    }
+    if (gone !== undefined) {
+      present.delete(gone);
+    } else if (subscribed !== undefined) {
+      names = [...names, ''];
+    } else if (made !== undefined && !present.has(made)) {
+      present.add(made);
+      names = [...names, made];
+    }
+    states.push({ time: wallSeconds(day, clock), names });
+  }
+  return (number, time) => states.filter((state) => state.time <= time + 1).at(-1)?.names[number] ?? '';
+}
+const TRIGGER_LINE = /^(\d{4}-\d\d-\d\d)T(\d\d:\d\d:\d\d).* Vandrel\[(\d+)\]: (?:Creating systemlog trigger rule(?:: (.*)|( with limit): .*)|System log trigger named: "(.*)" is removed\.)\r?$/;
+
+/**
  * The daemon's own events among those that the device's event listener printed: "Timestamp: " with the
- * time in UTC, then the topics.
+ * time in UTC, then the topics. Of the device test each change of a host counts, not each check.
  * @param {string[]} lines
  * @param {number} zone seconds that the camera's clock is ahead of UTC
+ * @param {(number: number, time: number) => string} [nameOf] a trigger's name
  * @returns {Mark[]}
  */
-export function marksOfEvents(lines, zone) {
+export function marksOfEvents(lines, zone, nameOf = () => '') {
   let time = NaN;
-  return lines.flatMap((line) => {
-    const [, day = '', clock = ''] = /^Timestamp: (\d{4}-\d\d-\d\d)T(\d\d:\d\d:\d\d)/.exec(line) ?? [];
+  /** @type {Map<string, string>} */
+  const hosts = new Map();
+  return lines.flatMap(/** @returns {Mark[]} */ (line) => {
     if (line.startsWith('Timestamp: ')) {
+      const [, day = '', clock = ''] = /^Timestamp: (\d{4}-\d\d-\d\d)T(\d\d:\d\d:\d\d)/.exec(line) ?? [];
       time = wallSeconds(day, clock) + zone;
+      return [];
     }
     const name = line.includes("topic1 = 'Vandrel'") ? /topic2 = '([^']*)'/.exec(line)?.[1] ?? '' : '';
     const [, number] = /^systemlogs_(\d+)$/.exec(name) ?? [];
-    const [, not, address, port] = /^nfd_(not_)?ip(.+)p(-?\d+)$/.exec(name) ?? [];
-    const text = number ? `Log trigger ${number} found its message`
-      : address ? `The device test ${not ? 'did not reach' : 'reached'} ${
-        address.replace(/(?<=\d)o(?=\d)/g, '.')}${port === '-1' ? '' : `, port ${port}`}` : '';
-    return text === '' ? [] : [{ time, kind: /** @type {const} */ ('trigger'), text }];
+    if (number) {
+      const title = nameOf(Number(number), time);
+      return [{ time, kind: 'trigger', text: `Log trigger ${title ? `“${title}”` : number} found its message` }];
+    }
+    const [, not = '', address, port] = /^nfd_(not_)?ip(.+)p(-?\d+)$/.exec(name) ?? [];
+    const host = `${address} ${port}`;
+    if (!address || hosts.get(host) === not) {
+      return [];
+    }
+    const isFirst = !hosts.has(host);
+    hosts.set(host, not);
+    return isFirst && not === '' ? [] : [{
+      time, kind: 'host',
+      text: `The device test ${not ? 'did not reach' : 'reached'} ${
+        address.replace(/(?<=\d)o(?=\d)/g, '.')}${port === '-1' ? '' : `, port ${port}`}${isFirst || not ? '' : ' again'}`,
+    }];
   });
+}
+
+/**
+ * What was not recorded, with its cause as far as other marks tell it.
+ * @param {[number, number][]} holes of a file that has a row in each collection
+ * @param {Mark[]} marks
+ * @returns {Mark[]}
+ */
+export function marksOfHoles(holes, marks) {
+  return holes.map(([from, to]) => {
+    const near = marks.filter(({ time, until }) => until === undefined && time > from - CAUSE_S && time < to + CAUSE_S);
+    const cause = near.find(({ kind }) => kind === 'reboot') ?? near.find(({ kind }) => kind === 'storage');
+    const why = cause?.kind === 'reboot' ? ': the camera was restarted or had no power'
+      : cause ? ': the storage could not be used' : '';
+    return { time: from, until: to, kind: 'gap', text: `Nothing was recorded until ${wallText(to)}${why}` };
+  });
+}
+
+/**
+ * How many lines of a log were errors and warnings in each ten minutes.
+ * @param {string[]} lines
+ * @returns {import('./series.js').Series[]}
+ */
+export function logSeries(lines) {
+  /** @type {Map<number, [number, number]>} */
+  const counts = new Map();
+  let [first, last] = [Infinity, -Infinity];
+  for (const line of lines) {
+    const severity = severityOf(line);
+    const time = severity < 0 ? NaN : lineTime(line);
+    if (!Number.isNaN(time)) {
+      const step = Math.floor(time / LOG_STEP_S) * LOG_STEP_S;
+      [first, last] = [Math.min(first, step), Math.max(last, step)];
+      if (severity <= SEVERITIES.indexOf('warning')) {
+        const count = counts.get(step) ?? [0, 0];
+        counts.set(step, count);
+        count[severity <= SEVERITIES.indexOf('err') ? 0 : 1]++;
+      }
+    }
+  }
+  const length = last < first ? 0 : Math.min((last - first) / LOG_STEP_S + 1, MOST_STEPS);
+  const times = Array.from({ length }, (_, index) => first + index * LOG_STEP_S);
+  return ['errors', 'warnings'].map((name, at) => ({
+    name, times, categories: null, values: times.map((time) => counts.get(time)?.[at] ?? 0),
+  }));
+}
+const MOST_STEPS = 100000; // a log whose times are odd
+
+/** The time of a line of the device's log; NaN without. @param {string} line */
+export function lineTime(line) {
+  return line[10] === 'T' ? wallSeconds(line.slice(0, 10), line.slice(11, 19)) : NaN;
 }
 
 /**
@@ -100,4 +223,57 @@ export function sortedMarks(marks) {
   const once = new Map(marks.filter(({ time }) => Number.isFinite(time))
     .map((mark) => [`${mark.time} ${mark.kind} ${mark.text}`, mark]));
   return [...once.values()].sort((a, b) => a.time - b.time);
+}
+
+/**
+ * Marks as rows of a list: many of one kind and text are one.
+ * @param {Mark[]} marks in the order of their times
+ * @returns {(Mark & {count: number, last: number})[]}
+ */
+export function folded(marks) {
+  const keyOf = (/** @type {Mark} */ { kind, text }) => `${kind} ${text}`;
+  /** @type {Map<string, number>} */
+  const counts = new Map();
+  for (const mark of marks) {
+    counts.set(keyOf(mark), (counts.get(keyOf(mark)) ?? 0) + 1);
+  }
+  /** @type {Map<string, Mark & {count: number, last: number}>} */
+  const one = new Map();
+  return marks.flatMap((mark) => {
+    const key = keyOf(mark);
+    if ((counts.get(key) ?? 0) <= SAME) {
+      return [{ ...mark, count: 1, last: mark.time }];
+    }
+    const known = one.get(key);
+    if (known) {
+      known.count++;
+      known.last = mark.time;
+      return [];
+    }
+    const fold = { ...mark, count: 1, last: mark.time };
+    one.set(key, fold);
+    return [fold];
+  });
+}
+
+/**
+ * Marks that stand so near that they would cover each other, as one; the gravest of them names it.
+ * @param {Mark[]} marks in the order of their times
+ * @param {number} near seconds
+ * @returns {{time: number, until: number, kind: Kind, marks: Mark[]}[]}
+ */
+export function gathered(marks, near) {
+  /** @type {{time: number, until: number, kind: Kind, marks: Mark[]}[]} */
+  const groups = [];
+  for (const mark of marks) {
+    const group = groups.at(-1);
+    if (group && mark.time - group.time < near) {
+      group.marks.push(mark);
+      group.until = Math.max(group.until, mark.until ?? mark.time);
+      group.kind = KINDS.indexOf(mark.kind) < KINDS.indexOf(group.kind) ? mark.kind : group.kind;
+    } else {
+      groups.push({ time: mark.time, until: mark.until ?? mark.time, kind: mark.kind, marks: [mark] });
+    }
+  }
+  return groups;
 }

@@ -1,6 +1,6 @@
 // Asks the daemon when told to, and from time to time while what it answers is in sight.
 
-import { pending, RequestError } from './api.js';
+import { onChanges, pending, RequestError } from './api.js';
 
 const PERIOD_MS = 5000;
 const PERIOD_WHILE_PENDING_MS = 1000;
@@ -59,6 +59,7 @@ export function watch({ element, none, ask, listener, changes = () => true }) {
   }
 
   document.addEventListener('visibilitychange', poll);
+  onChanges(poll);
   listener(told);
   return { refresh };
 }

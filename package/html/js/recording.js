@@ -15,7 +15,8 @@ export const NOT_TEXT = /(?:\.(?:jpe?g|png|zip|gz|tgz|xz|lzo|pcap(?:ng)?|core|bi
 /**
  * @typedef {object} Csv
  * @property {string} path relative to the session
- * @property {string[]} columns but the time
+ * @property {string[]} columns but the time, where they are known
+ * @property {string} [header] the file's first line, where it is known
  * @property {number} bytes
  */
 /**
@@ -46,6 +47,7 @@ export function contentsOf(value) {
       path: text(one.path),
       columns: text(one.header).split(',').map((column) => column.trim())
         .filter((column) => column !== '' && !/^(?:date|time)$/i.test(column)),
+      header: text(one.header),
       bytes: number(one.size),
     })),
     files: records(told.files).map((one) => ({

@@ -1,216 +1,139 @@
-// A recording as a whole: charts with marks, images, logs, crash files. The same for a session on the
-// camera and for an archive.
+// A recording as a whole: dashboards with marks, images, logs, the camera's condition, files. The same
+// for a session on the camera and for an archive.
 
-import { createChartGroup } from './chart.js';
-import { createChartCard, titleOf } from './chart_card.js';
-import { actionButton, createFacts, createMessage, createTable, field, newId } from './controls.js';
+import { createBoard } from './board.js';
+import { GLANCE } from './catalogue.js';
+import { createChartGroup } from './chart_group.js';
+import { readCondition } from './condition.js';
+import { actionButton, createFacts, createMessage, createTable } from './controls.js';
 import { el, setText } from './dom.js';
-import { byteSize, counted } from './format.js';
+import { createFiles } from './file_list.js';
+import { createHttpReport } from './http_report.js';
 import { createImageCard } from './image_card.js';
-import { KIND_TITLES, markOfFile, markOfLine, marksOfEvents, sortedMarks, zoneOf } from './marks.js';
+import { writeSight } from './link.js';
 import { readWhole } from './recording.js';
-import { holes, wallSeconds, wallText } from './series.js';
-import { deviceTime, informationOf } from './session_data.js';
+import { readMarks } from './recording_marks.js';
+import { createSource } from './session_series.js';
+import { whenSeen } from './seen.js';
+import { informationOf } from './session_data.js';
 import { createTextCard } from './text_card.js';
-import { lineCollector } from './views/log_lines.js';
+import { createTimeline } from './timeline.js';
 
 const INFORMATION = 'Session_Information.txt';
-const LOG = 'system_monitoring/monitoring_basic/Continuous_Syslog.txt';
-const EVENTS = 'system_monitoring/monitoring_metadata/eventlistener.txt';
-const MOST_LOG_BYTES = 8 * 1024 * 1024; // read for marks
-const MOST_REPORT_BYTES = 1024 * 1024;
 const MOST_INFORMATION_BYTES = 256 * 1024;
-const MOST_MARKS = 500;
-const MOST_FILES = 500;
 const CRASH_FILE = /^coredumps\/|\/(?:Crash_Reports|Server_Reports)\//;
-/** What is drawn first, where it is there. */
-const FIRST_CHARTS = [/monitoring_load\/load\.csv$/, /monitoring_network\/eth0\.csv$/, /monitoring_environment\/(?!Fan|Heater)[^/]+\.csv$/];
-const HINT = 'Point at a chart to read its values.';
-const ZOOM = 2;
-const PAN = 0.25;
+const LINK_MS = 400; // while the time in sight changes the address bar waits
 
-/** @typedef {import('./marks.js').Mark} Mark */
 /** @typedef {import('./recording.js').Item} Item */
 
-/**
- * @param {import('./recording.js').Recording} recording
- */
-export function createRecordingView(recording) {
-  /** @type {Mark[]} */
-  let marks = [];
-  /** @type {import('./recording.js').Contents} */
-  let contents = { csv: [], files: [], complete: true };
-  /** @type {ReturnType<typeof createChartCard>[]} */
-  let cards = [];
-  const message = createMessage();
-  const information = createFacts();
-  const reading = el('output', { class: 'reading', 'aria-live': 'off' });
-  const images = createImageCard(recording, (time) => {
-    group.point(time);
-    told(time, []);
-  });
-  const texts = createTextCard(recording);
-  const group = createChartGroup((time, there) => {
-    told(time, there);
-    images.follow(time);
-  });
-  /** @param {number} time @param {Mark[]} there */
-  function told(time, there) {
-    setText(reading, [wallText(time), ...there.map(({ text }) => text)].join(' · '));
-  }
-
-  // --- Charts
-
-  const datalist = el('datalist', { id: newId('files') });
-  const wanted = el('input', {
-    list: datalist.id, placeholder: 'Part of the name', autocomplete: 'off', spellcheck: 'false',
-    onchange: () => addWanted(false),
-    onkeydown: (event) => {
-      if (/** @type {KeyboardEvent} */ (event).key === 'Enter') {
-        addWanted(true);
-      }
-    },
-  });
-  const wantedMessage = el('p', { class: 'hint', role: 'status' });
-  const place = el('div', { class: 'view' });
-  const rangeText = el('p', { class: 'quiet' });
-  /** @param {string} text @param {() => void} act */
-  const button = (text, act) => el('button', { type: 'button', onclick: act }, text);
-  const charts = el('section', { class: 'view', 'aria-label': 'Charts' },
-    el('div', { class: 'tools apart' }, el('h2', {}, 'Charts'), rangeText),
-    el('div', { class: 'tools chart-tools' },
-      field('File to draw', wanted, 'grow'), datalist, button('Add chart', () => addWanted(true)),
-      el('div', { class: 'tools', role: 'group', 'aria-label': 'Time in sight' },
-        button('All', () => group.setRange(null)),
-        button('Zoom in', () => group.zoom(1 / ZOOM)), button('Zoom out', () => group.zoom(ZOOM)),
-        button('Earlier', () => group.pan(-PAN)), button('Later', () => group.pan(PAN)))),
-    wantedMessage, reading, place,
-    el('p', { class: 'quiet' }, 'Drag over a chart to zoom, with the Shift key to move along; Ctrl and the wheel zoom too, '
-      + 'a double click shows all. Times are those of the camera’s clock.'));
-  group.onRange(([from, to]) => setText(rangeText, cards.length === 0 ? '' : `${wallText(from)} to ${wallText(to)}`));
-
-  /** @param {boolean} insist whether part of a name will do */
-  function addWanted(insist) {
-    const name = wanted.value.trim().toLowerCase();
-    const found = contents.csv.filter(({ path }) => titleOf(path).toLowerCase() === name || path.toLowerCase() === name);
-    const near = insist && name !== '' && found.length === 0
-      ? contents.csv.filter(({ path }) => titleOf(path).toLowerCase().includes(name)) : found;
-    const [only] = near;
-    setText(wantedMessage, name === '' || near.length === 1 || !insist ? '' : near.length > 1
-      ? `${counted(near.length, 'file')} have that in their names: choose one.` : 'No recorded file has that name.');
-    if (only && near.length === 1) {
-      wanted.value = '';
-      addChart(only.path);
-    }
-  }
-
-  /** @param {string} path */
-  async function addChart(path) {
-    const file = contents.csv.find((csv) => csv.path === path);
-    const present = cards.find((card) => card.path === path);
-    if (present) {
-      present.element.scrollIntoView({ block: 'nearest' });
-    }
-    if (!file || present) {
-      return;
-    }
-    const card = createChartCard(recording, file, group, () => {
-      cards = cards.filter((one) => one !== card);
-    });
-    cards.push(card);
-    place.append(card.element);
-    await card.load();
-  }
-
-  // --- Marks
-
-  const markTable = createTable({
-    caption: 'What happened',
-    columns: [{ title: 'Time' }, { title: 'Kind' }, { title: 'What' }, { title: 'File' }],
-    key: (/** @type {Mark} */ mark) => `${mark.time} ${mark.kind} ${mark.text}`,
-    make(mark) {
-      const time = el('button', {
-        type: 'button', class: 'plain stamp',
-        onclick: () => {
-          const [from, to] = group.inSight();
-          const half = (to - from) / 2;
-          if (mark.time < from || mark.time > to) {
-            group.setRange([mark.time - half, mark.time + half]);
-          }
-          group.point(mark.time);
-          told(mark.time, [mark]);
-          images.follow(mark.time);
-        },
-      }, wallText(mark.time));
-      const { path } = mark;
+/** @param {import('./recording.js').Recording} recording */
+function createConditionCard(recording) {
+  const table = createTable({
+    caption: 'Condition of the camera',
+    columns: [{ title: 'What' }, { title: 'Last recorded' }, { title: 'At' }],
+    key: (/** @type {import('./condition.js').Measure} */ measure) => measure.name,
+    make(measure) {
+      const value = el('span');
+      const time = el('span', { class: 'stamp' });
       return {
-        cells: [time, el('span', { class: 'stamp' }, KIND_TITLES[mark.kind]), el('span', {}, mark.text), path
-          ? actionButton(path.slice(path.lastIndexOf('/') + 1), () => save(path), { class: 'plain' }) : el('span')],
-        update() {},
+        cells: [el('bdi', {}, measure.name), value, time],
+        update(next) {
+          setText(value, next.value);
+          setText(time, next.time);
+        },
       };
     },
   });
-  const markCount = el('p', { class: 'quiet' });
-  const markCard = el('section', { class: 'card', 'aria-label': 'What happened' },
-    el('div', { class: 'tools apart' }, el('h2', {}, 'What happened'), markCount), markTable.element);
+  const empty = el('p', { class: 'empty' });
+  const element = el('section', { class: 'card', 'aria-label': 'Condition of the camera' },
+    el('h2', {}, 'Condition of the camera'), empty, table.element);
+  return {
+    element,
+    /** @param {import('./recording.js').Csv[]} files */
+    async show(files) {
+      const measures = await readCondition(recording, files).catch(() => null);
+      table.show(measures ?? []);
+      table.element.hidden = !measures?.length;
+      empty.hidden = !table.element.hidden;
+      setText(empty, measures ? 'Nothing has been recorded of it. Sessions on the internal storage '
+        + 'have none, others after some minutes.' : 'It can’t be read now.');
+    },
+  };
+}
 
-  async function readMarks() {
-    /** @type {Mark[]} */
-    const found = [];
-    /** @type {number | null} */
-    let zone = null;
-    // Names of cores have the time in UTC. The zone stands in the device's log, which a report has too.
-    const report = contents.files.find(({ path }) => /\/Server_Report_[^/]*\.txt$/.test(path));
-    for (const log of [contents.files.find(({ path }) => path === LOG), report]) {
-      if (log && (log !== report || zone === null)) {
-        const most = log === report ? MOST_REPORT_BYTES : MOST_LOG_BYTES;
-        for (const line of await readLines(log.path, Math.max(0, log.bytes - most), most)) {
-          zone ??= zoneOf(line);
-          found.push(...(log === report ? [] : markOfLine(line)));
-        }
-      }
-    }
-    const events = contents.files.find(({ path }) => path === EVENTS);
-    if (events) {
-      found.push(...marksOfEvents(await readLines(EVENTS, Math.max(0, events.bytes - MOST_LOG_BYTES), MOST_LOG_BYTES), zone ?? 0));
-    }
-    for (const { path, time, utc } of contents.files) {
-      const [day = '', clock = ''] = time.split(' ');
-      found.push(...markOfFile(path, zone ?? 0, utc === null ? wallSeconds(day, clock) : utc + (zone ?? 0)));
-    }
-    for (const [name, value] of await readInformation()) {
-      const [day = '', clock = ''] = value.split(' ');
-      if (/^(?:Start|Stop) Time of the session$/.test(name)) {
-        found.push({ time: wallSeconds(day, clock), kind: 'session', text: name.startsWith('Start') ? 'The session was started' : 'The session was stopped' });
-      }
-    }
-    const regular = cards.find(({ path }) => /load\.csv$/.test(path)) ?? cards[0];
-    for (const [from, to] of holes(regular?.times() ?? [])) {
-      found.push({ time: from, until: to, kind: 'storage', text: `Nothing was recorded until ${wallText(to)}` });
-    }
-    marks = sortedMarks(found);
-    group.setMarks(marks);
-    markTable.show(marks.slice(0, MOST_MARKS));
-    markCard.hidden = marks.length === 0;
-    setText(markCount, marks.length > MOST_MARKS ? `The first ${MOST_MARKS} of ${marks.length}` : '');
+/** @param {import('./recording.js').Recording} recording @param {import('./recording.js').Contents} contents @returns {Promise<[string, string][]>} */
+async function readInformation(recording, contents) {
+  if (!contents.files.some(({ path }) => path === INFORMATION)) {
+    return [];
   }
+  const blob = await readWhole(recording, INFORMATION, { most: MOST_INFORMATION_BYTES });
+  return informationOf(await blob.text());
+}
 
-  /** @param {string} path @param {number} from @param {number} most */
-  async function readLines(path, from, most) {
-    const collector = lineCollector(Infinity);
-    const decoder = new TextDecoder();
-    await recording.read(path, (piece) => collector.add(decoder.decode(piece, { stream: true })), { from, most });
-    return collector.finish().lines;
+/**
+ * @param {import('./recording.js').Recording} recording
+ * @param {((file: Item) => string)} [hrefOf] where a text file can be read; without, it is saved
+ */
+export function createRecordingView(recording, hrefOf) {
+  /** @type {import('./recording.js').Contents} */
+  let contents = { csv: [], files: [], complete: true };
+  /** @type {Map<string, {bytes: number, header?: string}>} */
+  let listed = new Map();
+  let closed = false;
+  const message = createMessage();
+  const source = createSource(recording, (path) => listed.get(path));
+  const group = createChartGroup({
+    pointed(time) {
+      timeline.read(time);
+      images.follow(time);
+      texts.follow(time);
+    },
+    opened: (marks) => timeline.tell(marks),
+  });
+  /** Everything goes to a time. @param {number} time */
+  function go(time) {
+    group.point(time);
+    images.follow(time);
+    texts.follow(time);
   }
+  const timeline = createTimeline(group, save, go);
+  const images = createImageCard(recording, (time) => {
+    group.point(time);
+    timeline.read(time);
+    texts.follow(time);
+  });
+  const texts = createTextCard(recording, (time) => {
+    group.point(time);
+    timeline.read(time);
+    images.follow(time);
+  });
+  const httpReport = createHttpReport();
+  const condition = createConditionCard(recording);
+  const board = createBoard({
+    source, group,
+    changed: (step) => writeLink(step),
+    beside: (name) => [...(name === GLANCE || name === 'Temperature and power' ? [condition.element] : []),
+      ...(name === GLANCE || name === 'HTTP API' ? [httpReport.element] : [])],
+  });
+  const information = createFacts();
 
-  /** @returns {Promise<[string, string][]>} */
-  async function readInformation() {
-    if (!contents.files.some(({ path }) => path === INFORMATION)) {
-      return [];
+  // --- The address bar
+
+  /** @param {boolean} step */
+  function writeLink(step) {
+    if (!closed) {
+      writeSight({ ...board.sight(), range: group.range() }, step);
     }
-    const blob = await readWhole(recording, INFORMATION, { most: MOST_INFORMATION_BYTES });
-    return informationOf(await blob.text()).map(([name, value]) => [name, deviceTime(value)]);
   }
+  let linkTimer = 0;
+  let written = '';
+  group.onRange((_, range) => {
+    if (JSON.stringify(range) !== written) {
+      written = JSON.stringify(range);
+      clearTimeout(linkTimer);
+      linkTimer = setTimeout(() => writeLink(true), LINK_MS);
+    }
+  });
 
   // --- Files
 
@@ -222,86 +145,99 @@ export function createRecordingView(recording) {
       message.fail(error);
     }
   }
+  /** @param {Item} item */
+  const openFile = (item) => (hrefOf ? el('a', { href: hrefOf(item) }, el('bdi', {}, item.path))
+    : actionButton(item.path, () => save(item.path), { class: 'plain' }));
+  const crashFiles = createFiles('Crash files and reports', ({ path }) => actionButton(path, () => save(path), { class: 'plain' }));
+  const allFiles = createFiles('All files', openFile);
 
-  /** @param {string} caption @param {(item: Item) => boolean} wantedFile */
-  function createFiles(caption, wantedFile) {
-    /** @type {Item[]} */
-    let all = [];
-    const filter = el('input', {
-      type: 'search', placeholder: 'Part of the name', spellcheck: 'false', autocomplete: 'off', oninput: () => show(),
-    });
-    const count = el('p', { class: 'quiet', role: 'status' });
-    const table = createTable({
-      caption,
-      columns: [{ title: 'File' }, { title: 'Changed' }, { title: 'Size', number: true }],
-      key: (/** @type {Item} */ { path }) => path,
-      make: ({ path, time, bytes }) => ({
-        cells: [actionButton(path, () => save(path), { class: 'plain' }), el('span', { class: 'stamp' }, time), el('span', {}, byteSize(bytes))],
-        update() {},
-      }),
-    });
-    const element = el('section', { class: 'card', 'aria-label': caption },
-      el('div', { class: 'tools apart' }, el('h2', {}, caption), count), field('Filter', filter), table.element);
-    function show() {
-      const text = filter.value.toLowerCase();
-      const matching = all.filter(({ path }) => path.toLowerCase().includes(text));
-      table.show(matching.slice(0, MOST_FILES));
-      setText(count, `${matching.length > MOST_FILES ? `The first ${MOST_FILES} of ` : ''}${counted(matching.length, 'file')}`);
-    }
-    return {
-      element,
-      /** @param {Item[]} items */
-      show(items) {
-        all = items.filter(wantedFile).sort((a, b) => a.path.localeCompare(b.path, 'en'));
-        element.hidden = all.length === 0;
-        show();
-      },
-    };
+  const informationCard = el('section', { class: 'card', 'aria-label': 'Information' },
+    el('details', {}, el('summary', {}, el('h2', {}, 'Information')), information.element));
+  const element = el('div', { class: 'view' }, message.element, informationCard, timeline.element, board.element,
+    timeline.list, images.element, texts.element, crashFiles.element, allFiles.element);
+  const stopWaiting = whenSeen(texts.element, () => {
+    textsSeen = true;
+    texts.load();
+  });
+  let textsSeen = false;
+
+  async function list() {
+    contents = await recording.list();
+    contents.csv.sort((a, b) => a.path.localeCompare(b.path, 'en'));
+    listed = new Map([...contents.files, ...contents.csv].map((file) => [file.path, file]));
+    images.show(contents.files);
+    crashFiles.show(contents.files.filter(({ path }) => CRASH_FILE.test(path)));
+    allFiles.show([...contents.files, ...contents.csv.map((csv) => ({ ...csv, time: '', utc: null }))]);
+    texts.show(contents.files);
+    board.list(contents);
   }
-  const crashFiles = createFiles('Crash files and reports', ({ path }) => CRASH_FILE.test(path));
-  const allFiles = createFiles('All files', () => recording.offline);
 
-  const element = el('div', { class: 'view' }, message.element,
-    el('section', { class: 'card', 'aria-label': 'Information', hidden: !recording.offline }, el('h2', {}, 'Information'), information.element),
-    charts, markCard, images.element, crashFiles.element, texts.element, allFiles.element);
+  async function readRest() {
+    const facts = await readInformation(recording, contents);
+    information.show(facts.length > 0 ? facts : [['Information', 'Session_Information.txt can’t be read.']]);
+    const marks = await readMarks(source, contents, facts);
+    if (closed) {
+      return;
+    }
+    group.setMarks(marks);
+    timeline.show(marks);
+    await condition.show(contents.csv);
+    await httpReport.show(recording, contents.files);
+    if (!contents.complete) {
+      message.show('doubtful', 'The session holds more files than the daemon lists. The archive has them all.');
+    }
+  }
 
   return {
     element,
-    addChart,
-    /** Reads it, also anew with all that was chosen in it; draws what it draws first, or one file. @param {string | null} [first] */
-    async open(first = null) {
-      if (contents.csv.length === 0) {
-        message.work('Reading what was recorded …');
-      }
+    /** Reads it and shows what a link says. @param {import('./link.js').Sight} sight */
+    async open(sight) {
+      message.work('Reading what was recorded …');
       try {
-        contents = await recording.list();
-        contents.csv.sort((a, b) => a.path.localeCompare(b.path, 'en'));
-        datalist.replaceChildren(...contents.csv.map(({ path }) => el('option', { value: titleOf(path) })));
-        images.show(contents.files);
-        crashFiles.show(contents.files);
-        allFiles.show([...contents.files, ...contents.csv.map((csv) => ({ ...csv, time: '', utc: null }))]);
-        texts.show(contents.files);
-        if (recording.offline) {
-          information.show(await readInformation());
+        await list();
+        if (!closed) {
+          message.clear();
+          this.apply(sight);
+          await board.drawn(); // what is looked at comes first
+          await readRest();
         }
-        for (const card of cards) {
-          await card.load();
+      } catch (error) {
+        if (!closed) {
+          message.fail(error);
         }
-        const paths = first !== null ? [first]
-          : FIRST_CHARTS.flatMap((pattern) => contents.csv.find(({ path }) => pattern.test(path))?.path ?? []);
-        for (const path of cards.length === 0 ? paths : []) {
-          await addChart(path);
-        }
-        setText(reading, cards.length === 0 ? 'No data has been recorded yet.' : reading.textContent || HINT);
-        message.clear();
-        await readMarks();
-        await texts.load();
-        if (!contents.complete) {
-          message.show('doubtful', 'The session holds more files than the daemon lists. The archive has them all.');
+      }
+    },
+    /** @param {import('./link.js').Sight} sight */
+    apply(sight) {
+      board.apply(sight);
+      group.startAt(sight.range);
+      written = JSON.stringify(sight.range);
+    },
+    /** Reads anew what has been recorded meanwhile, with all that was chosen. */
+    async refresh() {
+      try {
+        source.forget();
+        await list();
+        await board.refresh();
+        await readRest();
+        if (textsSeen) {
+          await texts.load();
         }
       } catch (error) {
         message.fail(error);
       }
+    },
+    close() {
+      closed = true;
+      message.clear();
+      clearTimeout(linkTimer);
+      stopWaiting();
+      board.close();
+      group.close();
+      images.close();
+      texts.close();
+      source.forget();
+      element.remove();
     },
   };
 }

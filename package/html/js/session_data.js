@@ -35,6 +35,7 @@ export const STORAGES = [
  * @property {number | null} lostMinutes since when its storage can't be used; null while it can
  * @property {{log: boolean, interval: boolean, minutes: number}} debug
  * @property {Maintenance} maintenance
+ * @property {number} triggers how many log triggers there are
  * @property {Device} device
  * @property {Session[]} sessions newest first, the lost ones behind
  */
@@ -198,7 +199,8 @@ export function cameraOf(value) {
     lostMinutes: active && (lost > 0 || text(told.space) === '0') ? lost : null,
     debug: {
       log: number(debug['status-log']) === 1,
-      interval: number(debug['status-interval']) === 1,
+      // After a restart only the minutes tell.
+      interval: number(debug['status-interval']) === 1 || number(debug.crash_recurrence) > 0,
       minutes: number(debug.crash_recurrence),
     },
     maintenance: {
@@ -206,6 +208,7 @@ export function cameraOf(value) {
       ptz: scheduleOf(miscellaneous, 'ptz_test'),
       server: server === 'None' ? '' : server,
     },
+    triggers: list(told.systemlog_trigger_rules).length,
     device: {
       model: text(device.Model),
       firmware: text(device.FW),
@@ -235,6 +238,11 @@ export function isOwn(session, serial) {
   return session.serial === '' || serial === '' || session.serial === serial;
 }
 
+/** Whether another camera seems to record it just now. @param {Session} session @param {string} serial */
+export function runsElsewhere(session, serial) {
+  return !isOwn(session, serial) && session.end === 'Still active';
+}
+
 /**
  * The lines of a session's Session_Information.txt as pairs; a line without a colon, and the
  * indented ones of a list, go on with the value before.
@@ -255,7 +263,15 @@ export function informationOf(told) {
   return pairs;
 }
 
+/** What the folders of a session hold, where their names do not say it. @type {Record<string, string>} */
+const MONITORS = {
+  koral: 'HTTP API', vela: 'packages', vela_configs: 'configurations of packages', vmstatus: 'memory of processes', topstatus: 'processor of processes',
+  meminfo: 'memory', slabinfo: 'kernel objects', self: 'this package', onvif: 'ONVIF', basic: 'logs and reports', snapshots: 'images',
+  environment: 'temperature and power', devicetest: 'device test', metadata: 'events', streams: 'video streams',
+};
+
 /** "monitoring_kernel" as "kernel". @param {string} name */
 export function monitorTitle(name) {
-  return name.replace(/^monitoring_/, '').replaceAll('_', ' ');
+  const short = name.replace(/^monitoring_/, '');
+  return MONITORS[short] ?? short.replaceAll('_', ' ');
 }

@@ -91,10 +91,15 @@ export function createVirtualList(label) {
       frame = requestAnimationFrame(render);
     }
   }, { passive: true });
-  new ResizeObserver(place).observe(element);
+  const observer = new ResizeObserver(place);
+  observer.observe(element);
 
   return {
     element,
+    close() {
+      observer.disconnect();
+      cancelAnimationFrame(frame);
+    },
     /** Index of the topmost row in sight. */
     top: () => (rowHeight === 0 ? 0 : Math.floor(position / rowHeight)),
     /** Whether the last row is in sight. */

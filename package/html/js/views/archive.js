@@ -4,6 +4,7 @@ import { openArchive } from '../archive_file.js';
 import { createMessage } from '../controls.js';
 import { el, setText } from '../dom.js';
 import { byteSize } from '../format.js';
+import { sightOf } from '../link.js';
 import { createRecordingView } from '../recording_view.js';
 
 /**
@@ -14,6 +15,9 @@ export function create(...more) {
   const message = createMessage();
   const name = el('p', { class: 'quiet' });
   const place = el('div');
+  /** @type {ReturnType<typeof createRecordingView> | null} */
+  let view = null;
+  let values = new URLSearchParams();
   const input = el('input', {
     type: 'file', accept: '.zip,application/zip', 'aria-label': 'Archive',
     onchange: () => open(input.files?.[0]),
@@ -26,7 +30,8 @@ export function create(...more) {
     }
     message.work('Opening …');
     setText(name, '');
-    place.replaceChildren();
+    view?.close();
+    view = null;
     try {
       const { recording, remarks } = await openArchive(file);
       message.clear();
@@ -34,9 +39,9 @@ export function create(...more) {
         message.show('doubtful', remarks);
       }
       setText(name, `${file.name}, ${byteSize(file.size)}`);
-      const view = createRecordingView(recording);
+      view = createRecordingView(recording);
       place.replaceChildren(view.element);
-      await view.open();
+      await view.open(sightOf(values));
     } catch (error) {
       message.fail(error);
     }
@@ -55,5 +60,11 @@ export function create(...more) {
     el('p', {}, 'Choose the zip archive of a session, or drop it here. It is read on this computer and sent nowhere.'),
     el('div', { class: 'tools' }, input, ...more), name, message.element),
     place);
-  return { element };
+  return {
+    element,
+    show(next) {
+      values = next;
+      view?.apply(sightOf(values));
+    },
+  };
 }

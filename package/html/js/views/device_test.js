@@ -55,14 +55,13 @@ function read(reply) {
 /** @param {Rule} rule */
 const hostOf = ({ address, port }) => (port === -1 ? `${address} (ICMP)` : `${address}, port ${port}`);
 
-/** @returns {import('../main.js').View} */
-export function create() {
-  const message = createMessage();
-  /** @type {Rule[]} */
-  let rules = [];
-  let timer = 0;
-
-  // Adding
+/**
+ * The form that adds a host, or changes one that is there.
+ * @param {() => Rule[]} rulesNow
+ * @param {import('../controls.js').Message} message
+ * @param {() => Promise<void>} refresh
+ */
+function createForm(rulesNow, message, refresh) {
   const name = el('input', { type: 'text', autocomplete: 'off' });
   const address = el('input', { type: 'text', autocomplete: 'off', spellcheck: 'false' });
   const port = el('input', { type: 'number', min: 1, max: 65535, value: 80 });
@@ -111,6 +110,16 @@ export function create() {
       wrong.focus();
       return;
     }
+    const wanted = kind.value === 'icmp' ? -1 : Number(port.value);
+    const known = rulesNow().find((rule) => rule.address === address.value.trim() && rule.port === wanted);
+    if (known && !await confirmed({
+      title: `Replace the rule of ${known.name || hostOf(known)}?`,
+      text: [`${hostOf(known)} is tested already: every ${known.timer * RUN_S} s, as “${known.name}”. The rule is replaced and its counters begin anew.`],
+      action: 'Replace',
+      keep: 'Keep',
+    })) {
+      return;
+    }
     message.work('Adding …');
     try {
       await requestGranted('declare_nc_rule', {
@@ -127,15 +136,38 @@ export function create() {
     await refresh();
   }
 
-  const addCard = el('section', { class: 'card', 'aria-label': 'Add a host' },
+  const element = el('section', { class: 'card', 'aria-label': 'Add a host' },
     el('h2', {}, 'Add a host'),
     el('form', { novalidate: true, onsubmit: (event) => event.preventDefault() },
       el('div', { class: 'form' }, fields.name.element, fields.address.element,
         field('Test', kind), fields.port.element, fields.interval.element, fields.fails.element),
       el('div', { class: 'tools' },
         actionButton('Add', add, { type: 'submit', class: 'primary' }))));
+  return {
+    element,
+    /** @param {Rule} rule */
+    edit(rule) {
+      name.value = rule.name;
+      address.value = rule.address;
+      kind.value = rule.port === -1 ? 'icmp' : 'tcp';
+      fields.port.element.hidden = rule.port === -1;
+      port.value = String(rule.port === -1 ? 80 : rule.port);
+      interval.value = String(rule.timer * RUN_S);
+      fails.value = String(rule.fails);
+      element.scrollIntoView({ block: 'nearest' });
+      name.focus();
+    },
+  };
+}
 
-  // The list
+/** @returns {import('../main.js').View} */
+export function create() {
+  const message = createMessage();
+  /** @type {Rule[]} */
+  let rules = [];
+  let timer = 0;
+  const form = createForm(() => rules, message, () => refresh());
+
   /** @param {Rule} rule */
   async function remove(rule) {
     const sure = await confirmed({
@@ -172,10 +204,11 @@ export function create() {
     const failed = el('span');
     const period = el('span');
     const log = actionButton('Log', async () => download('download_nc_log', { path: rule.log }));
+    const edit = el('button', { type: 'button', onclick: () => form.edit(rule) }, 'Edit');
     const deletion = actionButton('Delete', () => remove(rule), { class: 'danger' });
     return {
       cells: [label, el('span', {}, hostOf(rule)), state, since, checks, failed, period,
-        el('div', { class: 'tools' }, log, deletion)],
+        el('div', { class: 'tools' }, log, edit, deletion)],
       /** @param {Rule} next */
       update(next) {
         rule = next;
@@ -189,6 +222,7 @@ export function create() {
         setText(period, next.timer === 0 || next.timer > 1e9 ? 'never' : `${next.timer * RUN_S} s`);
         log.hidden = next.log === '';
         log.setAttribute('aria-label', `Log of ${next.name}`);
+        edit.setAttribute('aria-label', `Edit rule ${next.name}, ${hostOf(next)}`);
         deletion.setAttribute('aria-label', `Delete rule ${next.name}, ${hostOf(next)}`);
       },
     };
@@ -251,6 +285,6 @@ export function create() {
     el('p', { class: 'foot' }, asOf, ' ',
       el('button', { type: 'button', class: 'plain', onclick: () => refresh() }, 'Refresh')));
   const element = el('div', { class: 'view' }, el('h1', {}, 'Device test'), message.element,
-    addCard, listCard);
+    form.element, listCard);
   return { element, show: () => { refresh(); } };
 }

@@ -110,3 +110,38 @@ export function findAgain(lines, line, index) {
   }
   return Math.min(index, lines.length - 1);
 }
+
+/**
+ * The lines of a session's log as they came: a restarted camera appends what it may have written
+ * before, so lines with a time of fractions of a second that are there twice are one, and what is
+ * older stands in front.
+ * @param {string[]} lines
+ */
+export function inOrder(lines) {
+  /** @type {Set<string>} */
+  const seen = new Set();
+  /** @type {string[]} */
+  const kept = [];
+  let last = '';
+  let ascending = true;
+  for (const line of lines) {
+    const stamp = line[19] === '.' && line[10] === 'T' ? line.slice(0, 26) : '';
+    if (stamp !== '') {
+      if (seen.has(line)) {
+        continue;
+      }
+      seen.add(line);
+      ascending &&= stamp >= last;
+      last = stamp;
+    }
+    kept.push(line);
+  }
+  if (ascending) {
+    return kept;
+  }
+  let stamp = '';
+  return kept.map((line) => {
+    stamp = line[10] === 'T' ? line.slice(0, 26) : stamp; // what has no time belongs to the line before
+    return { line, stamp };
+  }).sort((a, b) => Number(a.stamp > b.stamp) - Number(a.stamp < b.stamp)).map(({ line }) => line);
+}

@@ -10,6 +10,7 @@ import { duration } from '../session_data.js';
 /** @typedef {import('../session_data.js').Schedule} Schedule */
 
 const MINUTES_MIN = 3;
+const MINUTES_ODD = 60; // shorter intervals are asked about
 const TIME = /^([01]\d|2[0-3]):[0-5]\d$/;
 const TIMES_HINT = 'Times of day on the camera’s clock, as 08:00, 20:30.';
 const ADDRESS_HINT = 'A host name or an IP address. The whole system log goes there by UDP, port 514.';
@@ -100,6 +101,14 @@ function taskCard(task, message) {
       (kind.value === 'set_interval' ? interval : times).focus();
       return;
     }
+    if (kind.value === 'set_interval' && minutes() < MINUTES_ODD && !await confirmed({
+      title: `${task.title} every ${duration(minutes())}?`,
+      text: [task.about, 'So short an interval leaves the camera little time for anything else.'],
+      action: `Every ${duration(minutes())}`,
+      keep: 'Change it',
+    })) {
+      return;
+    }
     message.work('Setting …');
     try {
       const words = await requestGranted('miscellaneous',
@@ -154,6 +163,7 @@ function serverCard(message) {
   const addressField = explainedField('Server', address, ADDRESS_HINT);
   /** The server set from here: the camera does not name the first one that was ever set on rsyslog. */
   let setHere = '';
+  let logDaemon = '';
 
   /** @param {string} what @param {Record<string, string>} values @param {RegExp} granted
    * @param {string} [more] */
@@ -170,17 +180,25 @@ function serverCard(message) {
     }
   }
 
+  let told = '';
+  const server = () => told || setHere;
+
   async function set() {
-    const server = address.value.trim();
-    if (!/^[A-Za-z0-9._:[\]-]+$/.test(server)) {
+    const wanted = address.value.trim();
+    if (!/^[A-Za-z0-9._:[\]-]+$/.test(wanted)) {
       addressField.explain('A host name or an IP address, nothing else.', true);
       address.focus();
       return;
     }
-    if (await change('Setting the server', { status: 'set', argument: server },
+    if (logDaemon === 'syslog-ng' && /^([^:]+|\[.*\]):\d+$/.test(wanted)) {
+      addressField.explain('With syslog-ng no port can be given: it is always 514.', true);
+      address.focus();
+      return;
+    }
+    if (await change('Setting the server', { status: 'set', argument: wanted },
       /^Remote server changed/,
       ' The log program restarts, which takes some seconds. Then send a test message.')) {
-      setHere = server;
+      setHere = wanted;
       await refreshCamera();
     }
   }
@@ -199,8 +217,12 @@ function serverCard(message) {
     }
   }
 
-  const test = () => change('Sending', { status: 'test' },
-    /^Test message in the log sent/, ' Look for it on the server.');
+  async function test() {
+    const done = await change('Sending', { status: 'test' }, /^Test message in the log sent/, ' Look for it on the server.');
+    if (done && server() === '') {
+      message.show('doubtful', 'The message is in the camera’s log. The camera names no remote server: set one for it to go there.');
+    }
+  }
 
   const element = el('section', { class: 'card', 'aria-label': 'Remote log server' },
     el('h2', {}, 'Remote log server'), facts.element,
@@ -208,10 +230,12 @@ function serverCard(message) {
       addressField.element,
       el('div', { class: 'tools' },
         actionButton('Set server', set, { type: 'submit', class: 'primary' }),
-        actionButton('Send test message', async () => { await test(); }),
+        actionButton('Send test message', test),
         actionButton('Remove server …', remove, { class: 'danger' }))));
   onCamera(element, ({ camera }) => {
-    facts.show(camera ? [['Server', camera.maintenance.server || setHere || 'the camera names none'],
+    logDaemon = camera?.device.logDaemon ?? '';
+    told = camera?.maintenance.server ?? '';
+    facts.show(camera ? [['Server', server() || 'the camera names none'],
       ['Log daemon', camera.device.logDaemon]] : []);
   });
   return element;

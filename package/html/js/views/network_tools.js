@@ -1,11 +1,13 @@
 // Ping, traceroute, port check and look-ups from the camera, with their output as it comes.
 
 import { request, RequestError } from '../api.js';
-import { actionButton, createMessage, explainedField, field, select } from '../controls.js';
+import { actionButton, createMessage, explainedField, field, remembered, select } from '../controls.js';
 import { el, setText } from '../dom.js';
+import { clock } from '../format.js';
 
 const END = 'STOPSPINNER';
 const TIMEOUT_MS = 300000;
+const RUNS_KEPT = 10;
 const ADDRESS_HINT = 'An IP address or a host’s name.';
 
 const TOOLS = [
@@ -18,19 +20,67 @@ function plain(reply) {
   return reply.replaceAll(/\n?<br>\n?/g, '\n').replaceAll(/<\/?i>/g, '');
 }
 
+/**
+ * What came of a run, by the tool's own words; a run that ended tells nothing by that alone.
+ * @param {string} tool
+ * @param {string} output
+ * @returns {{good: boolean, text: string} | null} null where the words are not known
+ */
+export function verdictOf(tool, output) {
+  if (output.trim() === '') {
+    return { good: false, text: 'nothing was answered' };
+  }
+  if (tool === 'ping') {
+    const [, loss] = /([\d.]+)% packet loss/.exec(output) ?? [];
+    return loss !== undefined && Number(loss) > 0 && Number(loss) < 100 ? { good: true, text: `it replies, ${loss} % lost` }
+      : Number(loss) === 0 || /is alive|bytes from/i.test(output) ? { good: true, text: 'it replies' } : { good: false, text: 'no reply' };
+  }
+  if (tool === 'portcheck') {
+    return /fail|refused|timed out|unreachable/i.test(output) ? { good: false, text: 'the port does not answer' }
+      : /open|succe/i.test(output) ? { good: true, text: 'the port is open' } : null;
+  }
+  if (tool === 'dnslookup') {
+    return /address: *\S/i.test(output) && !/fail|not found|could not/i.test(output) ? { good: true, text: 'found' }
+      : { good: false, text: 'no address was found' };
+  }
+  return /fail|error|unreachable|could not|not found|no such/i.test(output) ? { good: false, text: 'it failed' } : null;
+}
+
+/** The last runs, with what they said. */
+function createRuns() {
+  const list = el('ol', { class: 'results' });
+  const element = el('details', { hidden: true }, el('summary', {}, 'Last runs'), list);
+  return {
+    element,
+    /** @param {string} title @param {ReturnType<typeof verdictOf>} verdict @param {string} output */
+    add(title, verdict, output) {
+      list.prepend(el('li', {}, el('details', {}, el('summary', {}, el('time', {}, clock(new Date())), ' ', el('bdi', {}, title), ': ',
+        el('span', { class: verdict?.good === false ? 'failure' : '' }, verdict?.text ?? 'has ended')), el('pre', { class: 'content', tabindex: 0 }, output))));
+      list.children[RUNS_KEPT]?.remove();
+      element.hidden = false;
+    },
+  };
+}
+
 /** @returns {import('../main.js').View} */
 export function create() {
   const message = createMessage();
-  const address = el('input', { type: 'text', autocomplete: 'off', spellcheck: 'false' });
-  const port = el('input', { type: 'number', min: 1, max: 65535, value: 80 });
+  const address = remembered(el('input', { type: 'text', autocomplete: 'off', spellcheck: 'false' }), 'tools-address');
+  const port = remembered(el('input', { type: 'number', min: 1, max: 65535, value: 80 }), 'tools-port');
   const group = el('input', { type: 'text', autocomplete: 'off', spellcheck: 'false', value: 'S1' });
   const mode = select([['icmp', 'ICMP'], ['udp', 'UDP'], ['tcp', 'TCP']], () => {});
-  const tool = select(TOOLS, adapt);
+  const tool = remembered(select(TOOLS, adapt), 'tools-tool');
   const addressField = explainedField('Address', address, ADDRESS_HINT);
   const portField = explainedField('Port', port, '1 to 65535.');
   const groupField = explainedField('Storage group', group, 'As the camera’s parameters name it.');
   const modeField = field('Probes', mode);
   const output = el('pre', { class: 'content', tabindex: 0, 'aria-label': 'Output', hidden: true });
+  const runs = createRuns();
+  const copy = actionButton('Copy', async () => {
+    await navigator.clipboard?.writeText(output.textContent ?? '').catch(() => {});
+    const selection = getSelection();
+    selection?.selectAllChildren(output); // where the browser lets nothing be copied, it is a key away
+  }, { hidden: true });
 
   function adapt() {
     const share = tool.value === 'get_ip_address';
@@ -63,6 +113,14 @@ export function create() {
     };
   }
 
+  /** @param {string} title @param {Record<string, string>} values @param {string} reply */
+  function tell(title, values, reply) {
+    const verdict = verdictOf(tool.value, plain(reply));
+    message.show(verdict ? verdict.good ? 'good' : 'bad' : 'doubtful', `${title} has ended${verdict ? `: ${verdict.text}` : ''}.`);
+    runs.add([title, ...Object.values(values)].join(' '), verdict, plain(reply));
+    copy.hidden = false;
+  }
+
   async function run() {
     const values = argumentsOf();
     if (!values) {
@@ -83,12 +141,12 @@ export function create() {
           setText(output, plain(end < 0 ? reply : reply.slice(0, end)));
           if (end >= 0 && !ended) {
             ended = true;
-            message.show('good', `${title} has ended.`);
+            tell(title, values, reply.slice(0, end));
           }
         },
       });
       if (!ended && (tool.value === 'dnslookup' || tool.value === 'get_ip_address')) {
-        message.show('good', `${title} has ended.`);
+        tell(title, values, reply);
       } else if (!ended) {
         throw new RequestError('unexpected', 'The output was cut.', 'Look at the log.');
       }
@@ -106,8 +164,8 @@ export function create() {
         el('div', { class: 'form' }, field('Tool', tool), addressField.element, portField.element,
           modeField, groupField.element),
         el('div', { class: 'tools' },
-          actionButton('Run', run, { type: 'submit', class: 'primary' }))),
-      output,
+          actionButton('Run', run, { type: 'submit', class: 'primary' }), copy)),
+      output, runs.element,
       el('p', { class: 'hint' }, 'The tools run on the camera, which answers nothing else meanwhile.')));
   return { element };
 }

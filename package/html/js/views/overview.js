@@ -1,4 +1,5 @@
-// The session's state, the camera, whether the daemon answers, and the self-test of the logging.
+// What matters now and the next step, then the camera, whether the daemon answers, and the self-test of
+// the logging.
 
 import { request, RequestError } from '../api.js';
 import { onCamera, schedule } from '../camera.js';
@@ -17,6 +18,7 @@ const SEVERITIES = [
   { type: 'emerg', title: 'Emergency', find: 'A test emergency message!' },
 ];
 const RESULTS_KEPT = 20;
+const BEHIND_MS = 300;
 
 function daemonCard() {
   const text = el('dd');
@@ -97,13 +99,31 @@ function selfTestCard() {
     el('div', { role: 'log', 'aria-label': 'Replies to the self-test' }, results));
 }
 
+/** One obvious button for what comes next. */
+function nextStep() {
+  const link = el('a', { class: 'button primary', href: '#/sessions', hidden: true });
+  onCamera(link, ({ camera }) => {
+    link.hidden = camera === null;
+    link.href = camera?.active ? `#/session?path=${encodeURIComponent(camera.directory)}` : '#/sessions';
+    setText(link, camera?.active ? 'Open the dashboards' : 'Start a session');
+  });
+  return el('div', { class: 'tools' }, link, el('a', { class: 'button', href: '#/sessions' }, 'Other recordings'));
+}
+
 /** @returns {import('../main.js').View} */
 export function create() {
+  const now = el('div', { class: 'columns' }, sessionCard(nextStep()));
+  // What needs much code comes behind the first view; without it the facts below are there.
+  let asked = false;
+  onCamera(now, ({ camera }) => {
+    if (camera && !asked) {
+      asked = true;
+      setTimeout(() => import('../overview_now.js').then(({ createNow }) => now.append(...createNow()), () => {}), BEHIND_MS);
+    }
+  });
   return {
-    element: el('div', { class: 'view' }, el('h1', {}, 'Overview'),
-      el('div', { class: 'columns' },
-        sessionCard(el('p', {}, el('a', { href: '#/sessions' }, 'Start, stop, download'))),
-        cameraCard(), daemonCard(), selfTestCard())),
+    element: el('div', { class: 'view' }, el('h1', {}, 'Overview'), now,
+      el('div', { class: 'columns' }, cameraCard(), daemonCard(), selfTestCard())),
     show: schedule,
   };
 }

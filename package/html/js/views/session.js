@@ -1,19 +1,15 @@
-// One session: its information, what it has recorded, and its files.
+// One session: what it has recorded, and its files.
 
 import { address, request } from '../api.js';
 import { downloadArchive, haveArchive } from '../archive.js';
-import { actionButton, createFacts, createMessage, createTable, field } from '../controls.js';
-import { readInformation } from '../camera.js';
-import { readCondition } from '../condition.js';
-import { createHttpReport } from '../http_report.js';
+import { actionButton, createMessage, field, select } from '../controls.js';
 import { el, setText } from '../dom.js';
-import { byteSize, clock, counted } from '../format.js';
+import { byteSize, clock } from '../format.js';
+import { sightOf } from '../link.js';
 import { cameraRecording, NOT_TEXT } from '../recording.js';
+import { createRecordingView } from '../recording_view.js';
 import { partsOfPath } from '../session_data.js';
 
-// A folder of images may hold many thousands.
-const MOST_ROWS = 500;
-const MOST_COLUMNS = 6;
 const PIECE_BYTES = 256 * 1024;
 
 /** The text of one file, in pieces: a log of weeks is too much for one. */
@@ -74,180 +70,22 @@ function createViewer() {
   };
 }
 
-/** @param {string} session @param {string} [file] */
+/** @param {string} session @param {{path: string, bytes: number}} [file] */
 function hashOf(session, file) {
   const query = `path=${encodeURIComponent(session)}`;
-  return `#/session?${file ? `${query}&file=${encodeURIComponent(file)}` : query}`;
+  return `#/session?${file ? `${query}&file=${encodeURIComponent(file.path)}&bytes=${file.bytes}` : query}`;
 }
-
-/** @param {string} session @param {string} [file] */
-const chartsOf = (session, file) => hashOf(session, file).replace('#/session?', '#/charts?');
-
-/** @param {{path: string}} file */
-const shortName = ({ path }) => path.replace(/^system_monitoring\/monitoring_/, '');
 
 /** @returns {import('../main.js').View} */
 export function create() {
   let path = '';
-  let read = false;
-  /** @type {import('../recording.js').Contents} */
-  let found = { csv: [], files: [], complete: true };
-  /** @type {Map<string, number>} */
-  let sizes = new Map();
-  const title = el('h1');
+  /** @type {ReturnType<typeof createRecordingView> | null} */
+  let view = null;
+  const title = el('h1', { tabindex: -1 });
   const where = el('p', { class: 'quiet' });
   const message = createMessage();
-  const information = createFacts();
   const viewer = createViewer();
-  const httpReport = createHttpReport();
-
-  /** @param {{path: string}} item @param {HTMLElement} shown */
-  const openLink = (item, shown) => (NOT_TEXT.test(item.path)
-    ? el('a', { href: address('view_monitor_data', { storage: path, file: item.path }), download: '' }, shown)
-    : el('a', { href: hashOf(path, item.path) }, shown));
-
-  const csvTable = createTable({
-    caption: 'Recorded data',
-    columns: [{ title: 'File' }, { title: 'Columns' }, { title: 'Size', number: true }, { title: 'Chart' }],
-    key: (/** @type {import('../recording.js').Csv} */ csv) => `${path}\n${csv.path}`,
-    make(csv) {
-      const size = el('span');
-      const columns = el('span');
-      return {
-        cells: [openLink(csv, el('span', {}, shortName(csv))),
-          columns, size,
-          el('a', { href: chartsOf(path, csv.path), 'aria-label': `Chart of ${shortName(csv).replace(/\.csv$/, '')}` }, 'Chart')],
-        update(next) {
-          setText(size, byteSize(next.bytes));
-          setText(columns, next.columns.length > MOST_COLUMNS
-            ? `${next.columns.slice(0, MOST_COLUMNS - 1).join(', ')} and ${
-              next.columns.length - MOST_COLUMNS + 1} more`
-            : next.columns.join(', '));
-        },
-      };
-    },
-  });
-  const fileTable = createTable({
-    caption: 'Files',
-    columns: [{ title: 'File' }, { title: 'Changed' }, { title: 'Size', number: true }],
-    key: (/** @type {import('../recording.js').Item} */ item) => `${path}\n${item.path}`,
-    make(item) {
-      const time = el('span');
-      const size = el('span');
-      return {
-        cells: [openLink(item, el('span', {}, item.path)), time, size],
-        update(next) {
-          setText(time, next.time);
-          setText(size, byteSize(next.bytes));
-        },
-      };
-    },
-  });
-  const conditionTable = createTable({
-    caption: 'Condition of the camera',
-    columns: [{ title: 'What' }, { title: 'Last recorded' }, { title: 'At' }],
-    key: (/** @type {import('../condition.js').Measure} */ measure) => `${path}\n${measure.name}`,
-    make(measure) {
-      const value = el('span');
-      const time = el('span');
-      return {
-        cells: [el('span', {}, measure.name), value, time],
-        update(next) {
-          setText(value, next.value);
-          setText(time, next.time);
-        },
-      };
-    },
-  });
-  const noCondition = el('p', { class: 'empty' });
-  const filter = el('input', {
-    type: 'search', placeholder: 'Part of the name', spellcheck: 'false', autocomplete: 'off',
-    oninput: () => showContents(),
-  });
-  const noData = el('p', { class: 'empty' });
-  const dataCount = el('p', { class: 'quiet', role: 'status' });
-  const fileCount = el('p', { class: 'quiet', role: 'status' });
-  const contents = el('div', { class: 'view' },
-    el('section', { class: 'card', 'aria-label': 'Information' }, el('h2', {}, 'Information'), information.element),
-    el('section', { class: 'card', 'aria-label': 'Condition of the camera' },
-      el('h2', {}, 'Condition of the camera'), noCondition, conditionTable.element),
-    httpReport.element,
-    el('div', { class: 'tools' }, field('Filter of the files', filter, 'grow')),
-    el('section', { class: 'card', 'aria-label': 'Recorded data' },
-      el('div', { class: 'tools apart' }, el('h2', {}, 'Recorded data'), dataCount), noData, csvTable.element),
-    el('section', { class: 'card', 'aria-label': 'Other files' },
-      el('div', { class: 'tools apart' }, el('h2', {}, 'Other files'), fileCount), fileTable.element));
-
-  /**
-   * @template {{path: string}} Row
-   * @param {Row[]} all
-   * @param {{element: HTMLElement, show: (rows: Row[]) => void}} table
-   * @param {HTMLElement} count
-   */
-  function showMatching(all, table, count) {
-    const wanted = filter.value.toLowerCase();
-    const matching = all.filter((item) => item.path.toLowerCase().includes(wanted));
-    table.show(matching.slice(0, MOST_ROWS));
-    table.element.hidden = matching.length === 0;
-    const some = matching.length > MOST_ROWS ? `The first ${MOST_ROWS} of ` : '';
-    setText(count, `${some}${counted(matching.length, 'file')}`);
-  }
-
-  function showContents() {
-    showMatching(found.csv, csvTable, dataCount);
-    showMatching(found.files, fileTable, fileCount);
-    noData.hidden = !csvTable.element.hidden;
-    setText(noData, found.csv.length === 0 ? 'No data has been recorded yet.'
-      : 'No file matches the filter.');
-  }
-
-  /** @param {string} asked */
-  async function showCondition(asked) {
-    const measures = await readCondition(asked, found.csv).catch(() => null);
-    if (asked !== path) {
-      return;
-    }
-    conditionTable.show(measures ?? []);
-    conditionTable.element.hidden = !measures?.length;
-    noCondition.hidden = !conditionTable.element.hidden;
-    setText(noCondition, measures ? 'Nothing has been recorded of it. Sessions on the internal storage '
-      + 'have none, others after some minutes.' : 'It can’t be read now.');
-  }
-
-  async function load() {
-    const asked = path;
-    message.work('Reading what the session has …');
-    try {
-      const listed = await cameraRecording(asked).list();
-      const facts = await readInformation(asked).catch(() => null);
-      if (asked !== path) {
-        return;
-      }
-      found = listed;
-      const order = (/** @type {{path: string}} */ a, /** @type {{path: string}} */ b) =>
-        a.path.localeCompare(b.path, 'en');
-      found.csv.sort(order);
-      found.files.sort(order);
-      sizes = new Map([...found.csv, ...found.files].map((item) => [item.path, item.bytes]));
-      information.show(facts ?? [['Information', 'Session_Information.txt can’t be read.']]);
-      showContents();
-      await showCondition(asked);
-      await httpReport.show(asked, sizes);
-      if (asked !== path) {
-        return;
-      }
-      read = true;
-      message.clear();
-      if (!found.complete) {
-        message.show('doubtful', 'The session holds more files than the daemon lists. The archive has '
-          + 'them all.');
-      }
-    } catch (error) {
-      if (asked === path) {
-        message.fail(error);
-      }
-    }
-  }
+  const place = el('div');
 
   const archiveButton = actionButton('Download archive', async () => {
     const asked = path;
@@ -259,34 +97,69 @@ export function create() {
       message.fail(error);
     }
   });
-  const charts = el('a', { class: 'button' }, 'Charts');
+  const refresh = select([['0', 'Off'], ['60', 'Every minute']], () => refreshLater());
+  let timer = 0;
+  function refreshLater() {
+    clearTimeout(timer);
+    if (refresh.value !== '0') {
+      timer = setTimeout(async () => {
+        if (!document.hidden && !element.hidden) {
+          await view?.refresh();
+        }
+        refreshLater();
+      }, Number(refresh.value) * 1000);
+    }
+  }
   const element = el('div', { class: 'view' },
     el('p', {}, el('a', { href: '#/sessions' }, '← All sessions')),
     el('div', { class: 'tools apart' }, title,
-      el('div', { class: 'tools' }, charts, actionButton('Refresh', load), archiveButton)),
-    where, message.element, viewer.element, contents);
+      el('div', { class: 'tools small' }, field('Refresh', refresh), actionButton('Read again', async () => view?.refresh()), archiveButton)),
+    where, message.element, viewer.element, place);
+
+  function leave() {
+    view?.close();
+    view = null;
+  }
+
+  /** @param {URLSearchParams} values */
+  async function showRecording(values) {
+    if (view) {
+      view.apply(sightOf(values));
+      return;
+    }
+    const asked = path;
+    view = createRecordingView(cameraRecording(asked), (file) => hrefOf(asked, file));
+    place.replaceChildren(view.element);
+    await view.open(sightOf(values));
+  }
 
   return {
     element,
     async show(values) {
       const next = values.get('path') ?? path;
       if (next !== path) {
+        leave();
         path = next;
-        read = false;
-        filter.value = '';
-        contents.hidden = true;
-        charts.href = chartsOf(path);
+        message.clear();
         const { title: start, storage, serial } = partsOfPath(path);
         setText(title, `Session ${start}`);
         setText(where, `${storage}${serial ? `, camera ${serial}` : ''}: ${path}`);
-        await load();
       }
       const file = values.get('file');
       viewer.element.hidden = file === null;
-      contents.hidden = file !== null || !read;
+      place.hidden = file !== null;
       if (file !== null) {
-        await viewer.open(path, { path: file, bytes: sizes.get(file) ?? null });
+        leave();
+        await viewer.open(path, { path: file, bytes: values.has('bytes') ? Number(values.get('bytes')) : null });
+      } else {
+        await showRecording(values);
       }
     },
+    // What it has read and drawn is let go; the address brings it back.
+    hide: leave,
   };
 }
+
+/** Where a file of a session is read, or downloaded where it is no text. @param {string} session @param {{path: string, bytes: number}} file */
+const hrefOf = (session, file) => (NOT_TEXT.test(file.path)
+  ? address('view_monitor_data', { storage: session, file: file.path }) : hashOf(session, file));

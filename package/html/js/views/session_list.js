@@ -3,19 +3,32 @@
 import { requestGranted } from '../api.js';
 import { downloadArchive, haveArchive } from '../archive.js';
 import { onCamera, refreshCamera } from '../camera.js';
-import { actionButton, confirmed, createTable } from '../controls.js';
+import { actionButton, confirmed, createTable, field, select } from '../controls.js';
 import { el, setText } from '../dom.js';
 import { byteSize, counted } from '../format.js';
-import { isOwn, monitorTitle } from '../session_data.js';
+import { isOwn, monitorTitle, runsElsewhere } from '../session_data.js';
 
 const TIMEOUT_MS = 600000;
+const MANY = 8; // sessions, from which on they are filtered, sorted and ticked
+const NAMED = 5;
 
 /** @typedef {import('../session_data.js').Session} Session */
 
-/** @param {Session} session */
-function stateOf({ running, lost, bytes, zipped }) {
+/** @type {Record<string, (a: Session, b: Session) => number>} */
+const ORDERS = {
+  newest: (a, b) => Number(a.title < b.title) - Number(a.title > b.title),
+  oldest: (a, b) => Number(a.title > b.title) - Number(a.title < b.title),
+  largest: (a, b) => b.bytes - a.bytes,
+};
+
+/** @param {Session} session @param {string} serial of this camera */
+function stateOf(session, serial) {
+  const { running, lost, bytes, zipped } = session;
   if (running) {
     return { state: 'running', text: 'Running' };
+  }
+  if (runsElsewhere(session, serial)) {
+    return { state: 'running', text: `Recording on ${session.serial}` };
   }
   if (lost) {
     return { state: 'trouble', text: bytes > 0 ? 'Lost' : 'Not reachable' };
@@ -33,6 +46,8 @@ export function sessionList(message) {
   const working = new Map();
   /** @type {Session[]} */
   let sessions = [];
+  /** @type {Set<string>} paths of the ticked ones */
+  const chosen = new Set();
 
   /** What the daemon lists depends on what it was last asked to collect. */
   const lookAgain = async () => {
@@ -81,11 +96,40 @@ export function sessionList(message) {
     }
   }
 
+  /** The sessions that are ticked, of those that are shown. */
+  const ticked = () => matching().filter(({ path }) => chosen.has(path));
+
+  /** Deletes the ticked sessions, one after the other. */
+  async function removeTicked() {
+    const all = ticked().filter((session) => !session.running && !runsElsewhere(session, serial));
+    const bytes = all.reduce((sum, session) => sum + session.bytes, 0);
+    if (all.length === 0 || !await confirmed({
+      title: `Delete ${counted(all.length, 'session')}?`,
+      text: [`${byteSize(bytes)} and their archives are deleted from the camera. This can’t be taken back.`,
+        all.slice(0, NAMED).map(({ title }) => title).join(', ') + (all.length > NAMED ? ` and ${all.length - NAMED} more` : '')],
+      action: 'Delete',
+      keep: 'Keep',
+    })) {
+      return;
+    }
+    let failed = 0;
+    for (const [index, { path, title }] of all.entries()) {
+      message.work(`Deleting session ${title}, ${index + 1} of ${all.length} …`);
+      await requestGranted('remove', { path }, ['Files deleted.'], { timeoutMs: TIMEOUT_MS })
+        .then(() => chosen.delete(path), () => { failed++; });
+    }
+    await refreshCamera();
+    message.show(failed > 0 ? 'bad' : 'good', `${counted(all.length - failed, 'session')} deleted${failed > 0 ? `, ${failed} could not be` : ''}.`);
+  }
+
   /** @param {Session} session */
-  async function remove({ path, title, bytes, storage, zipped }) {
+  async function remove(session) {
+    const { path, title, bytes, storage, zipped } = session;
     const sure = await confirmed({
       title: `Delete session ${title}?`,
-      text: [`${byteSize(bytes)} on ${storage}${zipped ? ', and its archive,' : ''} are deleted from the `
+      text: [...runsElsewhere(session, serial) ? [`The camera ${session.serial} has not stopped this `
+        + 'session and may be recording it now. What it records from then on is lost as well. Stop the '
+        + 'session on that camera first, unless it is gone.'] : [], `${byteSize(bytes)} on ${storage}${zipped ? ', and its archive,' : ''} are deleted from the `
         + 'camera. This can’t be taken back.'],
       action: 'Delete',
       keep: 'Keep',
@@ -112,6 +156,13 @@ export function sessionList(message) {
   /** @param {Session} first */
   function makeRow(first) {
     let session = first;
+    const tick = el('input', {
+      type: 'checkbox', class: 'tick', 'aria-label': `Choose session ${session.title}`,
+      onchange: () => {
+        chosen[tick.checked ? 'add' : 'delete'](session.path);
+        showChosen();
+      },
+    });
     const start = el('a', { class: 'stamp', href: `#/session?path=${encodeURIComponent(session.path)}` }, session.title);
     const end = el('span', { class: 'stamp' });
     const storage = el('span');
@@ -126,19 +177,21 @@ export function sessionList(message) {
     const deletion = actionButton('Delete', () => remove(session), { class: 'danger',
       'aria-label': `Delete session ${session.title}` });
     return {
-      cells: [start, end, storage, camera, size, recorded, el('div', { class: 'state' }, state, progress),
+      cells: [el('span', { class: 'check' }, tick, start), end, storage, camera, size, recorded, el('div', { class: 'state' }, state, progress),
         el('div', { class: 'tools' }, archive, deletion)],
       /** @param {Session} next */
       update(next) {
         session = next;
+        tick.hidden = !many() || next.running;
+        tick.checked = chosen.has(next.path);
         setText(end, next.end || '–');
         setText(storage, next.storage);
         setText(camera, next.serial || serial);
         setText(size, next.bytes > 0 ? byteSize(next.bytes) : '–');
-        setText(kinds, counted(next.monitors.length, 'kind'));
+        setText(kinds, `${counted(next.monitors.length, 'kind')} of data`);
         setText(names, next.monitors.map(monitorTitle).join(', '));
         const work = working.get(next.path);
-        const shown = work ? { state: 'working', text: work } : stateOf(next);
+        const shown = work ? { state: 'working', text: work } : stateOf(next, serial);
         state.dataset.state = shown.state;
         setText(state, shown.text);
         progress.hidden = work === undefined;
@@ -170,17 +223,48 @@ export function sessionList(message) {
       message.clear();
     },
   });
+  const filter = el('input', {
+    type: 'search', placeholder: 'Time, storage, camera', autocomplete: 'off', spellcheck: 'false', oninput: () => show(),
+  });
+  const order = select([['newest', 'Newest first'], ['oldest', 'Oldest first'], ['largest', 'Largest first']], () => show());
+  const allShown = el('input', {
+    type: 'checkbox',
+    onchange: () => {
+      for (const { path, running } of matching()) {
+        chosen[allShown.checked && !running ? 'add' : 'delete'](path);
+      }
+      show();
+    },
+  });
+  const deleteTicked = actionButton('Delete the ticked', removeTicked, { class: 'danger' });
+  const tools = el('div', { class: 'tools', hidden: true }, field('Filter', filter, 'grow'), field('Order', order),
+    el('label', { class: 'check' }, allShown, 'Tick all shown'), deleteTicked);
+  const many = () => sessions.length >= MANY;
+
+  function matching() {
+    const words = filter.value.toLowerCase().split(/\s+/).filter(Boolean);
+    return sessions.filter((session) => allCameras || isOwn(session, serial))
+      .filter(({ title, storage, serial: camera }) => words.every((word) => `${title} ${storage} ${camera}`.toLowerCase().includes(word)));
+  }
+  function showChosen() {
+    const all = ticked();
+    deleteTicked.hidden = all.length === 0;
+    setText(deleteTicked, `Delete ${counted(all.length, 'session')} …`);
+  }
+
   const element = el('section', { class: 'card', 'aria-label': 'Sessions' },
     el('div', { class: 'tools apart' },
       el('div', { class: 'tools' }, heading, count),
       el('div', { class: 'tools' },
         el('label', { class: 'check' }, all, el('span', {}, 'Sessions of all cameras on the share')),
         actionButton('Look again', lookAgain, { title: 'Search the storages for sessions' }))),
-    empty, table.element);
+    tools, empty, table.element);
 
   function show() {
-    const shown = sessions.filter((session) => allCameras || isOwn(session, serial));
-    table.show(shown);
+    const shown = matching();
+    tools.hidden = !many();
+    table.show(order.value === 'newest' ? shown : [...shown].sort(ORDERS[order.value]));
+    showChosen();
     table.element.hidden = shown.length === 0;
     empty.hidden = shown.length > 0;
     const bytes = shown.reduce((sum, session) => sum + session.bytes, 0);
@@ -192,7 +276,7 @@ export function sessionList(message) {
       sessions = camera.sessions;
       serial = camera.device.serial;
     }
-    setText(empty, camera ? 'No session has been recorded yet, or its storage is not there.'
+    setText(empty, camera && sessions.length > 0 ? 'No session matches the filter.' : camera ? 'No session has been recorded yet, or its storage is not there.'
       : error ? 'The sessions can’t be listed now.' : 'Asking the camera …');
     show();
   });

@@ -3,9 +3,11 @@
 import { requestGranted } from '../api.js';
 import { expectChanges, onCamera, refreshCamera } from '../camera.js';
 import { actionButton, explainedField, field, select } from '../controls.js';
-import { el } from '../dom.js';
+import { el, setText } from '../dom.js';
 import { STORAGES } from '../session_data.js';
 import { storageChoice } from '../storage_choice.js';
+import { readStorages } from '../storages.js';
+import { byteSize } from '../format.js';
 
 const TIMEOUT_MS = 300000;
 const DIGITS = /^\d*$/;
@@ -24,13 +26,24 @@ export function startCard(message) {
   const intervalField = explainedField('A crash report every', interval);
   const unit = select([['60', 'hours'], ['1', 'minutes']], adapt);
   const intervalRow = el('div', { class: 'tools' }, intervalField.element, field('Unit', unit));
+  const storageHint = el('p', { class: 'hint', role: 'status' });
   let hasImages = true;
+  /** @type {import('../storages.js').StorageState[]} */
+  let states = [];
+  async function readStates() {
+    states = await readStorages().catch(() => []);
+    adapt();
+  }
 
   const isScheduled = () => !debug.disabled && ['interval', 'both'].includes(debug.value);
 
   /** Shows what goes with the choices, and whether all can be sent. */
   function adapt() {
     const internal = storage.name() === 'localdata';
+    const state = states.find(({ name }) => name === storage.name());
+    const used = state && state.percent !== null ? `${state.percent} % of ${byteSize(state.bytes)} used` : '';
+    setText(storageHint, !state ? '' : state.trouble ? `This storage can’t be used now: ${state.trouble}${used ? ` (${used})` : ''}.` : used);
+    storageHint.classList.toggle('failure', Boolean(state?.trouble));
     images.disabled = internal;
     debug.disabled = internal;
     intervalRow.hidden = !isScheduled();
@@ -104,7 +117,7 @@ export function startCard(message) {
     onsubmit: (event) => event.preventDefault(), // the button has been clicked then
   },
   el('div', { class: 'form' },
-    storage.element,
+    el('div', {}, storage.element, storageHint),
     imagesField.element,
     el('div', {}, debugField.element, intervalRow)));
   const startButton = actionButton('Start session', start, { type: 'submit', class: 'primary' });
@@ -112,7 +125,12 @@ export function startCard(message) {
 
   const element = el('section', { class: 'card', 'aria-label': 'Start a session' },
     el('h2', {}, 'Start a session'), form);
-  onCamera(element, ({ camera, error }) => {
+  let asked = '';
+  onCamera(element, ({ camera, error, at }) => {
+    if (camera && !camera.active && element.isConnected && asked !== String(at)) {
+      asked = String(at);
+      readStates();
+    }
     // Hidden only, so that what was typed is there again afterwards.
     element.hidden = camera ? camera.active : error === null;
     hasImages = camera?.device.images ?? true;

@@ -65,15 +65,15 @@ export function create() {
   });
   const idField = explainedField('Recording id', id, ID_HINT);
 
-  /** Whether the recording id can be sent. The daemon would start a known one anew, over its files. */
+  /** Whether the recording id can be sent; says so when a trace has it already. */
   function checkId() {
     const name = id.value.trim();
     const known = traces.some(({ path }) =>
       path.startsWith(`/var/spool/storage/${storage.name()}/`) && path.endsWith(`/${name}`));
-    const wrong = !PLAIN.test(name) ? 'One word of letters, digits, “.”, “_” and “-”, that begins '
-      + 'with none of “.” and “-”.' : known ? 'This storage has a trace of that name; it would be '
-      + 'overwritten.' : '';
-    idField.explain(wrong || ID_HINT, wrong !== '');
+    const wrong = PLAIN.test(name) ? '' : 'One word of letters, digits, “.”, “_” and “-”, that begins '
+      + 'with none of “.” and “-”.';
+    idField.explain(wrong || (known ? 'This storage has a trace of that name; what it recorded is kept '
+      + 'in a folder “earlier_…” of the new one.' : ID_HINT), wrong !== '');
     return wrong === '';
   }
 
@@ -90,7 +90,7 @@ export function create() {
         { timeoutMs: TIMEOUT_MS });
       typed = false;
       await refresh();
-      message.show('good', el('q', {}, words));
+      message.show('good', 'The trace has been started. ', el('q', {}, words));
       setTimeout(refresh, FIRST_LOOK_MS);
     } catch (error) {
       message.fail(error);
@@ -128,9 +128,9 @@ export function create() {
     ending = true;
     message.work('Stopping, repairing and packing …');
     try {
+      // The reply begins before the work and ends after it.
       const words = await requestGranted('stop_wireshark_session', {},
-        ['Wireshark session deactivated.'], { timeoutMs: TIMEOUT_MS });
-      // It says so before the work, and answers this after it.
+        ['Wireshark session deactivated.'], { timeoutMs: REPAIR_TIMEOUT_MS });
       const { error } = await refresh(REPAIR_TIMEOUT_MS);
       const trace = traces.find(({ path }) => path === stopped);
       if (error) {
@@ -176,7 +176,7 @@ export function create() {
     }
   }
   const directCard = el('section', { class: 'card', 'aria-label': 'Direct trace' },
-    el('h2', {}, 'Direct trace'),
+    el('h2', {}, 'A trace taken from elsewhere'),
     el('p', { class: 'quiet' }, 'Has the camera’s log say that a trace was taken past this page, such as '
       + 'with the camera’s own trace download, so that whoever reads the log knows of it.'),
     el('form', { novalidate: true, onsubmit: (event) => event.preventDefault() }, secondsField.element,

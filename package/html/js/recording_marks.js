@@ -1,0 +1,45 @@
+// Reads what happened in a recording: the end of its log, its events, the names of its files. Needs no
+// page.
+
+import { LOG } from './catalogue.js';
+import { markOfFile, markOfLine, marksOfEvents, marksOfHoles, sortedMarks, triggerNames, zoneOf } from './marks.js';
+import { holes, wallSeconds } from './series.js';
+
+const EVENTS = 'system_monitoring/monitoring_metadata/eventlistener.txt';
+const REGULAR = 'system_monitoring/monitoring_load/load.csv'; // has a row in every collection
+const REPORT = /\/Server_Report_[^/]*\.txt$/;
+
+/** @typedef {import('./marks.js').Mark} Mark */
+
+/**
+ * @param {ReturnType<typeof import('./session_series.js').createSource>} source
+ * @param {import('./recording.js').Contents} contents
+ * @param {[string, string][]} information of the session
+ * @returns {Promise<Mark[]>} in the order of their times, each once
+ */
+export async function readMarks(source, contents, information) {
+  const linesOf = async (/** @type {string | undefined} */ path) =>
+    (path !== undefined && contents.files.some((file) => file.path === path) ? source.logLines(path) : []);
+  const log = await linesOf(LOG);
+  // Names of cores have the time in UTC. The zone stands in the device's log, which a report has too.
+  const report = contents.files.find(({ path }) => REPORT.test(path))?.path;
+  const zoneIn = (/** @type {string[]} */ lines) => {
+    const line = lines.find((one) => zoneOf(one) !== null);
+    return line === undefined ? null : zoneOf(line);
+  };
+  const zone = zoneIn(log) ?? zoneIn(await linesOf(report)) ?? 0;
+  const found = [...log.flatMap(markOfLine), ...marksOfEvents(await linesOf(EVENTS), zone, triggerNames(log))];
+  for (const { path, time, utc } of contents.files) {
+    const [day = '', clock = ''] = time.split(' ');
+    found.push(...markOfFile(path, zone, utc === null ? wallSeconds(day, clock) : utc + zone));
+  }
+  for (const [name, value] of information) {
+    const [day = '', clock = ''] = value.split(' ');
+    if (/^(?:Start|Stop) Time of the session$/.test(name)) {
+      found.push({ time: wallSeconds(day, clock), kind: 'session', text: name.startsWith('Start') ? 'The session was started' : 'The session was stopped' });
+    }
+  }
+  const regular = contents.csv.some(({ path }) => path === REGULAR) ? await source.table(REGULAR, /./) : null;
+  const gaps = holes([...regular?.times ?? []].sort((a, b) => a - b));
+  return sortedMarks([...found, ...marksOfHoles(gaps, found)]);
+}

@@ -7,6 +7,7 @@
 #include "fileutil.h"
 #include "http.h"
 #include "log.h"
+#include "loop.h"
 #include "session_globals.h"
 #include "shell_word.h"
 #include "storage_investigator.h"
@@ -130,13 +131,28 @@ void log_status_in_session(const nc_rules_t &rule, bool status) {
                                status);
 }
 
+// Asked for once for all results that are counted one after the other.
+struct usable_storage {
+    bool is_known = false;
+    const char *name = nullptr; // null: there is none
+};
+usable_storage storage_of_results;
+
+const char *storage_for_results() {
+    if (!std::exchange(storage_of_results.is_known, true)) {
+        const auto *const usable =
+            std::find_if(std::begin(storages), std::end(storages), [](const char *storage) {
+                return determine_if_this_storage_is_ok(storage, false);
+            });
+        storage_of_results.name = usable == std::end(storages) ? nullptr : *usable;
+    }
+    return storage_of_results.name;
+}
+
 void vdrl_dt_log_status(nc_rules_t &rule, bool status, const std::string &serial) {
     log_status_in_session(rule, status);
-    for (const char *storage : storages) {
-        if (determine_if_this_storage_is_ok(storage, false)) {
-            vdrl_dt_log_status_on_storage(rule, status, storage, serial);
-            break;
-        }
+    if (const char *storage = storage_for_results()) {
+        vdrl_dt_log_status_on_storage(rule, status, storage, serial);
     }
     if (status) {
         log_info("Network Device Test: [%s] Connection successfully established to host: %s",
@@ -328,7 +344,8 @@ bool may_be_counted(const check &c) {
     return c.state == check_state::ended || (c.state == check_state::waiting && c.rule == nullptr);
 }
 
-// One result at a time, as it asks for the storages: in between the loop does what else there is.
+// One result at a time, as it may write to a slow storage: in between the loop does what else there
+// is.
 gboolean count_next(gpointer) noexcept {
     if (!checks.empty() && may_be_counted(checks.front())) {
         count_result(checks.front());
@@ -347,7 +364,8 @@ void note_end(GPid, gint wait_status, gpointer data) noexcept {
     --running;
     start_waiting();
     if (!std::exchange(is_counting, true)) {
-        g_idle_add(count_next, nullptr);
+        storage_of_results.is_known = false;
+        loop_add_idle(count_next, nullptr);
     }
 }
 
@@ -365,7 +383,7 @@ gboolean take_output(gint descriptor, GIOCondition, gpointer data) noexcept {
         }
     }
     (void)c.child.output.close();
-    g_child_watch_add(c.child.pid, note_end, &c);
+    loop_add_child(c.child.pid, note_end, &c);
     return G_SOURCE_REMOVE;
 }
 
@@ -394,8 +412,8 @@ void start(check &c) {
     }
     c.state = check_state::running;
     ++running;
-    g_unix_fd_add(c.child.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
-                  take_output, &c);
+    loop_add_fd(c.child.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
+                take_output, &c);
 }
 
 void start_waiting() {
@@ -664,5 +682,6 @@ void action_download_nc_log(GDataOutputStream *stream, GHashTable *arguments) {
     http_write_header(stream, http_status::ok, "text/plain",
                       "Content-Description: File Transfer\r\nContent-Disposition: attachment; "
                       "filename=\"Network_Device_Test_Log.txt\"\r\n");
+    const long_reply_turns turns(long_reply::device_test_log);
     output_file(stream, path);
 }

@@ -94,11 +94,12 @@ std::string storage_log_path(const char *storage, const std::string &serial) {
                           serial.c_str(), storage_log_folder, log_name);
 }
 
-bool vdrl_dt_log_status_in_file(const nc_rules_t &rule, const std::string &path, bool status) {
+// `time`: the same in the session's log and in the storage's.
+bool vdrl_dt_log_status_in_file(const nc_rules_t &rule, const std::string &path, bool status,
+                                const std::string &time) {
     // What a full storage did not take is no missing file.
     return append_rows(path, "",
-                       format_text("%s Network Device Test: [%s] %s: %s\r\n",
-                                   date_format_now(date_format_information).c_str(),
+                       format_text("%s Network Device Test: [%s] %s: %s\r\n", time.c_str(),
                                    rule.nc_name.c_str(),
                                    status ? "Connection successfully established to host"
                                           : "Connection failed to host",
@@ -107,17 +108,17 @@ bool vdrl_dt_log_status_in_file(const nc_rules_t &rule, const std::string &path,
 }
 
 void vdrl_dt_log_status_on_storage(nc_rules_t &rule, bool status, const char *storage,
-                                   const std::string &serial) {
+                                   const std::string &serial, const std::string &time) {
     const std::string folder = storage_folder(storage, serial);
     make_log_folder(folder);
     make_log_folder(format_bounded(path_size, "%s/%s", folder.c_str(), storage_log_folder));
     const std::string path = storage_log_path(storage, serial);
-    if (vdrl_dt_log_status_in_file(rule, path, status)) {
+    if (vdrl_dt_log_status_in_file(rule, path, status, time)) {
         rule.log_file_path = path;
     }
 }
 
-void log_status_in_session(const nc_rules_t &rule, bool status) {
+void log_status_in_session(const nc_rules_t &rule, bool status, const std::string &time) {
     const auto session = session_directory();
     // Nothing is made in the empty mount point of a storage that has gone; the tick says that it
     // has.
@@ -128,7 +129,7 @@ void log_status_in_session(const nc_rules_t &rule, bool status) {
         format_bounded(path_size, "%s/%s", session->c_str(), session_log_folder);
     make_log_folder(folder);
     vdrl_dt_log_status_in_file(rule, format_bounded(path_size, "%s/%s", folder.c_str(), log_name),
-                               status);
+                               status, time);
 }
 
 // Asked for once for all results that are counted one after the other.
@@ -150,9 +151,10 @@ const char *storage_for_results() {
 }
 
 void vdrl_dt_log_status(nc_rules_t &rule, bool status, const std::string &serial) {
-    log_status_in_session(rule, status);
+    const std::string time = date_format_now(date_format_information);
+    log_status_in_session(rule, status, time);
     if (const char *storage = storage_for_results()) {
-        vdrl_dt_log_status_on_storage(rule, status, storage, serial);
+        vdrl_dt_log_status_on_storage(rule, status, storage, serial, time);
     }
     if (status) {
         log_info("Network Device Test: [%s] Connection successfully established to host: %s",

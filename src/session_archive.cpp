@@ -209,7 +209,10 @@ void zip_session_directory(const char *path) {
         log_error("Could not change directory to: %s", parent.c_str());
         return;
     }
-    if (const pid_t group = start_in_background(command.c_str()); group > 0) {
+    const mode_t before = ::umask(077); // what is in it is for root alone
+    const pid_t group = start_in_background(command.c_str());
+    ::umask(before);
+    if (group > 0) {
         packings.push_back({path, group});
         if (packings.size() == 1) {
             loop_add_seconds(60, look_at_packings, nullptr);

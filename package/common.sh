@@ -91,10 +91,23 @@ sweep_beside() {
     return 0
 }
 
+# leads_there PATH: whether no folder of the path below a storage's own is a link.
+leads_there() {
+    case $1 in
+    "$STORAGES"/*/*) ;;
+    *) return 0 ;;
+    esac
+    part=${1%/*}
+    while [ "${part%/*}" != "$STORAGES" ] && [ -n "$part" ]; do
+        ! [ -h "$part" ] || return 1
+        part=${part%/*}
+    done
+}
+
 # can_append FILE: whether it is a file, or nothing yet. On a card or a share it could be a pipe, which
-# waits for its reader, or a link to a file of the camera.
+# waits for its reader, or a link to a file of the camera; so could the folders above it.
 can_append() {
-    ! [ -h "$1" ] && { [ -f "$1" ] || ! [ -e "$1" ]; }
+    ! [ -h "$1" ] && { [ -f "$1" ] || ! [ -e "$1" ]; } && leads_there "$1"
 }
 
 # cut_back FILE: takes back what a full storage or a power cut left of a row at its end.
@@ -127,7 +140,7 @@ append_rows() {
     said=/run/Vandrel_failing_${2%.csv}
     failed=
     while IFS=$tab read -r folder row; do
-        [ -d "$1/$folder" ] || mkdir "$1/${folder%/*}" "$1/$folder" 2>/dev/null
+        [ -d "$1/$folder" ] || { leads_there "$1/$folder/" && mkdir "$1/${folder%/*}" "$1/$folder"; } 2>/dev/null
         append_row "$1/$folder/$2" "$3" "$row" || failed=${failed:-$folder/$2}
     done
     if [ -z "$failed" ]; then
@@ -188,10 +201,11 @@ uptime_s() {
 # zip_info.txt says meanwhile that it is being made.
 pack_trace() {
     (
-        cd "$1" || exit 1
+        leads_there "$1/." && cd "$1" || exit 1
+        rm -f zip_info.txt wireshark_archive.new.zip
         date >zip_info.txt
-        rm -f wireshark_archive.new.zip
-        if zip -q -r wireshark_archive.new.zip . -x wireshark_archive.zip zip_info.txt &&
+        # A link is packed as one (-y): on a share it could lead to files of the camera.
+        if zip -q -r -y wireshark_archive.new.zip . -x wireshark_archive.zip zip_info.txt &&
             flush wireshark_archive.new.zip; then
             mv -f wireshark_archive.new.zip wireshark_archive.zip
         else

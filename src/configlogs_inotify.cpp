@@ -4,6 +4,7 @@
 #include "dateutil.h"
 #include "fileutil.h"
 #include "log.h"
+#include "loop.h"
 #include "session_globals.h"
 #include "vdrl_inotify.h"
 
@@ -110,7 +111,7 @@ void record_change(config_watcher &slot) {
     }
     if (slot.last_copy == std::time(nullptr)) {
         if (slot.timer == 0) {
-            slot.timer = g_timeout_add_seconds(1, record_late_change, &slot);
+            slot.timer = loop_add_seconds(1, record_late_change, &slot);
         }
         return;
     }
@@ -130,7 +131,7 @@ void record_change(config_watcher &slot) {
 void empty_slot(config_watcher &slot) {
     vdrl_inotify_destroy(slot.watch);
     if (slot.timer != 0) {
-        g_source_remove(slot.timer);
+        loop_remove(slot.timer);
     }
     slot = {};
 }

@@ -1,5 +1,6 @@
 #include "crash_report.h"
 
+#include "command_limits.h"
 #include "dateutil.h"
 #include "filehandler.h"
 #include "fileutil.h"
@@ -20,8 +21,6 @@ using namespace std::chrono_literals;
 constexpr std::size_t folder_size = 256;
 constexpr unsigned report_folder_permissions = 0666;
 constexpr const char *script = "/usr/local/packages/Vandrel/debug_script.sh";
-// Far above what its foreground part takes; a script that hangs must not hold the daemon.
-constexpr auto script_limit = 10min;
 constexpr std::chrono::milliseconds packing_limit = 30s; // the session's stop waits for it
 
 } // namespace
@@ -45,7 +44,7 @@ bool crash_report_snapshot(const std::string &folder) {
     // Started under its name, not its path, which stands in for the interpreter's script.
     const char *const argv[] = {script, archive.c_str(), nullptr};
     errno = 0;
-    const int status = run_program(argv, program_descriptors::none, nullptr, script_limit);
+    const int status = run_program(argv, program_descriptors::none, -1, limit_of(script).limit);
     if (status == -1) {
         log_error("%s Execve failed.", __func__);
     } else if (WIFSIGNALED(status)) {

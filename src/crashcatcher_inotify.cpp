@@ -1,5 +1,6 @@
 #include "crashcatcher_inotify.h"
 
+#include "command_limits.h"
 #include "crashcatcher_core.h"
 #include "fileutil.h"
 #include "log.h"
@@ -20,9 +21,8 @@ using namespace std::chrono_literals;
 constexpr std::size_t crash_path_size = 200;
 constexpr const char *report_program = "/usr/html/tarvo-cgi/serverreport.cgi";
 constexpr const char *report_ending = "_server-report.log";
-// A report takes seconds, on a loaded device a minute; one that hangs must not hold the daemon. The
-// cores that have come meanwhile follow at once, and theirs get less: each would hold it again.
-constexpr std::chrono::milliseconds report_limit = 5min;
+// The cores that have come while a report hung follow at once, and theirs get less: each would hold
+// the daemon again.
 constexpr std::chrono::milliseconds next_report_limit = 10s;
 std::optional<std::chrono::steady_clock::time_point> last_hang; // when it was ended
 
@@ -99,8 +99,11 @@ void top_dir_callback(const char *folder, const char *name) {
     // Without a shell: the name is the crashed program's.
     const char *const argv[] = {report_program, nullptr};
     const bool follows_a_hang = last_hang && std::chrono::steady_clock::now() - *last_hang < 1min;
-    const int status = run_program(argv, program_descriptors::standard, report.c_str(),
-                                   follows_a_hang ? next_report_limit : report_limit);
+    const unique_file file = file_open_or_warn(report.c_str(), "w");
+    const int status =
+        !file ? -1
+              : run_program(argv, program_descriptors::standard, ::fileno(file.get()),
+                            follows_a_hang ? next_report_limit : limit_of(report_program).limit);
     if (WIFSIGNALED(status) && errno == ETIMEDOUT) {
         last_hang = std::chrono::steady_clock::now();
     }

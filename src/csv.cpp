@@ -1,7 +1,7 @@
 #include "csv.h"
 
 #include "dateutil.h"
-#include "handle.h"
+#include "fileutil.h"
 #include "log.h"
 #include "strutil.h"
 
@@ -44,14 +44,10 @@ off_t end_of_rows(int file, off_t size) {
 
 append_result append_whole(const std::string &path, std::string_view header, std::string_view text,
                            bool in_lines) {
-    unique_fd file(
-        ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0644));
+    const unique_fd file = file_descriptor(path.c_str(), O_RDWR | O_CREAT | O_APPEND, 0644);
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) {
         return {errno, false};
-    }
-    if (!S_ISREG(status.st_mode)) {
-        return {EINVAL, false};
     }
     char last = '\n';
     off_t size = status.st_size;

@@ -35,6 +35,7 @@ append_result append_whole(const std::string &path, std::string_view header, std
 // The current time as the two first columns: "2026-11-21,04:05:06".
 std::string row_time();
 
-// A name that somebody chose as one cell of a row, which no spreadsheet takes for a formula: a comma
-// becomes a blank, and a blank is put before a leading "=", "+", "-" or "@". "=1,5" -> " =1 5"
+// A name that somebody chose as one cell of a row, which no spreadsheet takes for a formula: a
+// comma becomes a blank, and a blank is put before a leading "=", "+", "-" or "@". "=1,5" -> " =1
+// 5"
 std::string csv_cell(std::string_view name);

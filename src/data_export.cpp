@@ -134,22 +134,10 @@ std::vector<std::string> split_path(std::string_view path) {
 
 // Opens a regular file below a session without leaving it: no part may be a link or "..".
 unique_fd open_inside(const std::string &session, std::string_view relative_path) {
-    unique_fd folder(::open(session.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     const std::vector<std::string> parts = split_path(relative_path);
-    for (std::size_t i = 0; folder && i < parts.size(); ++i) {
-        const bool last = i + 1 == parts.size();
-        if (!is_plain_name(parts[i])) {
-            return {};
-        }
-        folder = unique_fd(
-            ::openat(folder.get(), parts[i].c_str(),
-                     O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | (last ? 0 : O_DIRECTORY)));
-    }
-    struct stat status {};
-    if (!folder || ::fstat(folder.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        return {};
-    }
-    return folder;
+    return std::all_of(parts.begin(), parts.end(), is_plain_name)
+               ? file_descriptor((session + "/" + std::string(relative_path)).c_str(), O_RDONLY)
+               : unique_fd();
 }
 
 std::string json_text(std::string_view text) {
@@ -285,7 +273,9 @@ void list_folder(int parent, const char *name, const std::string &path, int dept
 
 void reply_listing(GDataOutputStream *stream, const std::string &session) {
     listing list;
-    list_folder(AT_FDCWD, session.c_str(), "", 0, list);
+    if (const unique_fd folder = folder_descriptor(session.c_str())) {
+        list_folder(folder.get(), ".", "", 0, list);
+    }
     errno = 0;
     http_reply(stream, http_status::ok, "application/json; charset=utf-8",
                "{\"csv\":[" + list.csv + "],\"files\":[" + list.files +
@@ -322,6 +312,7 @@ void reply_file(GDataOutputStream *stream, const std::string &session, const cha
         refuse(stream, "There is no such file in the session.");
         return;
     }
+    const long_reply_turns turns(long_reply::session_data);
     http_write_header(stream, http_status::ok, "text/plain; charset=utf-8");
     std::array<char, piece_size> piece;
     auto position = static_cast<off_t>(*offset);
@@ -413,9 +404,9 @@ void output_data_json_no_retention(GDataOutputStream *stream, const char *path, 
 }
 
 int output_file(GDataOutputStream *stream, const char *path) {
-    const unique_fd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const unique_fd file = file_descriptor(path, O_RDONLY);
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (!file || ::fstat(file.get(), &status) != 0) {
         log_cannot_open(path);
         return 1;
     }

@@ -2,14 +2,20 @@
 
 #include "handle.h"
 #include "http.h"
+#include "loop.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <resolv.h>
 #include <string>
+#include <sys/eventfd.h>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -63,11 +69,17 @@ std::vector<std::string> addresses_of(const char *host, int family) {
     return found;
 }
 
+const char *failed(UrlType type) {
+    return type == URLTYPE_HOST   ? "DNS Lookup failed for both IPv4 and IPv6"
+           : type == URLTYPE_IPV4 ? "Reverse IPv4 DNS Lookup failed"
+                                  : "Reverse IPv6 DNS Lookup failed";
+}
+
 std::string addresses_text(const char *host) {
     const std::vector<std::string> ipv4 = addresses_of(host, AF_INET);
     const std::vector<std::string> ipv6 = addresses_of(host, AF_INET6);
     if (ipv4.empty() && ipv6.empty()) {
-        return "DNS Lookup failed for both IPv4 and IPv6";
+        return failed(URLTYPE_HOST);
     }
     std::string text;
     for (const std::string &address : ipv4) {
@@ -85,7 +97,7 @@ std::string reverse_text(UrlType type, const char *address) {
     const bool ipv4 = type == URLTYPE_IPV4;
     const std::string name = ipv4 ? name_of_ipv4(address) : name_of_ipv6(address);
     if (name.empty()) {
-        return ipv4 ? "Reverse IPv4 DNS Lookup failed" : "Reverse IPv6 DNS Lookup failed";
+        return failed(type);
     }
     return "Hostname: " + name + (ipv4 ? "<br>" : "<br><br>") + note + "<br>";
 }
@@ -113,6 +125,44 @@ bool is_groups_between_colons(std::string_view text) {
     return std::count(text.begin(), text.end(), ':') >= 2;
 }
 
+// A resolver that is dead costs seconds; its defaults are half a minute for each of two families.
+constexpr std::chrono::seconds lookup_limit{20};
+
+// The resolver waits inside the library; on a thread, whose settings are its own, the daemon's
+// timers go on meanwhile. One that does not come back keeps what it works on.
+struct lookup {
+    std::string address;
+    std::string answer; // complete once the eventfd is raised
+    unique_fd done{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+};
+
+void look_up(const std::shared_ptr<lookup> &one) noexcept {
+    ::res_init();
+    _res.retrans = 2;
+    _res.retry = 2;
+    const UrlType type = url_type_of(one->address);
+    one->answer = type == URLTYPE_HOST ? addresses_text(one->address.c_str())
+                                       : reverse_text(type, one->address.c_str());
+    (void)::eventfd_write(one->done.get(), 1);
+}
+
+std::string answer_in_time(const char *address) {
+    const auto one = std::make_shared<lookup>();
+    one->address = address;
+    std::thread(look_up, one).detach();
+    const auto end = std::chrono::steady_clock::now() + lookup_limit;
+    eventfd_t raised = 0;
+    while (::eventfd_read(one->done.get(), &raised) != 0) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left <= std::chrono::milliseconds(0)) {
+            return failed(url_type_of(address));
+        }
+        loop_wait(one->done.get(), G_IO_IN, left);
+    }
+    return one->answer;
+}
+
 } // namespace
 
 UrlType url_type_of(std::string_view address) {
@@ -123,8 +173,6 @@ UrlType url_type_of(std::string_view address) {
 }
 
 void write_out_dns(const char *address, GDataOutputStream *stream) {
-    const UrlType type = url_type_of(address);
-    http_write(stream,
-               type == URLTYPE_HOST ? addresses_text(address) : reverse_text(type, address));
+    http_write(stream, answer_in_time(address));
     errno = 0;
 }

@@ -116,9 +116,8 @@ bool eventlistener_start(const std::string &session_directory) {
     }
     const std::string folder = session_directory + "/system_monitoring/monitoring_metadata";
     make_folder(folder.c_str(), 0777);
-    eventlistener_log =
-        unique_fd(::open((folder + "/eventlistener.txt").c_str(),
-                         O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
+    eventlistener_log = file_descriptor((folder + "/eventlistener.txt").c_str(),
+                                        O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (!eventlistener_log) {
         log_error("Could not start eventlistener: Could not create "
                   "monitoring_metadata/eventlistener.txt");

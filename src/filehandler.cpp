@@ -369,10 +369,8 @@ void store_proc_meminfo(const std::string &session) {
 
 void store_slab_info(const std::string &session) {
     const std::string directory = session + "/system_monitoring/monitoring_slabinfo";
-    if (!is_directory(directory.c_str())) {
-        ::mkdir(directory.c_str(), 0666);
-        errno = 0;
-    }
+    (void)make_folder(directory.c_str(), 0666);
+    errno = 0;
     std::string names = "[{\"Filler\":\"This file is used by the VELA\"}";
     bool version_line = true;
     command_read_lines("cat /proc/slabinfo", source_line_max, [&](const std::string &text) {

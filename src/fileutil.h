@@ -8,6 +8,28 @@
 #include <string>
 #include <string_view>
 
+// Storages are foreign: others write to a card or a share, and a link, a pipe or a device there
+// must neither lead the daemon to a file of the camera nor hold it. This is the one way to open
+// what lies on one, for reading and for writing: a regular file, without waiting, without following
+// a link in any part of the path below the storage's folder ("/var/spool/storage/NAME/", the
+// package's "localdata/"), closed in children. Of other paths the folders are trusted, and what is
+// written is no link. `flags` and `permissions` are open's. -1 with errno; nothing is logged.
+unique_fd file_descriptor(const char *path, int flags, unsigned permissions = 0666);
+
+// A new file for writing, in the place of whatever had the name.
+unique_fd new_file_descriptor(const char *path, unsigned permissions = 0666);
+
+// Such a file with these contents, on the storage when it returns. False with errno.
+bool file_write_new(const char *path, std::string_view bytes);
+
+// A folder, reached in the same way.
+unique_fd folder_descriptor(const char *path);
+
+// Takes links, pipes, sockets and devices out of a tree, so that a tool that follows and opens all
+// does not leave it; and what power cuts left of files that were being written (".tmp...") and that
+// nobody has touched for `age_min` seconds.
+void sweep_tree(const char *path, long age_min);
+
 // Links are followed. Nothing is logged.
 bool is_directory(const char *path);
 bool is_file(const char *path); // a regular file
@@ -16,8 +38,8 @@ bool is_writable(const char *path);
 bool is_executable(const char *path);
 
 // Whether a command may append to it: a file, or nothing yet. On a card or a share it could be a
-// pipe, which waits for its reader, or a link to a file of the camera. False after a warning with
-// the path.
+// pipe, which waits for its reader, or a link to a file of the camera; also in the folders above.
+// False after a warning with the path.
 bool can_append_or_warn(const char *path);
 
 // Bytes, or -1 after an error line.
@@ -42,7 +64,8 @@ bool file_copy(const char *from, const char *to);
 inline constexpr long long file_copy_size_max = 1LL << 30;
 bool file_copy_whole(const char *from, const char *to, long long size_max = file_copy_size_max);
 
-// Makes a folder unless it is there; false, with errno, when it could not be made.
+// Makes a folder unless it is there; false, with errno, when it could not be made, or only a link
+// on a storage has the name.
 bool make_folder(const char *path, unsigned permissions);
 
 // What a device or the kernel calls something as the name of one visible file, at most 90 bytes:
@@ -69,9 +92,7 @@ bool file_rename(const char *from, const char *to);
 // folders above stay).
 int dir_remove_recursive(const char *path);
 
-// fopen with mode "r", "w" or "a" and close-on-exec, for regular files only: to open a pipe would
-// wait for its other end, and a device may never end. Nothing is written through a link, which
-// could lead from a card or a share to a file of the camera. Nothing is logged; errno tells.
+// fopen with mode "r", "w" or "a" of what file_descriptor opens. Nothing is logged; errno tells.
 unique_file file_open(const char *path, const char *mode);
 // The same, and a warning with the path when it fails.
 unique_file file_open_or_warn(const char *path, const char *mode);

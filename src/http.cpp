@@ -5,7 +5,6 @@
 #include "strutil.h"
 #include "sysutil.h"
 
-#include <array>
 #include <cerrno>
 #include <string>
 #include <tvhttp.h>
@@ -13,7 +12,7 @@
 namespace {
 
 constexpr std::size_t cgi_key_size = 128;
-constexpr std::size_t command_output_piece = 16384;
+constexpr std::size_t reply_piece = 65536;
 
 // The missing "=" in the character set has always been there; clients know it so.
 constexpr std::string_view routing_error_type = "Content-Type: text/plain; charset-utf-8;\r\n\r\n";
@@ -126,8 +125,16 @@ const char *http_argument(GHashTable *arguments, const char *name) {
 }
 
 bool http_write(GDataOutputStream *stream, std::string_view text) {
-    return g_output_stream_write_all(G_OUTPUT_STREAM(stream), text.data(), text.size(), nullptr,
-                                     nullptr, nullptr) != FALSE;
+    while (!text.empty()) {
+        const std::string_view piece = text.substr(0, reply_piece);
+        if (g_output_stream_write_all(G_OUTPUT_STREAM(stream), piece.data(), piece.size(), nullptr,
+                                      nullptr, nullptr) == FALSE) {
+            return false;
+        }
+        loop_run_due();
+        text.remove_prefix(piece.size());
+    }
+    return true;
 }
 
 void http_write_header(GDataOutputStream *stream, http_status status, const char *content_type,
@@ -145,12 +152,8 @@ void print_http_error(GDataOutputStream *stream, const char *message) {
 }
 
 void http_write_command_output(GDataOutputStream *stream, const char *command) {
-    const command_pipe pipe(command);
-    std::array<char, command_output_piece> piece;
-    ssize_t size = 0;
-    // Straight from the descriptor: what the command has printed so far goes out at once.
-    while ((size = TEMP_FAILURE_RETRY(::read(::fileno(pipe.file()), piece.data(), piece.size()))) >
-               0 &&
-           http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
+    command_pipe pipe(command);
+    std::string piece;
+    while (!(piece = pipe.next_piece()).empty() && http_write(stream, piece)) {
     }
 }

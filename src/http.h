@@ -2,6 +2,8 @@
 // have in common. Everything here runs on the main loop, one request at a time.
 #pragma once
 
+#include "loop.h"
+
 #include <gio/gio.h>
 #include <string_view>
 
@@ -38,6 +40,31 @@ void http_write_header(GDataOutputStream *stream, http_status status, const char
 // A whole reply: header block and body.
 void http_reply(GDataOutputStream *stream, http_status status, const char *content_type,
                 std::string_view body);
+
+// Where the daemon's own timers, file watches and child watches run while a request is answered:
+// between the pieces of the reply, and while a tool's output or its end is waited for. Nowhere
+// else, and least of all while a session is started or stopped. Other requests wait their turn here
+// as everywhere. A handler holds nothing half changed then, and only descriptors of its own: what
+// it sends may be removed meanwhile, the session may be stopped, SIGTERM may clean up.
+enum class long_reply {
+    session_archive, // get_monitor_data, once the archive is open
+    session_data,    // view_monitor_data: a part of a file, records
+    trace_archive,   // download_wireshark_session, with its packing
+    trace_repair,    // stop_wireshark_session: repair and packing, behind the reply
+    device_test_log, // download_nc_log
+    log_view,        // instant_log_view and its download
+    ping,
+    traceroute,
+    port_check,
+    name_lookup
+};
+class long_reply_turns {
+  public:
+    explicit long_reply_turns(long_reply) {}
+
+  private:
+    loop_turns turns_;
+};
 
 // A whole reply with status 400, the message and a line end, as plain text.
 void print_http_error(GDataOutputStream *stream, const char *message);

@@ -8,10 +8,12 @@
 #include "strutil.h"
 #include "sysutil.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <vector>
 
 namespace {
@@ -110,17 +112,26 @@ std::vector<std::string> names_of(const std::string &listing) {
     return names;
 }
 
-void announce(dump_storage &storage, const std::string &name) {
-    for (const std::string &known : storage.announced) {
-        if (known == name) {
-            return; // the copy did not work then, and is tried again
-        }
+// False when it has been before: the copy did not work then, and is tried again.
+bool announce(dump_storage &storage, const std::string &name) {
+    if (std::find(storage.announced.begin(), storage.announced.end(), name) !=
+        storage.announced.end()) {
+        return false;
     }
     storage.announced.push_back(name);
     log_info(
         "Systemlog kernel crash detection: Found new kernel crash archive, %s, will copy it to "
         "the monitoring session under 'coredumps'.",
         name.c_str());
+    return true;
+}
+
+// A copy that does not fit would be written up to the storage's end, every minute anew.
+bool has_room(const std::string &folder, long long size) {
+    struct statvfs storage {};
+    return ::statvfs(folder.c_str(), &storage) != 0 ||
+           static_cast<unsigned long long>(storage.f_bavail) * storage.f_frsize >
+               static_cast<unsigned long long>(std::max(size, 0LL));
 }
 
 // True when it is in the session afterwards.
@@ -136,7 +147,16 @@ bool copy_dump(dump_storage &storage, const std::string &folder, const std::stri
     if (is_file(to.c_str())) {
         return true; // copied before a restart of the daemon
     }
-    announce(storage, name);
+    const bool is_first_try = announce(storage, name);
+    if (!has_room(session_directory, filesize(from.c_str()))) {
+        if (is_first_try) {
+            errno = 0;
+            log_warning("Kernel crash archive %s is not copied as long as the storage has no room "
+                        "for it.",
+                        name.c_str());
+        }
+        return false;
+    }
     if (!file_copy_whole(from.c_str(), to.c_str(), LLONG_MAX)) {
         return false;
     }
@@ -172,7 +192,18 @@ void update_storage(dump_storage &storage, const std::string &folder,
     }
 }
 
-// The flag file keeps the facility on across restarts. 1 when a restart is needed.
+// Nothing when the tool could not be run or said nothing: no reason to restart a device.
+std::optional<bool> asked_setting() {
+    command_pipe pipe("sysctl debug.crashdump");
+    std::string line;
+    if (!pipe.next_line(output_line_max, line) ||
+        line.find("debug.crashdump =") == std::string::npos) {
+        return std::nullopt;
+    }
+    return line.find("debug.crashdump = storage") != std::string::npos;
+}
+
+// The flag file keeps the facility on across restarts. 1 when it is there: then a restart helps.
 int switch_on() {
     const bool opened = static_cast<bool>(file_open(flag_file, "a"));
     const bool is_there = opened && is_file(flag_file);
@@ -182,7 +213,7 @@ int switch_on() {
         log_error("Could not enable persistent crash catching because file could not be created.");
     }
     (void)system_ret(enable_command);
-    return is_there && !kernel_crash_enabled() ? 1 : 0;
+    return is_there ? 1 : 0;
 }
 
 int setup_storage(dump_storage &storage, const std::string &folder,
@@ -218,10 +249,7 @@ int setup_storage(dump_storage &storage, const std::string &folder,
 } // namespace
 
 bool kernel_crash_enabled() {
-    command_pipe pipe("sysctl debug.crashdump");
-    std::string line;
-    return pipe.next_line(output_line_max, line) &&
-           line.find("debug.crashdump = storage") != std::string::npos;
+    return asked_setting().value_or(false);
 }
 
 bool kernel_crash_waits_for_restart() {
@@ -238,7 +266,7 @@ int setup_kernel_crash_monitor(const std::string &session_directory,
             restart_is_needed = 1;
         }
     }
-    return restart_is_needed;
+    return restart_is_needed != 0 && asked_setting() == false ? 1 : 0;
 }
 
 void update_kernel_crash_status(const std::string &session_directory,

@@ -8,14 +8,95 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <mutex>
 #include <new>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
 
 namespace {
 
 std::mutex sink_mutex;
 log_sink sink; // guarded by sink_mutex
+
+// --- The log daemon's socket. One that does not take a message for a moment is not waited for
+// again until it takes one: what is lost is counted, and said then.
+
+constexpr int patience_ms = 1000;
+
+std::mutex log_socket_mutex; // guards what follows
+int log_socket = -1;
+int log_socket_type = SOCK_DGRAM;
+unsigned long lost_messages = 0;
+
+void connect_log_socket() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "/dev/log");
+    for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+        log_socket_type = type;
+        log_socket = ::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (log_socket < 0 || ::connect(log_socket, reinterpret_cast<const sockaddr *>(&address),
+                                        sizeof address) == 0) {
+            return;
+        }
+        ::close(std::exchange(log_socket, -1));
+    }
+}
+
+bool try_to_send(const std::string &line) {
+    if (log_socket < 0) {
+        errno = ENOTCONN;
+        return false;
+    }
+    // Through a stream with its NUL byte, where the line ends.
+    const std::size_t size = line.size() + (log_socket_type == SOCK_STREAM ? 1 : 0);
+    return ::send(log_socket, line.c_str(), size, MSG_NOSIGNAL | MSG_DONTWAIT) ==
+           static_cast<ssize_t>(size);
+}
+
+// As syslog(3) writes it: "<11>Nov 21 18:11:40 Vandrel[2678]: TEXT".
+bool send_line(int level, const std::string &message) {
+    const std::time_t now = std::time(nullptr);
+    struct tm local {};
+    char time[32] = "";
+    if (::localtime_r(&now, &local) != nullptr) {
+        (void)std::strftime(time, sizeof time, "%b %e %H:%M:%S", &local);
+    }
+    const std::string line = "<" + std::to_string(LOG_USER | level) + ">" + time + " Vandrel[" +
+                             std::to_string(::getpid()) + "]: " + message;
+    if (try_to_send(line)) {
+        return true;
+    }
+    if (errno == EAGAIN || errno == ENOBUFS) {
+        // A burst is more than the socket holds: a log daemon that works takes it in a moment.
+        pollfd socket{log_socket, POLLOUT, 0};
+        return lost_messages == 0 && ::poll(&socket, 1, patience_ms) > 0 && try_to_send(line);
+    }
+    // The log daemon was started anew, or for the first time.
+    if (log_socket >= 0) {
+        ::close(std::exchange(log_socket, -1));
+    }
+    connect_log_socket();
+    return try_to_send(line);
+}
+
+void send_or_count(int level, const std::string &message) {
+    const int before = errno;
+    if (lost_messages > 0 &&
+        send_line(LOG_WARNING, "The system log has not taken " + std::to_string(lost_messages) +
+                                   " messages of this program.")) {
+        lost_messages = 0;
+    }
+    if (lost_messages > 0 || !send_line(level, message)) {
+        ++lost_messages;
+    }
+    errno = before;
+}
 
 // --- Reactions
 
@@ -60,7 +141,8 @@ void deliver(int level, const std::string &message) {
             return;
         }
     }
-    ::syslog(level, "%s", message.c_str());
+    const std::lock_guard lock(log_socket_mutex);
+    send_or_count(level, message);
 }
 
 void append_formatted(std::string &message, const char *format, va_list arguments) {
@@ -80,15 +162,18 @@ std::string prefix(std::string_view module, int line, int error) {
 }
 
 void out_of_memory() {
-    // Nothing here may allocate.
-    ::syslog(LOG_EMERG, "(log:%d, errno: None) Out of memory.", __LINE__);
+    // Nothing here may allocate, nor wait for a lock that this thread may hold.
+    constexpr std::string_view line = "<8>Vandrel: (log:1, errno: None) Out of memory.";
+    (void)!::send(log_socket, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     std::abort();
 }
 
 } // namespace
 
 void log_open() {
-    ::openlog("Vandrel", LOG_CONS | LOG_PID, LOG_USER);
+    const std::lock_guard lock(log_socket_mutex);
+    connect_log_socket();
+    errno = 0;
 }
 
 void log_write(int level, const char *format, ...) {

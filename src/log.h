@@ -7,7 +7,9 @@
 #include <string_view>
 #include <syslog.h>
 
-// Opens syslog with the ident "Vandrel". Main thread, once, before other threads run.
+// Opens syslog with the ident "Vandrel". Main thread, once, before other threads run. A log
+// daemon that has stopped costs a second once: messages that it does not take are lost, and their
+// number is logged when it does again.
 void log_open();
 
 // Logs one message at a syslog level. A message of more than log_message_max bytes is cut there,

@@ -13,6 +13,7 @@
 #include "glib_ptr.h"
 #include "http.h"
 #include "log.h"
+#include "loop.h"
 #include "main_timer.h"
 #include "monitoring_session.h"
 #include "ntpd.h"
@@ -40,7 +41,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <glib-unix.h>
 
 namespace {
 
@@ -79,6 +79,7 @@ void action_instant_log_view(GDataOutputStream *stream, GHashTable *) {
                        "Cache-Control: no-cache\r\n"
                        "Content-Type: text/plain\r\n"
                        "Expires: -1\r\n\r\n");
+    const long_reply_turns turns(long_reply::log_view);
     http_write_command_output(stream, log_view_command);
 }
 
@@ -86,6 +87,7 @@ void action_instant_log_view_download(GDataOutputStream *stream, GHashTable *) {
     http_write_header(stream, http_status::ok, "text/plain",
                       "Content-Description: File Transfer\r\n"
                       "Content-Disposition: attachment; filename=\"log_viewer.txt\"\r\n");
+    const long_reply_turns turns(long_reply::log_view);
     http_write_command_output(stream, log_view_command);
 }
 
@@ -111,6 +113,7 @@ void action_ping(GDataOutputStream *stream, GHashTable *arguments) {
     }
     log_info("Network Tools: Ping %s", address.c_str());
     http_write_header(stream, http_status::ok, streamed);
+    const long_reply_turns turns(long_reply::ping);
     vdrl_nettools_ping(address, stream);
     http_write(stream, end_of_stream);
 }
@@ -152,6 +155,7 @@ void action_traceroute(GDataOutputStream *stream, GHashTable *arguments) {
     log_info("Traceroute: Starting Traceroute to address %s with protocol %s", address.c_str(),
              mode->upper_case);
     http_write_header(stream, http_status::ok, streamed);
+    const long_reply_turns turns(long_reply::traceroute);
     vdrl_nettools_traceroute(
         format_bounded(500, "/usr/local/packages/Vandrel/bin_extra/traceroute_%s --%s \"%s\" 2>&1",
                        architecture.c_str(), mode_argument, address.c_str()),
@@ -177,6 +181,7 @@ void action_portcheck(GDataOutputStream *stream, GHashTable *arguments) {
         return;
     }
     http_write_header(stream, http_status::ok, streamed);
+    const long_reply_turns turns(long_reply::port_check);
     http_write(stream, vdrl_nettools_portcheck(address, port) ? "Port check successful"
                                                               : "Port check failed");
     http_write(stream, end_of_stream);
@@ -185,6 +190,7 @@ void action_portcheck(GDataOutputStream *stream, GHashTable *arguments) {
 void action_dnslookup(GDataOutputStream *stream, GHashTable *arguments) {
     http_reply(stream, http_status::ok, "text/plain", "Records found are listed below: <br><br>");
     if (const char *address = http_argument(arguments, "address")) {
+        const long_reply_turns turns(long_reply::name_lookup);
         write_out_dns(address, stream);
     }
 }
@@ -341,7 +347,7 @@ void remember_and_activate_services() {
 // Gives back what the daemon changed on the device. The loop goes on until the service manager ends
 // the process, so everything that runs on it copes with what is gone; a running session stays as it
 // is and is continued at the next start.
-gboolean stopped_cleanup(gpointer) noexcept {
+void stopped_cleanup() {
     if (pcapdump_is_active) {
         kill_all_pcapdump();
     }
@@ -370,13 +376,6 @@ gboolean stopped_cleanup(gpointer) noexcept {
         ntpd_service_conf_remove();
     }
     vdrl_syslog_unsubscribe();
-    return G_SOURCE_REMOVE;
-}
-
-// The first SIGTERM takes its clean-up's source away, and GLib would give the signal back its
-// default action with the last one: a second SIGTERM must find something.
-gboolean stay(gpointer) noexcept {
-    return G_SOURCE_CONTINUE;
 }
 
 gpointer ptz_thread(gpointer) noexcept {
@@ -420,8 +419,7 @@ void start_up() {
     collect_action_rules();
     end_left_over_capture();
     collect_wireshark_sessions(true);
-    g_unix_signal_add(SIGTERM, stopped_cleanup, nullptr);
-    g_unix_signal_add(SIGTERM, stay, nullptr);
+    loop_on_termination(stopped_cleanup);
     nc_rules = vdrl_dt_rules_read_from_file();
     timer_count = 0;
     // A storage that is not there at the start is no loss to log.
@@ -441,9 +439,9 @@ void start_up() {
     if (has_ntpd_service) {
         ntpd_service_conf_add();
     }
-    g_timeout_add_seconds(60, timer_callback, nullptr);
-    g_timeout_add_seconds(10, nc_timer_callback, nullptr);
-    g_timeout_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
+    loop_add_seconds(60, timer_callback, nullptr);
+    loop_add_seconds(10, nc_timer_callback, nullptr);
+    loop_add_seconds(30, scheduled_tasks_timer_callback, nullptr);
     start_ptz_tracker();
 }
 

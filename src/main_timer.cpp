@@ -9,6 +9,7 @@
 #include "kernel_crash.h"
 #include "koral_cgi_monitoring.h"
 #include "log.h"
+#include "loop.h"
 #include "monitoring_session.h"
 #include "ntpd.h"
 #include "onvif.h"
@@ -31,6 +32,9 @@
 namespace {
 
 constexpr unsigned long timer_count_wrap = 60'000'000;
+// Above the longest command that the loop waits for. The service manager starts the daemon again,
+// and it goes on with its session.
+constexpr std::chrono::minutes stillness_max{15};
 
 std::string monitoring_folder(const std::string &session, const char *folder) {
     return format_bounded(session_directory_size, "%s/%s/%s", session.c_str(), "system_monitoring",
@@ -61,7 +65,7 @@ void keep_http_log(const std::string &) {
 }
 
 void log_consumption_soon(const std::string &) {
-    g_timeout_add_seconds(10, storage_consumption_log_message, nullptr);
+    loop_add_seconds(10, storage_consumption_log_message, nullptr);
 }
 
 void take_interrupts_snapshots(const std::string &) {
@@ -212,9 +216,22 @@ bool takes_writes(const std::string &session) {
 enum class space { enough, too_little, unknown };
 
 space free_space() {
-    const int percent = get_storage_use_pcent(secondary_storage_path->c_str());
+    bool has_hung = false;
+    const int percent = get_storage_use_pcent(secondary_storage_path->c_str(), &has_hung);
+    if (has_hung) {
+        return space::enough; // of the tool, not of the storage: it was asked a moment ago
+    }
     return percent < 0 ? space::unknown
                        : (storage_has_room(percent) ? space::enough : space::too_little);
+}
+
+// A service's client that hangs tells nothing: then it is as it was, as long as the session's
+// folder is there.
+bool storage_is_usable(const std::string &session) {
+    static bool last = true;
+    const auto answer = ask_whether_storage_is_ok(storage_id->c_str(), true);
+    last = answer.value_or(last && is_directory(session.c_str()));
+    return last;
 }
 
 void session_tick(unsigned long tick, const std::string &session) {
@@ -225,8 +242,7 @@ void session_tick(unsigned long tick, const std::string &session) {
     const bool is_there = is_directory(session.c_str());
     const bool may_be_lost = external && (left != space::too_little || !is_there);
     const bool usable =
-        !may_be_lost || (determine_if_this_storage_is_ok(storage_id->c_str(), true) && is_there &&
-                         takes_writes(session));
+        !may_be_lost || (storage_is_usable(session) && is_there && takes_writes(session));
     if (left == space::unknown && usable) {
         left = free_space(); // it may have come back between the two questions
     }
@@ -273,6 +289,7 @@ std::span<const duty> internal_storage_schedule() {
 gboolean timer_callback(gpointer) noexcept {
     const unsigned long tick = timer_count;
     errno = 0;
+    loop_end_unless_it_turns(stillness_max);
     if (!serial_number) {
         read_serial_number();
         resume_waiting_session();

@@ -12,6 +12,7 @@
 #include "kernel_crash.h"
 #include "koral_cgi_monitoring.h"
 #include "log.h"
+#include "loop.h"
 #include "onvif.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
@@ -31,6 +32,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -131,10 +133,11 @@ std::string continuous_syslog_path(const std::string &directory) {
 // The device log of the time around the restart, which the continuous log could not follow.
 void append_device_log(const std::string &directory) {
     const std::string path = continuous_syslog_path(directory);
-    if (can_append_or_warn(path.c_str())) {
-        const std::string command = format_bounded(
-            256, "cat /var/log/info.log /var/log/error.log | sort >> %s &", path.c_str());
-        (void)system_ret(command.c_str());
+    const unique_fd file = file_descriptor(path.c_str(), O_WRONLY | O_CREAT | O_APPEND);
+    if (file) {
+        (void)system_ret("cat /var/log/info.log /var/log/error.log | sort &", file.get());
+    } else {
+        log_cannot_open(path.c_str());
     }
 }
 
@@ -291,7 +294,9 @@ constexpr std::size_t information_line_max = 399;
 
 void complete_signature(const std::string &directory) {
     const std::string path = directory + "/.signature";
-    if (!can_append_or_warn(path.c_str())) {
+    const unique_fd target = file_descriptor(path.c_str(), O_WRONLY | O_CREAT | O_APPEND);
+    if (!target) {
+        log_cannot_open(path.c_str());
         return;
     }
     if (const unique_file file = file_open(path.c_str(), "r")) {
@@ -302,8 +307,7 @@ void complete_signature(const std::string &directory) {
             }
         }
     }
-    (void)system_ret(
-        format_text("(echo \"End:\" && date) >> %s/%s", directory.c_str(), ".signature").c_str());
+    (void)system_ret("(echo \"End:\" && date)", target.get());
 }
 
 void complete_session_information(const std::string &directory) {
@@ -486,7 +490,7 @@ int _start_monitoring_session(const session_request &request) {
     monitor_active_minutes_count = 0;
     connection_lost_count = 0;
     setup_session(directory, request.image_interval.value_or(""));
-    g_timeout_add_seconds(10, reload_httpd_now, nullptr);
+    loop_add_seconds(10, reload_httpd_now, nullptr);
     return 0;
 }
 
@@ -562,7 +566,7 @@ int deactivate_monitor_session(const std::string &directory) {
     }
     if (apache2_included) {
         koral_cgi_monitor_release();
-        g_timeout_add_seconds(6, reload_httpd_now, nullptr);
+        loop_add_seconds(6, reload_httpd_now, nullptr);
     }
     const int result = disable_kernel_crash_monitor(serial_number);
     const std::string archive = session_archive_path(directory);

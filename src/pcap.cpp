@@ -1,5 +1,6 @@
 #include "pcap.h"
 
+#include "loop.h"
 #include "pcapfix.h"
 
 #include <algorithm>
@@ -192,6 +193,7 @@ bool load_window(repair_s &r) {
     r.window_start = r.verbatim_start = r.verbatim_end = r.pos;
     const std::uint64_t rest = std::min<std::uint64_t>(r.window_capacity, r.filesize - r.pos);
     const auto room = static_cast<std::size_t>(rest) - kept;
+    loop_run_due(); // a repair of minutes holds nothing up
     r.window_end += std::fread(r.window.get() + kept, 1, room, r.in);
     return r.window_end >= wanted;
 }

@@ -342,6 +342,7 @@ void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
     // The reply ends when the trace can be had.
     g_output_stream_flush(G_OUTPUT_STREAM(stream), nullptr, nullptr);
     pcapdump_is_active = false;
+    const long_reply_turns turns(long_reply::trace_repair);
     terminate_pcapdump(*wireshark_session_destination);
     run_session_script(*wireshark_session_destination, current_rec_id, "stop");
     if (!is_directory(wireshark_session_destination->c_str())) {
@@ -384,6 +385,7 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
                       "Content-Description: File Transfer\r\nContent-Disposition: attachment; "
                       "filename=\"" +
                           name + "\"\r\n");
+    const long_reply_turns turns(long_reply::trace_archive);
     if (folder == wireshark_session_destination) {
         (void)system_ret(format_bounded(script_command_size,
                                         "/usr/local/packages/Vandrel/update_wireshark_session.sh "

@@ -5,6 +5,7 @@
 #include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
+#include "loop.h"
 #include "monitoring_session.h"
 #include "session_globals.h"
 #include "session_info.h"
@@ -14,9 +15,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -25,37 +28,46 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t archive_name_size = 128;
 constexpr std::size_t zip_command_size = 1024;
+constexpr long live_temporary_age_s = 600;
 constexpr const char *json = "application/json";
 constexpr const char *text = "text/plain";
 constexpr const char *being_zipped =
     "The monitoring session is in the process of being compressed into a zip archive. Please try "
     "downloading it again in a few minutes.";
 
-std::string base_name(const std::string &path) {
-    return path.substr(path.rfind('/') + 1);
+// An archive that is being made, until its tool has ended.
+struct packing {
+    std::string session;
+    pid_t group;
+    unsigned long long ticks = 0; // of the processor
+    int minutes_still = 0;
+};
+std::vector<packing> packings;
+constexpr int still_minutes_max = 10;
+
+// A tool that hangs would lock its session for ever: its limit is one of progress.
+gboolean look_at_packings(gpointer) noexcept {
+    std::erase_if(packings, [](packing &one) {
+        const auto ticks = group_cpu_ticks(one.group);
+        if (!ticks) {
+            return true;
+        }
+        one.minutes_still = one.ticks == *ticks ? one.minutes_still + 1 : 0;
+        one.ticks = *ticks;
+        if (one.minutes_still < still_minutes_max) {
+            return false;
+        }
+        ::kill(-one.group, SIGKILL);
+        errno = 0;
+        log_warning("The archive of '%s' makes no progress: its packing is ended.",
+                    one.session.c_str());
+        return true;
+    });
+    return packings.empty() ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
-// Temporary files that a power cut left, and crash reports that the loss of the storage cut off:
-// the archive's exclude pattern does not reach below the session's folder.
-void sweep_temporary_files(const std::string &folder) {
-    std::error_code error;
-    // Links are not followed; what can't be read or removed stays.
-    for (fs::recursive_directory_iterator
-             entry(folder, fs::directory_options::skip_permission_denied, error),
-         end;
-         !error && entry != end; entry.increment(error)) {
-        const std::string name = entry->path().filename();
-        std::error_code ignored;
-        if (!name.starts_with(".tmp") || entry->is_symlink(ignored)) {
-            continue;
-        }
-        if (entry->is_directory(ignored)) {
-            entry.disable_recursion_pending();
-            (void)dir_remove_recursive(entry->path().c_str());
-        } else if (entry->is_regular_file(ignored)) {
-            file_remove(entry->path().c_str());
-        }
-    }
+std::string base_name(const std::string &path) {
+    return path.substr(path.rfind('/') + 1);
 }
 
 // "ziKhWrXF": what zip makes an archive as, under a name of its own beside it.
@@ -102,6 +114,7 @@ void send_archive(GDataOutputStream *stream, const std::string &session, const s
                            "Content-Length: %lld\r\n\r\n",
                            name_part(model).c_str(), name_part(firmware).c_str(),
                            base_name(session).c_str(), filesize(archive.c_str())));
+    const long_reply_turns turns(long_reply::session_archive);
     output_file(stream, archive.c_str());
 }
 
@@ -184,13 +197,27 @@ void zip_session_directory(const char *path) {
         format_bounded(zip_command_size, "zip --recurse-paths %s %s --exclude .tmp\\* &",
                        archive.c_str(), name.c_str());
     const std::string parent = std::string(path).substr(0, std::strlen(path) - name.size());
-    sweep_temporary_files(path);
+    // The tool follows links, and its exclude pattern does not reach below the folder. What a
+    // running session is just writing stays.
+    sweep_tree(path, is_current_monitor_dir(path) ? live_temporary_age_s : 0);
+    if (const std::string target = parent + archive; !can_append_or_warn(target.c_str())) {
+        file_remove(target.c_str());
+    }
     sweep_zip_leftovers(parent);
-    if (::chdir(parent.c_str()) != 0) {
+    const unique_fd folder = folder_descriptor(parent.c_str());
+    if (!folder || ::fchdir(folder.get()) != 0) {
         log_error("Could not change directory to: %s", parent.c_str());
         return;
     }
-    (void)system_ret(command.c_str());
+    const mode_t before = ::umask(077); // what is in it is for root alone
+    const pid_t group = start_in_background(command.c_str());
+    ::umask(before);
+    if (group > 0) {
+        packings.push_back({path, group});
+        if (packings.size() == 1) {
+            loop_add_seconds(60, look_at_packings, nullptr);
+        }
+    }
 }
 
 int zip_session(const std::string &session_directory) {

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
@@ -16,6 +17,7 @@ namespace {
 constexpr std::size_t field_name_max = 1000;
 constexpr std::size_t info_path_size = 512;
 constexpr std::size_t info_line_max = 1023;
+constexpr std::size_t info_size_max = 1 << 20; // far above what the daemon writes
 constexpr unsigned minutes_a_day = 1440;
 
 // A link on a share could lead anywhere.
@@ -36,6 +38,16 @@ bool is_below_a_storage(const char *path) {
 bool is_plain_directory(const char *path) {
     return std::strlen(path) <= session_path_max && is_shell_word(path) &&
            std::strstr(path, "/..") == nullptr && is_real(path, S_IFDIR);
+}
+
+// On a full storage, which has no room for a second file: what is there already has its blocks.
+bool write_in_place(const std::string &path, const std::string &text) {
+    const unique_fd file = file_descriptor(path.c_str(), O_WRONLY);
+    return file &&
+           TEMP_FAILURE_RETRY(::pwrite(file.get(), text.data(), text.size(), 0)) ==
+               static_cast<ssize_t>(text.size()) &&
+           ::ftruncate(file.get(), static_cast<off_t>(text.size())) == 0 &&
+           ::fsync(file.get()) == 0;
 }
 
 } // namespace
@@ -75,32 +87,36 @@ bool rewrite_session_info(const std::string &session_directory, const char *temp
                                             "Session_Information.txt");
     const std::string temporary =
         format_bounded(info_path_size, "%s/%s", session_directory.c_str(), temporary_name);
-    const unique_file file = file_open_or_warn(path.c_str(), "r");
-    if (!file) {
-        return false;
+    std::string text;
+    {
+        const unique_file file = file_open_or_warn(path.c_str(), "r");
+        std::string line;
+        while (file && text.size() <= info_size_max && read_line(file.get(), line_max, line)) {
+            edit_line(line);
+            text += line;
+        }
+        if (!file) {
+            return false;
+        }
+        if (text.size() > info_size_max || std::ferror(file.get()) != 0) {
+            log_warning("Could not write '%s': %s", temporary.c_str(),
+                        text.size() > info_size_max ? "Too much text" : std::strerror(errno));
+            return false;
+        }
     }
-    unique_file copy = file_open_or_warn(temporary.c_str(), "w");
-    if (!copy) {
-        return false;
+    text += text_at_end();
+    if (file_write_new(temporary.c_str(), text) && file_rename(temporary.c_str(), path.c_str())) {
+        return true;
     }
-    std::string line;
-    while (read_line(file.get(), line_max, line)) {
-        edit_line(line);
-        std::fputs(line.c_str(), copy.get());
+    const int failure = errno;
+    file_remove(temporary.c_str());
+    if (failure == ENOSPC && write_in_place(path, text)) {
+        return true;
     }
-    std::fputs(text_at_end().c_str(), copy.get());
-    // The copy counts only when all of it is on the storage.
-    const bool whole = std::ferror(file.get()) == 0 && std::fflush(copy.get()) == 0 &&
-                       std::ferror(copy.get()) == 0 && ::fsync(::fileno(copy.get())) == 0;
-    if (!whole) {
-        log_warning("Could not write '%s': %s", temporary.c_str(), std::strerror(errno));
-    }
-    copy.reset();
-    if (!whole || !file_rename(temporary.c_str(), path.c_str())) {
-        file_remove(temporary.c_str());
-        return false;
-    }
-    return true;
+    errno = failure;
+    log_warning("Could not write '%s': %s", temporary.c_str(), std::strerror(failure));
+    errno = 0;
+    return false;
 }
 
 void read_and_update_session_info(const std::string &session_directory, const std::string &field,

@@ -32,7 +32,8 @@ void read_and_update_session_info(const std::string &session_directory, const st
                                   session_info_update update, const std::string &default_value);
 
 // Replaces the session's information file by what `edit` leaves of its lines (each with its line
-// end); through a temporary file of the given name. False after a warning: the old file stays.
+// end); through a temporary file of the given name, or in its place on a full storage. False after
+// a warning: the old file stays.
 bool rewrite_session_info(const std::string &session_directory, const char *temporary_name,
                           std::size_t line_max,
                           const std::function<void(std::string &line)> &edit_line,

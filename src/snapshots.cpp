@@ -5,6 +5,7 @@
 #include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
+#include "loop.h"
 #include "session_globals.h"
 #include "shell_word.h"
 #include "strutil.h"
@@ -12,24 +13,35 @@
 #include "vdrl_device_test.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
 
 constexpr std::size_t directory_size = 200;
-constexpr std::size_t report_command_size = 128;
 constexpr mode_t interrupts_mode = 0666;
+
+unique_fd report_file(const std::string &path) {
+    unique_fd file = file_descriptor(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!file) {
+        log_cannot_open(path.c_str());
+    }
+    return file;
+}
 
 // Runs the platform's report generator in the folder, where the daemon's working directory stays.
 void serverreport_snapshot(const std::string &basic_directory) {
     const std::string name = date_format_now("Server_Report_%Y-%m-%dT%H%M%S%Z.txt");
-    if (!is_shell_word(name) || ::chdir(basic_directory.c_str()) != 0) {
+    const unique_fd folder = folder_descriptor(basic_directory.c_str());
+    if (!is_shell_word(name) || !folder || ::fchdir(folder.get()) != 0) {
         log_error("Could not write a server report into '%s'", basic_directory.c_str());
         return;
     }
-    (void)system_ret(format_bounded(report_command_size, "gen_serverreport.sh > %s/%s",
-                                    "Server_Reports", name.c_str())
-                         .c_str());
+    // Not with "> FILE" in the command: a shell writes through links.
+    const unique_fd report = report_file(basic_directory + "/Server_Reports/" + name);
+    if (report) {
+        (void)system_ret("gen_serverreport.sh", report.get());
+    }
 }
 
 // So that only one archive is kept on storage that is small.
@@ -53,17 +65,15 @@ gboolean create_interrupts_snapshot(gpointer) noexcept {
     }
     const std::string directory = format_bounded(directory_size, "%s/%s/%s", session->c_str(),
                                                  "system_monitoring", "monitoring_interrupts");
-    if (!is_directory(directory.c_str())) {
-        ::mkdir(directory.c_str(), interrupts_mode);
-        errno = 0;
-    }
+    (void)make_folder(directory.c_str(), interrupts_mode);
+    errno = 0;
     store_proc_interrupts(directory);
     return G_SOURCE_REMOVE;
 }
 
 void create_two_interrupts_snapshots() {
     create_interrupts_snapshot(nullptr);
-    g_timeout_add_seconds(3, create_interrupts_snapshot, nullptr);
+    loop_add_seconds(3, create_interrupts_snapshot, nullptr);
 }
 
 void create_nc_snapshot(const std::string &session_directory) {

@@ -163,9 +163,20 @@ bool storage_reply_reader::is_healthy() const {
 }
 
 bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also) {
+    return ask_whether_storage_is_ok(name_to_go_by, log_also).value_or(false);
+}
+
+std::optional<bool> ask_whether_storage_is_ok(const char *name_to_go_by, bool log_also) {
     storage_reply_reader reply(name_to_go_by);
-    const int status = command_read_lines(
-        storages_command, line_max, [&reply](const std::string &line) { reply.take_line(line); });
+    command_pipe pipe(storages_command);
+    std::string line;
+    while (pipe.next_line(line_max, line)) {
+        reply.take_line(line);
+    }
+    const int status = pipe.close();
+    if (pipe.has_hung()) {
+        return std::nullopt;
+    }
     if (was_ended_by_signal(status)) {
         return false;
     }
@@ -178,8 +189,8 @@ bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also) {
     }
     if (failing.insert(name_to_go_by).second && log_also) {
         errno = 0;
-        log_error("%s: Lost connection to storage location: %s, no data can be saved.", __func__,
-                  name_to_go_by);
+        log_error("%s: Lost connection to storage location: %s, no data can be saved.",
+                  "determine_if_this_storage_is_ok", name_to_go_by);
     }
     return false;
 }
@@ -197,7 +208,7 @@ bool is_mount_point(const std::string &path) {
     return found;
 }
 
-int get_storage_use_pcent(const char *path) {
+int get_storage_use_pcent(const char *path, bool *has_hung) {
     if (path == nullptr || path[0] != '/') {
         log_error("Expected an absolute path, got '%s'", path == nullptr ? "[NULL]" : path);
         return -1;
@@ -210,6 +221,10 @@ int get_storage_use_pcent(const char *path) {
     }
     std::string line;
     if (!pipe.next_line(line_max, line)) {
+        (void)pipe.close();
+        if (has_hung != nullptr) {
+            *has_hung = pipe.has_hung();
+        }
         return -1;
     }
     return pipe.next_line(line_max, line) ? percent_in(line) : 0;

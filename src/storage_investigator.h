@@ -4,12 +4,16 @@
 
 #include <functional>
 #include <glib.h>
+#include <optional>
 #include <string>
 #include <vector>
 
 // Asks the platform's storage service (at most 6 seconds). The loss of a storage is logged once, if
 // `log_also`, until a test of it succeeds again.
 bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also);
+
+// The same, but nothing when the tool that asks has hung: it tells nothing of the storage.
+std::optional<bool> ask_whether_storage_is_ok(const char *name_to_go_by, bool log_also);
 
 // Finds one storage in the storage service's printed reply, line after line. A storage is healthy
 // when its status line says "OK" and of its properties, told by their position behind the line with
@@ -44,8 +48,8 @@ struct storage_state {
 const std::vector<storage_state> &storage_states();
 
 // Percent used of the partition that holds the path: 0 when the tool's output has no such number,
-// -1 on error.
-int get_storage_use_pcent(const char *path);
+// -1 on error. `has_hung`, if given, tells whether that is because the tool did not answer.
+int get_storage_use_pcent(const char *path, bool *has_hung = nullptr);
 
 // Whether a storage of which so much is used may be written to.
 bool storage_has_room(int percent_used);

@@ -5,6 +5,7 @@
 #include "fileutil.h"
 #include "line_parser.h"
 #include "log.h"
+#include "loop.h"
 #include "session_globals.h"
 #include "strutil.h"
 
@@ -12,9 +13,11 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <limits>
 #include <mutex>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -42,7 +45,13 @@ struct key_filter {
     systemlogs_monitor_t *rule;
 };
 std::vector<key_filter> key_filters;
-std::vector<std::uint32_t> events_to_send;
+// Of a rule at most so many events wait to be sent; the loop sends some each time it comes by.
+constexpr std::uint32_t waiting_max = 500;
+constexpr std::size_t events_a_turn = 100;
+std::deque<std::uint32_t> events_to_send;
+bool are_being_sent = false; // an idle source sends them
+unsigned long events_left_out = 0;
+std::time_t left_out_said_at = 0;
 
 TVSubscriptionCallback on_crash_report_event = nullptr;
 std::unique_ptr<thread_info> tail_process;
@@ -238,17 +247,41 @@ bool count_match(systemlogs_monitor_t &rule, std::time_t now) {
     return true;
 }
 
+// Once a minute for all rules: a flood of lines must not become one of messages. With the lock
+// held.
+void note_left_out(const systemlogs_monitor_t &rule, std::time_t now) {
+    constexpr std::time_t pause_s = 60;
+    ++events_left_out;
+    if (now - left_out_said_at >= pause_s || now < left_out_said_at) {
+        left_out_said_at = now;
+        const log_reaction what_is_said;
+        log_warning("System log trigger \"%s\" matches faster than events can be sent: %lu events "
+                    "have been left out.",
+                    rule.name.c_str(), std::exchange(events_left_out, 0));
+    }
+}
+
+// Some at a time: in between the loop does what else there is.
 gboolean send_events(gpointer) noexcept {
     std::vector<std::uint32_t> events;
+    bool are_more = false;
     {
         const std::lock_guard lock(rules_mutex);
-        events.swap(events_to_send);
+        const auto count =
+            static_cast<std::ptrdiff_t>(std::min(events_to_send.size(), events_a_turn));
+        events.assign(events_to_send.begin(), events_to_send.begin() + count);
+        events_to_send.erase(events_to_send.begin(), events_to_send.begin() + count);
+        for (auto *rule = systemlog_rules_list.get(); rule != nullptr; rule = rule->next.get()) {
+            rule->events_waiting -=
+                static_cast<std::uint32_t>(std::count(events.begin(), events.end(), rule->eventID));
+        }
+        are_more = are_being_sent = !events_to_send.empty();
     }
     const log_reaction what_is_said;
     for (const std::uint32_t event : events) {
         send_event_systemlogs(event); // of a rule that has gone meanwhile: nothing is sent
     }
-    return G_SOURCE_REMOVE;
+    return are_more ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
 }
 
 // --- The action
@@ -467,9 +500,14 @@ void traverse_and_trigger_if_so(const char *line) {
         if (rule->start_time_triggered.starts_with("Not")) {
             rule->start_time_triggered = now_text;
         }
+        if (rule->events_waiting == waiting_max) {
+            note_left_out(*rule, now);
+            continue;
+        }
+        ++rule->events_waiting;
         events_to_send.push_back(rule->eventID);
-        if (events_to_send.size() == 1) {
-            g_idle_add_full(G_PRIORITY_DEFAULT, send_events, nullptr, nullptr);
+        if (!std::exchange(are_being_sent, true)) {
+            loop_add_idle(send_events, nullptr);
         }
     }
 }

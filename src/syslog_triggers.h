@@ -30,7 +30,8 @@ struct systemlogs_monitor_t {
     std::string start_time_triggered;  // and of the first (follower)
     std::uint64_t triggered_count = 0; // events sent since the key was set (follower)
     std::uint32_t eventID = 0;
-    bool is_subscribed = false; // a crash-report rule: our own subscription makes the report
+    std::uint32_t events_waiting = 0; // to be sent by the main loop (follower)
+    bool is_subscribed = false;       // a crash-report rule: our own subscription makes the report
 
     // Of a crash-report rule only:
     std::uint32_t subscription = 0;

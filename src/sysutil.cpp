@@ -1,23 +1,29 @@
 #include "sysutil.h"
 
+#include "command_limits.h"
 #include "fileutil.h"
 #include "log.h"
+#include "loop.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
+#include <mutex>
 #include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/times.h>
 #include <sys/wait.h>
-#include <thread>
 #include <utility>
+#include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr mode_t output_permissions = 0644;
+constexpr std::size_t output_piece = 16384;
+constexpr auto look_again = 1000ms; // whether a SIGTERM shortens what is waited for
+constexpr auto kill_grace = 500ms;  // a killed process is gone at once, unless it is in the kernel
 
 // The descriptors and the session of a child that posix_spawn makes: it does not copy the process,
 // so that threads and their locks don't matter.
@@ -35,14 +41,15 @@ class spawn_settings {
     spawn_settings(const spawn_settings &) = delete;
     spawn_settings &operator=(const spawn_settings &) = delete;
 
-    void write_into(const char *file) {
-        ::posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, file,
-                                           O_WRONLY | O_CREAT | O_TRUNC, output_permissions);
-        keep_standard_ones();
-    }
     void write_into(int descriptor) {
         ::posix_spawn_file_actions_adddup2(&actions_, descriptor, STDOUT_FILENO);
         keep_standard_ones();
+    }
+    void inherit_standard_ones(int output) {
+        if (output >= 0) {
+            ::posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO);
+        }
+        ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
     }
     void close_all() { ::posix_spawn_file_actions_addclosefrom_np(&actions_, 0); }
 
@@ -67,10 +74,80 @@ pid_t spawn(const char *const argv[], const spawn_settings &settings) {
     return errno == 0 ? pid : -1;
 }
 
+pid_t spawn_shell(const char *command, const spawn_settings &settings) {
+    const char *const argv[] = {"/bin/sh", "-c", command, nullptr};
+    return spawn(argv, settings);
+}
+
+// Real time, for differences: of the processor's ticks, which nobody sets, slows or speeds up.
+std::chrono::milliseconds real_time() {
+    static const long per_second = ::sysconf(_SC_CLK_TCK);
+    struct tms unused {};
+    return std::chrono::milliseconds(static_cast<long long>(::times(&unused)) * 1000 / per_second);
+}
+
+// After a SIGTERM all share what is left of the time to end, each at least a little.
+std::chrono::milliseconds time_left(std::chrono::milliseconds waited) {
+    constexpr auto at_least = 2s;
+    return std::max<std::chrono::milliseconds>(loop_time_left(), at_least - waited);
+}
+
+// Children that did not even end by SIGKILL: they wait in the kernel for something that does not
+// come, and are reaped when it does.
+std::mutex undying_mutex;
+std::vector<pid_t> undying;
+
+void reap_undying() {
+    const std::lock_guard lock(undying_mutex);
+    std::erase_if(undying, [](pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) != 0; });
+}
+
+void leave_undying(pid_t pid) {
+    std::size_t count = 0;
+    {
+        const std::lock_guard lock(undying_mutex);
+        undying.push_back(pid);
+        count = undying.size();
+    }
+    log_warning("Process %d can not be ended: it hangs in the kernel, as %zu in all.",
+                static_cast<int>(pid), count);
+}
+
+// The status of a child with its whole session, which is ended by force.
+int kill_session(pid_t pid) {
+    ::kill(-pid, SIGKILL);
+    int status = SIGKILL; // as of one ended by that signal
+    if (wait_for_child(pid, &status, kill_grace) == 0) {
+        leave_undying(pid);
+    }
+    return status;
+}
+
+void log_limit(const char *command, std::chrono::milliseconds limit) {
+    errno = 0;
+    log_notice("Command ended at its limit of %d s: %s", static_cast<int>(limit.count() / 1000),
+               command);
+}
+
+running_command start_if_possible(const char *command) {
+    reap_undying();
+    running_command started;
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) == 0) {
+        started.output = unique_fd(ends[0]);
+        const unique_fd write_end(ends[1]);
+        spawn_settings settings;
+        settings.write_into(write_end.get());
+        started.pid = spawn_shell(command, settings);
+    }
+    return started;
+}
+
 } // namespace
 
-int run_program(const char *const argv[], program_descriptors descriptors, const char *output,
+int run_program(const char *const argv[], program_descriptors descriptors, int output,
                 std::chrono::milliseconds limit) {
+    reap_undying();
     spawn_settings settings;
     if (descriptors == program_descriptors::none) {
         settings.close_all();
@@ -83,25 +160,15 @@ int run_program(const char *const argv[], program_descriptors descriptors, const
     }
     int status = -1;
     if (wait_for_child(pid, &status, limit) == 0) {
-        ::kill(-pid, SIGKILL);
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
+        status = kill_session(pid);
+        log_limit(argv[0], limit);
         errno = ETIMEDOUT;
     }
     return status;
 }
 
 running_command start_command(const char *command) {
-    const char *const argv[] = {"/bin/sh", "-c", command, nullptr};
-    running_command started;
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) == 0) {
-        started.output = unique_fd(ends[0]);
-        const unique_fd write_end(ends[1]);
-        spawn_settings settings;
-        settings.write_into(write_end.get());
-        started.pid = spawn(argv, settings);
-    }
+    running_command started = start_if_possible(command);
     if (started.pid < 0) {
         log_fatal("Could not popen '%s'", command);
     }
@@ -109,49 +176,197 @@ running_command start_command(const char *command) {
 }
 
 pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limit) {
-    auto pause = 1ms;
-    for (auto waited = 0ms;; waited += pause, pause = std::min(pause * 2, 50ms)) {
-        const pid_t result = ::waitpid(pid, wait_status, WNOHANG);
-        if (result != 0 || waited >= limit) {
+    pid_t result = ::waitpid(pid, wait_status, WNOHANG);
+    if (result != 0 || limit <= 0ms) {
+        return result;
+    }
+    // Without such descriptors (before Linux 5.3) by looking again and again.
+    const unique_fd end(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    errno = 0;
+    const auto begin = real_time();
+    for (std::chrono::milliseconds pause = end ? look_again : 1ms;;) {
+        const auto waited = real_time() - begin;
+        const auto left = std::min(limit - waited, time_left(waited));
+        loop_wait(end.get(), G_IO_IN, std::clamp(left, 1ms, pause));
+        result = ::waitpid(pid, wait_status, WNOHANG);
+        if (result != 0 || left <= 0ms) {
+            errno = result < 0 ? errno : 0;
             return result;
         }
-        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, end ? look_again : 50ms);
     }
 }
 
-int system_ret(const char *command) {
+int system_ret(const char *command, int output) {
     if (command == nullptr) {
         return system_ret_no_command;
     }
-    const int status = std::system(command);
-    if (status == -1) {
+    reap_undying();
+    if (is_left_out(command)) {
+        return system_ret_signal;
+    }
+    spawn_settings settings;
+    settings.inherit_standard_ones(output);
+    const auto begin = real_time();
+    const pid_t pid = spawn_shell(command, settings);
+    if (pid < 0) {
         log_error("Could not execute: %s", command);
         return system_ret_no_shell;
     }
+    const std::chrono::milliseconds limit = limit_of(command).limit;
+    int status = 0;
+    const bool has_ended = wait_for_child(pid, &status, limit) != 0;
+    if (!has_ended) {
+        status = kill_session(pid);
+        log_limit(command, limit);
+    }
+    note_duration(command, real_time() - begin, !has_ended);
     if (WIFEXITED(status)) {
         return WEXITSTATUS(status);
     }
     if (WIFSIGNALED(status)) {
-        log_notice("Command terminated by signal %d: %s", WTERMSIG(status), command);
+        if (has_ended) {
+            log_notice("Command terminated by signal %d: %s", WTERMSIG(status), command);
+        }
         return system_ret_signal;
     }
     return system_ret_stopped;
 }
 
-command_pipe::command_pipe(const char *command, std::nothrow_t) : pipe_(::popen(command, "re")) {}
+pid_t start_in_background(const char *command) {
+    spawn_settings settings;
+    settings.inherit_standard_ones(-1);
+    const pid_t group = spawn_shell(command, settings);
+    if (group < 0) {
+        log_error("Could not execute: %s", command);
+        return -1;
+    }
+    int status = 0;
+    if (wait_for_child(group, &status, limit_of(command).limit) == 0) {
+        (void)kill_session(group);
+    }
+    return group;
+}
+
+// "2678 (zip) S 1 2677 2677 0 -1 4194304 391 0 0 0 15 3 ...": behind the name state, parent, group;
+// 9 fields later user and system time.
+std::optional<unsigned long long> group_cpu_ticks(pid_t group) {
+    const unique_folder processes(::opendir("/proc"));
+    std::optional<unsigned long long> ticks;
+    while (const dirent *entry = processes ? ::readdir(processes.get()) : nullptr) {
+        if (entry->d_name[0] < '1' || entry->d_name[0] > '9') {
+            continue;
+        }
+        const unique_file file =
+            file_open((std::string("/proc/") + entry->d_name + "/stat").c_str(), "r");
+        std::string line;
+        int of_group = 0;
+        unsigned long user = 0, system = 0;
+        if (file && read_line(file.get(), 1000, line) &&
+            std::sscanf(line.c_str() + std::min(line.rfind(')'), line.size()),
+                        ") %*c %*d %d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &of_group, &user,
+                        &system) == 3 &&
+            of_group == group) {
+            ticks = ticks.value_or(0) + user + system;
+        }
+    }
+    errno = 0;
+    return ticks;
+}
+
+command_pipe::command_pipe(const char *command, std::nothrow_t) : command_(command) {
+    has_hung_ = is_left_out(command_);
+    if (!has_hung_) {
+        left_ = limit_of(command_).limit;
+        is_limited_ = left_ > 0ms;
+        child_ = start_if_possible(command);
+        if (child_.output) {
+            ::fcntl(child_.output.get(), F_SETFL, O_NONBLOCK);
+        }
+    }
+}
 
 command_pipe::command_pipe(const char *command) : command_pipe(command, std::nothrow) {
-    if (pipe_ == nullptr) {
+    if (!*this) {
         log_fatal("Could not popen '%s'", command);
     }
 }
 
+// Reads on. False at the end of the output, and of the limit.
+bool command_pipe::fill() {
+    buffer_.erase(0, std::exchange(given_, 0));
+    while (child_.output) {
+        const std::size_t size = buffer_.size();
+        buffer_.resize(size + output_piece);
+        const int before = errno;
+        const ssize_t count =
+            TEMP_FAILURE_RETRY(::read(child_.output.get(), buffer_.data() + size, output_piece));
+        const int failure = count < 0 ? std::exchange(errno, before) : 0;
+        buffer_.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        if (count > 0) {
+            return true;
+        }
+        if (failure != EAGAIN) {
+            (void)child_.output.close(); // its end
+        } else if (is_limited_ && left_ <= waited_) {
+            has_hung_ = true;
+            (void)child_.output.close();
+        } else {
+            const auto begin = real_time();
+            loop_wait(child_.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP),
+                      is_limited_ ? std::min(left_ - waited_, look_again) : 1h);
+            waited_ += real_time() - begin;
+            left_ = is_limited_ ? std::min(left_, waited_ + time_left(waited_)) : left_;
+            errno = before;
+        }
+    }
+    return false;
+}
+
 bool command_pipe::next_line(std::size_t max_characters, std::string &line) {
-    return read_line(pipe_, max_characters, line);
+    for (;;) {
+        const auto end = buffer_.find('\n', given_);
+        const std::size_t size =
+            end == std::string::npos ? buffer_.size() - given_ : end + 1 - given_;
+        if (end != std::string::npos || size >= max_characters || !fill()) {
+            const std::size_t rest = buffer_.size() - given_;
+            line.assign(buffer_, given_, std::min({size, rest, max_characters}));
+            given_ += line.size();
+            const bool is_one = !line.empty();
+            line.resize(std::min(line.size(), line.find('\0'))); // ends as fgets lets it end
+            return is_one;
+        }
+    }
+}
+
+std::string command_pipe::next_piece() {
+    if (given_ == buffer_.size()) {
+        (void)fill();
+    }
+    given_ = 0;
+    return std::exchange(buffer_, {});
 }
 
 int command_pipe::close() noexcept {
-    return pipe_ == nullptr ? -1 : ::pclose(std::exchange(pipe_, nullptr));
+    if (child_.pid < 0) {
+        return std::exchange(command_, {}).empty() ? -1 : has_hung_ ? SIGKILL : -1;
+    }
+    (void)child_.output.close();
+    const pid_t pid = std::exchange(child_.pid, -1);
+    int status = -1;
+    const auto begin = real_time();
+    if (!has_hung_) {
+        const auto limit = is_limited_ ? std::max(left_ - waited_, kill_grace) : 24h * 365;
+        has_hung_ = wait_for_child(pid, &status, limit) == 0;
+        waited_ += real_time() - begin;
+    }
+    if (has_hung_) {
+        status = kill_session(pid);
+        log_limit(command_.c_str(), left_);
+    }
+    note_duration(command_, waited_, has_hung_);
+    command_.clear();
+    return status;
 }
 
 bool was_ended_by_signal(int wait_status) {

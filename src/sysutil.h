@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <new>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 
@@ -15,21 +16,33 @@ inline constexpr int system_ret_no_shell = -2;   // logged
 inline constexpr int system_ret_no_command = -3; // the command was null
 inline constexpr int system_ret_signal = -4;     // logged
 
+// Every command that is waited for has a limit (command_limits). One that passes it is ended with
+// all that it has started: one log line, and the result of a command ended by a signal, as also for
+// a tool that is left out for having hung before. What was started with "&" is neither waited for
+// nor ended.
+
 // Runs a shell command, waits for it and returns its exit status (0 to 255) or one of the values
 // above. The command inherits standard input, output and error, no other descriptor. Any thread.
-int system_ret(const char *command);
+// `output`, unless it is -1, is the command's standard output.
+int system_ret(const char *command, int output = -1);
+
+// The same for a command that ends in "&"; what goes on is the process group whose number is
+// returned, or -1 after a log line. Main loop only.
+pid_t start_in_background(const char *command);
+
+// The processor time that a process group has used, in ticks; nothing when it has ended.
+std::optional<unsigned long long> group_cpu_ticks(pid_t group);
 
 // What a program that run_program starts finds open.
 enum class program_descriptors {
-    standard, // input empty, output into a file, errors as the daemon's
+    standard, // input empty, output into the given file, errors as the daemon's
     none      // nothing at all
 };
 
 // Runs the program at the path argv[0] without a shell, as the leader of a session of its own, and
-// waits for it; after `limit` its session is killed. With `standard` its output goes to a new file,
-// or in the place of an old one, at `output`. The wait status as waitpid gives it, or -1 with errno
-// when it could not be started. Any thread.
-int run_program(const char *const argv[], program_descriptors descriptors, const char *output,
+// waits for it. The wait status as waitpid gives it, with errno ETIMEDOUT when it was ended at its
+// limit, or -1 with errno when it could not be started. Any thread.
+int run_program(const char *const argv[], program_descriptors descriptors, int output,
                 std::chrono::milliseconds limit);
 
 // A shell command that runs while the daemon does other things.
@@ -45,28 +58,43 @@ running_command start_command(const char *command);
 // Waits until a child has ended, at most for `limit`. As waitpid: 0 means that it still runs.
 pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limit);
 
-// A shell command whose output is read. Not being able to start a shell ends the process.
+// A shell command whose output is read. Not being able to start a shell ends the process. Its limit
+// is one of the time that is spent waiting for it: a reader may take its time.
 class command_pipe {
   public:
     explicit command_pipe(const char *command);
     // The same, but false afterwards, with errno, when no shell can be started.
     command_pipe(const char *command, std::nothrow_t);
-    explicit operator bool() const noexcept { return pipe_ != nullptr; }
+    explicit operator bool() const noexcept { return has_hung_ || child_.pid >= 0; }
     ~command_pipe() { (void)close(); }
     command_pipe(const command_pipe &) = delete;
     command_pipe &operator=(const command_pipe &) = delete;
 
-    [[nodiscard]] std::FILE *file() const noexcept { return pipe_; }
-
     // The next line as read_line of fileutil gives it.
     bool next_line(std::size_t max_characters, std::string &line);
+
+    // What it has printed since, as soon as there is something; empty at the end. Not to be mixed
+    // with lines.
+    std::string next_piece();
 
     // Closes the pipe, waits for the command and returns its wait status as waitpid gives it, or
     // -1. A command that is still writing ends by SIGPIPE.
     int close() noexcept;
 
+    // Whether it was ended at its limit, or left out.
+    [[nodiscard]] bool has_hung() const noexcept { return has_hung_; }
+
   private:
-    std::FILE *pipe_;
+    bool fill();
+
+    std::string command_;
+    running_command child_;
+    std::chrono::milliseconds left_{};
+    std::chrono::milliseconds waited_{};
+    std::string buffer_; // read, but not yet given
+    std::size_t given_ = 0;
+    bool is_limited_ = false;
+    bool has_hung_ = false;
 };
 
 // Whether a command, or the last program that its shell ran, was ended by a signal.

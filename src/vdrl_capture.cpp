@@ -120,20 +120,6 @@ bool wait_for(const unique_fd &event, std::chrono::milliseconds limit) {
     }
 }
 
-bool write_whole(const std::string &path, const void *data, std::size_t size) {
-    unique_fd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    const char *bytes = static_cast<const char *>(data);
-    while (file && size > 0) {
-        const ssize_t count = TEMP_FAILURE_RETRY(::write(file.get(), bytes, size));
-        if (count <= 0) {
-            return false;
-        }
-        bytes += count;
-        size -= static_cast<std::size_t>(count);
-    }
-    return file && ::fsync(file.get()) == 0 && file.close() == 0;
-}
-
 // Makes the image visible, unless capturing was stopped; false, with errno, when it could not be
 // written.
 bool save_image(capture_job &job, CaptureFrame *frame, const std::string &path) {
@@ -141,7 +127,9 @@ bool save_image(capture_job &job, CaptureFrame *frame, const std::string &path) 
     if (!job.run) {
         return true;
     }
-    if (!write_whole(temporary, ptr_capture_frame_data(frame), ptr_capture_frame_size(frame))) {
+    if (!file_write_new(temporary.c_str(),
+                        {static_cast<const char *>(ptr_capture_frame_data(frame)),
+                         ptr_capture_frame_size(frame)})) {
         const int reason = errno;
         file_remove(temporary.c_str());
         errno = reason;
@@ -152,7 +140,7 @@ bool save_image(capture_job &job, CaptureFrame *frame, const std::string &path) 
         file_remove(temporary.c_str());
         return true;
     }
-    return ::rename(temporary.c_str(), path.c_str()) == 0;
+    return file_rename(temporary.c_str(), path.c_str());
 }
 
 // Takes one image; false when there is none, which is logged unless it was so the last time too.

@@ -7,6 +7,7 @@
 #include "fileutil.h"
 #include "http.h"
 #include "log.h"
+#include "loop.h"
 #include "session_globals.h"
 #include "shell_word.h"
 #include "storage_investigator.h"
@@ -93,11 +94,12 @@ std::string storage_log_path(const char *storage, const std::string &serial) {
                           serial.c_str(), storage_log_folder, log_name);
 }
 
-bool vdrl_dt_log_status_in_file(const nc_rules_t &rule, const std::string &path, bool status) {
+// `time`: the same in the session's log and in the storage's.
+bool vdrl_dt_log_status_in_file(const nc_rules_t &rule, const std::string &path, bool status,
+                                const std::string &time) {
     // What a full storage did not take is no missing file.
     return append_rows(path, "",
-                       format_text("%s Network Device Test: [%s] %s: %s\r\n",
-                                   date_format_now(date_format_information).c_str(),
+                       format_text("%s Network Device Test: [%s] %s: %s\r\n", time.c_str(),
                                    rule.nc_name.c_str(),
                                    status ? "Connection successfully established to host"
                                           : "Connection failed to host",
@@ -106,17 +108,17 @@ bool vdrl_dt_log_status_in_file(const nc_rules_t &rule, const std::string &path,
 }
 
 void vdrl_dt_log_status_on_storage(nc_rules_t &rule, bool status, const char *storage,
-                                   const std::string &serial) {
+                                   const std::string &serial, const std::string &time) {
     const std::string folder = storage_folder(storage, serial);
     make_log_folder(folder);
     make_log_folder(format_bounded(path_size, "%s/%s", folder.c_str(), storage_log_folder));
     const std::string path = storage_log_path(storage, serial);
-    if (vdrl_dt_log_status_in_file(rule, path, status)) {
+    if (vdrl_dt_log_status_in_file(rule, path, status, time)) {
         rule.log_file_path = path;
     }
 }
 
-void log_status_in_session(const nc_rules_t &rule, bool status) {
+void log_status_in_session(const nc_rules_t &rule, bool status, const std::string &time) {
     const auto session = session_directory();
     // Nothing is made in the empty mount point of a storage that has gone; the tick says that it
     // has.
@@ -127,16 +129,32 @@ void log_status_in_session(const nc_rules_t &rule, bool status) {
         format_bounded(path_size, "%s/%s", session->c_str(), session_log_folder);
     make_log_folder(folder);
     vdrl_dt_log_status_in_file(rule, format_bounded(path_size, "%s/%s", folder.c_str(), log_name),
-                               status);
+                               status, time);
+}
+
+// Asked for once for all results that are counted one after the other.
+struct usable_storage {
+    bool is_known = false;
+    const char *name = nullptr; // null: there is none
+};
+usable_storage storage_of_results;
+
+const char *storage_for_results() {
+    if (!std::exchange(storage_of_results.is_known, true)) {
+        const auto *const usable =
+            std::find_if(std::begin(storages), std::end(storages), [](const char *storage) {
+                return determine_if_this_storage_is_ok(storage, false);
+            });
+        storage_of_results.name = usable == std::end(storages) ? nullptr : *usable;
+    }
+    return storage_of_results.name;
 }
 
 void vdrl_dt_log_status(nc_rules_t &rule, bool status, const std::string &serial) {
-    log_status_in_session(rule, status);
-    for (const char *storage : storages) {
-        if (determine_if_this_storage_is_ok(storage, false)) {
-            vdrl_dt_log_status_on_storage(rule, status, storage, serial);
-            break;
-        }
+    const std::string time = date_format_now(date_format_information);
+    log_status_in_session(rule, status, time);
+    if (const char *storage = storage_for_results()) {
+        vdrl_dt_log_status_on_storage(rule, status, storage, serial, time);
     }
     if (status) {
         log_info("Network Device Test: [%s] Connection successfully established to host: %s",
@@ -328,7 +346,8 @@ bool may_be_counted(const check &c) {
     return c.state == check_state::ended || (c.state == check_state::waiting && c.rule == nullptr);
 }
 
-// One result at a time, as it asks for the storages: in between the loop does what else there is.
+// One result at a time, as it may write to a slow storage: in between the loop does what else there
+// is.
 gboolean count_next(gpointer) noexcept {
     if (!checks.empty() && may_be_counted(checks.front())) {
         count_result(checks.front());
@@ -347,7 +366,8 @@ void note_end(GPid, gint wait_status, gpointer data) noexcept {
     --running;
     start_waiting();
     if (!std::exchange(is_counting, true)) {
-        g_idle_add(count_next, nullptr);
+        storage_of_results.is_known = false;
+        loop_add_idle(count_next, nullptr);
     }
 }
 
@@ -365,7 +385,7 @@ gboolean take_output(gint descriptor, GIOCondition, gpointer data) noexcept {
         }
     }
     (void)c.child.output.close();
-    g_child_watch_add(c.child.pid, note_end, &c);
+    loop_add_child(c.child.pid, note_end, &c);
     return G_SOURCE_REMOVE;
 }
 
@@ -394,8 +414,8 @@ void start(check &c) {
     }
     c.state = check_state::running;
     ++running;
-    g_unix_fd_add(c.child.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
-                  take_output, &c);
+    loop_add_fd(c.child.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
+                take_output, &c);
 }
 
 void start_waiting() {
@@ -664,5 +684,6 @@ void action_download_nc_log(GDataOutputStream *stream, GHashTable *arguments) {
     http_write_header(stream, http_status::ok, "text/plain",
                       "Content-Description: File Transfer\r\nContent-Disposition: attachment; "
                       "filename=\"Network_Device_Test_Log.txt\"\r\n");
+    const long_reply_turns turns(long_reply::device_test_log);
     output_file(stream, path);
 }

@@ -1,6 +1,7 @@
 #include "vdrl_inotify.h"
 
 #include "log.h"
+#include "loop.h"
 
 #include <cerrno>
 #include <vector>
@@ -90,7 +91,7 @@ std::unique_ptr<vdrl_inotify_watcher> vdrl_inotify_create(const char *path, std:
     watcher->mask = mask;
     watcher->wd = wd;
     watcher->callback = callback;
-    watcher->source_id = g_io_add_watch(watcher->gio.get(), G_IO_IN, handle_event, watcher.get());
+    watcher->source_id = loop_add_channel(watcher->gio.get(), G_IO_IN, handle_event, watcher.get());
     return watcher;
 }
 
@@ -119,7 +120,7 @@ void vdrl_inotify_destroy(std::unique_ptr<vdrl_inotify_watcher> &watcher) {
         *owned->destroyed = true;
     }
     if (owned->source_id != 0) {
-        g_source_remove(owned->source_id);
+        loop_remove(owned->source_id);
     }
     // The kernel takes the watch of a deleted file away by itself, and says so only afterwards.
     if (owned->wd >= 0 &&

@@ -3,6 +3,7 @@
 #include "app_state.h"
 #include "fileutil.h"
 #include "log.h"
+#include "loop.h"
 #include "strutil.h"
 #include "sysutil.h"
 #include "vdrl_syslog.h"
@@ -218,6 +219,6 @@ void vdrl_syslog_remote_restart_syslog() {
         (void)system_ret("systemctl restart syslog-ng syslog.socket 2> "
                          "/usr/local/packages/Vandrel/localdata/felmeddelande_restart_syslog.txt");
     } else if (syslog_program_installed == syslog_variant_rsyslog && rsyslog_restart == 0) {
-        rsyslog_restart = g_timeout_add(restart_delay_ms, restart_rsyslog_now, nullptr);
+        rsyslog_restart = loop_add_ms(restart_delay_ms, restart_rsyslog_now, nullptr);
     }
 }

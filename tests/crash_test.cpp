@@ -328,6 +328,17 @@ TEST_F(Crash, KernelDumpsAreCopiedOnce) {
     update_kernel_crash_status(session, serial);
     EXPECT_EQ(read_file(cores + "late.elf.lzo"), "x");
 
+    // One that does not fit is not even begun.
+    write_file(dumps + "huge.elf.lzo", "x");
+    fs::resize_file(dumps + "huge.elf.lzo", 1ULL << 42);
+    log_.clear();
+    for (int minute = 0; minute < 3; ++minute) {
+        update_kernel_crash_status(session, serial);
+    }
+    EXPECT_EQ(log_.texts().size(), 2U); // found, and why not
+    EXPECT_FALSE(fs::exists(cores + "huge.elf.lzo"));
+    fs::remove(dumps + "huge.elf.lzo");
+
     EXPECT_EQ(disable_kernel_crash_monitor(serial), 0);
     EXPECT_FALSE(fs::exists(flag));
     EXPECT_FALSE(kernel_crash_enabled());
@@ -343,6 +354,10 @@ TEST_F(Crash, KernelDumpsAreCopiedOnce) {
               "[Crashdump]\nDiskID = NetworkShare\nPath = dumps_A1B2C3D4E5F6\n");
     EXPECT_EQ(disable_kernel_crash_monitor(std::nullopt), 0);
     EXPECT_TRUE(fs::exists("/etc/sysconfig/crashdump.conf")); // without a serial number it is left
+
+    // A tool that says nothing is no reason to restart a device.
+    install_tool("sysctl", "exit 1\n");
+    EXPECT_EQ(setup_kernel_crash_monitor(session, serial), 0);
 
     fs::remove(flag);
     fs::create_directory(flag);

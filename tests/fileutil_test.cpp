@@ -1,10 +1,17 @@
+#include "csv.h"
 #include "fileutil.h"
 #include "log_capture.h"
 #include "sandbox.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
 
 namespace fs = std::filesystem;
 
@@ -104,6 +111,111 @@ TEST(Fileutil, ReadsCopiesAndReplacesWholeFiles) {
     EXPECT_FALSE(file_remove(file.c_str()));
     EXPECT_EQ(errno, 0);
     EXPECT_EQ(log.lines().size(), 3U);
+}
+
+// What others put on a card or a share in the place of a file, of a folder or of a temporary.
+void try_everything_on_a_storage() {
+    const std::string outside = fresh_folder();
+    const std::string root = "/var/spool/storage/SD_DISK/";
+    const auto everything = [&](const std::string &path) {
+        const char *file = path.c_str();
+        (void)file_put_string(file, "new");
+        (void)file_copy_whole("/etc/passwd", file);
+        (void)file_copy("/etc/passwd", file);
+        (void)file_open(file, "a");
+        (void)file_open(file, "w");
+        (void)file_write_new(file, "new");
+        (void)append_rows(path, "h\n", "r\n");
+        (void)make_folder(file, 0777);
+        (void)make_folder((path + "/below").c_str(), 0777);
+        (void)file_rename(file, (root + "moved").c_str());
+        (void)dir_remove_recursive((path + "/x").c_str());
+        (void)file_remove(file);
+    };
+    write_file(outside + "/kept", "old");
+    write_file(outside + "/x/kept", "old");
+    // Below a folder that is a link nothing happens, and nothing can be read.
+    fs::remove_all(root);
+    fs::create_directories(root + "session");
+    fs::create_directory_symlink(outside, root + "session/load");
+    fs::create_directory_symlink(outside, root + "Vandrel_X");
+    {
+        log_capture log;
+        for (const char *folder : {"session/load/", "Vandrel_X/"}) {
+            for (const char *name : {"kept", "new", ".", "x", "x/kept"}) {
+                everything(root + folder + name);
+                EXPECT_FALSE(file_open((root + folder + name).c_str(), "r")) << name;
+            }
+            EXPECT_FALSE(can_append_or_warn((root + folder + "kept").c_str()));
+            EXPECT_FALSE(folder_descriptor((root + folder).c_str()));
+        }
+    }
+    EXPECT_EQ(read_file(outside + "/kept"), "old");
+    EXPECT_EQ(read_file(outside + "/x/kept"), "old");
+    EXPECT_EQ(list_folder(outside), (std::vector<std::string>{"kept", "x"}));
+
+    // In the place of the file and of its temporary.
+    for (const char *name : {"file", ".tmp_file"}) {
+        for (const char *kind : {"link", "dangling", "pipe", "socket", "device", "folder"}) {
+            const std::string path = root + name;
+            fs::remove_all(path);
+            const std::string_view what = kind;
+            if (what == "link") {
+                fs::create_symlink(outside + "/kept", path);
+            } else if (what == "dangling") {
+                fs::create_symlink(outside + "/made", path);
+            } else if (what == "folder") {
+                fs::create_directory(path);
+            } else {
+                ASSERT_EQ(::mknod(path.c_str(),
+                                  (what == "pipe"     ? S_IFIFO
+                                   : what == "socket" ? S_IFSOCK
+                                                      : S_IFCHR) |
+                                      0600,
+                                  what == "device" ? makedev(1, 3) : 0),
+                          0)
+                    << kind;
+            }
+            log_capture log;
+            EXPECT_FALSE(name == std::string("file") && file_open(path.c_str(), "r")) << kind;
+            everything(root + "file");
+            EXPECT_EQ(read_file(outside + "/kept"), "old") << kind;
+            EXPECT_FALSE(fs::exists(outside + "/made"));
+            fs::remove_all(root + "file");
+        }
+        fs::remove_all(root + name);
+    }
+
+    // Swept for an archive: links and the like go, what is just being written stays for a while.
+    write_file(root + "session/.tmp_image", "live");
+    write_file(root + "session/row.csv", "row");
+    ASSERT_EQ(::mkfifo((root + "session/pipe").c_str(), 0600), 0);
+    sweep_tree((root + "session").c_str(), 600);
+    EXPECT_EQ(list_folder(root + "session"), (std::vector<std::string>{".tmp_image", "row.csv"}));
+    sweep_tree((root + "session").c_str(), 0);
+    EXPECT_EQ(list_folder(root + "session"), std::vector<std::string>{"row.csv"});
+    EXPECT_EQ(read_file(outside + "/x/kept"), "old");
+}
+
+// As a kernel that does not know openat2; for the rest of the process.
+void forget_openat2() {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter{std::size(program), program};
+    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+    ASSERT_EQ(::syscall(SYS_openat2, AT_FDCWD, "/", nullptr, 0), -1);
+    ASSERT_EQ(errno, ENOSYS);
+}
+
+TEST(Fileutil, NothingOnAStorageLeadsElsewhereOrWaits) {
+    try_everything_on_a_storage();
+    forget_openat2();
+    try_everything_on_a_storage();
 }
 
 TEST(Fileutil, ReadsLinesInPieces) {

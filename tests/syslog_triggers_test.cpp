@@ -113,6 +113,28 @@ TEST_F(SyslogTriggers, EveryRuleWhoseKeyIsInTheLineFires) {
     EXPECT_EQ(counts({"first"}), std::vector<int>{1});
 }
 
+TEST_F(SyslogTriggers, AFloodIsCountedAndItsEventsAreBounded) {
+    constexpr int lines = 20'000;
+    create_a_systemlog_trigger_rule({"plain", "flood"}, false);
+    create_a_systemlog_trigger_rule({"report", "flood", true, lines * 2, 0, 0}, false);
+    log_.clear();
+    std::thread([] {
+        for (int i = 0; i < lines; ++i) {
+            traverse_and_trigger_if_so("a flood");
+        }
+    }).join();
+    EXPECT_EQ(counts({"plain", "report"}), (std::vector<int>{lines, lines}));
+    feed("one more flood");
+    ASSERT_TRUE(run_until([] { return called.size() == 500; }));
+    settle();
+    EXPECT_EQ(called.size(), 500U);
+    const texts said = log_.texts();
+    ASSERT_EQ(said.size(), 1U);
+    EXPECT_TRUE(said[0].starts_with("WARNING System log trigger \"plain\" matches faster"));
+    feed("afterwards, a flood"); // is sent again
+    EXPECT_TRUE(run_until([] { return called.size() == 501; }));
+}
+
 TEST_F(SyslogTriggers, OwnReactionsMatchNothing) {
     for (const char *key : {"Vandrel", "Could not", "Metadata", "Other"}) {
         create_a_systemlog_trigger_rule({key, key}, false);

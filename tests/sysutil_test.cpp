@@ -1,4 +1,5 @@
 #include "log_capture.h"
+#include "loop.h"
 #include "popen2.h"
 #include "sandbox.h"
 #include "sysutil.h"
@@ -50,6 +51,85 @@ TEST(Sysutil, ReadsACommandToItsEndAndKnowsItsStatus) {
     EXPECT_TRUE(endless.next_line(10, line));
     status = endless.close();
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) << status;
+}
+
+// The tool prints a line and hangs with a child of its own; what was started with "&" goes on.
+TEST(Sysutil, AHungToolIsEndedWithItsChildrenAndLeftAloneForAWhile) {
+    const std::string note = fresh_folder() + "/child";
+    install_tool("dbus-send", "echo \"$2\" >> " + note + ".asked; echo first; sleep 1000 &\n" +
+                                  "echo $! > " + note + "; wait\n");
+    const auto call = [](const std::string &service) {
+        return "dbus-send --reply-timeout=1000 --dest=" + service;
+    };
+    ASSERT_EQ(system_ret(("sleep 1000 & echo $! > " + note + ".other").c_str()), 0);
+    const pid_t background = std::stoi(read_file(note + ".other"));
+
+    log_capture log;
+    std::vector<std::string> lines;
+    const int status = command_read_lines(call("com.one").c_str(), 100,
+                                          [&](const std::string &line) { lines.push_back(line); });
+    EXPECT_EQ(lines, std::vector<std::string>{"first\n"});
+    EXPECT_TRUE(was_ended_by_signal(status));
+    const pid_t child = std::stoi(read_file(note));
+    EXPECT_TRUE(wait_until([child] { return ::kill(child, 0) != 0; }));
+    EXPECT_EQ(::kill(background, 0), 0);
+
+    // At once, and without a word: the same service. Another one is asked.
+    EXPECT_EQ(system_ret(call("com.one").c_str()), system_ret_signal);
+    command_pipe left_out(call("com.one").c_str());
+    EXPECT_FALSE(left_out.next_line(100, lines.emplace_back()));
+    EXPECT_TRUE(left_out.has_hung());
+    EXPECT_TRUE(was_ended_by_signal(left_out.close()));
+    install_tool("dbus-send", "exit 5");
+    EXPECT_EQ(system_ret(call("com.two").c_str()), 5);
+    EXPECT_EQ(read_file(note + ".asked"), "--dest=com.one\n");
+    EXPECT_EQ(log.texts(),
+              (std::vector<std::string>{
+                  "NOTICE Command ended at its limit of 4 s: " + call("com.one"),
+                  "WARNING 'dbus-send --dest=com.one' does not answer: it is left out for 150 "
+                  "seconds."}));
+    EXPECT_EQ(zombie_children(), 0);
+    ::kill(background, SIGKILL);
+}
+
+// Ticks while a request waits: only where a handler allows it, and never one in another.
+TEST(Sysutil, TimersRunWhileACommandIsWaitedForWhereThatIsAllowed) {
+    static int depth = 0;
+    static int deepest = 0;
+    static int ticks = 0;
+    const unsigned timer = loop_add_ms(
+        10,
+        [](gpointer) -> gboolean {
+            ++ticks;
+            deepest = std::max(deepest, ++depth);
+            const loop_turns inner;
+            (void)system_ret("sleep 0.05");
+            --depth;
+            return G_SOURCE_CONTINUE;
+        },
+        nullptr);
+    loop_add_ms(
+        10,
+        [](gpointer) -> gboolean {
+            deepest = std::max(deepest, depth + 1);
+            return G_SOURCE_CONTINUE;
+        },
+        nullptr);
+    EXPECT_EQ(system_ret("sleep 0.3"), 0);
+    EXPECT_EQ(ticks, 0);
+    {
+        const loop_turns here;
+        EXPECT_EQ(command_read_lines("echo a; sleep 0.3; echo b", 10, [](const std::string &) {}),
+                  0);
+        EXPECT_GT(std::exchange(ticks, 0), 0);
+        EXPECT_EQ(system_ret("sleep 0.3"), 0);
+        EXPECT_GT(std::exchange(ticks, 0), 0);
+    }
+    EXPECT_EQ(system_ret("sleep 0.1"), 0);
+    EXPECT_EQ(ticks, 0);
+    EXPECT_EQ(deepest, 1);
+    EXPECT_TRUE(run_until([] { return ticks > 0; })); // and in the main loop
+    loop_remove(timer);
 }
 
 TEST(Sysutil, CommandsInheritNoDescriptorOfTheDaemon) {

@@ -3,6 +3,10 @@
 import { address, ask, refusal, RequestError, wordsOf } from './api.js';
 import { el } from './dom.js';
 
+/** To be told beside every download. */
+export const ARCHIVE_HOLDS = 'An archive may hold secrets: memory of crashed processes, addresses that were '
+  + 'called with their passwords, images.';
+
 const POLL_MS = 3000;
 const OK = 200;
 const ACCEPTED = 202;

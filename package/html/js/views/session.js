@@ -1,7 +1,7 @@
 // One session: what it has recorded, and its files.
 
 import { address, request } from '../api.js';
-import { downloadArchive, haveArchive } from '../archive.js';
+import { ARCHIVE_HOLDS, downloadArchive, haveArchive } from '../archive.js';
 import { actionButton, createMessage, field, select } from '../controls.js';
 import { el, setText } from '../dom.js';
 import { byteSize, clock } from '../format.js';
@@ -114,7 +114,7 @@ export function create() {
     el('p', {}, el('a', { href: '#/sessions' }, '← All sessions')),
     el('div', { class: 'tools apart' }, title,
       el('div', { class: 'tools small' }, field('Refresh', refresh), actionButton('Read again', async () => view?.refresh()), archiveButton)),
-    where, message.element, viewer.element, place);
+    where, el('p', { class: 'quiet' }, ARCHIVE_HOLDS), message.element, viewer.element, place);
 
   function leave() {
     view?.close();

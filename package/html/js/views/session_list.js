@@ -1,7 +1,7 @@
 // The sessions that the camera has found, and what can be done with each.
 
 import { requestGranted } from '../api.js';
-import { downloadArchive, haveArchive } from '../archive.js';
+import { ARCHIVE_HOLDS, downloadArchive, haveArchive } from '../archive.js';
 import { onCamera, refreshCamera } from '../camera.js';
 import { actionButton, confirmed, createTable, field, select } from '../controls.js';
 import { el, setText } from '../dom.js';
@@ -258,7 +258,7 @@ export function sessionList(message) {
       el('div', { class: 'tools' },
         el('label', { class: 'check' }, all, el('span', {}, 'Sessions of all cameras on the share')),
         actionButton('Look again', lookAgain, { title: 'Search the storages for sessions' }))),
-    tools, empty, table.element);
+    tools, empty, table.element, el('p', { class: 'quiet' }, ARCHIVE_HOLDS));
 
   function show() {
     const shown = matching();

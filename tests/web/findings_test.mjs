@@ -175,6 +175,8 @@ test('what was not recorded is told, hostile lines are text, an abort ends it', 
     'the processor of processes']);
   assert.match(findings[0].text, /as critical: “.{1,200}”$/s);
   assert.deepEqual((await found(new Map())).findings, []);
+  const broken = recordingOf({ days: 1, fault: { temperature: (time, usual) => (time === HOUR ? 'x' : usual) } });
+  assert.deepEqual((await found(broken)).unjudged, ['page faults', 'Temperatures: no rows that can be used']);
   const controller = new AbortController();
   controller.abort();
   await assert.rejects(found(files, controller.signal), { name: 'AbortError' });

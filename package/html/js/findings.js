@@ -14,6 +14,7 @@ const HTTP_LOG = 'system_monitoring/monitoring_basic/HTTP_log.txt';
 const REGULAR = 'system_monitoring/monitoring_load/load.csv'; // has a row in every collection
 const MOST_LOG_BYTES = 64 * 1024 * 1024; // of each log, its end
 const MOST_CHART_BYTES = 64 * 1024 * 1024; // of a chart of processes; of a larger one those with most
+const MOST_OF_A_RULE = 20; // findings shown; of others only how many
 const AT_ONCE = 4; // of the things of a chart
 const SLICE_MS = 10;
 const MINUTE = 60;
@@ -570,11 +571,12 @@ export const RULES = [
   {
     name: 'rows', subject: 'rows of each collection', reads: ['rows'], limits: { late: 1.25, share: 0.05 },
     why: 'A row that comes a quarter of the interval late shows a busy camera; one in twenty is told.',
-    async find({ rows, gaps, figure }, limits) {
+    async find({ sorted: rows, gaps, figure }, limits) {
       const usual = usualInterval(rows);
       const steps = rows.slice(1).map((time, row) => time - (rows[row] ?? 0));
-      const late = steps.filter((step) => step > usual * limits.late && !gaps.some(([from, to]) => to - from === step)).length;
-      const missing = gaps.reduce((sum, [from, to]) => sum + to - from - usual, 0);
+      const shortest = gaps.reduce((least, [from, to]) => Math.min(least, to - from), Infinity); // a hole is not late
+      const late = steps.filter((step) => step > usual * limits.late && step < shortest).length;
+      const missing = gaps.reduce((sum, [from, to]) => sum + Math.max(0, to - from - usual), 0);
       const [first = 0, last = 0] = [rows[0], rows.at(-1)];
       figure('Rows', `${numberText(rows.length)}, one in ${lasting(usual)}; missing for ${missing > 0 ? lasting(missing) : 'no time'}`);
       /** @type {Found[]} */
@@ -688,7 +690,7 @@ async function createKnown({ recording, source, contents, marks, signal }, breat
     : log && log.all.count > 0 ? [log.all.first, log.all.last] : [0, 0]);
 
   return {
-    files, marks, log, http, rows, span, figures, remarks, breathe,
+    files, marks, log, http, rows, sorted: ascending, span, figures, remarks, breathe,
     gaps: holes(ascending),
     /** @param {string} beginning of ids */
     idsOf: (beginning) => charts.map(({ id }) => id).filter((id) => id.startsWith(beginning)),
@@ -714,7 +716,14 @@ async function createKnown({ recording, source, contents, marks, signal }, breat
           }
           await breathe();
         }
-        return series;
+        const isState = chart.parts.some(({ kind }) => kind === 'state');
+        for (const { name } of isState ? [] : series.filter(({ categories }) => categories)) {
+          remarks.push(`${chart.title}: ${name}, where texts stand among the numbers`);
+        }
+        if (series.length === 0) {
+          remarks.push(`${chart.title}: no rows that can be used`); // none at all, or texts among the numbers
+        }
+        return series.filter(({ categories }) => isState || !categories);
       })();
       known.set(id, reading);
       return reading;
@@ -768,7 +777,8 @@ export async function findingsOf(input) {
   const known = await createKnown(input, breathe);
   /** @type {Finding[]} */
   const findings = [];
-  const unjudged = [...known.remarks];
+  /** @type {string[]} */
+  const unjudged = [];
   for (const [index, rule] of RULES.entries()) {
     onProgress?.((index + 1) / (RULES.length + 1));
     await breathe();
@@ -776,10 +786,14 @@ export async function findingsOf(input) {
       unjudged.push(rule.subject);
       continue;
     }
-    for (const { severity, text, from, to, chart = '', path = '' } of await rule.find(known, rule.limits)) {
+    const found = await rule.find(known, rule.limits);
+    for (const { severity, text, from, to, chart = '', path = '' } of found.slice(0, MOST_OF_A_RULE)) {
       findings.push({ rule: rule.name, severity, text, from, to, chart, path: (chart && !path.includes('_monitoring/') ? known.fileOf(chart, path) : path) ?? '' });
+    }
+    if (found.length > MOST_OF_A_RULE) {
+      known.figure(`More findings: ${rule.name}`, numberText(found.length - MOST_OF_A_RULE));
     }
   }
   findings.sort((a, b) => SEVERITIES.indexOf(a.severity) - SEVERITIES.indexOf(b.severity));
-  return { findings, figures: known.figures, unjudged, span: known.span };
+  return { findings, figures: known.figures, unjudged: [...unjudged, ...known.remarks], span: known.span };
 }

@@ -99,7 +99,7 @@ export function createFindingsCard(recording, open) {
     figures.show(told);
     figuresPart.hidden = told.length === 0;
     figuresPart.open = wrong.length === 0;
-    setText(unjudged, missing.length > 0 ? `Not judged, as not recorded: ${missing.join(', ')}.` : '');
+    setText(unjudged, missing.length > 0 ? `Not judged, as it was not recorded or can’t be read: ${missing.join(', ')}.` : '');
   }
 
   return {

@@ -151,6 +151,7 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
   const crash = page.getByRole('table', { name: 'What happened' }).getByRole('row', { name: /crashed/ });
   assert.match(await crash.textContent(), /<img>x crashed/);
   assert.equal(await crash.locator('img').count(), 0);
+  await page.getByRole('region', { name: 'Findings' }).getByText(/^(?:\d+ findings? in|Nothing wrong was found in) /).waitFor();
   assert.deepEqual(await violationsInBoth(page), []);
 
   // The storage goes and comes, then the camera: the page goes on by itself, and marks will tell of both.
@@ -205,6 +206,24 @@ test('the archive is opened without a camera', async () => {
   assert.deepEqual(await plotted(page, 'load/load'), rowsOf(readFileSync(path, 'utf8')));
   const [from, to] = ['from', 'to'].map((name) => Date.parse(`${new URLSearchParams(link.split('?')[1]).get(name)}Z`) / 1000);
   assert.deepEqual(await inSight(page, 'load/load'), [from, to]);
+
+  // What was wrong stands first; a finding leads to its chart and its time.
+  assert.deepEqual((await page.getByRole('region').evaluateAll((all) => all.map((one) => one.ariaLabel))).slice(0, 2), ['Open an archive', 'Findings']);
+  const findings = page.getByRole('region', { name: 'Findings' });
+  const log = 'Errors and warnings in the log';
+  await findings.getByText(/note$/).or(findings.getByText(/notes$/)).first().click();
+  for (const [words, happened] of [[/^<img>x crashed once, at /, /crashed/], [/^The storage was lost once, at /, /The storage was back/],
+    [/^The camera or the daemon was restarted in order once, at /, /was restarted/]]) {
+    await findings.getByRole('button', { name: words }).focus();
+    await page.keyboard.press('Enter');
+    await page.getByRole('heading', { name: log }).waitFor();
+    const told = await page.getByRole('table', { name: 'What happened' }).getByRole('row', { name: happened }).first().textContent();
+    const time = Date.parse(`${/\d{4}-\d\d-\d\d \d\d:\d\d:\d\d/.exec(told)[0].replace(' ', 'T')}Z`) / 1000;
+    await until(async () => {
+      const [begin, end] = await inSight(page, log);
+      return begin <= time && time <= end;
+    }, told);
+  }
   await page.getByRole('button', { name: 'At a glance' }).click();
   await page.getByRole('img', { name: 'Chart of Memory.' }).waitFor();
   await page.getByRole('table', { name: 'Condition of the camera' }).getByRole('row', { name: /^Temperature/ }).first().waitFor();

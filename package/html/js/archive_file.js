@@ -9,6 +9,7 @@ import { saveBlob } from './recording.js';
 /** @typedef {import('unzipit').ZipEntry} Entry */
 
 const SIGNATURE = [0x50, 0x4b]; // "PK"
+const SLICE_MS = 10; // then the page goes on
 const ODD_PATH = /(?:^|[/\\])\.\.(?:[/\\]|$)|^[/\\]|^[A-Za-z]:|[\0\\]/;
 
 /** @param {string} message @param {string} advice */
@@ -90,7 +91,12 @@ export async function openArchive(file) {
         try {
           const reader = (await entry.stream()).getReader();
           let position = 0; // of what comes next, in the entry
+          let since = performance.now();
           for (let piece = await reader.read(); !piece.done; piece = await reader.read()) {
+            if (performance.now() - since > SLICE_MS) { // pieces that are there already come without a pause
+              await new Promise((resolve) => { setTimeout(resolve, 0); });
+              since = performance.now();
+            }
             const { value } = piece;
             const part = value.subarray(Math.max(0, from - position), Math.max(0, from + most - position));
             position += value.length;

@@ -75,7 +75,7 @@ export function createBoard({ source, group, changed, beside }) {
     setText(copied, done ? 'Copied.' : 'The address bar has the link.');
     setTimeout(() => setText(copied, ''), 4000);
   });
-  const element = el('section', { class: 'view', 'aria-label': 'Charts' },
+  const element = el('section', { class: 'view', 'aria-label': 'Charts', tabindex: -1 },
     el('div', { class: 'chart-tools' }, tabs,
       el('div', { class: 'tools apart' }, el('div', { class: 'tools small' }, pickerButton, rangeTools(group), copyButton, copied), rangeText)),
     picker.element, empty, place, besides,

@@ -1,13 +1,14 @@
-// A recording as a whole: dashboards with marks, images, logs, the camera's condition, files. The same
+// A recording as a whole: findings, dashboards with marks, images, logs, the camera's condition, files. The same
 // for a session on the camera and for an archive.
 
 import { createBoard } from './board.js';
-import { GLANCE } from './catalogue.js';
+import { GLANCE, idOfFile } from './catalogue.js';
 import { createChartGroup } from './chart_group.js';
 import { readCondition } from './condition.js';
 import { actionButton, createFacts, createMessage, createTable } from './controls.js';
 import { el, setText } from './dom.js';
 import { createFiles } from './file_list.js';
+import { createFindingsCard } from './findings_card.js';
 import { createHttpReport } from './http_report.js';
 import { createImageCard } from './image_card.js';
 import { writeSight } from './link.js';
@@ -22,6 +23,7 @@ import { createTimeline } from './timeline.js';
 const INFORMATION = 'Session_Information.txt';
 const MOST_INFORMATION_BYTES = 256 * 1024;
 const CRASH_FILE = /^coredumps\/|\/(?:Crash_Reports|Server_Reports)\//;
+const FINDING_MARGIN_S = 900; // of what is seen of a finding's time
 const LINK_MS = 400; // while the time in sight changes the address bar waits
 
 /** @typedef {import('./recording.js').Item} Item */
@@ -116,6 +118,16 @@ export function createRecordingView(recording, hrefOf) {
       ...(name === GLANCE || name === 'HTTP API' ? [httpReport.element] : [])],
   });
   const information = createFacts();
+  const findings = createFindingsCard(recording, ({ chart, path, from, to }) => {
+    const margin = Math.max(FINDING_MARGIN_S, (to - from) / 10);
+    board.apply({ board: '', charts: [chart || (path.endsWith('.csv') ? idOfFile(path) : 'log')] });
+    group.startAt([from - margin, to + margin]);
+    written = JSON.stringify(group.range());
+    writeLink(true);
+    board.element.scrollIntoView();
+    board.element.focus({ preventScroll: true });
+    go(from);
+  });
 
   // --- The address bar
 
@@ -153,7 +165,7 @@ export function createRecordingView(recording, hrefOf) {
 
   const informationCard = el('section', { class: 'card', 'aria-label': 'Information' },
     el('details', {}, el('summary', {}, el('h2', {}, 'Information')), information.element));
-  const element = el('div', { class: 'view' }, message.element, informationCard, timeline.element, board.element,
+  const element = el('div', { class: 'view' }, message.element, findings.element, informationCard, timeline.element, board.element,
     timeline.list, images.element, texts.element, crashFiles.element, allFiles.element);
   const stopWaiting = whenSeen(texts.element, () => {
     textsSeen = true;
@@ -186,6 +198,7 @@ export function createRecordingView(recording, hrefOf) {
     if (!contents.complete) {
       message.show('doubtful', 'The session holds more files than the daemon lists. The archive has them all.');
     }
+    await findings.show({ contents, marks });
   }
 
   return {
@@ -232,6 +245,7 @@ export function createRecordingView(recording, hrefOf) {
       message.clear();
       clearTimeout(linkTimer);
       stopWaiting();
+      findings.close();
       board.close();
       group.close();
       images.close();

@@ -1,0 +1,206 @@
+// What the long logs of a recording come down to, counted while they are read: nothing of them is kept
+// but counts, so that logs of any length can be judged. Pure.
+
+import { lineTime } from './marks.js';
+import { wallSeconds } from './series.js';
+import { SEVERITIES, severityOf } from './views/log_lines.js';
+
+export const LOG_STEP_S = 600; // lines are counted in steps of this length
+const MOST_PATTERNS = 2000;
+const MOST_PROGRAMS = 30; // of one step
+const MOST_CALLERS = 2000;
+const MOST_STEPS = 50000; // of a log whose times are odd
+const MOST_RECENT = 20000; // lines among which one that was written twice is known
+const SHOWN = 160; // characters of a line
+const ERR = SEVERITIES.indexOf('err');
+
+const PROGRAM = /\] +([^\s:[]{1,64})(?:\[\d+\])?: ?/;
+const PLAIN_PROGRAM = /^\S+ \S+ +([^\s:[]{1,64})(?:\[\d+\])?: ?/;
+// The device or the daemon ends in order.
+const PLANNED = /\b(?:Vandrel-silent: Continuous log taken up to here|reboot: (?:Restarting|Power down)|System is (?:rebooting|going down)|Restarting system|systemd-shutdown|Reached target (?:System )?(?:Reboot|Shutdown|Power.?Off)|Automatic restart\b.* now)/i;
+const START_S = 120; // that a session takes to start
+const CLOCK_S = 60; // by which a clock is set at least to be told
+const PROCESSORS = /\bBrought up \d+ nodes?, (\d{1,3}) CPUs?\b|\bTotal of (\d{1,3}) processors activated/;
+const CLOCK_SET = /\b(?:chronyd|ntpd|ntpdate|sntp|systemd-timesyncd)\b.*\b(?:stepped|step|reset|set|jump\w*)\b.*?([-+]?\d+(?:\.\d+)?) ?s(?:ec|\b)/i;
+
+/**
+ * @typedef {{count: number, first: number, last: number}} Count
+ * @typedef {Count & {pattern: string, program: string, severity: number, example: string}} Pattern
+ */
+
+/** A message without what differs each time: numbers, addresses. @param {string} text */
+export function patternOf(text) {
+  return text.slice(0, SHOWN).replace(/\b0x[\da-f]+\b|\b(?=[\da-f]*\d)[\da-f]{8,}\b/gi, '#').replace(/\d+(?:[.:]\d+)*/g, '#');
+}
+
+/** @param {Count} count @param {number} time */
+function add(count, time) {
+  count.count++;
+  count.first = Math.min(count.first, time);
+  count.last = Math.max(count.last, time);
+}
+const none = () => ({ count: 0, first: Infinity, last: -Infinity });
+
+/** The lines of a text that comes in pieces of bytes. @param {(line: string) => void} take */
+export function lineReader(take) {
+  const decoder = new TextDecoder();
+  let rest = '';
+  return {
+    /** @param {Uint8Array} piece */
+    add(piece) {
+      const lines = (rest + decoder.decode(piece, { stream: true })).split('\n');
+      rest = (lines.pop() ?? '').slice(0, 65536);
+      lines.forEach(take);
+    },
+    finish() {
+      if (rest !== '') {
+        take(rest);
+      }
+    },
+  };
+}
+
+/** Counts the lines of the device's log. */
+export function logDigest() {
+  /** @type {Map<string, Pattern>} */
+  const patterns = new Map();
+  /** @type {Map<number, {count: number, programs: Map<string, number>}>} lines of each step */
+  const steps = new Map();
+  /** @type {{from: number, to: number}[]} */
+  const clockSteps = [];
+  /** @type {number[]} */
+  const planned = [];
+  /** @type {number[]} */
+  const starts = [];
+  /** A camera that was restarted brings lines again, also ones from before. @type {[Set<string>, Set<string>]} */
+  const recent = [new Set(), new Set()];
+  const all = none();
+  const errors = none();
+  let processors = 0;
+
+  return {
+    /** @param {string} line */
+    add(line) {
+      const time = lineTime(line);
+      if (Number.isNaN(time)) {
+        return;
+      }
+      if (line[19] === '.') { // to the millisecond, as one of the two forms of the log has no more
+        const key = line.slice(0, 23) + line.slice(line.indexOf('] ', 24));
+        if (recent[0].has(key) || recent[1].has(key)) {
+          return;
+        }
+        recent[0].add(key);
+        if (recent[0].size >= MOST_RECENT) {
+          recent[1] = recent[0];
+          recent[0] = new Set();
+        }
+      }
+      add(all, time);
+      const told = PROGRAM.exec(line) ?? PLAIN_PROGRAM.exec(line);
+      const program = told?.[1] ?? '';
+      const begin = Math.floor(time / LOG_STEP_S) * LOG_STEP_S;
+      const step = steps.get(begin) ?? { count: 0, programs: new Map() };
+      if (steps.size < MOST_STEPS) {
+        steps.set(begin, step);
+      }
+      step.count++;
+      if (step.programs.size < MOST_PROGRAMS || step.programs.has(program)) {
+        step.programs.set(program, (step.programs.get(program) ?? 0) + 1);
+      }
+      const severity = severityOf(line);
+      if (severity >= 0 && severity <= ERR) {
+        add(errors, time);
+        const text = told ? line.slice(told.index + told[0].length) : line.slice(27);
+        const pattern = patternOf(text);
+        const key = `${severity} ${program} ${pattern}`;
+        const known = patterns.get(key) ?? { ...none(), pattern, program, severity, example: text.slice(0, SHOWN).trimEnd() };
+        if (patterns.has(key) || patterns.size < MOST_PATTERNS) {
+          patterns.set(key, known);
+          add(known, time);
+        }
+      }
+      if (PLANNED.test(line)) {
+        planned.push(time);
+      } else if (line.includes(': Monitoring session started (')) {
+        starts.push(time); // the log is taken then too
+      }
+      const [, brought, total] = processors === 0 && line.includes('kernel:') ? PROCESSORS.exec(line) ?? [] : [];
+      processors ||= Number(brought ?? total ?? 0);
+      const set = line.includes('d[') || line.includes('ntp') ? CLOCK_SET.exec(line) : null;
+      if (set && Math.abs(Number(set[1])) > CLOCK_S) {
+        clockSteps.push({ from: time - Number(set[1]), to: time });
+      }
+    },
+    finish() {
+      return {
+        all, errors, patterns: [...patterns.values()].sort((a, b) => a.severity - b.severity || b.count - a.count),
+        steps, clockSteps, processors,
+        planned: planned.filter((time) => !starts.some((start) => start >= time && start < time + START_S)),
+      };
+    },
+  };
+}
+
+/**
+ * @typedef {object} Caller
+ * @property {string} address
+ * @property {Count} calls
+ * @property {Count} refused calls with a name whose password was wrong, or that may not
+ * @property {{from: number, count: number}} busiest step
+ * @property {{from: number, count: number}} mostRefused step
+ * @property {Set<string>} users
+ */
+
+const HTTP_LINE = /^\[(\d\d)\/(\w{3})\/(\d{4}):(\d\d:\d\d:\d\d)[^\]]*\] IPAddress:(\S+) User:(\S*).* HTTP Status:(\d{3})/;
+const MONTHS = ['Jan', 'Feb', 'Mar', 'Apr', 'May', 'Jun', 'Jul', 'Aug', 'Sep', 'Oct', 'Nov', 'Dec'];
+
+/** Counts the lines of the web server's log by the addresses that called. */
+export function httpDigest() {
+  /** @type {Map<string, Caller & {steps: [number, number, number]}>} */
+  const callers = new Map();
+  /** @type {Map<number, number>} calls of each step */
+  const perStep = new Map();
+  const all = none();
+  return {
+    /** @param {string} line */
+    add(line) {
+      const [, day = '', month = '', year = '', clock = '', address = '', user = '', status] = HTTP_LINE.exec(line) ?? [];
+      const time = wallSeconds(`${year}-${String(MONTHS.indexOf(month) + 1).padStart(2, '0')}-${day}`, clock);
+      if (Number.isNaN(time)) {
+        return;
+      }
+      add(all, time);
+      const from = Math.floor(time / LOG_STEP_S) * LOG_STEP_S;
+      if (perStep.size < MOST_STEPS) {
+        perStep.set(from, (perStep.get(from) ?? 0) + 1);
+      }
+      const caller = callers.get(address) ?? {
+        address, calls: none(), refused: none(), busiest: { from: 0, count: 0 }, mostRefused: { from: 0, count: 0 }, users: new Set(),
+        steps: /** @type {[number, number, number]} */ ([0, 0, 0]),
+      };
+      if (callers.size >= MOST_CALLERS && !callers.has(address)) {
+        return;
+      }
+      callers.set(address, caller);
+      add(caller.calls, time);
+      if (caller.steps[0] !== from) {
+        caller.steps = [from, 0, 0];
+      }
+      if (++caller.steps[1] > caller.busiest.count) {
+        caller.busiest = { from, count: caller.steps[1] };
+      }
+      // Every browser is asked for a name at first: without one it is no refused login.
+      if ((status === '401' || status === '403') && user !== '-' && user !== '') {
+        add(caller.refused, time);
+        if (caller.users.size < 20) {
+          caller.users.add(user);
+        }
+        if (++caller.steps[2] > caller.mostRefused.count) {
+          caller.mostRefused = { from, count: caller.steps[2] };
+        }
+      }
+    },
+    finish: () => ({ all, steps: perStep, callers: [...callers.values()].sort((a, b) => b.calls.count - a.calls.count) }),
+  };
+}

@@ -19,7 +19,7 @@ constexpr std::size_t mount_line_max = 1023;
 constexpr std::size_t df_command_size = 1024;
 constexpr std::size_t du_command_size = 256;
 constexpr int full_percent = 90;
-constexpr gint64 states_age_us = 30 * G_USEC_PER_SEC;
+constexpr gint64 states_age_us = gint64{30} * G_USEC_PER_SEC;
 constexpr const char *storage_mounts = "/var/spool/storage/";
 constexpr const char *storages_command =
     "dbus-send --system --print-reply --reply-timeout=6000 --dest=com.tarvo.Storage "

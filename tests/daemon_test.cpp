@@ -274,27 +274,3 @@ TEST_F(Daemon, AClientThatDoesNotReadDelaysTheOthersOnlyForAWhile) {
     EXPECT_TRUE(wait_until([&] { return descriptors_of(daemon.pid()) <= descriptors; }));
     fs::remove("/var/log/info.log");
 }
-
-TEST_F(Daemon, ThousandsOfRequestsLeaveNoTrace) {
-    const daemon_process daemon;
-    const auto ask = [] { EXPECT_EQ(access_cgi("action=test").substr(0, 14), "Status: 200 OK"); };
-    for (int i = 0; i < 200; ++i) {
-        ask();
-    }
-    const int descriptors = descriptors_of(daemon.pid());
-    for (int i = 0; i < 1000; ++i) {
-        ask();
-    }
-    std::vector<std::thread> clients;
-    for (int client = 0; client < 50; ++client) {
-        clients.emplace_back([&ask] {
-            for (int i = 0; i < 20; ++i) {
-                ask();
-            }
-        });
-    }
-    for (std::thread &client : clients) {
-        client.join();
-    }
-    EXPECT_TRUE(wait_until([&] { return descriptors_of(daemon.pid()) <= descriptors; }));
-}

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/mount.h>
 
 namespace fs = std::filesystem;
@@ -104,29 +105,68 @@ TEST(Countdowns, AnnounceATickAheadAndAct) {
 }
 
 TEST_F(MainTimer, RunsWhatIsDue) {
-    const auto periods = [](std::span<const duty> duties) {
-        std::vector<unsigned long> every;
-        for (const duty &entry : duties) {
-            every.push_back(entry.every);
+    for (const char *script : {"vmstatus_monitoring", "topstatus_monitoring", "power"}) {
+        install_recorder("/usr/local/packages/Vandrel/" + std::string(script) + ".sh");
+    }
+    install_recorder("uptime", "load average: 1, 2, 3\n");
+    write_file("/etc/ws/onvif/media/media.conf", "x");
+    // The programs that a tick runs and the folders that it writes to, each once.
+    const auto ran = [this](unsigned long tick) {
+        const std::string folder = session_ + "/system_monitoring/";
+        fs::remove_all(folder);
+        for (const char *name : {"basic/Server_Reports", "devicetest", "koral", "load"}) {
+            fs::create_directories(folder + "monitoring_" + name);
         }
-        return every;
+        recorded_calls();
+        tick_at(tick);
+        std::set<std::string> names;
+        for (const std::string &call : recorded_calls()) {
+            names.insert(call.substr(0, call.find(' ')));
+        }
+        for (const auto &entry : fs::recursive_directory_iterator(folder)) {
+            if (entry.is_regular_file()) {
+                names.insert(entry.path().parent_path().filename());
+            }
+        }
+        names.erase("monitoring_slabinfo"); // not every kernel has it
+        std::string text;
+        for (const std::string &name : names) {
+            text += (text.empty() ? "" : " ") + name;
+        }
+        return text;
     };
-    EXPECT_EQ(periods(external_storage_schedule()),
-              (std::vector<unsigned long>{1, 1, 1, 1, 120, 1, 120, 120, 120, 2, 2, 2, 2}));
-    fs::create_directories(session_ + "/system_monitoring/monitoring_load");
-    install_tool("uptime", "echo 'load average: 1, 2, 3'\n");
-    const std::string rows = session_ + "/system_monitoring/monitoring_load/load.csv";
     log_capture log;
-    tick_at(1);
-    EXPECT_FALSE(fs::exists(rows));
-    tick_at(2);
-    EXPECT_TRUE(fs::exists(rows));
-    EXPECT_EQ(read_file(session_ + "/Session_Information.txt"),
-              "Duration: 0 Days 0 hours 3 minutes\nCollected Data Points: 1\n");
-    _set_storage_id(std::nullopt);
-    fs::remove(rows);
-    tick_at(2);
-    EXPECT_FALSE(fs::exists(rows)) << "the internal storage collects little";
+    const std::string tools = "power.sh ps top topstatus_monitoring.sh uptime "
+                              "vela_status_monitor.sh vmstatus_monitoring.sh";
+    const std::string collection =
+        "dbus-send df monitoring_devicetest monitoring_load monitoring_streams " + tools;
+    const std::string with_copies =
+        "Server_Reports dbus-send df gen_serverreport.sh monitoring_devicetest "
+        "monitoring_interrupts monitoring_load monitoring_onvif monitoring_streams " +
+        tools;
+    const struct {
+        bool external;
+        unsigned long tick;
+        std::string expected;
+    } cases[] = {
+        {true, 1, "dbus-send df"},
+        {true, 2, collection},
+        {true, 60, collection},
+        {true, 120, with_copies},
+        {true, 121, "dbus-send df"},
+        {true, 360, with_copies},
+        {false, 1, "df"},
+        {false, 2, "df monitoring_devicetest"},
+        {false, 60, "df monitoring_devicetest"},
+        {false, 120, "df monitoring_devicetest monitoring_koral"},
+        {false, 240, "df monitoring_devicetest monitoring_koral"},
+        {false, 360,
+         "df gen_serverreport.sh monitoring_devicetest monitoring_koral monitoring_onvif zip"},
+    };
+    for (const auto &[external, tick, expected] : cases) {
+        _set_storage_id(external ? std::optional<std::string>("SD_DISK") : std::nullopt);
+        EXPECT_EQ(ran(tick), expected) << (external ? "external " : "internal ") << tick;
+    }
 }
 
 TEST_F(MainTimer, ALostStorageIsWaitedFor) {

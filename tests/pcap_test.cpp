@@ -54,17 +54,128 @@ std::string record(std::uint32_t sec, std::uint32_t usec, std::uint32_t size) {
 
 } // namespace
 
+// What holds for every capture: one that is fine comes as it is; what was repaired is fine; records
+// that are whole among others stay.
 TEST(Pcap, RepairsTheCorpus) {
-    for (const pcap_case &expected : pcap_corpus()) {
+    for (const pcap_case &c : pcap_corpus()) {
+        SCOPED_TRACE(c.name);
         forget();
-        const repaired made = repair(expected.input);
-        ASSERT_EQ(made.log, expected.log) << expected.name;
-        ASSERT_EQ(made.result, expected.result) << expected.name;
-        ASSERT_EQ(made.dropped, expected.dropped) << expected.name;
-        ASSERT_TRUE(made.output == expected.output) << expected.name << '\n' << made.log;
-        if (expected.name.starts_with("intact")) {
-            ASSERT_TRUE(made.result == 0 && made.output == expected.input);
+        const repaired made = repair(c.input);
+        const std::string summary = pcap_summary(made.output, c.big_endian);
+        if (c.listed) {
+            EXPECT_EQ(made.result, c.result) << made.log;
+            EXPECT_EQ(made.dropped, c.dropped);
+            EXPECT_EQ(summary, c.summary);
         }
+        ASSERT_NE(summary, "broken");
+        if (made.result < 0) {
+            continue;
+        }
+        if (c.name.find('A') == std::string::npos) { // carriage returns in headers aren't counted
+            ASSERT_EQ(made.result == 0 && !made.dropped, made.output == c.input);
+        }
+        // A last record that is longer than one may be stays so.
+        if (c.name.find("~65582") == std::string::npos) {
+            const repaired again = repair(made.output);
+            ASSERT_TRUE(again.result == 0 && again.output == made.output) << made.log << again.log;
+        }
+        std::size_t at = 0;
+        for (const std::string &record : c.safe) {
+            at = made.output.find(record, at);
+            ASSERT_NE(at, std::string::npos) << made.log;
+            at += record.size();
+        }
+    }
+}
+
+TEST(Pcap, SaysWhatItCorrects) {
+    const struct {
+        const char *capture;
+        std::string log; // behind what it says of the global header
+    } cases[] = {
+        {"!100 60 100+17 70 60 70 100+17",
+         "[-] CORRUPTED Packet #1 at position 24 (1700000000 | 524545 | 117440512 | 100).\n"
+         "[+] FOUND NEXT Packet #2 at position 140 (1700000000 | 524802 | 60 | 60).\n"
+         "[+] CORRECTED Packet #1 at position 24 (1700000000 | 524801 | 100 | 100).\n"
+         "[-] FOUND OVERLAPPING data of Packet #4 at position 332 (1700000000 | 525316 | 70 | "
+         "70).\n"
+         "[+] CORRECTED Packet #3 at position 216 (1700000000 | 525059 | 100 | 100).\n"
+         "[-] LAST PACKET MISMATCH (1700000000 | 526087 | 117 | 117)\n"
+         "[+] CORRECTED Packet #7 at position 580 (1700000000 | 526087 | 100 | 117).\n"
+         "[*] Wrote 7 packets to file.\n"
+         "[!] This corruption seems to be a result of an ascii-mode transferred pcap file via "
+         "FTP.\n"
+         "[!] The pcap structure of those files can be repaired, but the data inside might still "
+         "be corrupted!\n"},
+        {"!300 Z5 300 !60",
+         "[-] CORRUPTED Packet #1 at position 24 (1700000000 | 524545 | 117440512 | 300).\n"
+         "[+] FOUND NEXT Packet #2 at position 340 (5 | 0 | 300 | 300).\n"
+         "[+] CORRECTED Packet #1 at position 24 (4 | 999999 | 300 | 300).\n"
+         "[-] CORRUPTED Packet #3 at position 656 (5 | 257 | 117440512 | 60).\n"
+         "[*] End of file reached. Aligning last packet.\n"
+         "[+] CORRECTED LAST Packet #3 at position 656 (5 | 1 | 60 | 60).\n"
+         "[*] Wrote 3 packets to file.\n"},
+        {"60 ~65552 60 70",
+         "[-] CORRUPTED Packet #2 at position 100 (4008636142 | 4008636142 | 4008636142 | "
+         "4008636142).\n"
+         "[-] No next packet found within max packet range --> SKIPPING!\n"
+         "[-] CORRUPTED Packet #2 at position 65683 (4008636142 | 4008636142 | 4008636142 | "
+         "4008636142).\n"
+         "[+] FOUND NEXT Packet #3 at position 65728 (1700000000 | 525059 | 70 | 70).\n"
+         "[+] CORRECTED Packet #2 at position 65683 (1700000000 | 524546 | 29 | 29).\n"
+         "[*] Wrote 3 packets to file.\n"},
+        {"~17 60 70", "[-] CORRUPTED Packet #1 at position 24 (4008636142 | 4008636142 | "
+                      "4008636142 | 4008636142).\n"
+                      "[+] FOUND NEXT Packet #2 at position 41 (1700000000 | 524545 | 60 | 60).\n"
+                      "[-] Packet #1 at position 24 is invalid ==> SKIPPING.\n"
+                      "[*] Wrote 3 packets to file.\n"},
+        {"~65583", "[-] CORRUPTED Packet #1 at position 24 (4008636142 | 4008636142 | 4008636142 | "
+                   "4008636142).\n"
+                   "[-] Cannot align corrupted packet! \n"
+                   "[-] Reached EOF without finding more packets!\n"},
+        {"~16", "[-] Not enough bytes left in file ==> SKIPPING 16 bytes.\n"
+                "[-] No packet has been found!\n"},
+    };
+    for (const auto &[capture, log] : cases) {
+        forget();
+        const std::string said = repair(pcap_capture(capture).input).log;
+        const std::string begin = "[*] Analyzing packets...\n";
+        EXPECT_EQ(said.substr(said.find(begin) + begin.size()), log) << capture;
+    }
+    const char *const formats[] = {"d4\n", "a1 (SWAPPED)\n", "4d (NANOSECONDS)\n",
+                                   "a1 (SWAPPED - NANOSECONDS)\n"};
+    for (const int i : {0, 1, 2, 3}) {
+        const std::string said = repair(pcap_capture("60", i % 2 == 1, i >= 2).input).log;
+        EXPECT_NE(said.find(formats[i]), std::string::npos) << said;
+    }
+    EXPECT_EQ(repair("short").log, "[-] File is too small to read pcap global header.\n");
+}
+
+TEST(Pcap, CorrectsFieldsOfTheGlobalHeader) {
+    const struct {
+        std::size_t at;
+        std::string wrong, line;
+    } fields[] = {
+        {0, words({0x12345678}), "[-] Magic number: 0x12345678\n"},
+        {4, "\3", "[-] Major version number: 3\n"},
+        {6, "\5", "[-] Minor version number: 5\n"},
+        {8, "\2\2", "[-] GTM to local correction: 514\n"},
+        {12, "\7", "[-] Accuracy of timestamps: 7\n"},
+        {16, words({65536}), "[-] Max packet length: 65536\n"},
+        {20, "\374", "[-] Data link type: 252\n"},
+    };
+    const std::string packets = record(1700000000, 600000, 60) + record(1700000000, 700000, 60);
+    std::string input = global_header + packets;
+    for (const auto &[at, wrong, line] : fields) { // one more wrong each time
+        input.replace(at, wrong.size(), wrong);
+        forget();
+        const repaired made = repair(input);
+        EXPECT_NE(made.log.find(line), std::string::npos) << made.log;
+        const bool missing = at > 6; // four
+        EXPECT_NE(made.log.find(missing ? "missing ==> CORRECTED!\n" : "corrupt! ==> CORRECTED\n"),
+                  std::string::npos);
+        EXPECT_TRUE(missing || made.output == global_header + packets) << line;
+        EXPECT_EQ(made.output.substr(0, 24), global_header);
     }
 }
 

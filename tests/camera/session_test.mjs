@@ -136,6 +136,7 @@ test("a session on the SD card: collected, resumed, stopped, zipped, downloaded,
   assert.match(buddy, /^ZONE,DATE,TIME,4 kB,8 kB,/);
   assert.deepEqual(assertWholeRows(buddy, "buddyinfo").slice(0, 5).map((row) => row.split(",")[0]),
     ["DMA", "DMA32", "Normal", "HighMem", "Total"]);
+  assert.notEqual(await camera.shell(`ls ${monitoring(session, "monitoring_slabinfo")}`), "");
   const listing = await json(camera, "view_monitor_data", { storage: session });
   for (const { path, type, name, pid } of listing.csv.filter((file) => file.type)) {
     const storage = ["velas", "koral"].includes(type) ? `${session}@${name}` : session;

@@ -74,14 +74,6 @@ test('what tools and device test refuse is said', async () => {
   await choose('Network share’s address');
   await button(page, 'Run').click();
   await gives('192.168.0.20');
-  await page.getByLabel('Storage group').fill('S99');
-  await button(page, 'Run').click();
-  await gives('Could not read the properties.');
-
-  await choose('DNS lookup');
-  await page.getByRole('textbox', { name: 'Address' }).fill('no-such-host.example');
-  await button(page, 'Run').click();
-  await gives('DNS Lookup failed for both IPv4 and IPv6');
   await choose('Ping');
   await page.getByRole('textbox', { name: 'Address' }).fill('203.0.113.99');
   await button(page, 'Run').click();
@@ -99,16 +91,8 @@ test('what tools and device test refuse is said', async () => {
   assert.match(await output.textContent(), /203\.0\.113\.1/);
 
   await page.goto(`${camera.address}/local/Vandrel/#/device_test`);
-  await page.getByLabel('Name').fill('gone');
-  await page.getByRole('textbox', { name: 'Address' }).fill('203.0.113.1');
-  await page.getByRole('spinbutton', { name: 'Port' }).fill('7003');
-  await button(page, 'Add').click();
-  await says(page, 'is tested from now on.');
-  await camera.action('remove_nc_rule', { ip_address: '203.0.113.1', port: '7003' });
-  await button(page, /^Delete rule gone/).click();
-  await button(page, 'Delete rule').last().click();
-  await says(page, 'Could not remove nc-rule.');
   await page.getByLabel('Name').fill('a "quoted" name');
+  await page.getByRole('textbox', { name: 'Address' }).fill('203.0.113.1');
   await page.getByRole('spinbutton', { name: 'Port' }).fill('7004');
   await button(page, 'Add').click();
   await page.getByText('without quotes').waitFor();

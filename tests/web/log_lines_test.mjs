@@ -1,9 +1,14 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 
+import { visible } from '../../package/html/js/dom.js';
 import {
   cutAtMatches, findAgain, lineCollector, matching, SEVERITIES, severityOf,
 } from '../../package/html/js/views/log_lines.js';
+
+test('what would reorder or hide text is shown', () => {
+  assert.equal(visible('a\x1b[31m\u202eb\tc\n\x7f'), 'a␛[31m⟨202e⟩b\tc\n␡');
+});
 
 test('lines are collected from any pieces, the last ones kept', () => {
   const cases = [

@@ -5,6 +5,20 @@
  * @typedef {Node | string | null | undefined} Child
  */
 
+// Control characters and those that reorder the text around them; tabs and line ends are text.
+const INVISIBLE = /[\0-\x08\x0b\x0c\x0e-\x1f\x7f\u200e\u200f\u202a-\u202e\u2066-\u2069]/g;
+
+/**
+ * A text of the device as it can be seen: "a\x1bb" -> "a␛b", a right-to-left override -> "⟨202e⟩".
+ * @param {string} text
+ */
+export function visible(text) {
+  return text.replace(INVISIBLE, (character) => {
+    const code = character.charCodeAt(0);
+    return code < 0x20 ? String.fromCharCode(0x2400 + code) : code === 0x7f ? '\u2421' : `⟨${code.toString(16)}⟩`;
+  });
+}
+
 /**
  * An element with attributes and children. A property "onclick" and the like takes a listener;
  * true stands for an empty attribute; false, null and undefined leave it out.
@@ -23,7 +37,11 @@ export function el(tag, properties = {}, ...children) {
       element.setAttribute(name, value === true ? '' : String(value));
     }
   }
-  element.append(...children.filter((child) => child !== null && child !== undefined));
+  for (const child of children) {
+    if (child !== null && child !== undefined) {
+      element.append(typeof child === 'string' ? visible(child) : child);
+    }
+  }
   return element;
 }
 
@@ -46,7 +64,8 @@ export function byId(id) {
  * @param {string} text
  */
 export function setText(node, text) {
-  if (node.textContent !== text) {
-    node.textContent = text;
+  const shown = visible(text);
+  if (node.textContent !== shown) {
+    node.textContent = shown;
   }
 }

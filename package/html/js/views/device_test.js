@@ -251,7 +251,7 @@ export function create() {
       empty.hidden = rules.length > 0;
       setText(empty, 'No host is tested.');
       setText(count, rules.length === 0 ? '' : counted(rules.length, 'host'));
-      setText(asOf, `As of ${clock(new Date())}`);
+      setText(asOf, `As of ${clock(new Date())}, this computer’s time`);
       stale.hidden = true;
     } catch (error) {
       const { kind: reason, message: words, advice } = /** @type {RequestError} */ (error);

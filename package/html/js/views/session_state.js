@@ -74,7 +74,7 @@ export function sessionCard(...more) {
       + 'character in a name. What could be read is shown; something may be missing.' : '');
     stale.hidden = notes === '';
     setText(stale, notes);
-    setText(asOf, asking && !at ? 'Asking the camera …' : at ? `As of ${clock(at)}` : '');
+    setText(asOf, asking && !at ? 'Asking the camera …' : at ? `As of ${clock(at)}, this computer’s time` : '');
   });
   return element;
 }

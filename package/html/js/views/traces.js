@@ -350,7 +350,7 @@ export function create() {
       ? 'The list of traces is damaged. What could be read is shown; something may be missing.' : '');
     stale.hidden = notes === '';
     setText(stale, notes);
-    setText(asOf, at ? `As of ${clock(at)}` : error ? '' : 'Asking the camera …');
+    setText(asOf, at ? `As of ${clock(at)}, this computer’s time` : error ? '' : 'Asking the camera …');
     stopButton.hidden = !running;
     startCard.hidden = running || (at === null && error === null); // keeps what was typed
 

@@ -229,7 +229,7 @@ export function create() {
       + 'likely because of an odd character in a name.' : '');
     setText(stale, notes);
     stale.hidden = notes === '';
-    setText(asOf, told.at ? `As of ${clock(told.at)}` : '');
+    setText(asOf, told.at ? `As of ${clock(told.at)}, this computer’s time` : '');
   });
   return { element, show: () => { refresh(); } };
 }

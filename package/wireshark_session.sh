@@ -32,6 +32,10 @@ start_recording() {
         exit 1
     fi
     folder=$STORAGES/$2/Vandrel_$3/$1
+    if ! leads_there "$folder/."; then
+        warn "No trace in $2: a link stands in the place of a folder"
+        exit 1
+    fi
     if [ -e "$folder" ] && ! [ -f "$folder/wireshark_signature.txt" ]; then
         warn "No trace in $2: $1 is the name of something else"
         exit 1

@@ -15,6 +15,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <sys/stat.h>
 #include <vector>
 
 namespace {
@@ -29,6 +31,7 @@ constexpr long long list_min = 61;  // bytes; a shorter list is empty
 constexpr std::size_t path_tag = 5; // "Path:"
 constexpr std::size_t list_line_max = 299;
 constexpr std::size_t server_line_max = 118;
+constexpr const char *still_active = "Still active";
 constexpr std::size_t sessions_max = 10'000; // a damaged list names no more
 
 // One block of a list.
@@ -104,6 +107,43 @@ class list_reader {
     std::vector<listed_session> sessions_;
 };
 
+// The size of a session that has ended stays as it is as long as its folder, its information and
+// its archive do. To measure a thousand at each request would take seconds.
+struct measured_session {
+    timespec changed[3];
+    unsigned long bytes;
+};
+std::map<std::string, measured_session> measured_sessions;
+
+unsigned long size_of(const listed_session &session) {
+    if (session.end_time.empty() || session.end_time == still_active) {
+        return get_dir_size_bytes(session.path);
+    }
+    measured_session now{};
+    const std::string files[] = {session.path, session.path + "/Session_Information.txt",
+                                 session_archive_path(session.path)};
+    for (std::size_t i = 0; i < std::size(files); ++i) {
+        struct stat status {};
+        if (::lstat(files[i].c_str(), &status) == 0) {
+            now.changed[i] = status.st_mtim;
+        }
+    }
+    errno = 0;
+    const auto known = measured_sessions.find(session.path);
+    if (known != measured_sessions.end() &&
+        std::memcmp(known->second.changed, now.changed, sizeof now.changed) == 0) {
+        return known->second.bytes;
+    }
+    now.bytes = get_dir_size_bytes(session.path);
+    if (measured_sessions.size() >= sessions_max) {
+        measured_sessions.clear();
+    }
+    if (now.bytes > 0) { // could be measured
+        measured_sessions[session.path] = now;
+    }
+    return now.bytes;
+}
+
 std::string session_json(const listed_session &session, session_list_kind kind) {
     std::string json =
         "{\"Path\":\"" + session.path + "\", \"Monitoring\": [{ \"Monitor\":\"Just to start\"}";
@@ -120,7 +160,7 @@ std::string session_json(const listed_session &session, session_list_kind kind) 
         }
         json += format_text(",\"zipping\":%s", zipped ? "\"no\"" : "\"yes\"");
     }
-    json += format_text(",\"size\":\"%lu\"", present ? get_dir_size_bytes(session.path) : 0);
+    json += format_text(",\"size\":\"%lu\"", present ? size_of(session) : 0);
     json += ", \"StartTime\": \"" + session.start_time + "\"";
     if (kind == session_list_kind::found) {
         json += ", \"EndTime\": \"" + session.end_time + "\"";

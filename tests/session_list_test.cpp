@@ -49,6 +49,29 @@ TEST(SessionList, WritesEachSessionAsTheClientsKnowIt) {
                   ",\"size\":\"0\", \"StartTime\": \"Wed May 31 08:27:40\"}]");
 }
 
+TEST(SessionList, MeasuresASessionThatHasEndedOnce) {
+    install_tool("du", "echo >>/tmp/measured; wc -l </tmp/measured");
+    fs::create_directories(session);
+    write_file(session + "/Session_Information.txt", "x");
+    const auto kibibytes = [](const char *end_time) {
+        const std::string json =
+            json_of(block + "EndTime:\n" + end_time + "\n", session_list_kind::found);
+        return std::atol(json.c_str() + json.find(",\"size\":\"") + 9) / 1024;
+    };
+    const char *ended = "Wed May 31 09:00:00 UTC 2023";
+    EXPECT_EQ(kibibytes("Still active"), 1);
+    EXPECT_EQ(kibibytes("Still active"), 2);
+    EXPECT_EQ(kibibytes(ended), 3);
+    EXPECT_EQ(kibibytes(ended), 3);
+    fs::last_write_time(session + "/Session_Information.txt",
+                        fs::file_time_type::clock::now() - std::chrono::hours(1));
+    EXPECT_EQ(kibibytes(ended), 4);
+    write_file(session + "/late_report.txt", "");
+    EXPECT_EQ(kibibytes(ended), 5);
+    fs::remove("/test/bin/du");
+    fs::remove_all(session);
+}
+
 TEST(SessionList, ListsWhatADamagedListStillNames) {
     // Cut anywhere it stays an array of whole objects, and text behind the last line end is
     // ignored.

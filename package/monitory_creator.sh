@@ -52,7 +52,9 @@ make_tree() {
         "Folder: $folder" "Start: $start_time" 2>/dev/null >"$1/.signature"
 }
 
-if ! is_plain "$storage" || ! is_serial "$serial" || ! is_stamp "$folder"; then
+# The internal storage's root has no serial number in it.
+if ! is_plain "$storage" || ! is_stamp "$folder" ||
+    { [ "$storage" != localdata ] && ! is_serial "$serial"; }; then
     fail "bad arguments"
 fi
 case $start_time$image_interval$crash_interval in

@@ -2,8 +2,10 @@
 
 #include "glib_ptr.h"
 #include "log.h"
-#include "shell_word.h"
+#include "session_globals.h"
 #include "strutil.h"
+
+#include <utility>
 
 namespace {
 
@@ -35,8 +37,12 @@ void read_serial_number() {
         return;
     }
     str_terminate_at(*value, '\n');
-    if (!is_shell_word(*value) || value->size() > serial_number_max) {
-        log_error("The serial number '%s' can not be used.", value->c_str());
+    if (!is_serial_number(value) || value->size() > serial_number_max) {
+        // Asked for again at each tick.
+        static std::string refused;
+        if (std::exchange(refused, *value) != *value) {
+            log_error("The serial number '%s' can not be used.", value->c_str());
+        }
         return;
     }
     serial_number = std::move(value);

@@ -41,7 +41,6 @@ bool crash_report_snapshot(const std::string &folder) {
         return false;
     }
     const std::string archive = reports + "/" + date_format_now("Debug_%Y-%m-%dT%H%M%S%Z.tgz");
-    // Started under its name, not its path, which stands in for the interpreter's script.
     const char *const argv[] = {script, archive.c_str(), nullptr};
     errno = 0;
     const int status = run_program(argv, program_descriptors::none, -1, limit_of(script).limit);

@@ -517,16 +517,21 @@ bool ps_grep_and_check_if_included(const std::string &pattern, const std::string
             return true;
         }
     }
-    return false;
+    return pipe.has_hung();
 }
 
-std::string get_names_listed_from_directory(const std::string &path, std::size_t capacity) {
+std::optional<std::string> get_names_listed_from_directory(const std::string &path,
+                                                           std::size_t capacity) {
     std::string names;
-    command_read_lines(format_bounded(ls_command_size, "ls \"%s\"", path.c_str()).c_str(),
-                       source_line_max, [&names](std::string line) {
-                           str_terminate_at(line, '\n');
-                           names.append(names.empty() ? "" : ",").append(line);
-                       });
+    const int status =
+        command_read_lines(format_bounded(ls_command_size, "ls \"%s\"", path.c_str()).c_str(),
+                           source_line_max, [&names](std::string line) {
+                               str_terminate_at(line, '\n');
+                               names.append(names.empty() ? "" : ",").append(line);
+                           });
+    if (status != 0) {
+        return std::nullopt;
+    }
     return names.substr(0, capacity == 0 ? 0 : capacity - 1);
 }
 

@@ -30,11 +30,14 @@ void store_proc_interrupts(const std::string &interrupts_directory);
 // --- Small helpers
 
 // Whether a line of the process list that holds the pattern (as grep reads it) also holds the
-// needle. Both are the daemon's own words or have been checked to be such.
+// needle. Both are the daemon's own words or have been checked to be such. True also when the
+// process list can't be had: who asks means not to do something twice, or too early.
 bool ps_grep_and_check_if_included(const std::string &pattern, const std::string &needle);
 
 // The names listed in a folder joined by ",", cut to what fits a text of `capacity` bytes.
-std::string get_names_listed_from_directory(const std::string &path, std::size_t capacity);
+// Nothing when it could not be listed whole.
+std::optional<std::string> get_names_listed_from_directory(const std::string &path,
+                                                           std::size_t capacity);
 
 // The names of the folders in a folder (links are none), at most 100, in the order of the folder;
 // `are_all` is cleared when there are more.

@@ -75,7 +75,12 @@ std::optional<std::string> current_listing(const std::string &folder) {
         log_error("Failed to create a listing");
         return std::nullopt;
     }
-    return get_names_listed_from_directory(folder, listing_size);
+    const auto names = get_names_listed_from_directory(folder, listing_size);
+    if (!names) {
+        errno = 0;
+        log_error("Failed to create a listing");
+    }
+    return names;
 }
 
 // The first line of the listing's file, if there is one.
@@ -170,14 +175,17 @@ void update_storage(dump_storage &storage, const std::string &folder,
     if (!is_directory(folder.c_str())) {
         return;
     }
-    const std::string current = get_names_listed_from_directory(folder, listing_size);
+    const auto current = get_names_listed_from_directory(folder, listing_size);
+    if (!current) {
+        return; // a part of a listing would make the rest new dumps
+    }
     if (!storage.listing && !load_listing(storage)) {
         storage.listing = current; // what is there at the first look is old
         (void)save_listing(storage);
     }
     bool copied_one = false;
     bool copied_all = true;
-    for (const std::string &name : names_of(current)) {
+    for (const std::string &name : names_of(*current)) {
         if (name.find(dump_mark) == std::string::npos ||
             storage.listing->find(name) != std::string::npos) {
             continue;

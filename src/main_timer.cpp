@@ -246,7 +246,8 @@ void session_tick(unsigned long tick, const std::string &session) {
     if (left == space::unknown && usable) {
         left = free_space(); // it may have come back between the two questions
     }
-    if (left == space::too_little || (left == space::unknown && usable)) {
+    if ((left == space::too_little && (is_there || !external)) ||
+        (left == space::unknown && usable)) {
         if (left == space::unknown) {
             log_warning("Could not get usage of partition for path '%s'.",
                         secondary_storage_path->c_str());

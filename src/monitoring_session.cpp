@@ -215,7 +215,10 @@ bool create_session_tree(const session_request &request, bool with_interval,
                   monitor_start_time->c_str());
         return false;
     }
-    (void)system_ret(command.c_str());
+    // One that was ended may have made the folder, but not the file that has it resumed.
+    if (system_ret(command.c_str()) == system_ret_signal) {
+        dir_remove_recursive(directory.c_str());
+    }
     if (!is_directory(directory.c_str())) {
         log_error("Could not start monitoring session: '%s' was not created.", directory.c_str());
         return false;
@@ -329,8 +332,12 @@ void complete_session_information(const std::string &directory) {
 }
 
 void append_session_size(const std::string &directory) {
+    const auto bytes = static_cast<long long>(get_dir_size_bytes(directory));
+    if (bytes == 0) {
+        return; // it could not be measured
+    }
     char size[24];
-    suffix_bytes(size, sizeof size, static_cast<long long>(get_dir_size_bytes(directory)));
+    suffix_bytes(size, sizeof size, bytes);
     const unique_file file =
         file_open_or_warn((directory + "/Session_Information.txt").c_str(), "a");
     if (file) {

@@ -57,7 +57,8 @@ bool is_name_of_something_else(const std::string &recording) {
 std::optional<std::string> destination_of(const std::string &storage,
                                           const std::string &recording) {
     const auto root = storage_root_of(storage);
-    if (!root || !is_shell_word(recording) || recording.find('/') != std::string::npos ||
+    // What the script takes as a name, too.
+    if (!root || !is_shell_word(recording) || recording.find_first_of("/:+") != std::string::npos ||
         recording.starts_with('.') || recording.starts_with('-') ||
         root->size() + recording.size() >= destination_size ||
         is_name_of_something_else(recording)) {

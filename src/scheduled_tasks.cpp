@@ -141,13 +141,14 @@ bool has_entry(std::string_view times, std::string_view wanted) {
 }
 
 // Two timer ticks fall into each minute, sometimes three: what has fired in it does not fire again.
-// Nor does a restart when the minute comes again behind it, because the clock is wrong until the
-// network sets it, or begins at the same time with each boot.
+// Nor does a listed time up to it when it comes again on the same date, because the clock is wrong
+// until the network sets it, begins at the same time with each boot, or summer time ends.
 void act_at_times(task &what, const std::string &date_and_time) {
     constexpr std::size_t date_length = 11; // "2026-11-21 "
     if (what.interval || !what.times || date_and_time.size() <= date_length ||
         !has_entry(*what.times, std::string_view(date_and_time).substr(date_length)) ||
-        what.fired == date_and_time) {
+        (what.fired.starts_with(date_and_time.substr(0, date_length)) &&
+         date_and_time <= what.fired)) {
         return;
     }
     log_warning("%s", what.name);

@@ -105,16 +105,27 @@ bool rewrite_session_info(const std::string &session_directory, const char *temp
         }
     }
     text += text_at_end();
-    if (file_write_new(temporary.c_str(), text) && file_rename(temporary.c_str(), path.c_str())) {
-        return true;
+    file_remove(temporary.c_str()); // that a power cut has left
+    const bool written = file_write_new(temporary.c_str(), text);
+    int failure = written ? 0 : errno;
+    if (written) {
+        if (::rename(temporary.c_str(), path.c_str()) == 0) {
+            return true;
+        }
+        failure = errno;
     }
-    const int failure = errno;
+    struct stat status {};
+    const bool opened = ::lstat(temporary.c_str(), &status) == 0;
     file_remove(temporary.c_str());
     if (failure == ENOSPC && write_in_place(path, text)) {
         return true;
     }
     errno = failure;
-    log_warning("Could not write '%s': %s", temporary.c_str(), std::strerror(failure));
+    if (opened) {
+        log_warning("Could not write '%s': %s", temporary.c_str(), std::strerror(failure));
+    } else {
+        log_cannot_open(temporary.c_str());
+    }
     errno = 0;
     return false;
 }

@@ -87,8 +87,7 @@ void reply_zipping(GDataOutputStream *stream) {
     reply_untyped(stream, "503 Service Unavailable", being_zipped);
 }
 
-// A session path that a message quotes: what a request can make long is cut, what would break the
-// line is not shown.
+// A request can make the path that the message quotes long: it is cut.
 void log_invalid_session(const char *path) {
     errno = 0;
     log_error("Cannot download session '%.*s': Invalid session path.",

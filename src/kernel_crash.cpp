@@ -75,7 +75,7 @@ std::optional<std::string> current_listing(const std::string &folder) {
         log_error("Failed to create a listing");
         return std::nullopt;
     }
-    const auto names = get_names_listed_from_directory(folder, listing_size);
+    auto names = get_names_listed_from_directory(folder, listing_size);
     if (!names) {
         errno = 0;
         log_error("Failed to create a listing");

@@ -107,17 +107,14 @@ bool rewrite_session_info(const std::string &session_directory, const char *temp
     text += text_at_end();
     file_remove(temporary.c_str()); // that a power cut has left
     const bool written = file_write_new(temporary.c_str(), text);
-    int failure = written ? 0 : errno;
-    if (written) {
-        if (::rename(temporary.c_str(), path.c_str()) == 0) {
-            return true;
-        }
-        failure = errno;
+    const int failure = written ? EIO : errno;
+    if (written && file_rename(temporary.c_str(), path.c_str())) {
+        return true;
     }
     struct stat status {};
     const bool opened = ::lstat(temporary.c_str(), &status) == 0;
     file_remove(temporary.c_str());
-    if (failure == ENOSPC && write_in_place(path, text)) {
+    if ((written || failure == ENOSPC) && write_in_place(path, text)) {
         return true;
     }
     errno = failure;

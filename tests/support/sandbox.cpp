@@ -68,13 +68,15 @@ void install_recorder(const std::string &name_or_path, const std::string &output
                            path + ".output || :\n"); // the daemon may give it nothing to print to
 }
 
-std::vector<std::string> recorded_calls() {
+std::vector<std::string> recorded_calls(bool forget) {
     std::vector<std::string> calls;
     std::ifstream file(call_notes);
     for (std::string line; std::getline(file, line);) {
         calls.push_back(line);
     }
-    fs::remove(call_notes);
+    if (forget) {
+        fs::remove(call_notes);
+    }
     return calls;
 }
 

@@ -14,8 +14,8 @@ std::string read_file(const std::string &path);
 void install_tool(const std::string &name_or_path, const std::string &script);
 
 // A program that notes its arguments, a line a call, and prints `output`; recorded_calls reads and
-// forgets the notes of all of them: "NAME ARGUMENT ARGUMENT". Forgotten may also be what a call notes
-// just then: who waits for calls in the background does not forget.
+// forgets the notes of all of them: "NAME ARGUMENT ARGUMENT". Forgotten may also be what a call
+// notes just then: who waits for calls in the background does not forget.
 void install_recorder(const std::string &name_or_path, const std::string &output = "");
 std::vector<std::string> recorded_calls(bool forget = true);
 

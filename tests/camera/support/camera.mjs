@@ -20,11 +20,14 @@ export function run(file, words, input = "") {
   });
 }
 
-/** Waits until `condition` returns something true, and returns that. */
+/** Waits until `condition` returns something true, and returns that. A request that the web server's
+ * restart cuts, as when a session begins its HTTP log, is asked again. */
 export async function until(condition, what = condition, patience_ms = PATIENCE_MS) {
   const end = Date.now() + patience_ms;
   for (;;) {
-    const result = await condition();
+    const result = await Promise.resolve().then(condition).catch((error) => {
+      if (error.code !== "ECONNRESET") throw error;
+    });
     if (result) return result;
     if (Date.now() > end) throw new Error(`waited in vain for: ${what}`);
     await sleep(20);

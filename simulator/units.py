@@ -231,7 +231,11 @@ class Unit:
         for path in (self._setting("PIDFile"), self._setting("X-ReadyWhen")):
             remove(path)
         for command in self.settings.get("ExecStartPre", []):
-            self._run(command)
+            try:
+                self._run(command.removeprefix("-"))
+            except UnitError:
+                if not command.startswith("-"):
+                    raise
         variables = self._variables()
         words = self._words(self._setting("ExecStart"), variables)
         descriptors = [sock.fileno() for sock in sockets]

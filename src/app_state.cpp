@@ -20,6 +20,7 @@ bool apache2_included = false;
 bool collect_only_from_this_camera = true;
 int syslog_program_installed = 0;
 bool has_libcapture = false;
+const std::time_t start_time = std::time(nullptr);
 unsigned long timer_count = 0;
 
 std::optional<std::string> parameter_get(const char *name) {

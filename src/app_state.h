@@ -4,6 +4,7 @@
 
 #include "handle.h"
 
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,6 +28,9 @@ extern int syslog_program_installed;
 
 // Whether the platform has a capture library. Set at start.
 extern bool has_libcapture;
+
+// When the daemon was started, in seconds since 1970.
+extern const std::time_t start_time;
 
 // Main-timer ticks since the start; written by the main timer alone.
 extern unsigned long timer_count;

@@ -4,6 +4,7 @@
 #include "strutil.h"
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <mutex>
 
@@ -50,6 +51,8 @@ constexpr command_limit limits[] = {
     {"/usr/local/packages/Vandrel/update_wireshark_session.sh", 30min, 0s,
      "packs a trace and its video"},
 };
+
+std::atomic<unsigned long> ended_at_limit = 0;
 
 std::mutex mutex;
 std::map<std::string, clock::time_point, std::less<>> left_out_until; // by tool
@@ -108,7 +111,12 @@ bool is_left_out(const std::string &command) {
     return !left_out_until.empty() && is_paused(tool_of(row, command), now);
 }
 
+unsigned long commands_ended_at_limit() {
+    return ended_at_limit;
+}
+
 void note_duration(const std::string &command, std::chrono::milliseconds took, bool was_ended) {
+    ended_at_limit += was_ended ? 1 : 0;
     const command_limit row = limit_of(command);
     if (row.hung_after == 0s || (!was_ended && took < row.hung_after)) {
         return;

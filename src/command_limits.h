@@ -26,5 +26,8 @@ inline constexpr std::chrono::seconds command_pause{150};
 // Whether the command's tool has hung a moment ago. Any thread.
 bool is_left_out(const std::string &command);
 
+// How many commands were ended at their limit since the start. Any thread.
+unsigned long commands_ended_at_limit();
+
 // Notes how long a command took that was waited for; says so when its tool is left out from now on.
 void note_duration(const std::string &command, std::chrono::milliseconds took, bool was_ended);

@@ -56,6 +56,7 @@ bool crash_report_snapshot(const std::string &folder) {
         return false;
     }
     crash_report_being_created = 1;
+    ++occurrences.crash_reports;
     return true;
 }
 

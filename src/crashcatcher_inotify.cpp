@@ -94,6 +94,7 @@ void top_dir_callback(const char *folder, const char *name) {
                   "trigger events");
         return;
     }
+    ++occurrences.cores;
     errno = 0;
     const std::string report = std::string(folder) + name + report_ending;
     // Without a shell: the name is the crashed program's.

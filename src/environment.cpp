@@ -47,6 +47,9 @@ bool is_digit(char ch) {
     return ch >= '0' && ch <= '9';
 }
 
+device_condition condition;
+video_streams streams_seen;
+
 // The lines of a command's output, each cut at line_max; of endless ones no more than is needed.
 reply_lines read_reply(const std::string &command, std::size_t line_max) {
     command_pipe pipe(command.c_str());
@@ -101,9 +104,12 @@ std::string lower_case(const std::string &text) {
     return gchar_ptr(g_ascii_strdown(text.c_str(), -1)).get();
 }
 
+// Appends a row for the value, if there is one, and remembers it.
 void store_value(const std::string &directory, const std::string &file, const char *header,
-                 const std::optional<std::string> &value) {
+                 const std::string &name, const std::optional<std::string> &value,
+                 std::vector<device_condition::value> &last) {
     if (value) {
+        last.push_back({name, *value});
         append_rows(directory + "/" + file, header, row_time() + "," + *value + "\n");
     }
 }
@@ -132,6 +138,14 @@ void copy_radar_file(const std::string &name, const std::string &folder) {
 
 } // namespace
 
+const device_condition &last_condition() {
+    return condition;
+}
+
+const video_streams &last_video_streams() {
+    return streams_seen;
+}
+
 void init_environment_monitor_settings() {
     number_of_temperature_sensors = ask_count("GetNbrOfTemperatureSensors");
     number_of_heaters = ask_count("GetNbrOfHeaters");
@@ -158,25 +172,29 @@ void init_environment_monitor_settings() {
 
 void store_temperatures_celsius(const std::string &environment_directory) {
     make_folder(environment_directory.c_str(), collector_folder);
+    condition.temperatures.clear();
+    condition.time = std::chrono::steady_clock::now();
     if (number_of_temperature_sensors == 0) {
         return;
     }
     // One answer holds all sensors' values.
     const reply_lines reply = ask_controller("GetAllTemperatures string:0");
     for (int i = 0; i < number_of_temperature_sensors; ++i) {
-        store_value(environment_directory,
-                    temperature_sensor_names[static_cast<std::size_t>(i)] + ".csv",
-                    "Date, Time, Temperature (Celsius)\n", parse_temperature(reply, i));
+        const std::string &name = temperature_sensor_names[static_cast<std::size_t>(i)];
+        store_value(environment_directory, name + ".csv", "Date, Time, Temperature (Celsius)\n",
+                    name, parse_temperature(reply, i), condition.temperatures);
     }
 }
 
 void store_heater_status(const std::string &environment_directory) {
     make_folder(environment_directory.c_str(), collector_folder);
+    condition.heaters.clear();
     for (int i = 0; i < number_of_heaters; ++i) {
         const auto start = std::chrono::steady_clock::now();
         const reply_lines reply = ask_controller(format_text("GetHeaterStatus int32:%d", i));
         store_value(environment_directory, format_text("Heater_%d.csv", i),
-                    "Date, Time, Heater status\n", parse_heater_status(reply));
+                    "Date, Time, Heater status\n", std::to_string(i), parse_heater_status(reply),
+                    condition.heaters);
         if (reply.empty() && std::chrono::steady_clock::now() - start >= reply_timeout) {
             return; // it hangs: the main loop is not to wait for each heater
         }
@@ -185,6 +203,7 @@ void store_heater_status(const std::string &environment_directory) {
 
 void store_fan_status(const std::string &environment_directory) {
     make_folder(environment_directory.c_str(), collector_folder);
+    condition.fans.clear();
     if (number_of_fans == 0) {
         return;
     }
@@ -192,7 +211,7 @@ void store_fan_status(const std::string &environment_directory) {
     const reply_lines reply = read_reply(command, reply_line_max);
     for (int i = 0; i < number_of_fans; ++i) {
         store_value(environment_directory, format_text("Fan_%d.csv", i), "Date, Time, Fan status\n",
-                    parse_fan_status(reply, i, command));
+                    std::to_string(i), parse_fan_status(reply, i, command), condition.fans);
     }
 }
 
@@ -220,8 +239,15 @@ void store_video_stream_history_no_retention(const std::string &session_director
                        "system_monitoring", "monitoring_streams");
     make_folder(folder.c_str(), collector_folder);
     const std::string time = row_time();
+    const reply_lines reply = read_reply(streamer, stream_line_max);
+    streams_seen = {std::chrono::steady_clock::now(), {}};
+    for (const std::string &line : reply) {
+        if (auto stream = text_in_quotes(line)) {
+            streams_seen.streams.push_back(std::move(*stream));
+        }
+    }
     append_rows(folder + "/stream.csv", "Date,Time,Streams\r\n",
-                time + "," + join_streams(read_reply(streamer, stream_line_max)) + "\r\n");
+                time + "," + join_streams(reply) + "\r\n");
 }
 
 void store_radar_data(const std::string &session_directory) {

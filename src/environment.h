@@ -3,6 +3,7 @@
 // package's scripts. Main loop only, but for the parsers, which only look at their text.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +22,26 @@ extern int number_of_fans;
 // Asks the temperature controller what there is (0 of each without one) and reads the sensors'
 // names: "Main board" becomes "Main_board", a sensor without a name "Sensor_" and its number.
 void init_environment_monitor_settings();
+
+// What the services told the last collection, as they printed it.
+struct device_condition {
+    struct value {
+        std::string name; // of a sensor; the number of a heater or a fan
+        std::string printed;
+    };
+    std::chrono::steady_clock::time_point time; // none yet: its epoch
+    std::vector<value> temperatures;            // Celsius
+    std::vector<value> heaters;                 // "Running"
+    std::vector<value> fans;
+};
+const device_condition &last_condition();
+
+// The streams that the last collection found, and when.
+struct video_streams {
+    std::chrono::steady_clock::time_point time;
+    std::vector<std::string> streams; // "media=video/x-h264 resolution=1920x1080 fps=25"
+};
+const video_streams &last_video_streams();
 
 // Each appends to the session's files in the folder and makes the folder if it is missing. What the
 // service does not tell gets no row.

@@ -156,7 +156,6 @@ constexpr std::size_t buddy_line_max = 299;
 constexpr std::size_t buddy_digits_max = 10;
 constexpr std::size_t vmstat_line_max = 49;
 constexpr std::size_t vmstat_digits_max = 20;
-constexpr const char *zone_names[] = {"DMA", "DMA32", "Normal", "HighMem"};
 
 // Where a line's zone is in zone_names, and where its numbers are to be looked for.
 struct zone_place {
@@ -309,6 +308,7 @@ buddy_table parse_buddyinfo(std::string_view text) {
         const std::string_view line = text.substr(0, text.find('\n'));
         text.remove_prefix(std::min(line.size() + 1, text.size()));
         if (const auto place = find_zone(line.substr(0, buddy_line_max))) {
+            table.has_zone[place->zone] = true;
             take_block_counts(line.substr(place->numbers), table.zones[place->zone], table);
         }
     }
@@ -347,23 +347,42 @@ void store_buddyinfo(const std::string &session) {
     append_rows(session_file(session, "monitoring_kernel", "buddyinfo.csv"), header + "\n", rows);
 }
 
-// "MemFree:         1234567 kB"
+std::optional<meminfo_line> parse_meminfo_line(std::string_view line) {
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const auto digits =
+        std::find_if(line.begin() + static_cast<std::ptrdiff_t>(colon), line.end(), is_digit);
+    const auto end = std::find(digits, line.end(), ' ');
+    return meminfo_line{line.substr(0, colon), std::string_view(digits, end), line.ends_with("kB")};
+}
+
+std::string_view find_vmstat_counter(std::string_view text, std::string_view counter) {
+    std::string_view line;
+    while (next_whole_line(text, line)) {
+        if (line.starts_with(counter) && line.size() > counter.size() &&
+            line[counter.size()] == ' ') {
+            return line.substr(counter.size() + 1);
+        }
+    }
+    return {};
+}
+
 void store_proc_meminfo(const std::string &session) {
     const unique_file source = file_open_or_warn("/proc/meminfo", "r");
     std::string line;
     while (source && read_line(source.get(), source_line_max, line)) {
         str_terminate_at(line, '\n');
-        const auto colon = line.find(':');
-        if (colon == std::string::npos) {
+        const auto field = parse_meminfo_line(line);
+        if (!field) {
             log_warning("Skipping %s", line.c_str());
             continue;
         }
-        const std::string name = file_name_of(line.substr(0, colon));
-        const auto digits =
-            std::find_if(line.begin() + static_cast<std::ptrdiff_t>(colon), line.end(), is_digit);
-        const std::string value(digits, std::find(digits, line.end(), ' '));
+        const std::string name = file_name_of(field->name);
         append_rows(session_file(session, "monitoring_meminfo", name + ".csv"),
-                    "Date,Time,Memory " + name + " (kB)\r\n", row_time() + "," + value + "\r\n");
+                    "Date,Time,Memory " + name + " (kB)\r\n",
+                    row_time().append(",").append(field->value) + "\r\n");
     }
 }
 

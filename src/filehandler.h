@@ -68,13 +68,27 @@ struct interface_row {
 };
 std::vector<interface_row> interface_rows(const net_dev_values &values);
 
+// A line of /proc/meminfo, "MemFree:         1234567 kB" or "HugePages_Total:       0"; nothing
+// without a colon.
+struct meminfo_line {
+    std::string_view name;
+    std::string_view value; // digits
+    bool is_in_kib = false;
+};
+std::optional<meminfo_line> parse_meminfo_line(std::string_view line);
+
+// The digits of a counter in the text of /proc/vmstat; "" without it.
+std::string_view find_vmstat_counter(std::string_view text, std::string_view counter);
+
 // Free blocks by zone (DMA, DMA32, Normal, HighMem) and order.
 struct buddy_table {
     static constexpr std::size_t orders = 16;
     std::array<std::array<long long, orders>, 4> zones{};
+    std::array<bool, 4> has_zone{};
     std::array<long long, orders> totals{};
     std::size_t highest_order = 0;
 };
+inline constexpr const char *zone_names[] = {"DMA", "DMA32", "Normal", "HighMem"};
 buddy_table parse_buddyinfo(std::string_view text);
 
 // The three averages of a line of `uptime` as printed; nothing when there are none.

@@ -165,6 +165,7 @@ bool copy_dump(dump_storage &storage, const std::string &folder, const std::stri
     if (!file_copy_whole(from.c_str(), to.c_str(), LLONG_MAX)) {
         return false;
     }
+    ++occurrences.kernel_dumps;
     // Whoever waits for cores there is told by the close of a file, not by its new name.
     (void)file_open(to.c_str(), "a");
     return true;

@@ -11,6 +11,7 @@
 #include "vdrl_http_log.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
@@ -96,6 +97,8 @@ std::size_t hash_size = 0;                  // items since the last release
 std::map<std::string, std::string> pending; // file below the session's folder, what goes there
 bool is_failing = false;                    // the files can't be written, which was said
 
+std::atomic<std::uint64_t> calls_seen = 0;
+
 std::unique_ptr<thread_info> tail_process; // main loop only
 
 std::string session_file(const std::string &below) {
@@ -180,6 +183,7 @@ std::string key_of(std::string_view line, std::size_t call) {
 
 void count_again(koral_cgi_monitor_item_t &item, std::uint32_t process_time) {
     ++item.called_count;
+    ++calls_seen;
     ++item.store_count;
     item.time_last = std::time(nullptr);
     item.steady_last = std::chrono::steady_clock::now();
@@ -208,6 +212,7 @@ void count_first(std::string key, std::uint32_t process_time) {
     auto item = std::make_unique<koral_cgi_monitor_item_t>();
     item->url = std::move(key);
     item->called_count = item->store_count = 1;
+    ++calls_seen;
     item->time_first = item->time_last = std::time(nullptr);
     item->steady_first = item->steady_last = std::chrono::steady_clock::now();
     item->process_time_min = item->process_time_max = process_time;
@@ -430,6 +435,10 @@ void koral_take_late_lines() {
         end_follower();
         start_follower();
     }
+}
+
+std::uint64_t koral_calls_seen() {
+    return calls_seen;
 }
 
 void koral_cgi_store() {

@@ -63,6 +63,9 @@ void koral_write_lines();
 // a follower anew that somebody has ended.
 void koral_take_late_lines();
 
+// How many calls of the API were seen since the daemon's start, in sessions. Any thread.
+std::uint64_t koral_calls_seen();
+
 // Appends a row for each tracked call to its user's CSV file.
 void koral_cgi_store();
 

@@ -31,7 +31,8 @@ constexpr int patience_ms = 1000;
 std::mutex log_socket_mutex; // guards what follows
 int log_socket = -1;
 int log_socket_type = SOCK_DGRAM;
-unsigned long lost_messages = 0;
+unsigned long lost_messages = 0; // that were not told of yet
+unsigned long all_lost_messages = 0;
 
 void connect_log_socket() {
     sockaddr_un address{};
@@ -94,6 +95,7 @@ void send_or_count(int level, const std::string &message) {
     }
     if (lost_messages > 0 || !send_line(level, message)) {
         ++lost_messages;
+        ++all_lost_messages;
     }
     errno = before;
 }
@@ -215,6 +217,11 @@ void log_cannot_open(const char *path) {
 
 void log_install_out_of_memory_handler() {
     std::set_new_handler(out_of_memory);
+}
+
+unsigned long log_lost_messages() {
+    const std::lock_guard lock(log_socket_mutex);
+    return all_lost_messages;
 }
 
 log_reaction::log_reaction() {

@@ -49,6 +49,9 @@ constexpr std::string_view log_module_of(std::string_view path) {
 #define log_notice(...) log_write(LOG_NOTICE, __VA_ARGS__)
 #define log_info(...) log_write(LOG_INFO, __VA_ARGS__)
 
+// How many messages the log daemon has not taken since the start. Any thread.
+unsigned long log_lost_messages();
+
 // What a thread logs while it has one of these is a reaction to a line of the log. It comes back
 // through the log, where it may not be reacted to: that would go on for ever.
 class log_reaction {

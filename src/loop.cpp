@@ -82,6 +82,36 @@ gboolean carrier_dispatch(GSource *source, GSourceFunc, gpointer) noexcept {
     return G_SOURCE_CONTINUE;
 }
 
+// --- How long the loop stands still: from the end of its wait for something to do until the next
+// wait. A source that is never ready sees both.
+
+std::int64_t working_since_us = 0; // monotonic
+std::int64_t longest_work_us = 0;
+
+void note_work_until_now() {
+    longest_work_us = std::max(longest_work_us, g_get_monotonic_time() - working_since_us);
+}
+
+gboolean before_wait(GSource *, gint *timeout) noexcept {
+    note_work_until_now();
+    *timeout = -1;
+    return FALSE;
+}
+
+gboolean behind_wait(GSource *) noexcept {
+    working_since_us = g_get_monotonic_time();
+    return FALSE;
+}
+
+void attach_stillness_meter(GMainContext *context) {
+    static GSourceFuncs functions{before_wait, behind_wait, nullptr, nullptr, nullptr, nullptr};
+    working_since_us = g_get_monotonic_time();
+    GSource *source = g_source_new(&functions, sizeof(GSource));
+    g_source_set_priority(source, G_PRIORITY_HIGH); // others that are ready do not hide it
+    g_source_attach(source, context);
+    g_source_unref(source);
+}
+
 GMainContext *own_context() {
     static GMainContext *const context = [] {
         static GSourceFuncs functions{carrier_prepare, carrier_check, carrier_dispatch,
@@ -89,6 +119,7 @@ GMainContext *own_context() {
         GSource *source = g_source_new(&functions, sizeof(carrier));
         auto &c = *reinterpret_cast<carrier *>(source);
         c.carried = g_main_context_new();
+        attach_stillness_meter(c.carried);
         static std::vector<GPollFD> polled; // both live as long as the process
         c.polled = &polled;
         g_source_attach(source, nullptr);
@@ -252,6 +283,11 @@ void loop_run_due() {
         turn(false);
         last = g_get_monotonic_time();
     }
+}
+
+std::chrono::microseconds loop_take_longest_stillness() {
+    note_work_until_now();
+    return std::chrono::microseconds(std::exchange(longest_work_us, 0));
 }
 
 void loop_end_unless_it_turns(std::chrono::seconds limit) {

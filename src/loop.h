@@ -43,5 +43,9 @@ void loop_wait(int descriptor, GIOCondition condition, std::chrono::milliseconds
 // reply.
 void loop_run_due();
 
+// The longest time since the last call of this in which no source of the loop could run, the time
+// since the loop went on included.
+std::chrono::microseconds loop_take_longest_stillness();
+
 // Ends the process by SIGALRM unless it is called again within that time.
 void loop_end_unless_it_turns(std::chrono::seconds limit);

@@ -15,6 +15,7 @@
 #include "log.h"
 #include "loop.h"
 #include "main_timer.h"
+#include "metrics.h"
 #include "monitoring_session.h"
 #include "ntpd.h"
 #include "paramsetter.h"
@@ -281,6 +282,7 @@ constexpr action actions[] = {
     {"portcheck", action_portcheck},
     {"dnslookup", action_dnslookup},
     {"view_monitor_data", action_view_monitor_data},
+    {"metrics", action_metrics},
 };
 
 // Children are started with pipes put in place of 0, 1 and 2; a daemon that was started without

@@ -213,11 +213,14 @@ bool takes_writes(const std::string &session) {
     return written;
 }
 
+session_storage storage_look;
+
 enum class space { enough, too_little, unknown };
 
 space free_space() {
     bool has_hung = false;
     const int percent = get_storage_use_pcent(secondary_storage_path->c_str(), &has_hung);
+    storage_look.percent_used = percent < 0 ? std::nullopt : std::optional(percent);
     if (has_hung) {
         return space::enough; // of the tool, not of the storage: it was asked a moment ago
     }
@@ -254,11 +257,14 @@ void session_tick(unsigned long tick, const std::string &session) {
         }
         log_warning("Secondary storage is running out of free space. Deactivating monitoring "
                     "session.");
+        ++occurrences.full_storages;
         if (deactivate_monitor_session(session) != 0) {
             (void)system_ret("/sbin/reboot");
         }
         return;
     }
+    storage_look.usable = usable;
+    storage_look.time = std::chrono::steady_clock::now();
     if (!usable) {
         note_storage_is_lost();
     } else if (external) {
@@ -276,6 +282,10 @@ void session_tick(unsigned long tick, const std::string &session) {
 }
 
 } // namespace
+
+const session_storage &last_session_storage() {
+    return storage_look;
+}
 
 std::span<const duty> external_storage_schedule() {
     return external_schedule;

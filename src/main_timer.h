@@ -2,7 +2,9 @@
 // watches its storage and collects what is due.
 #pragma once
 
+#include <chrono>
 #include <glib.h>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -11,6 +13,14 @@ gboolean timer_callback(gpointer) noexcept;
 
 // The 10-second timeout that drives the network device test. Always TRUE.
 gboolean nc_timer_callback(gpointer) noexcept;
+
+// What the last tick of a session saw of the session's storage.
+struct session_storage {
+    std::chrono::steady_clock::time_point time; // none yet: its epoch
+    bool usable = false;
+    std::optional<int> percent_used;
+};
+const session_storage &last_session_storage();
 
 // One of a tick's duties towards a session: due when the tick's number is a multiple of `every`.
 struct duty {

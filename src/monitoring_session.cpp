@@ -495,6 +495,7 @@ int _start_monitoring_session(const session_request &request) {
     forget_append_failures();
     crash_report_being_created = 0;
     monitor_active_minutes_count = 0;
+    collected_data_points = 0;
     connection_lost_count = 0;
     setup_session(directory, request.image_interval.value_or(""));
     loop_add_seconds(10, reload_httpd_now, nullptr);

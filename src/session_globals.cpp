@@ -14,12 +14,15 @@ std::optional<std::string> current_activity_folder;
 std::atomic<bool> monitory_active = false;
 std::optional<std::string> monitor_start_time;
 unsigned long monitor_active_minutes_count = 0;
+std::optional<unsigned long> collected_data_points;
 unsigned long connection_lost_count = 0;
 unsigned long advanced_debug_mode_crash_recurrence = 0;
 unsigned long advanced_debug_mode_crash_recurrence_tick = 0;
 bool advanced_debug_mode_crash_interval_activated = false;
 std::atomic<bool> advanced_debug_mode_crash_log_message_activated = false;
 int crash_report_being_created = 0;
+
+occurrence_counts occurrences;
 
 void _set_secondary_storage_path(std::optional<std::string> path) {
     secondary_storage_path = std::move(path);

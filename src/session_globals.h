@@ -22,6 +22,10 @@ extern std::optional<std::string> monitor_start_time;
 // Minutes that the session has been active, in step with its information file's "Duration".
 extern unsigned long monitor_active_minutes_count;
 
+// The information file's "Collected Data Points"; nothing until the first collection after a
+// resume.
+extern std::optional<unsigned long> collected_data_points;
+
 // Consecutive ticks in which the session's external storage could not be used; 0 while it can.
 // Written by the main timer, cleared when a session starts.
 extern unsigned long connection_lost_count;
@@ -36,6 +40,15 @@ extern bool advanced_debug_mode_crash_interval_activated;
 extern std::atomic<bool> advanced_debug_mode_crash_log_message_activated; // also the log follower
 // 1 while a crash report is being made; cleared at activation.
 extern int crash_report_being_created;
+
+// What came to pass since the start; each only grows.
+struct occurrence_counts {
+    unsigned long cores = 0;         // of programs, in a session
+    unsigned long crash_reports = 0; // begun
+    unsigned long kernel_dumps = 0;  // copied into a session
+    unsigned long full_storages = 0; // that ended a session
+};
+extern occurrence_counts occurrences;
 
 void _set_secondary_storage_path(std::optional<std::string> path);
 void _set_storage_id(std::optional<std::string> id);

@@ -149,7 +149,8 @@ void read_and_update_session_info(const std::string &session_directory, const st
 }
 
 std::optional<std::string> update_data_points(const std::string &old_value) {
-    return format_text("%u", static_cast<unsigned>(decimal_prefix_unsigned(old_value)) + 1);
+    collected_data_points = static_cast<unsigned>(decimal_prefix_unsigned(old_value)) + 1;
+    return format_text("%lu", *collected_data_points);
 }
 
 std::optional<std::string> update_duration(const std::string &old_value) {

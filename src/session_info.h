@@ -39,7 +39,7 @@ bool rewrite_session_info(const std::string &session_directory, const char *temp
                           const std::function<void(std::string &line)> &edit_line,
                           const std::function<std::string()> &text_at_end);
 
-// "Collected Data Points": one more.
+// "Collected Data Points": one more; collected_data_points follows it.
 void update_number_of_collected_data_points(const std::string &session_directory);
 // "Duration": one minute more; monitor_active_minutes_count follows it.
 void update_session_duration(const std::string &session_directory);

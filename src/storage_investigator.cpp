@@ -37,6 +37,9 @@ constexpr unsigned must_be_false[] = {9, 10};
 std::set<std::string> failing;
 constexpr std::size_t failing_max = 50;
 
+std::vector<storage_state> states;
+gint64 states_asked_us = 0; // 0: never
+
 bool contains(const std::string &line, const char *text) {
     return line.find(text) != std::string::npos;
 }
@@ -73,7 +76,7 @@ std::string quoted(const std::string &line) {
 
 // The storages of the service's reply: of each block the line behind "struct {" has the name.
 std::vector<storage_state> states_in(const std::vector<std::string> &reply) {
-    std::vector<storage_state> states;
+    std::vector<storage_state> found;
     for (std::size_t i = 0; i + 1 < reply.size(); ++i) {
         const std::string name = contains(reply[i], "struct {") ? quoted(reply[i + 1]) : "";
         if (name.empty()) {
@@ -84,10 +87,10 @@ std::vector<storage_state> states_in(const std::vector<std::string> &reply) {
             reader.take_line(line);
         }
         const std::size_t status = i + 1 + status_position;
-        states.push_back(
+        found.push_back(
             {name, status < reply.size() ? quoted(reply[status]) : "", reader.is_healthy(), 0, -1});
     }
-    return states;
+    return found;
 }
 
 // Takes size and usage from a line of df, as percent_in() shows it.
@@ -101,10 +104,8 @@ void take_usage(storage_state &state, const std::string &line) {
 } // namespace
 
 const std::vector<storage_state> &storage_states() {
-    static std::vector<storage_state> states;
-    static gint64 asked_us = 0;
     const gint64 now_us = g_get_monotonic_time();
-    if (asked_us != 0 && now_us - asked_us < states_age_us) {
+    if (states_asked_us != 0 && now_us - states_asked_us < states_age_us) {
         return states;
     }
     std::vector<std::string> reply;
@@ -126,8 +127,13 @@ const std::vector<storage_state> &storage_states() {
     if (contains(last, "%")) {
         take_usage(states.back(), last);
     }
-    asked_us = now_us;
+    states_asked_us = now_us;
     return states;
+}
+
+std::vector<storage_state> recent_storage_states(std::chrono::seconds age_max) {
+    const auto age = std::chrono::microseconds(g_get_monotonic_time() - states_asked_us);
+    return states_asked_us != 0 && age <= age_max ? states : std::vector<storage_state>();
 }
 
 storage_reply_reader::storage_reply_reader(const std::string &name)

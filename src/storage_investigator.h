@@ -2,6 +2,7 @@
 // Main loop only; each of these runs a command and waits for it.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <glib.h>
 #include <optional>
@@ -46,6 +47,10 @@ struct storage_state {
 // All storages of the camera, and the internal one behind them. Asked for by two commands, at most
 // every 30 seconds; in between the last answer. Without the storage service only the internal one.
 const std::vector<storage_state> &storage_states();
+
+// The last answer of storage_states, for who must not wait; empty when it is older than that, or
+// nobody has asked.
+std::vector<storage_state> recent_storage_states(std::chrono::seconds age_max);
 
 // Percent used of the partition that holds the path: 0 when the tool's output has no such number,
 // -1 on error. `has_hung`, if given, tells whether that is because the tool did not answer.

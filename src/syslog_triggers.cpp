@@ -121,7 +121,7 @@ std::unique_ptr<systemlogs_monitor_t> unlink_rule(const systemlogs_monitor_t *wa
 }
 
 void start_counting(systemlogs_monitor_t &rule) {
-    rule.triggered_count = 0;
+    rule.matched_count = rule.triggered_count = rule.sent_count = 0;
     rule.last_time_triggered = not_triggered;
     rule.start_time_triggered = not_triggered;
 }
@@ -492,6 +492,7 @@ void traverse_and_trigger_if_so(const char *line) {
             now = std::time(nullptr);
             now_text = date_format_now(date_format_information);
         }
+        ++rule->matched_count;
         if (!count_match(*rule, now)) {
             continue;
         }
@@ -505,11 +506,21 @@ void traverse_and_trigger_if_so(const char *line) {
             continue;
         }
         ++rule->events_waiting;
+        ++rule->sent_count;
         events_to_send.push_back(rule->eventID);
         if (!std::exchange(are_being_sent, true)) {
             loop_add_idle(send_events, nullptr);
         }
     }
+}
+
+std::vector<trigger_counts> syslog_trigger_counts() {
+    const std::lock_guard lock(rules_mutex);
+    std::vector<trigger_counts> counts;
+    for (const auto *rule = systemlog_rules_list.get(); rule != nullptr; rule = rule->next.get()) {
+        counts.push_back({rule->name, rule->matched_count, rule->sent_count});
+    }
+    return counts;
 }
 
 void give_match_back(systemlogs_monitor_t &rule, match_back how) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <tvevent.h>
+#include <vector>
 
 // What the event's title and the lines of the rule files can hold, in bytes. Longer ones, empty
 // ones and ones with control characters make no rule, nor does a name that is no UTF-8: it goes
@@ -28,7 +29,9 @@ struct systemlogs_monitor_t {
     std::string key_word;              // what a line must contain
     std::string last_time_triggered;   // local time of the latest sending (follower)
     std::string start_time_triggered;  // and of the first (follower)
-    std::uint64_t triggered_count = 0; // events sent since the key was set (follower)
+    std::uint64_t matched_count = 0;   // lines since the key was set (follower)
+    std::uint64_t triggered_count = 0; // of them those that are to be answered (follower)
+    std::uint64_t sent_count = 0;      // and of those the events sent (follower)
     std::uint32_t eventID = 0;
     std::uint32_t events_waiting = 0; // to be sent by the main loop (follower)
     bool is_subscribed = false;       // a crash-report rule: our own subscription makes the report
@@ -86,6 +89,14 @@ void read_old_systemlog_analyser_rules(TVSubscriptionCallback callback);
 
 // A JSON array of all rules. Only double quotes are escaped: see docs/http-api.md.
 void output_all_triggers_as_json_string(GDataOutputStream *stream);
+
+// The rules' counts since their keys were set, as they are now.
+struct trigger_counts {
+    std::string name;
+    std::uint64_t matched = 0;
+    std::uint64_t sent = 0;
+};
+std::vector<trigger_counts> syslog_trigger_counts();
 
 // The first rule, or null.
 const systemlogs_monitor_t *get_systemlog_list();

@@ -96,6 +96,7 @@ struct capture_job {
 // The last one that was started and not joined yet. Main loop only, as the flag.
 std::shared_ptr<capture_job> current_job;
 bool vdrl_capture_running = false;
+std::atomic<std::time_t> last_image = 0;
 
 void raise(const unique_fd &event) {
     const std::uint64_t one = 1;
@@ -140,7 +141,11 @@ bool save_image(capture_job &job, CaptureFrame *frame, const std::string &path) 
         file_remove(temporary.c_str());
         return true;
     }
-    return file_rename(temporary.c_str(), path.c_str());
+    if (!file_rename(temporary.c_str(), path.c_str())) {
+        return false;
+    }
+    last_image = std::time(nullptr);
+    return true;
 }
 
 // Takes one image; false when there is none, which is logged unless it was so the last time too.
@@ -289,6 +294,10 @@ void vdrl_capture_stop() {
         current_job->run = false;
     }
     raise(current_job->wake);
+}
+
+std::time_t vdrl_capture_last_image() {
+    return last_image;
 }
 
 void vdrl_capture_close() {

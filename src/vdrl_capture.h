@@ -2,6 +2,7 @@
 // which is loaded at run time as not every device has it. Called on the main loop.
 #pragma once
 
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,10 @@ bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::stri
 // Ends capturing: no image appears once it has returned, and the thread is awake to end. Does not
 // wait for it. Nothing is done when nothing runs.
 void vdrl_capture_stop();
+
+// When the last image became visible, in seconds since 1970; 0 before the first of this run. Any
+// thread.
+std::time_t vdrl_capture_last_image();
 
 // Joins the thread and unloads the library; refused while capturing runs. A library that does not
 // come back from a call within three seconds stays loaded, which the log says.

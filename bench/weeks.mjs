@@ -67,7 +67,7 @@ export function makeWeeks(folder, rows = 20000) {
       if (row > 0 && time - times[row - 1] > STEP_S) [received, sent] = [0, 0];
       received += Math.round(120000 * (3 + wave(row, seed)));
       sent += Math.round(2400000 * (3 + wave(row, seed + 2)));
-      return `${stamp(time)},${[received, 0, row >> 8, row >> 10, 0, 0, 12, received >> 8, sent, 0, 0, 0, 0, 0, 0, sent >> 9, row >> 7, 0]}`;
+      return `${stamp(time)},${[received, 0, row >> 8, row >> 10, 0, 0, 12, Math.floor(received / 256), sent, 0, 0, 0, 0, 0, 0, Math.floor(sent / 512), row >> 7, 0]}`;
     });
   }
   csv("monitoring_network/network.csv", "Date,Time,Network Bandwidth (Mbit/s)", (time, row) => `${stamp(time)},${(3 + wave(row, 2)).toFixed(1)} Mbit/s`, times, "\r\n");

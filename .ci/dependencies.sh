@@ -55,6 +55,14 @@ logrotate           # rotates what syslog-ng writes; wants cron
 END
 }
 
+# Only tests need these; as services of the host they would run there.
+unpacked_test_packages() {
+    sed 's/ *#.*//' <<'END'
+prometheus               # scrapes the cameras of a test; promtool
+python3-prometheus-client # reads OpenMetrics strictly
+END
+}
+
 test_packages() {
     sed 's/ *#.*//' <<'END'
 libgtest-dev        # unit tests
@@ -169,9 +177,10 @@ unpack() { # PACKAGE
     rm -rf "$work"
     return $status
 }
-for package in $(unpacked_packages); do
+mapfile -t unpacked < <(unpacked_packages; [ "$1" != test ] || unpacked_test_packages)
+for package in "${unpacked[@]}"; do
     if ! unpack "$package"; then
-        echo "$package can not be unpacked: no 'camera start --syslog syslog-ng'" >&2
+        echo "$package can not be unpacked" >&2
         [ "$1" = run ] || exit 1
     fi
 done

@@ -41,7 +41,7 @@ constexpr command_limit limits[] = {
     {"gen_serverreport.sh", 5min, 5min, "collects all that there is of the device"},
     {"( cd ", 5min, 5min, "packs reports"},
     {"/usr/local/packages/Vandrel/debug_script.sh", 5min, 0s, "a crash report"},
-    {"/usr/html/tarvo-cgi/serverreport.cgi", 5min, 0s, "collects all that there is of the device"},
+    {"/usr/html/tarvo-cgi/serverreport.cgi", 5min, 5min, "collects all that there is of the device"},
     {"/usr/local/packages/Vandrel/monitory_creator.sh", 2min, 0s,
      "flushes a tree of folders to a card that may have much to write"},
     {"/usr/local/packages/Vandrel/collect_monitoring_sessions.sh", 60s, 0s,

@@ -43,7 +43,7 @@ bool crash_report_snapshot(const std::string &folder) {
     const std::string archive = reports + "/" + date_format_now("Debug_%Y-%m-%dT%H%M%S%Z.tgz");
     const char *const argv[] = {script, archive.c_str(), nullptr};
     errno = 0;
-    const int status = run_program(argv, program_descriptors::none, -1, limit_of(script).limit);
+    const int status = run_program(argv, limit_of(script).limit);
     if (status == -1) {
         log_error("%s Execve failed.", __func__);
     } else if (WIFSIGNALED(status)) {

@@ -14,6 +14,7 @@
 #include "log.h"
 #include "loop.h"
 #include "onvif.h"
+#include "report_queue.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
@@ -292,6 +293,8 @@ void write_session_information(const std::string &directory,
 
 // --- Completing one
 
+// For the reports that are still being made: the archive holds what there is of them.
+constexpr auto report_patience = 30s;
 constexpr std::size_t signature_line_max = 255;
 constexpr std::size_t information_line_max = 399;
 
@@ -555,6 +558,7 @@ int deactivate_monitor_session(const std::string &directory) {
     wait_and_collect_monitoring_sessions();
     if (storage_is_there) {
         create_serverreport_snapshot(directory);
+        report_queue_finish(report_patience);
         append_session_size(directory);
     }
     log_info("Monitoring session stopped. Monitoring session duration: %lu Days %lu hours %lu "

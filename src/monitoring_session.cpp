@@ -443,6 +443,10 @@ int _start_monitoring_session(const session_request &request) {
     monitor_start_time = date_format_now(date_format_information);
     // The first session on a new card makes the root, without which its space can't be asked for.
     ::mkdir(root.c_str(), 0700);
+    if (!folder_descriptor(root.c_str())) {
+        log_error("Could not start monitoring session: '%s' can not be used.", root.c_str());
+        return 0;
+    }
     const std::string folder = new_folder_name(root);
     errno = 0;
     if (folder.empty()) {
@@ -680,6 +684,8 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (!due_image_interval.empty()) {
         _start_image_capturing(directory, due_image_interval);
         due_image_interval.clear();
+    } else {
+        vdrl_capture_keep_going(parameters.get());
     }
     // What the listener had open died with the storage, or its tool by itself.
     const bool is_cut_off =

@@ -105,7 +105,7 @@ describe("a storage that others write to", () => {
     });
   }
 
-  test("an archive follows no link", async () => {
+  test("an archive follows no link, nor is one sent or recorded through", async () => {
     const { session } = camera;
     await camera.shell(`rm -rf ${session}/coredumps; mkdir ${session}/coredumps; ` +
       `ln -s / ${session}/coredumps/all; ln -s /etc/passwd ${session}/coredumps/secret`);
@@ -114,5 +114,12 @@ describe("a storage that others write to", () => {
       (await camera.exec("test", "-f", `${session}.zip`)).status === 0, "the archive");
     // Names stand in an archive as they are.
     assert.equal(await camera.shell(`grep -ac 'coredumps/[as]' ${session}.zip || :`), "0\n");
+    await camera.shell(`ln -sf /etc/passwd ${session}.zip`);
+    const reply = await camera.action("get_monitor_data", { storage: session });
+    assert.equal(reply.status, 503, reply.body);
+    const root = session.slice(0, session.lastIndexOf("/"));
+    await camera.shell(`mkdir /etc/outside.f; mv ${root} ${root}.real; ln -s /etc/outside.f ${root}`);
+    await camera.action("activate_monitor_session", { storage: "SD_DISK" });
+    assert.equal(await camera.shell("ls -A /etc/outside.f"), "");
   });
 });

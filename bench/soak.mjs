@@ -9,12 +9,13 @@ const TICKS = Number(process.argv[2] ?? 20_000);
 const SPEED = process.argv[3] ?? "300";
 const WARM_UP = Math.min(500, TICKS / 10);
 const SAMPLES = 15;
-const LOOKS = 10;
+const LOOKS = 20;
 const PATIENCE_MS = 300_000;
 
 const camera = await new Camera().start("--speed", SPEED);
 const done = {};
-const faults = [];
+let faults = 0;
+const fault = (text) => { faults++; console.log(`FAULT ${text}`); };
 const count = (what) => { done[what] = (done[what] ?? 0) + 1; };
 /** A request; one that the web server's own restart cuts is asked again. */
 const ask = (action, query) => until(() => camera.action(action, query).catch((error) => {
@@ -35,8 +36,9 @@ async function held() {
 
 let session;
 async function start() {
-  const { body } = await ask("activate_monitor_session", { storage: "SD_DISK", save_image_interval: "30" });
-  if (body !== "Session started.") throw new Error(body);
+  // The time-outs of a fast camera are short: a busy machine can make its storage's service miss one.
+  await until(async () => (await ask("activate_monitor_session",
+    { storage: "SD_DISK", save_image_interval: "30" })).body === "Session started.", "a session", PATIENCE_MS);
   session = (await ask("list_data")).body.match(/"current_storage"\s*:\s*"([^"]*)"/)[1];
   count("sessions");
 }
@@ -47,7 +49,7 @@ async function check() {
     FNR == 1 { columns = NF } NF != columns { print FILENAME ":" FNR ": " $0 } END { print NR > "/dev/stderr" }' {} + 2>/run/rows
     find . -name '*.csv' -size +0 | while read -r file; do [ "$(tail -c 1 "$file" | od -An -tx1)" = " 0a" ] || echo "$file: no end"; done`);
   done.rows = (done.rows ?? 0) + Number((await camera.shell("awk '{ sum += $1 } END { print sum }' /run/rows")));
-  if (broken) faults.push(`${session}: ${broken.slice(0, 1000)}`);
+  if (broken) fault(`${session}: ${broken.slice(0, 1000)}`);
 }
 
 const chores = [
@@ -83,9 +85,9 @@ const chores = [
     await check();
     await until(async () => (await ask("zip_monitor_data", { storage: session })).status === 200, "the archive", PATIENCE_MS);
     const archive = await ask("get_monitor_data", { storage: session });
-    if (!archive.body.startsWith("PK")) faults.push(`${session}: no archive, ${archive.status}`);
+    if (!archive.body.startsWith("PK")) fault(`${session}: no archive, ${archive.status}`);
     const { body } = await ask("remove", { path: session });
-    if (!body.startsWith("Files deleted.")) faults.push(`${session}: ${body}`);
+    if (!body.startsWith("Files deleted.")) fault(`${session}: ${body}`);
     await start();
   }],
 ];
@@ -123,13 +125,12 @@ try {
       next += TICKS / LOOKS;
     }
   }
-  if (await look("end") !== pid) faults.push("the daemon was restarted");
+  if (await look("end") !== pid) fault("the daemon was restarted");
   await ask("deactivate_monitor_session");
   await check();
   const triggers = (await ask("systemlog_trigger", { do: "list" })).body.match(/"triggered_count":\d+/g);
   console.log(`${Object.entries(done).map(([what, times]) => `${times} ${what}`).join(", ")}; triggers: ${triggers.join(" ")}`);
-  for (const fault of faults) console.log(`FAULT ${fault}`);
-  process.exitCode = faults.length > 0 ? 1 : 0;
+  process.exitCode = faults > 0 ? 1 : 0;
 } finally {
   await camera.remove();
 }

@@ -66,7 +66,7 @@ describe("tools that hang", { concurrency: LONG ? 8 : 2 }, () => {
     ping: [["ping", { address: "203.0.113.1" }, "rows"]],
     nc: [["portcheck", { address: "203.0.113.1", port: "80" }]], tcptest: [["declare_nc_rule", host]],
     systemctl: [server, stop, start], flock: [lists, ...trace],
-    "gen_serverreport.sh": [stop, start], sysctl: [stop, start], du: [stop, lists, start], zip: [...trace, stop, start],
+    "gen_serverreport.sh": [stop, start], sysctl: [stop, start], du: [stop, lists, start], zip: [stop, start], // of a trace for half an hour
     killall: [...trace, stop, start], pcapdump: trace, awk: [lists, stop, start], sed: [["declare_nc_rule", host], stop, start],
     mkdir: [...trace, stop, start], mv: [["declare_nc_rule", host], lists, stop, start], rm: [lists, ...trace, stop, start],
     date: [stop, start], sync: [stop, start], tail: [stop, start], head: [lists, stop, start], cut: [lists, stop, start],

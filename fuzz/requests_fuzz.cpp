@@ -85,11 +85,6 @@ void rows() {
     request("action=view_monitor_data&type=load&storage=" + session);
 }
 
-void package_configuration() {
-    configlogs_inotify_gio_setup(session, "door", 0);
-    configlogs_inotify_gio_release();
-}
-
 const struct {
     std::string path;
     void (*read)();
@@ -111,7 +106,6 @@ const struct {
     {localdata + "automatic_restart_fired.info", read_scheduled_tasks},
     {localdata + "syslog_server.info", listing},
     {localdata + "parameters.txt", remember_and_activate_services},
-    {"/usr/local/packages/door/localdata/config.json", package_configuration},
 };
 
 // What requests have left, so that the thousandth input is read as the first.
@@ -137,9 +131,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     for (const auto &file : files) {
         std::filesystem::create_directories(std::filesystem::path(file.path).parent_path());
     }
-    for (const char *folder :
-         {"monitoring_koral/logfiles", "monitoring_koral/others", "monitoring_vela_configs"}) {
-        std::filesystem::create_directories(session + "/system_monitoring/" + folder);
+    for (const char *folder : {"logfiles", "others"}) {
+        std::filesystem::create_directories(session + "/system_monitoring/monitoring_koral/" +
+                                            folder);
     }
     open_parameters();
     serial_number = "02A5C41E90B7";

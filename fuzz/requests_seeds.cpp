@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr char http_log = 18; // behind the files
+constexpr char http_log = 17; // behind the files
 constexpr char request = 'r';
 
 const struct {
@@ -29,7 +29,6 @@ const struct {
     {14, "2026-11-21 03:30\n"},
     {15, "192.0.2.1\n"},
     {16, "SSH:yes\nFTP:no\n"},
-    {17, "{\"name\": \"door\"}\n"},
     {http_log,
      "192.0.2.1 - root [21/Nov/2026:05:00:00 +0000] \"GET /tarvo-cgi/param.cgi?action=list "
      "HTTP/1.1\" 200 12 0.001\n"},

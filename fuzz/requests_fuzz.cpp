@@ -102,6 +102,10 @@ const struct {
     {session + "/Session_Information.txt", information},
     {session + "/system_monitoring/monitoring_koral/filters.txt", filters},
     {session + "/system_monitoring/monitoring_load/load.csv", rows},
+    {localdata + "automatic_PTZ_test_interval.info", read_scheduled_tasks},
+    {localdata + "automatic_restart_fired.info", read_scheduled_tasks},
+    {localdata + "syslog_server.info", listing},
+    {localdata + "parameters.txt", remember_and_activate_services},
 };
 
 // What requests have left, so that the thousandth input is read as the first.

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr char http_log = 13; // behind the files
+constexpr char http_log = 17; // behind the files
 constexpr char request = 'r';
 
 const struct {
@@ -25,6 +25,10 @@ const struct {
     {10, "Duration: 1 Days 2 hours 3 minutes\nCollected Data Points: 7\n"},
     {11, "param.cgi\nptz.cgi\n"},
     {12, "Date,Time,Load\r\n2026-11-21,05:00:00,0.1,0.2,0.3\r\n"},
+    {13, "T:240\n"},
+    {14, "2026-11-21 03:30\n"},
+    {15, "192.0.2.1\n"},
+    {16, "SSH:yes\nFTP:no\n"},
     {http_log,
      "192.0.2.1 - root [21/Nov/2026:05:00:00 +0000] \"GET /tarvo-cgi/param.cgi?action=list "
      "HTTP/1.1\" 200 12 0.001\n"},

@@ -43,7 +43,7 @@ bool crash_report_snapshot(const std::string &folder) {
     const std::string archive = reports + "/" + date_format_now("Debug_%Y-%m-%dT%H%M%S%Z.tgz");
     const char *const argv[] = {script, archive.c_str(), nullptr};
     errno = 0;
-    const int status = run_program(argv, program_descriptors::none, -1, limit_of(script).limit);
+    const int status = run_program(argv, limit_of(script).limit);
     if (status == -1) {
         log_error("%s Execve failed.", __func__);
     } else if (WIFSIGNALED(status)) {
@@ -70,7 +70,8 @@ void finish_crash_report(const std::string &session_directory) {
     // The script dumps no further process once this is there, and packs what it has.
     const std::string end = reports + "/.tmp_end";
     (void)file_open_or_warn(end.c_str(), "w");
-    for (auto waited = 0ms; waited < packing_limit && is_being_made(); waited += 200ms) {
+    const auto end_time = std::chrono::steady_clock::now() + packing_limit;
+    while (std::chrono::steady_clock::now() < end_time && is_being_made()) {
         command_read_lines("killall dcore 2>&1", 200, [](const std::string &) {});
         std::this_thread::sleep_for(200ms);
     }

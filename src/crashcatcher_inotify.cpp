@@ -1,30 +1,22 @@
 #include "crashcatcher_inotify.h"
 
-#include "command_limits.h"
 #include "crashcatcher_core.h"
 #include "fileutil.h"
 #include "log.h"
+#include "report_queue.h"
 #include "session_globals.h"
 #include "strutil.h"
-#include "sysutil.h"
 
 #include <cerrno>
-#include <chrono>
 #include <optional>
 #include <string_view>
 #include <sys/wait.h>
 
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr std::size_t crash_path_size = 200;
 constexpr const char *report_program = "/usr/html/tarvo-cgi/serverreport.cgi";
 constexpr const char *report_ending = "_server-report.log";
-// The cores that have come while a report hung follow at once, and theirs get less: each would hold
-// the daemon again.
-constexpr std::chrono::milliseconds next_report_limit = 10s;
-std::optional<std::chrono::steady_clock::time_point> last_hang; // when it was ended
 
 std::optional<std::string> crash_path;
 std::unique_ptr<vdrl_inotify_watcher> inotify_watcher;
@@ -97,22 +89,14 @@ void top_dir_callback(const char *folder, const char *name) {
     ++occurrences.cores;
     errno = 0;
     const std::string report = std::string(folder) + name + report_ending;
-    // Without a shell: the name is the crashed program's.
-    const char *const argv[] = {report_program, nullptr};
-    const bool follows_a_hang = last_hang && std::chrono::steady_clock::now() - *last_hang < 1min;
-    const unique_file file = file_open_or_warn(report.c_str(), "w");
-    const int status =
-        !file ? -1
-              : run_program(argv, program_descriptors::standard, ::fileno(file.get()),
-                            follows_a_hang ? next_report_limit : limit_of(report_program).limit);
-    if (WIFSIGNALED(status) && errno == ETIMEDOUT) {
-        last_hang = std::chrono::steady_clock::now();
-    }
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-        log_info("Crash detected: Server report saved");
-    } else if (status == -1 && (errno == EAGAIN || errno == ENOMEM)) {
-        log_error("Crash detected: Failed to save server report (fork fail)");
-    } else {
-        log_error("Crash detected: Failed to save server report");
-    }
+    // The name is the crashed program's: it is in no command.
+    report_queue_add({report_program, report, [](int wait_status) {
+                          if (WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == 0) {
+                              log_info("Crash detected: Server report saved");
+                          } else if (wait_status == -1 && (errno == EAGAIN || errno == ENOMEM)) {
+                              log_error("Crash detected: Failed to save server report (fork fail)");
+                          } else {
+                              log_error("Crash detected: Failed to save server report");
+                          }
+                      }});
 }

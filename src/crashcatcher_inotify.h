@@ -17,6 +17,6 @@ void inotify_gio_release();
 void inotify_gio_process_event(const inotify_event &event, const char *name,
                                vdrl_inotify_watcher &watcher);
 
-// Saves the device's report beside the core `name` in the folder (ending in "/"); the main loop is
-// held meanwhile. Either may be null, which is logged.
+// Has the device's report saved beside the core `name` in the folder (ending in "/"), behind those
+// that are being made (report_queue). Either may be null, which is logged.
 void top_dir_callback(const char *folder, const char *name);

@@ -410,10 +410,13 @@ int output_file(GDataOutputStream *stream, const char *path) {
         log_cannot_open(path);
         return 1;
     }
+    return output_descriptor(stream, file.get(), status.st_size);
+}
+
+int output_descriptor(GDataOutputStream *stream, int file, off_t left) {
     std::array<char, piece_size> piece;
-    off_t left = status.st_size; // what the header has promised, also of a file that still grows
     while (left > 0) {
-        const ssize_t size = ::read(file.get(), piece.data(),
+        const ssize_t size = ::read(file, piece.data(),
                                     static_cast<std::size_t>(std::min<off_t>(left, piece.size())));
         if (size <= 0 || !http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
             errno = 0;

@@ -17,5 +17,8 @@ void print_file_as_json_data(GDataOutputStream *stream, const char *path);
 // has gone.
 int output_file(GDataOutputStream *stream, const char *path);
 
+// The same of an open file, and of it just so many bytes, which a header has promised.
+int output_descriptor(GDataOutputStream *stream, int file, off_t size);
+
 // What a session has, one of its CSV files as records, or a part of one of its files.
 void action_view_monitor_data(GDataOutputStream *stream, GHashTable *arguments);

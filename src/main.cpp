@@ -21,6 +21,7 @@
 #include "paramsetter.h"
 #include "pcapdump.h"
 #include "ptz.h"
+#include "report_queue.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
@@ -353,6 +354,7 @@ void stopped_cleanup() {
     if (pcapdump_is_active) {
         kill_all_pcapdump();
     }
+    report_queue_finish(std::chrono::milliseconds::zero());
     configlogs_inotify_gio_release();
     syslog_triggers_stop_listening();
     store_systemlog_analyser_rules();

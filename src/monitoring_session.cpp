@@ -14,6 +14,7 @@
 #include "log.h"
 #include "loop.h"
 #include "onvif.h"
+#include "report_queue.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
 #include "session_globals.h"
@@ -292,6 +293,8 @@ void write_session_information(const std::string &directory,
 
 // --- Completing one
 
+// For the reports that are still being made: the archive holds what there is of them.
+constexpr auto report_patience = 30s;
 constexpr std::size_t signature_line_max = 255;
 constexpr std::size_t information_line_max = 399;
 
@@ -440,6 +443,10 @@ int _start_monitoring_session(const session_request &request) {
     monitor_start_time = date_format_now(date_format_information);
     // The first session on a new card makes the root, without which its space can't be asked for.
     ::mkdir(root.c_str(), 0700);
+    if (!folder_descriptor(root.c_str())) {
+        log_error("Could not start monitoring session: '%s' can not be used.", root.c_str());
+        return 0;
+    }
     const std::string folder = new_folder_name(root);
     errno = 0;
     if (folder.empty()) {
@@ -556,6 +563,7 @@ int deactivate_monitor_session(const std::string &directory) {
     wait_and_collect_monitoring_sessions();
     if (storage_is_there) {
         create_serverreport_snapshot(directory);
+        report_queue_finish(report_patience);
         append_session_size(directory);
     }
     log_info("Monitoring session stopped. Monitoring session duration: %lu Days %lu hours %lu "
@@ -677,6 +685,8 @@ void start_what_needs_the_storage(const std::string &directory) {
     if (!due_image_interval.empty()) {
         _start_image_capturing(directory, due_image_interval);
         due_image_interval.clear();
+    } else {
+        vdrl_capture_keep_going(parameters.get());
     }
     // What the listener had open died with the storage, or its tool by itself.
     const bool is_cut_off =

@@ -77,7 +77,9 @@ std::string in_folder(const std::string &folder, const char *file) {
 
 // The tool may have been started only just now: by the script that may still run in the background.
 void end_capture() {
-    for (auto waited = 0ms; waited < 10s; waited += 100ms) {
+    // By the clock: what is run for it may hang, too.
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < end) {
         command_read_lines("killall pcapdump 2>&1", index_line_max, [](const std::string &) {});
         if (!ps_grep_and_check_if_included("wireshark_session.sh", "start") &&
             !ps_grep_and_check_if_included("pcapdump", "-w")) {

@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -103,8 +104,10 @@ std::string name_part(std::string value) {
     return value;
 }
 
-void send_archive(GDataOutputStream *stream, const std::string &session, const std::string &archive,
+void send_archive(GDataOutputStream *stream, const std::string &session, int archive,
                   const std::string &model, const std::string &firmware) {
+    struct stat status {};
+    (void)::fstat(archive, &status);
     http_write(stream,
                format_text("Status: 200 OK\r\nPragma: no-cache\r\nCache-Control: no-cache\r\n"
                            "Expires: -1\r\nContent-Description: File Transfer\r\n"
@@ -112,9 +115,9 @@ void send_archive(GDataOutputStream *stream, const std::string &session, const s
                            "Content-Disposition: attachment; filename=\"%s-%s-%s.zip\"\r\n"
                            "Content-Length: %lld\r\n\r\n",
                            name_part(model).c_str(), name_part(firmware).c_str(),
-                           base_name(session).c_str(), filesize(archive.c_str())));
+                           base_name(session).c_str(), static_cast<long long>(status.st_size)));
     const long_reply_turns turns(long_reply::session_archive);
-    output_file(stream, archive.c_str());
+    output_descriptor(stream, archive, status.st_size);
 }
 
 // Compared as the folder that it is: "//" or "/./" in the path lead to the running session too.
@@ -269,10 +272,12 @@ void action_get_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {
         return;
     }
     const std::string archive = session_archive_path(session);
+    // A link in its place is no archive; a new one replaces it.
+    const unique_fd file = file_descriptor(archive.c_str(), O_RDONLY);
     if (is_zipping_session(session)) {
         reply_zipping(stream);
-    } else if (is_file(archive.c_str())) {
-        send_archive(stream, session, archive, *model, *firmware);
+    } else if (file) {
+        send_archive(stream, session, file.get(), *model, *firmware);
         const char *remove = http_argument(arguments, "remove");
         if (remove != nullptr && std::strcmp(remove, "yes") == 0) {
             file_remove(archive.c_str());

@@ -6,53 +6,49 @@
 #include "fileutil.h"
 #include "log.h"
 #include "loop.h"
+#include "report_queue.h"
 #include "session_globals.h"
 #include "shell_word.h"
 #include "strutil.h"
-#include "sysutil.h"
 #include "vdrl_device_test.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr std::size_t directory_size = 200;
 constexpr mode_t interrupts_mode = 0666;
 
-unique_fd report_file(const std::string &path) {
-    unique_fd file = file_descriptor(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (!file) {
-        log_cannot_open(path.c_str());
-    }
-    return file;
+// So that only one archive is kept on storage that is small.
+void pack_serverreports(const std::string &basic_directory) {
+    report_queue_add({format_text("( cd %s/%s && zip -J %s Server_Report_* && rm Server_Report_* )",
+                                  basic_directory.c_str(), "Server_Reports", "Server_Reports.zip"),
+                      "", [archive = basic_directory + "/Server_Reports/Server_Reports.zip"](int) {
+                          char size[24];
+                          filesize_human_readable(size, sizeof size, archive.c_str());
+                          log_info("System Monitoring Session Storage Consumption on Internal "
+                                   "Storage -> %s.",
+                                   size);
+                      }});
 }
 
 // Runs the platform's report generator in the folder, where the daemon's working directory stays.
-void serverreport_snapshot(const std::string &basic_directory) {
+// Not with "> FILE" in the command: a shell writes through links.
+void serverreport_snapshot(const std::string &basic_directory, bool packs) {
     const std::string name = date_format_now("Server_Report_%Y-%m-%dT%H%M%S%Z.txt");
     const unique_fd folder = folder_descriptor(basic_directory.c_str());
     if (!is_shell_word(name) || !folder || ::fchdir(folder.get()) != 0) {
         log_error("Could not write a server report into '%s'", basic_directory.c_str());
         return;
     }
-    // Not with "> FILE" in the command: a shell writes through links.
-    const unique_fd report = report_file(basic_directory + "/Server_Reports/" + name);
-    if (report) {
-        (void)system_ret("gen_serverreport.sh", report.get());
-    }
-}
-
-// So that only one archive is kept on storage that is small.
-void pack_serverreports(const std::string &basic_directory) {
-    (void)system_ret(format_text("( cd %s/%s && zip -J %s Server_Report_* && rm Server_Report_* )",
-                                 basic_directory.c_str(), "Server_Reports", "Server_Reports.zip")
-                         .c_str());
-    char size[24];
-    filesize_human_readable(size, sizeof size,
-                            (basic_directory + "/Server_Reports/Server_Reports.zip").c_str());
-    log_info("System Monitoring Session Storage Consumption on Internal Storage -> %s.", size);
+    report_queue_add({"gen_serverreport.sh", basic_directory + "/Server_Reports/" + name,
+                      [basic_directory, packs](int) {
+                          if (packs) {
+                              pack_serverreports(basic_directory);
+                          }
+                      }});
 }
 
 } // namespace
@@ -100,8 +96,5 @@ void create_serverreport_snapshot(const std::string &session_directory) {
     const std::string basic_directory =
         format_bounded(directory_size, "%s/%s/%s", session_directory.c_str(), "system_monitoring",
                        "monitoring_basic");
-    serverreport_snapshot(basic_directory);
-    if (!storage_id) {
-        pack_serverreports(basic_directory);
-    }
+    serverreport_snapshot(basic_directory, !storage_id);
 }

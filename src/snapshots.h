@@ -14,6 +14,6 @@ void create_two_interrupts_snapshots();
 // One row for each network device test rule.
 void create_nc_snapshot(const std::string &session_directory);
 
-// Has a server report written into the session and waits for it; on the internal storage only an
-// archive of the reports is kept.
+// Has a server report written into the session, behind those that are being made (report_queue); on
+// the internal storage only an archive of the reports is kept.
 void create_serverreport_snapshot(const std::string &session_directory);

@@ -129,6 +129,12 @@ void log_limit(const char *command, std::chrono::milliseconds limit) {
                command);
 }
 
+void log_signal(const char *command, int status) {
+    if (WIFSIGNALED(status)) {
+        log_notice("Command terminated by signal %d: %s", WTERMSIG(status), command);
+    }
+}
+
 running_command start_if_possible(const char *command) {
     reap_undying();
     running_command started;
@@ -145,15 +151,10 @@ running_command start_if_possible(const char *command) {
 
 } // namespace
 
-int run_program(const char *const argv[], program_descriptors descriptors, int output,
-                std::chrono::milliseconds limit) {
+int run_program(const char *const argv[], std::chrono::milliseconds limit) {
     reap_undying();
     spawn_settings settings;
-    if (descriptors == program_descriptors::none) {
-        settings.close_all();
-    } else {
-        settings.write_into(output);
-    }
+    settings.close_all();
     const pid_t pid = spawn(argv, settings);
     if (pid < 0) {
         return -1;
@@ -197,6 +198,52 @@ pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limi
     }
 }
 
+command_beside::command_beside(const char *command, int output)
+    : command_(command), begin_(real_time()) {
+    reap_undying();
+    if (is_left_out(command_)) {
+        status_ = SIGKILL; // as of one ended by that signal
+        return;
+    }
+    spawn_settings settings;
+    settings.inherit_standard_ones(output);
+    pid_ = spawn_shell(command, settings);
+    failure_ = pid_ < 0 ? errno : 0;
+}
+
+void command_beside::finish(int status, bool was_ended) {
+    pid_ = -1;
+    status_ = status;
+    note_duration(command_, real_time() - begin_, was_ended);
+}
+
+std::optional<int> command_beside::wait(std::chrono::milliseconds patience) {
+    if (pid_ >= 0) {
+        const auto limit = limit_of(command_).limit;
+        const auto left = std::max<std::chrono::milliseconds>(limit - (real_time() - begin_), 0ms);
+        int status = -1;
+        if (wait_for_child(pid_, &status, std::min(patience, left)) != 0) {
+            log_signal(command_.c_str(), status);
+            finish(status, false);
+        } else if (real_time() - begin_ >= limit) {
+            log_limit(command_.c_str(), limit);
+            finish(kill_session(pid_), true);
+        } else {
+            return std::nullopt;
+        }
+    }
+    errno = failure_;
+    return status_;
+}
+
+int command_beside::end() {
+    if (pid_ >= 0) {
+        finish(kill_session(pid_), false);
+    }
+    errno = failure_;
+    return status_;
+}
+
 int system_ret(const char *command, int output) {
     if (command == nullptr) {
         return system_ret_no_command;
@@ -226,7 +273,7 @@ int system_ret(const char *command, int output) {
     }
     if (WIFSIGNALED(status)) {
         if (has_ended) {
-            log_notice("Command terminated by signal %d: %s", WTERMSIG(status), command);
+            log_signal(command, status);
         }
         return system_ret_signal;
     }

@@ -33,17 +33,11 @@ pid_t start_in_background(const char *command);
 // The processor time that a process group has used, in ticks; nothing when it has ended.
 std::optional<unsigned long long> group_cpu_ticks(pid_t group);
 
-// What a program that run_program starts finds open.
-enum class program_descriptors {
-    standard, // input empty, output into the given file, errors as the daemon's
-    none      // nothing at all
-};
-
-// Runs the program at the path argv[0] without a shell, as the leader of a session of its own, and
-// waits for it. The wait status as waitpid gives it, with errno ETIMEDOUT when it was ended at its
-// limit, or -1 with errno when it could not be started. Any thread.
-int run_program(const char *const argv[], program_descriptors descriptors, int output,
-                std::chrono::milliseconds limit);
+// Runs the program at the path argv[0] without a shell, as the leader of a session of its own and
+// with nothing open at all, and waits for it. The wait status as waitpid gives it, with errno
+// ETIMEDOUT when it was ended at its limit, or -1 with errno when it could not be started. Any
+// thread.
+int run_program(const char *const argv[], std::chrono::milliseconds limit);
 
 // A shell command that runs while the daemon does other things.
 struct running_command {
@@ -54,6 +48,32 @@ struct running_command {
 // Starts it with an empty input and errors as the daemon's; it inherits no other descriptor. Not
 // being able to ends the process.
 running_command start_command(const char *command);
+
+// A shell command that runs beside the main loop, with the limit of its row.
+class command_beside {
+  public:
+    // As with system_ret; one that could not be started, or is left out, has ended at once.
+    command_beside(const char *command, int output);
+    ~command_beside() { (void)end(); }
+    command_beside(const command_beside &) = delete;
+    command_beside &operator=(const command_beside &) = delete;
+
+    // Its wait status once it has ended, or was ended at its limit; waits at most for `patience`.
+    // -1, with errno, when it could not be started.
+    std::optional<int> wait(std::chrono::milliseconds patience);
+
+    // Ends it, if it still runs, with all that it has started: its wait status.
+    int end();
+
+  private:
+    void finish(int status, bool was_ended);
+
+    std::string command_;
+    std::chrono::milliseconds begin_{};
+    pid_t pid_ = -1;
+    int status_ = -1;
+    int failure_ = 0;
+};
 
 // Waits until a child has ended, at most for `limit`. As waitpid: 0 means that it still runs.
 pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limit);

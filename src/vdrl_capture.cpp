@@ -91,12 +91,20 @@ struct capture_job {
     unique_fd ended; // eventfd; readable once the thread is done with the library
     GThread *thread = nullptr;
     bool given_up = false; // it did not end in time
+    bool is_retry = false; // why it fails has been said
 };
 
-// The last one that was started and not joined yet. Main loop only, as the flag.
+// The last one that was started and not joined yet. Main loop only, as what follows.
 std::shared_ptr<capture_job> current_job;
 bool vdrl_capture_running = false;
 std::atomic<std::time_t> last_image = 0;
+
+// What was started last and not stopped.
+struct wanted_images {
+    int interval_s;
+    std::string folder;
+};
+std::optional<wanted_images> wanted;
 
 void raise(const unique_fd &event) {
     const std::uint64_t one = 1;
@@ -165,27 +173,42 @@ bool take_image(capture_job &job, CaptureStream *stream, bool failed_before) {
     return saved;
 }
 
-void capture_images(capture_job &job) {
+// Null when there is no folder or picture to come, which is logged.
+stream_ptr prepare(const capture_job &job) {
     if (!make_folder(job.folder.c_str(), 0777)) {
-        log_error("Failed to mkdir %s", job.folder.c_str());
-        return;
+        if (!job.is_retry) {
+            log_error("Failed to mkdir %s", job.folder.c_str());
+        }
+        return nullptr;
     }
-    if (!job.resolution) {
-        log_error("Failed to retrieve resolution parameter, stopping image thread.");
-        return;
+    const auto resolution =
+        job.resolution ? parse_largest_resolution(*job.resolution) : std::nullopt;
+    stream_ptr stream(resolution
+                          ? ptr_capture_open_stream(
+                                "image/jpeg", format_bounded(100, "resolution=%dx%d",
+                                                             resolution->first, resolution->second)
+                                                  .c_str())
+                          : nullptr);
+    if (!stream && !job.is_retry) {
+        if (!job.resolution) {
+            log_error("Failed to retrieve resolution parameter, stopping image thread.");
+        } else if (!resolution) {
+            log_error("Failed to parse resolution parameter, stopping image thread.\n%s",
+                      job.resolution->c_str());
+        } else {
+            log_error("Failed to open stream");
+        }
     }
-    const auto resolution = parse_largest_resolution(*job.resolution);
-    if (!resolution) {
-        log_error("Failed to parse resolution parameter, stopping image thread.\n%s",
-                  job.resolution->c_str());
-        return;
-    }
-    const stream_ptr stream(ptr_capture_open_stream(
-        "image/jpeg",
-        format_bounded(100, "resolution=%dx%d", resolution->first, resolution->second).c_str()));
+    return stream;
+}
+
+void capture_images(capture_job &job) {
+    const stream_ptr stream = prepare(job);
     if (!stream) {
-        log_error("Failed to open stream");
         return;
+    }
+    if (job.is_retry) {
+        log_info("Image capturing goes on.");
     }
     // A storage that has gone costs the images of that time and one line.
     bool failing = false;
@@ -237,6 +260,25 @@ std::shared_ptr<capture_job> make_job(TVParameter *parameters, int interval_s,
     return job->wake && job->ended ? job : nullptr;
 }
 
+bool start_thread(TVParameter *parameters, bool is_retry) {
+    vdrl_capture_running = false;
+    auto job = join_last() ? make_job(parameters, wanted->interval_s, wanted->folder) : nullptr;
+    if (!job) {
+        return false;
+    }
+    job->is_retry = is_retry;
+    auto shared = std::make_unique<std::shared_ptr<capture_job>>(job);
+    gerror_ptr error;
+    job->thread = g_thread_try_new(nullptr, capture_thread, shared.get(), error_out(error));
+    if (job->thread == nullptr) {
+        return false;
+    }
+    (void)shared.release(); // the thread's
+    current_job = std::move(job);
+    vdrl_capture_running = true;
+    return true;
+}
+
 } // namespace
 
 bool vdrl_capture_load() {
@@ -267,24 +309,25 @@ bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::stri
         log_error("Could not start capturing: Could not load libcapture.");
         return false;
     }
-    auto job = join_last() ? make_job(parameters, interval_s, folder) : nullptr;
-    gerror_ptr error;
-    auto shared = std::make_unique<std::shared_ptr<capture_job>>(job);
-    if (job) {
-        job->thread = g_thread_try_new(nullptr, capture_thread, shared.get(), error_out(error));
-    }
-    if (!job || job->thread == nullptr) {
+    wanted = {interval_s, folder};
+    if (!start_thread(parameters, false)) {
         log_error("Could not start capturing: Couldn't start thread.");
         return false;
     }
-    (void)shared.release(); // the thread's
-    current_job = std::move(job);
-    vdrl_capture_running = true;
     log_info("Started image capturing.");
     return true;
 }
 
+void vdrl_capture_keep_going(TVParameter *parameters) {
+    errno = 0;
+    if (wanted && (!vdrl_capture_running || wait_for(current_job->ended, 0ms))) {
+        (void)start_thread(parameters, true);
+        errno = 0;
+    }
+}
+
 void vdrl_capture_stop() {
+    wanted.reset();
     if (!vdrl_capture_running) {
         return;
     }

@@ -17,6 +17,10 @@ bool vdrl_capture_load();
 // the thread is logged and ends it; capturing counts as running until it is stopped.
 bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::string &folder);
 
+// Tries again what vdrl_capture_start could not start, or what has ended by itself: for every tick
+// in which the storage can be used. Only success is logged.
+void vdrl_capture_keep_going(TVParameter *parameters);
+
 // Ends capturing: no image appears once it has returned, and the thread is awake to end. Does not
 // wait for it. Nothing is done when nothing runs.
 void vdrl_capture_stop();

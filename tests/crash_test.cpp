@@ -7,6 +7,7 @@
 #include "kernel_crash.h"
 #include "kernel_file.h"
 #include "log_capture.h"
+#include "report_queue.h"
 #include "sandbox.h"
 #include "session_globals.h"
 #include "syslog_triggers.h"
@@ -152,6 +153,20 @@ TEST_F(Crash, EachCoreGetsAReport) {
     ASSERT_TRUE(run_until([&] { return !log_.texts().empty(); }));
     EXPECT_EQ(log_.texts()[0], "ERR (crashcatcher_inotify:#, errno: None) Crash detected: Failed "
                                "to save server report");
+    // One that hangs holds nobody; at the session's end it is ended, with those behind it.
+    install_tool(report_program, "echo begun; sleep 1000\n");
+    log_.clear();
+    write_core("core.hung");
+    write_core("core.behind");
+    ASSERT_TRUE(run_until([&] {
+        return fs::exists(cores + "core.hung_server-report.log") &&
+               read_file(cores + "core.hung_server-report.log") == "begun\n";
+    }));
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
+    report_queue_finish(std::chrono::milliseconds::zero());
+    EXPECT_EQ(log_.texts().size(), 3U);
+    EXPECT_FALSE(fs::exists(cores + "core.behind_server-report.log"));
     monitory_active = false;
     write_core("core.without.a.session");
     write_core(std::string(255, 'c'));

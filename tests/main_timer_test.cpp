@@ -1,6 +1,7 @@
 #include "app_state.h"
 #include "log_capture.h"
 #include "main_timer.h"
+#include "report_queue.h"
 #include "sandbox.h"
 #include "scheduled_tasks.h"
 #include "session_globals.h"
@@ -120,6 +121,7 @@ TEST_F(MainTimer, RunsWhatIsDue) {
         }
         recorded_calls();
         tick_at(tick);
+        report_queue_finish(std::chrono::minutes(1));
         std::set<std::string> names;
         std::string text;
         (void)wait_until([&] {

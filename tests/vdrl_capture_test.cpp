@@ -165,11 +165,25 @@ TEST(Capture, WhatEndsTheThread) {
         log_capture log;
         ASSERT_TRUE(vdrl_capture_start(parameters.get(), 2, c.folder));
         EXPECT_TRUE(wait_until([&log] { return log.texts().size() == 2; }));
+        // Tried again, without a word as long as it fails.
+        for (int tick = 0; tick < 20; ++tick) {
+            vdrl_capture_keep_going(parameters.get());
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        const bool can_be_mended = c.folder == good;
+        if (can_be_mended) {
+            set_resolution("16x16,");
+            EXPECT_TRUE(wait_until([&] {
+                vdrl_capture_keep_going(parameters.get());
+                return !images(good).empty();
+            }));
+        }
         vdrl_capture_stop();
         vdrl_capture_close();
         const auto lines = log.texts();
-        EXPECT_EQ(std::set(lines.begin(), lines.end()), (std::set{started, c.message}));
-        EXPECT_TRUE(images(good).empty());
+        EXPECT_EQ(lines.size(), can_be_mended ? 3U : 2U);
+        EXPECT_EQ(std::set(lines.begin(), lines.begin() + 2), (std::set{started, c.message}));
+        fs::remove_all(good);
     }
 }
 

@@ -1,5 +1,6 @@
-// The power goes at the n-th change of a file while a session is started, collects or is stopped:
-// afterwards nothing recorded is lost or torn. With ./test --long, n goes over all changes.
+// The power goes at the n-th change of a file while a session is started, collects or is stopped, or
+// the n-th use of the card fails: afterwards nothing recorded is lost or torn. With ./test --long, n
+// goes over all changes and over many uses.
 import assert from "node:assert/strict";
 import { copyFileSync, existsSync, mkdirSync, readFileSync, writeFileSync } from "node:fs";
 import { join } from "node:path";
@@ -29,10 +30,20 @@ class CountingCamera extends Camera {
 
   /** Sets the count to 0 and the power cut at its n-th change, 0 for none; also while it runs. */
   killAt(n) {
-    const bytes = Buffer.alloc(16);
-    bytes.writeBigInt64LE(BigInt(n), 8);
+    this.set(0, n, 0, 0, 0);
+  }
+
+  /** The n-th use of the card fails with that errno. */
+  failAt(n, error) {
+    this.set(0, 0, 0, n, error);
+  }
+
+  set(...numbers) {
+    const bytes = Buffer.from(BigInt64Array.from(numbers, BigInt).buffer);
     writeFileSync(this.counts, bytes, { flag: existsSync(this.counts) ? "r+" : "w" });
   }
+
+  get uses() { return Number(readFileSync(this.counts).readBigInt64LE(16)); }
 
   get changes() { return Number(readFileSync(this.counts).readBigInt64LE(0)); }
 
@@ -54,6 +65,15 @@ class CountingCamera extends Camera {
   async data() { return JSON.parse((await this.action("list_data")).body); }
 }
 
+async function assertWholeRows(camera, session) {
+  // Of each file: its number of columns where rows differ, and a last byte that ends no row.
+  const torn = await camera.shell(`cd ${session}/system_monitoring && find . -name '*.csv' -size +0 | while read -r f; do
+      awk -F, -v f="$f" 'FNR == 2 { n = NF } FNR > 2 && NF != n { print f ": " $0 }' "$f"
+      [ "$(tail -c 1 "$f" | tr -d '\\n' | wc -c)" -eq 0 ] || echo "$f has no end"
+    done`);
+  assert.equal(torn.split("\n").filter((line) => !line.startsWith("./monitoring_kernel/buddyinfo") && line).join("\n"), "");
+}
+
 /** What must hold of a camera's session at any time; its counters as [points, minutes]. */
 async function assertWhole(camera) {
   const current = await camera.shell(`cat ${CURRENT} 2>/dev/null || :`);
@@ -70,12 +90,7 @@ async function assertWhole(camera) {
     assert.equal(information.split(`${name}: `).length, 2, `${name} in ${information}`);
   }
   assert.match(information, /\n$/);
-  // Of each file: its number of columns where rows differ, and a last byte that ends no row.
-  const torn = await camera.shell(`cd ${session}/system_monitoring && find . -name '*.csv' -size +0 | while read -r f; do
-      awk -F, -v f="$f" 'FNR == 2 { n = NF } FNR > 2 && NF != n { print f ": " $0 }' "$f"
-      [ "$(tail -c 1 "$f" | tr -d '\\n' | wc -c)" -eq 0 ] || echo "$f has no end"
-    done`);
-  assert.equal(torn.split("\n").filter((line) => !line.startsWith("./monitoring_kernel/buddyinfo") && line).join("\n"), "");
+  await assertWholeRows(camera, session);
   const points = Number(information.match(/^Collected Data Points: (\d+)/m)?.[1] ?? 0);
   const [, days = 0, hours = 0, minutes = 0] =
     (information.match(/^Duration: (\d+) Days (\d+) hours (\d+)/m) ?? []).map(Number);
@@ -150,4 +165,37 @@ test("the power goes while a session starts, collects and stops", async (t) => {
       await stop(camera);
     }
   });
+});
+
+test("a use of the card fails while a session starts, collects and stops", async (t) => {
+  const camera = new CountingCamera();
+  t.after(() => camera.remove());
+  await camera.prepare();
+  const pid = (await camera.shell("pidof Vandrel")).trim();
+  // What was said meanwhile.
+  const cycle = async () => {
+    const lines = Number(await camera.shell("cat /var/log/*.log | wc -l"));
+    await start(camera);
+    const { active, current_storage: session } = await camera.data();
+    if (active) {
+      const file = `${session}/system_monitoring/monitoring_network/lo.csv`;
+      await until(async () => Number(await camera.shell(`cat ${file} 2>/dev/null | wc -l`)) > 2, "rows");
+    }
+    await stop(camera);
+    if (active) await assertWholeRows(camera, session);
+    assert.equal((await camera.shell("pidof Vandrel")).trim(), pid);
+    return (await camera.shell(`cat /var/log/*.log | tail -n +${lines + 1} | grep -E '(ERR|WARNING).* Vandrel' || :`)).split("\n").slice(0, -1);
+  };
+  camera.failAt(0, 0);
+  const usual = (await cycle()).length;
+  const { uses } = camera;
+  assert.ok(uses > 100, `${uses} uses`);
+  const cycles = Math.min(uses, STEPS === Infinity ? 200 : 3);
+  for (let i = 0; i < cycles; i++) {
+    const [name, error] = [["ENOSPC", 28], ["EIO", 5], ["EMFILE", 24]][i % 3];
+    const n = 1 + Math.floor((i * uses) / cycles);
+    camera.failAt(n, error);
+    const said = await cycle();
+    assert.ok(said.length <= usual + 4, `${name} at ${n}: ${said.join("\n")}`);
+  }
 });

@@ -286,8 +286,8 @@ test("the export answers what is in the session, and nothing else", async (t) =>
   }
 });
 
-test("a session that is being zipped is left alone", async (t) => {
-  const camera = await startCamera(t);
+test("a session that is being zipped is left alone, but not for ever", async (t) => {
+  const camera = await startCamera(t, "--speed", SPEED);
   // A zip that works until it may end.
   await camera.shell("mkdir -p /usr/local/slow /etc/systemd/system/Vandrel.service.d && " +
     "printf '#!/bin/sh\\nwhile [ ! -e /tmp/end ]; do sleep 0.1; done; exec /usr/bin/zip \"$@\"' " +
@@ -310,6 +310,11 @@ test("a session that is being zipped is left alone", async (t) => {
   await camera.action("get_monitor_data", { storage: session, remove: "yes" });
   const begun = await camera.action("zip_monitor_data", { storage: session });
   assert.deepEqual([begun.status, begun.body], [202, `{"message":"${ZIPPING}"}\r\n`]);
+  await until(async () => (await camera.action("get_monitor_data", { storage: session, remove: "yes" })).status === 200);
+  await camera.shell("printf '#!/bin/sh\nsleep 100000; exit 1' >/usr/local/slow/zip");
+  await camera.action("zip_monitor_data", { storage: session });
+  await until(async () => (await camera.action("remove", { path: session })).body === "Files deleted.\r\n", "the end of the packing", 180_000);
+  assert.equal(count(await log(camera), "makes no progress: its packing is ended."), 1);
 });
 
 test("a share that is mounted only minutes after boot is recorded to from then on", async (t) => {
@@ -341,4 +346,11 @@ test("a storage that fills up ends the session, complete", async (t) => {
   assert.equal(count(await log(camera),
     "Secondary storage is running out of free space. Deactivating monitoring session."), 1);
   assert.doesNotMatch(await field(camera, session, "Stop Time of the session"), /Still active/);
+
+  assert.equal((await camera.command("fill", "SD_DISK", "0")).status, 0);
+  await start(camera, "SD_DISK");
+  const last = await directory(camera);
+  assert.equal((await camera.command("fill", "SD_DISK", "100")).status, 0);
+  await camera.action("deactivate_monitor_session");
+  assert.doesNotMatch(await field(camera, last, "Stop Time of the session"), /Still active/);
 });

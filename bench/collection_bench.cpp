@@ -7,6 +7,7 @@
 
 #include "app_state.h"
 #include "environment.h"
+#include "filehandler.h"
 #include "main_timer.h"
 #include "monitoring_session.h"
 #include "session_globals.h"
@@ -24,6 +25,7 @@
 #include <string_view>
 #include <sys/resource.h>
 #include <thread>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -102,6 +104,35 @@ std::string make_session() {
     return session_directory().value();
 }
 
+std::vector<duty> duties_of_a_tick() {
+    std::vector<duty> duties(collection_block().begin(), collection_block().end());
+    for (const duty &entry : external_storage_schedule()) {
+        const std::string_view name = entry.name;
+        if (name == "what needs the storage" || name == "streams" || name == "radar") {
+            duties.push_back(entry);
+        }
+    }
+    return duties;
+}
+
+// What those run, one after the other.
+constexpr const char *bare_commands = R"(
+controller="dbus-send --system --print-reply --reply-timeout=1000 --dest=com.tarvo.TemperatureController
+    --type=method_call /com/tarvo/TemperatureController com.tarvo.TemperatureController"
+{
+    uptime
+    ps | grep "Vandrel"
+    grep "pgfault" /proc/vmstat
+    grep "pgmajfault" /proc/vmstat
+    cat /proc/slabinfo
+    $controller.GetAllTemperatures string:0
+    $controller.GetHeaterStatus int32:0
+    $controller.GetAllFanStatus
+    top -n 1 -b
+    dbus-send --system --print-reply  --reply-timeout=1000 --dest=com.tarvo.Streamer \
+        /com/tarvo/Streamer/Cache com.tarvo.Streamer.Cache.GetStreams | grep string | sort
+} >/dev/null)";
+
 // What the scripts that a tick starts in the background cost when they are waited for.
 cost background_scripts(int times, const std::string &session) {
     const std::string folder = session + "/system_monitoring/";
@@ -145,25 +176,31 @@ int main(int argc, char **argv) {
     const std::string session = make_session();
     const long memory = resident_kb();
     std::printf("Each duty of a collecting tick, mean of %d:\n", collections);
+    const std::vector<duty> duties = duties_of_a_tick();
+    std::vector<cost> costs(duties.size());
+    double bare = 0;
+    for (int i = 0; i < collections; ++i) {
+        {
+            const process_list_memory once;
+            for (std::size_t d = 0; d < duties.size(); ++d) {
+                const cost each = measure(1, [&] { duties[d].run(session); });
+                costs[d].processor_ms += each.processor_ms / collections;
+                costs[d].wall_ms += each.wall_ms / collections;
+            }
+        }
+        bare += measure(1, [] { (void)system_ret(bare_commands); }).processor_ms / collections;
+    }
     double processor = 0;
     double wall = 0;
-    const auto measure_duty = [&](const duty &entry) {
-        const cost each = measure(collections, [&] { entry.run(session); });
-        print(std::string("  ") + entry.name, each);
-        processor += each.processor_ms;
-        wall += each.wall_ms;
-    };
-    for (const duty &entry : collection_block()) {
-        measure_duty(entry);
-    }
-    for (const duty &entry : external_storage_schedule()) {
-        const std::string_view name = entry.name;
-        if (name == "what needs the storage" || name == "streams" || name == "radar") {
-            measure_duty(entry);
-        }
+    for (std::size_t d = 0; d < duties.size(); ++d) {
+        print(std::string("  ") + duties[d].name, costs[d]);
+        processor += costs[d].processor_ms;
+        wall += costs[d].wall_ms;
     }
     const cost scripts = background_scripts(collections, session);
     print("in the tick, together", {wall, processor});
+    std::printf("%-34s %9.2f ms processor, ratio %.2f\n", "its commands alone, by a shell", bare,
+                processor / bare);
     print("its scripts in the background", scripts);
     const double ours = processor + scripts.processor_ms;
     const double sadc = sadc_processor_ms(samples);

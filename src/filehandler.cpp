@@ -214,6 +214,33 @@ std::string slab_row(std::string_view name, std::string_view numbers) {
     return row + "\r\n";
 }
 
+// --- The process list
+
+struct process_list {
+    std::vector<std::string> lines;
+    bool has_hung = false;
+};
+bool remembers_process_lists = false;
+std::map<std::string, process_list> process_lists; // by the commands
+
+process_list read_process_list(const std::string &command) {
+    process_list list;
+    command_pipe pipe(command.c_str());
+    std::string line;
+    while (pipe.next_line(ps_line_max, line)) {
+        list.lines.push_back(line);
+    }
+    list.has_hung = pipe.has_hung();
+    return list;
+}
+
+bool includes(const process_list &list, const std::string &needle) {
+    return list.has_hung ||
+           std::any_of(list.lines.begin(), list.lines.end(), [&](const std::string &line) {
+               return line.find(needle) != std::string::npos;
+           });
+}
+
 // The caches' names for the page, replaced whole: readers always find a whole list.
 void store_slab_names(const std::string &session, const std::string &names) {
     const std::string temporary = session_file(session, "monitoring_slabinfo", ".slab_names_tmp");
@@ -529,14 +556,22 @@ void store_proc_interrupts(const std::string &interrupts_directory) {
 bool ps_grep_and_check_if_included(const std::string &pattern, const std::string &needle) {
     const std::string command =
         format_bounded(ps_command_size, "ps | grep \"%s\"", pattern.c_str());
-    command_pipe pipe(command.c_str());
-    std::string line;
-    while (pipe.next_line(ps_line_max, line)) {
-        if (line.find(needle) != std::string::npos) {
-            return true;
-        }
+    if (!remembers_process_lists) {
+        return includes(read_process_list(command), needle);
     }
-    return pipe.has_hung();
+    const auto known = process_lists.find(command);
+    return includes(known != process_lists.end()
+                        ? known->second
+                        : process_lists.emplace(command, read_process_list(command)).first->second,
+                    needle);
+}
+
+process_list_memory::process_list_memory() {
+    remembers_process_lists = true;
+}
+process_list_memory::~process_list_memory() {
+    remembers_process_lists = false;
+    process_lists.clear();
 }
 
 std::optional<std::string> get_names_listed_from_directory(const std::string &path,

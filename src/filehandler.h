@@ -34,6 +34,16 @@ void store_proc_interrupts(const std::string &interrupts_directory);
 // process list can't be had: who asks means not to do something twice, or too early.
 bool ps_grep_and_check_if_included(const std::string &pattern, const std::string &needle);
 
+// As long as one lives, the process list is asked for once for each pattern: for duties that ask
+// the same in the same second, each of something that none of the others starts.
+class process_list_memory {
+  public:
+    process_list_memory();
+    ~process_list_memory();
+    process_list_memory(const process_list_memory &) = delete;
+    process_list_memory &operator=(const process_list_memory &) = delete;
+};
+
 // The names listed in a folder joined by ",", cut to what fits a text of `capacity` bytes.
 // Nothing when it could not be listed whole.
 std::optional<std::string> get_names_listed_from_directory(const std::string &path,

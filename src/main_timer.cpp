@@ -268,6 +268,7 @@ void session_tick(unsigned long tick, const std::string &session) {
     if (!usable) {
         note_storage_is_lost();
     } else if (external) {
+        const process_list_memory once;
         run_due(external_storage_schedule(), tick, session);
         if (refusing_session == session) {
             note_storage_is_lost();

@@ -1,7 +1,10 @@
 // What may stand in a command line that a shell reads.
 #pragma once
 
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 // Whether the text may stand without quotes: not empty, and nothing but letters, digits and
 // ". _ / : + -".
@@ -13,3 +16,8 @@ bool is_safe_in_double_quotes(std::string_view text);
 
 // The same for single quotes: no single quote, no control character.
 bool is_safe_in_single_quotes(std::string_view text);
+
+// The words of a command in which a shell has nothing to do but to part them: a program and its
+// arguments, with quotes around some. Nothing for anything else, as pipes, variables or commands of
+// the shell's own. `grep "a b" /proc/vmstat` -> {"grep", "a b", "/proc/vmstat"}
+std::optional<std::vector<std::string>> words_without_shell(std::string_view command);

@@ -4,6 +4,7 @@
 #include "fileutil.h"
 #include "log.h"
 #include "loop.h"
+#include "shell_word.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -51,6 +52,9 @@ class spawn_settings {
         }
         ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
     }
+    void read_nothing() {
+        ::posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    }
     void close_all() { ::posix_spawn_file_actions_addclosefrom_np(&actions_, 0); }
 
     [[nodiscard]] const posix_spawn_file_actions_t *actions() const { return &actions_; }
@@ -58,7 +62,7 @@ class spawn_settings {
 
   private:
     void keep_standard_ones() {
-        ::posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        read_nothing();
         ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
     }
 
@@ -74,7 +78,27 @@ pid_t spawn(const char *const argv[], const spawn_settings &settings) {
     return errno == 0 ? pid : -1;
 }
 
-pid_t spawn_shell(const char *command, const spawn_settings &settings) {
+// Found by PATH as a shell finds it.
+pid_t spawn_words(const std::vector<std::string> &words, const spawn_settings &settings) {
+    std::vector<const char *> arguments;
+    for (const std::string &word : words) {
+        arguments.push_back(word.c_str());
+    }
+    arguments.push_back(nullptr);
+    pid_t pid = -1;
+    errno = ::posix_spawnp(&pid, arguments[0], settings.actions(), settings.attributes(),
+                           const_cast<char *const *>(arguments.data()), environ);
+    return errno == 0 ? pid : -1;
+}
+
+// A command that needs no shell costs none; one that can't be found has the shell say so.
+pid_t spawn_command(const char *command, const spawn_settings &settings) {
+    if (const auto words = words_without_shell(command)) {
+        const pid_t pid = spawn_words(*words, settings);
+        if (pid >= 0) {
+            return pid;
+        }
+    }
     const char *const argv[] = {"/bin/sh", "-c", command, nullptr};
     return spawn(argv, settings);
 }
@@ -135,6 +159,26 @@ void log_signal(const char *command, int status) {
     }
 }
 
+void reaped(GPid, gint, gpointer) noexcept {}
+
+// "/usr/local/packages/Vandrel/power.sh FOLDER &": what a shell would start and leave alone needs
+// none. False when it does; then nothing was started.
+bool start_and_forget(std::string_view command) {
+    constexpr std::string_view ending = " &";
+    const auto words = command.ends_with(ending)
+                           ? words_without_shell(command.substr(0, command.size() - ending.size()))
+                           : std::nullopt;
+    spawn_settings settings;
+    settings.inherit_standard_ones(-1);
+    settings.read_nothing();
+    const pid_t pid = words ? spawn_words(*words, settings) : -1;
+    if (pid >= 0) {
+        (void)loop_add_child(pid, reaped, nullptr);
+    }
+    errno = 0;
+    return pid >= 0;
+}
+
 running_command start_if_possible(const char *command) {
     reap_undying();
     running_command started;
@@ -144,7 +188,7 @@ running_command start_if_possible(const char *command) {
         const unique_fd write_end(ends[1]);
         spawn_settings settings;
         settings.write_into(write_end.get());
-        started.pid = spawn_shell(command, settings);
+        started.pid = spawn_command(command, settings);
     }
     return started;
 }
@@ -207,7 +251,7 @@ command_beside::command_beside(const char *command, int output)
     }
     spawn_settings settings;
     settings.inherit_standard_ones(output);
-    pid_ = spawn_shell(command, settings);
+    pid_ = spawn_command(command, settings);
     failure_ = pid_ < 0 ? errno : 0;
 }
 
@@ -252,10 +296,13 @@ int system_ret(const char *command, int output) {
     if (is_left_out(command)) {
         return system_ret_signal;
     }
+    if (output < 0 && start_and_forget(command)) {
+        return 0;
+    }
     spawn_settings settings;
     settings.inherit_standard_ones(output);
     const auto begin = real_time();
-    const pid_t pid = spawn_shell(command, settings);
+    const pid_t pid = spawn_command(command, settings);
     if (pid < 0) {
         log_error("Could not execute: %s", command);
         return system_ret_no_shell;
@@ -283,7 +330,7 @@ int system_ret(const char *command, int output) {
 pid_t start_in_background(const char *command) {
     spawn_settings settings;
     settings.inherit_standard_ones(-1);
-    const pid_t group = spawn_shell(command, settings);
+    const pid_t group = spawn_command(command, settings);
     if (group < 0) {
         log_error("Could not execute: %s", command);
         return -1;

@@ -129,3 +129,41 @@ TEST(Log, GivesErrorsTheirPlaceAndErrnoAndForgetsIt) {
     EXPECT_EQ(texts[4], "WARNING " + std::string(log_message_max, 'x'));
     EXPECT_EQ(errno, 0);
 }
+
+TEST(ShellWord, PartsWhatNeedsNoShell) {
+    using words = std::vector<std::string>;
+    const struct {
+        const char *command;
+        std::optional<words> expected;
+    } cases[] = {
+        {"uptime", words{"uptime"}},
+        {"  grep \"a b\"  /proc/vmstat ", words{"grep", "a b", "/proc/vmstat"}},
+        {"du -bks \"/a *b\"c''", words{"du", "-bks", "/a *bc"}},
+        {"x '$a `b` \\ \"' \"\"", words{"x", "$a `b` \\ \"", ""}},
+        {"dbus-send --a=b string:com.tarvo.X", words{"dbus-send", "--a=b", "string:com.tarvo.X"}},
+        {"", std::nullopt},
+        {"ps | grep x", std::nullopt},
+        {"a; b", std::nullopt},
+        {"a &", std::nullopt},
+        {"a > b", std::nullopt},
+        {"ls *", std::nullopt},
+        {"ls ~", std::nullopt},
+        {"a # b", std::nullopt},
+        {"a\nb", std::nullopt},
+        {"a \\b", std::nullopt},
+        {"a $b", std::nullopt},
+        {"a \"$b\"", std::nullopt},
+        {"a \"b", std::nullopt},
+        {"a 'b", std::nullopt},
+        {"a {b,c}", std::nullopt},
+        {"! a", std::nullopt},
+        {"A=b c", std::nullopt},
+        {"echo a", std::nullopt},
+        {"kill 1", std::nullopt},
+        {"if", std::nullopt},
+        {"'' a", std::nullopt},
+    };
+    for (const auto &[command, expected] : cases) {
+        EXPECT_EQ(words_without_shell(command), expected) << command;
+    }
+}

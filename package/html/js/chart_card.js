@@ -162,7 +162,7 @@ export function createChartCard({ source, chart, group, remove }) {
   let read = [];
   const message = createMessage();
   const remarks = el('p', { class: 'quiet' });
-  const lines = createPlot(group, title, { stacked: chart.stacked, onIndex: (index) => atCursor(false, index) });
+  const lines = createPlot(group, title, { id: chart.id, stacked: chart.stacked, onIndex: (index) => atCursor(false, index) });
   const bands = createPlot(group, `${title}: states`, { onIndex: (index) => atCursor(true, index) });
   const legend = createLegend(toggle);
   const rows = createRows(title);

@@ -3,13 +3,13 @@
 import { LOG } from '../catalogue.js';
 import { byteSize, counted } from '../format.js';
 import { LOG_STEP_S } from '../log_digest.js';
+import { imagesOf } from '../recording_marks.js';
 import { median } from '../robust.js';
-import { usualInterval, wallSeconds, wallText } from '../series.js';
+import { usualInterval, wallText } from '../series.js';
 import { numberText } from '../units.js';
 import { at, DAY, groupedBy, lasting, MINUTE, often, times } from './words.js';
 
 export const REGULAR = 'system_monitoring/monitoring_load/load.csv'; // has a row in every collection
-const IMAGE = /monitoring_snapshots\/(\d{4})(\d\d)(\d\d)T(\d\d)(\d\d)(\d\d)\.jpg$/;
 
 /** @typedef {import('../findings.js').Rule} Rule */
 /** @typedef {import('../findings.js').Found} Found */
@@ -144,11 +144,7 @@ export const CAMERA_RULES = [
     name: 'images', subject: 'images', reads: ['images', 'rows'], limits: { images: 5, holes: 3, time: 10 * MINUTE, share: 0.02 },
     why: 'Images come at one interval. Where three or more of them are missing for ten minutes, while rows were recorded, they could not be taken; 2 % of the time is more than a busy camera loses.',
     async find({ files, sorted: rows, figure, within }, limits) {
-      const images = files.flatMap((file) => {
-        const [, year, month, day, hour, minute, second] = IMAGE.exec(file.path) ?? [];
-        const time = wallSeconds(`${year}-${month}-${day}`, `${hour}:${minute}:${second}`);
-        return year && within(time) ? [{ ...file, time }] : [];
-      }).sort((a, b) => a.time - b.time);
+      const images = imagesOf(files).filter(({ time }) => within(time));
       const [first, last] = [images[0], images.at(-1)];
       if (!first || !last || images.length < limits.images) {
         return [];

@@ -88,7 +88,7 @@ export const NETWORK_RULES = [
     },
   },
   {
-    name: 'host', subject: 'hosts of the device test', reads: ['hosts'], limits: { outages: 3, time: 10 * MINUTE, night: 4 * HOUR },
+    name: 'host', subject: 'hosts of the device test', reads: ['hosts'], limits: { outages: 3, time: 15 * MINUTE, night: 4 * HOUR },
     why: 'One or two outages of some minutes are restarts of the other side. When all begin in the same four hours of the day that is said.',
     async find({ series, figure }, limits) {
       const hosts = await series('hosts');

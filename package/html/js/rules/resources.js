@@ -187,7 +187,7 @@ export const RESOURCE_RULES = [
       const core = count > 0 ? limits.core * 100 / count : limits.unknown;
       return all.flatMap((process) => {
         // What it takes at its quieter times: what it does for most of a session may be the fault itself.
-        const quiet = quantile(valuesOf(process.whole), 0.1);
+        const quiet = quantile(valuesOf(process.whole), 0.25);
         const limit = Math.min(limits.always, Math.max(core, limits.usual * quiet));
         const [longest] = stretches(smoothed(process), (value) => value >= limit).filter(lasted(limits.time, limits.rows)).sort((a, b) => b.to - b.from - a.to + a.from);
         if (!longest) {
@@ -210,16 +210,16 @@ export const RESOURCE_RULES = [
     },
   },
   {
-    name: 'fan', subject: 'heaters and fans', reads: ['climate'], limits: { running: 0.9, time: 30 * MINUTE, rows: 5, longer: 5, times: 3, known: 2 * DAY, warmer: 5, hot: 75 },
+    name: 'fan', subject: 'heaters and fans', reads: ['climate'], limits: { running: 0.9, time: 30 * MINUTE, rows: 5, longer: 5, times: 3, known: 2 * DAY, soon: 3 * HOUR, warmer: 5, hot: 75 },
     why: 'One that ran nearly always, or whose stop made a sensor warmer by 5 °C, and then stands still far longer than ever before has stopped. One that goes by a thermostat stops often, and when it is cool; it is left alone. That a heater came on is told. A state that names a fault is one.',
     async find({ series }, limits) {
       const sensors = await series('temperature');
-      /** By how much the sensor that rose most did. @param {number} from @param {number} to */
+      /** By how much the sensor that rose most did, from as long before as it lasted. @param {number} from @param {number} to */
       const warming = (from, to) => sensors.map(({ name, whole: { times, values } }) => {
         const parts = [/** @type {number[]} */ ([]), /** @type {number[]} */ ([])];
         values.forEach((value, row) => {
           const time = times[row] ?? 0;
-          if (value !== null && time < to && time >= from - DAY) {
+          if (value !== null && time < to && time >= from - (to - from)) {
             parts[time < from ? 0 : 1]?.push(value);
           }
         });
@@ -251,16 +251,18 @@ export const RESOURCE_RULES = [
         const before = whole.values.filter((value, row) => value !== null && (whole.times[row] ?? 0) < first.from);
         const ran = before.filter((value) => value !== stopped).length;
         const isKnown = first.from - (whole.times[0] ?? 0) > limits.known; // a thermostat would have stopped it by night
-        const warmer = warming(longest.from, longest.to);
+        // What happens at once is by the stop; what comes later may be the night, the sun or another fault.
+        const warmer = warming(longest.from, Math.min(longest.to, longest.from + limits.soon));
         const isWarm = warmer !== undefined && warmer.by >= limits.warmer;
+        const most = warmer ? warming(longest.from, longest.to)?.most ?? 0 : 0;
         const isCool = warmer !== undefined && warmer.by < -1 && !isKnown;
         if (long.length > (isKnown ? limits.times : 1) || before.length < limits.rows || isCool || ran === 0 || (ran < before.length * limits.running && !isWarm)) {
           return found;
         }
         return [...found, {
-          ...place, severity: isWarm && warmer.most >= limits.hot ? 'grave' : 'warning', from: first.from, to: long.at(-1)?.to ?? first.to,
+          ...place, severity: isWarm && most >= limits.hot ? 'grave' : warmer || isKnown ? 'warning' : 'note', from: first.from, to: long.at(-1)?.to ?? first.to,
           text: `${device.name} stopped ${long.length === 1 ? `at ${at(first.from)}` : often(long.map(({ from }) => from))} and stood still for ${lasting(lengthOf(long))}; before it had run for ${
-            percent(ran / before.length)} of the time${isWarm ? `. ${warmer.name} became warmer by ${valueText(Math.round(warmer.by), '°C')}, up to ${valueText(warmer.most, '°C')}` : ''}.`,
+            percent(ran / before.length)} of the time${isWarm ? `. ${warmer.name} became warmer by ${valueText(Math.round(warmer.by), '°C')}, up to ${valueText(most, '°C')}` : ''}.`,
         }];
       });
     },
@@ -297,8 +299,8 @@ export const RESOURCE_RULES = [
     },
   },
   {
-    name: 'load', subject: 'the load', reads: ['load'], limits: { cores: 4, time: HOUR, rows: 5, usual: 1.5, always: 2 },
-    why: 'More runs or waits than there are cores, for an hour. It is a warning where it is also half as much again as usual, or twice the number of cores: the drivers of many cameras count as load though they only wait. Where it is not known how many cores there are, four are taken.',
+    name: 'load', subject: 'the load', reads: ['load'], limits: { cores: 4, time: HOUR, rows: 5, usual: 1.5, always: 4 },
+    why: 'More runs or waits than there are cores, for an hour. It is a warning where it is also half as much again as usual, or four times the number of cores: the drivers of many cameras count as load though they only wait. Where it is not known how many cores there are, four are taken.',
     async find({ series, cores: coresOf, figure }, limits) {
       const load = (await series('load')).find(({ name }) => name === '15 min');
       if (!load) {

@@ -29,6 +29,7 @@ const CRASHES = [
 ];
 const FOR_MEMORY = /kernel: .*(?:Out of memory: )?Killed process \d+ \(([^)]{1,64})\)/;
 const OF_SELF_TEST = /^A test \w+ message!/; // of the page, to try out triggers
+const MAYBE_PLANNED = /eboot|estart|hutdown|ower|irmware|taken up|going down|sysupgrade/;
 const START_S = 120; // that a session takes to start
 const SAME_CRASH_S = 5;
 const CLOCK_S = 60; // by which a clock is set at least to be told
@@ -96,6 +97,7 @@ export function logDigest(within = () => true) {
   /** @type {{time: number, by: number}[]} */
   const zoneSteps = [];
   let zone = NaN;
+  let zoneText = '';
   /** A camera that was restarted brings lines again, also ones from before. @type {[Set<string>, Set<string>]} */
   const recent = [new Set(), new Set()];
   const all = none();
@@ -104,6 +106,12 @@ export function logDigest(within = () => true) {
 
   /** @param {string} line @param {number} time */
   function zoneAt(line, time) {
+    const end = line.indexOf(' ', 19);
+    const text = line.slice(end - 6, end); // "+02:00"
+    if (text === zoneText) {
+      return;
+    }
+    zoneText = text;
     const ahead = zoneOf(line) ?? zone;
     if (ahead !== zone && !Number.isNaN(zone) && zoneSteps.length < MOST_PROGRAMS && within(time)) {
       zoneSteps.push({ time, by: ahead - zone });
@@ -136,7 +144,7 @@ export function logDigest(within = () => true) {
         return;
       }
       if (line[19] === '.') { // to the millisecond, as one of the two forms of the log has no more
-        const key = line.slice(0, 23) + line.slice(line.indexOf('] ', 24));
+        const key = line.slice(8, 23) + line.slice(-48); // without the host's name, that differs
         if (recent[0].has(key) || recent[1].has(key)) {
           return;
         }
@@ -184,7 +192,7 @@ export function logDigest(within = () => true) {
         return;
       }
       crashAt(line, program, time);
-      if (PLANNED.test(line)) {
+      if (MAYBE_PLANNED.test(line) && PLANNED.test(line)) {
         planned.push(time);
       } else if (line.includes(': Monitoring session started (')) {
         starts.push(time); // the log is taken then too

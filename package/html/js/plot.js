@@ -238,15 +238,16 @@ export function createPlot(group, label, { onIndex, id = '', stacked = false, he
     ctx.lineWidth = ratio;
     ctx.setLineDash([6 * ratio, 4 * ratio]);
     ctx.font = `${11 * ratio}px system-ui, sans-serif`;
-    ctx.textAlign = 'right';
     ctx.textBaseline = 'bottom';
-    for (const { value, text } of bands ? [] : group.limitsOf(id)) {
+    for (const [index, { value, text }] of bands ? [] : group.limitsOf(id).entries()) {
       const y = Math.round(self.valToPos(value, 'y', true)) + 0.5;
       ctx.beginPath();
       ctx.moveTo(bbox.left, y);
       ctx.lineTo(bbox.left + bbox.width, y);
       ctx.stroke();
-      ctx.fillText(`limit: ${text}`, bbox.left + bbox.width - 4 * ratio, y - 2 * ratio);
+      // Those of several things stand near each other: their names by turns on the right and on the left.
+      ctx.textAlign = index % 2 === 0 ? 'right' : 'left';
+      ctx.fillText(`limit: ${text}`, bbox.left + (index % 2 === 0 ? bbox.width - 4 * ratio : 4 * ratio), y - 2 * ratio);
     }
     ctx.restore();
   }

@@ -286,7 +286,7 @@ export const RESOURCE_RULES = [
           days[day] = Math.max(days[day] ?? -Infinity, value ?? -Infinity);
         });
         const usual = days.length <= limits.days ? quantile(values, 0.25) + limits.swing : quantile(days.slice(0, -1).filter(Number.isFinite), 0.25);
-        const limit = Math.min(limits.always, Math.max(limits.high, usual + limits.above), Math.max(limits.warm, usual + limits.far));
+        const limit = Math.round(Math.min(limits.always, Math.max(limits.high, usual + limits.above), Math.max(limits.warm, usual + limits.far)));
         const hot = stretches(smoothed(sensor), (value) => value >= limit).filter(lasted(limits.time, limits.rows));
         const [first, last] = [hot[0], hot.at(-1)];
         return !first || !last ? [] : [{

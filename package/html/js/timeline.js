@@ -86,7 +86,7 @@ export function createTimeline(group, { save, go, showCharts, showLog }) {
           tell(some);
         },
       }, some.length > 1 ? String(some.length) : '');
-      button.style.left = left(begin);
+      button.style.left = `min(${left(begin)}, 100% - 0.5rem)`;
       button.style.minWidth = `${100 * (end - begin) / (to - from)}%`;
       button.style.background = `var(${colourOfKind(kind)})`;
       strip.append(button);

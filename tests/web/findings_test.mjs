@@ -133,7 +133,7 @@ const FAULTS = [
     'full storage', 'grave', /^The storage was full at 2026-10-26 06:00 and the session was ended by it, with \d/, ''],
   ['a process that takes a core', { fault: { 'analytics processor': (time, usual) => (time > 2 * DAY && time < 2.5 * DAY ? 51 : usual) } },
     'process takes a core', 'warning', /^analytics took 51% of the processor \(a core is 50%\), at most 51%, for 11 h 58 min from 2026-10-22 06:02; usual are \d+%/, 'process-processor'],
-  ['a cache of the kernel that grows', { fault: { cache: (time) => 9000 + Math.round(time * 2) } },
+  ['a cache of the kernel that grows', { fault: { cache: (time) => 9000 + Math.round(time * 2), SUnreclaim: (time, usual) => usual + Math.round(time / 8) } },
     'slab caches', 'grave', /^The kernel’s objects of kmalloc-64 grew from \d+(?:\.\d+)? kB to 7\d(?:\.\d+)? MB in 6 days 23 h/, 'slab'],
   ['images that stop', { fault: { images: (time) => time < 2 * DAY || (time > 3 * DAY && time < 6 * DAY) } },
     'images', 'warning', /^Images are missing for 2 days, twice between .*; after the last time none came\. Usually one comes in 2 min\.$/, ''],

@@ -176,13 +176,17 @@ async function createKnown({ recording, source, contents, marks, range, signal }
     async slabCaches(isWanted) {
       /** @type {Judged[]} */
       const wanted = [];
-      for (const { path, name } of charts.find(({ id }) => id === 'slab')?.parts ?? []) {
-        const [first, last] = await source.ends(path, SLAB, { signal });
+      const parts = charts.find(({ id }) => id === 'slab')?.parts ?? [];
+      for (let next = 0; next < parts.length; next += AT_ONCE) {
         await breathe();
-        if (isWanted({ name: name('', ''), first: bytesOfSlab(first)[0] ?? 0, last: bytesOfSlab(last).at(-1) ?? 0 })) {
-          const all = seriesOf(await source.table(path, SLAB, { signal }));
-          wanted.push(judged({ ...all[0], name: name('', ''), times: all[0]?.times ?? [], values: bytesOfSlab(all), categories: null, unit: 'B' }));
-        }
+        await Promise.all(parts.slice(next, next + AT_ONCE).map(async ({ path, name: nameOf }) => {
+          const name = nameOf('', '');
+          const [first, last] = await source.ends(path, SLAB, { signal });
+          if (isWanted({ name, first: bytesOfSlab(first)[0] ?? 0, last: bytesOfSlab(last).at(-1) ?? 0 })) {
+            const all = seriesOf(await source.table(path, SLAB, { signal }));
+            wanted.push(judged({ name, times: all[0]?.times ?? [], values: bytesOfSlab(all), categories: null, unit: 'B' }));
+          }
+        }));
       }
       return wanted;
     },

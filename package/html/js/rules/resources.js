@@ -126,8 +126,13 @@ export const RESOURCE_RULES = [
     async find(known, limits) {
       const { total } = await memoryOf(known.series);
       const all = [];
+      const least = Math.max(limits.least, total * limits.ofAll);
+      const kept = (await known.series('memory-parts')).find(({ name }) => name === 'kernel objects that stay');
+      if (kept && mostOf(valuesOf(kept)) - valuesOf(kept).reduce((a, b) => Math.min(a, b), Infinity) < least / 2) {
+        return []; // what all of them have did not grow: there are hundreds of files
+      }
       for (const cache of await known.slabCaches(({ name, first, last }) => !RECLAIMABLE.test(name)
-        && last - first > Math.max(limits.least, first * limits.share, total * limits.ofAll) / 2)) {
+        && last - first > Math.max(least, first * limits.share) / 2)) {
         all.push({ ...cache, title: `The kernel’s objects of ${cache.name}`, path: `/${cache.name}.csv` });
       }
       return (await grown(known, all, /** @type {any} */ (limits))).map((one) => ({ ...one, chart: 'slab' }));

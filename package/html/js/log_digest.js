@@ -23,7 +23,7 @@ const PLAIN_PROGRAM = /^\S+ \S+ +([^\s:[]{1,64})(?:\[\d+\])?: ?/;
 const PLANNED = /\b(?:Vandrel-silent: Continuous log taken up to here|reboot: (?:Restarting|Power down)|System is (?:rebooting|going down)|Restarting system|systemd-shutdown|Reached target (?:System )?(?:Reboot|Shutdown|Power.?Off)|Automatic restart\b.* now|sysupgrade|(?:installing|upgrading|updating|flashing)\b.{0,20}\bfirmware|firmware\b.{0,20}\b(?:upgrade|update|installed))/i;
 // What tells of crashes where no core is kept, each with the process's name and what marks a lack of memory.
 const CRASHES = [
-  /kernel: .*?(?:^|[ \]])([\w.@-]{1,64})\[\d+\]: segfault at /,
+  /kernel:.*?[ \]]([\w.@-]{1,64})\[\d+\]: segfault at /,
   /systemd-coredump\[\d+\]: .*Process \d+ \(([^)]{1,64})\) of user \d+ dumped core/,
   /systemd\[1\]: ([\w.@-]{1,64})\.service: Main process exited, code=(?:dumped|killed), status=(?:4|6|7|8|11)\//,
 ];
@@ -229,6 +229,9 @@ export function logDigest(within = () => true) {
 const HTTP_LINE = /^\[(\d\d)\/(\w{3})\/(\d{4}):(\d\d:\d\d:\d\d)[^\]]*\] IPAddress:(\S+) User:(\S*).* HTTP Status:(\d{3})/;
 const MONTHS = ['Jan', 'Feb', 'Mar', 'Apr', 'May', 'Jun', 'Jul', 'Aug', 'Sep', 'Oct', 'Nov', 'Dec'];
 
+/** With the steps in which nothing came. @param {number[]} counts @param {number} steps */
+const withZeros = (counts, steps) => [...counts, ...new Array(Math.max(0, steps - counts.length)).fill(0)];
+
 /**
  * Counts the lines of the web server's log by the addresses that called.
  * @param {(time: number) => boolean} [within] calls that are judged; of others it is counted how many come usually
@@ -288,9 +291,9 @@ export function httpDigest(within = () => true) {
     },
     /** @param {number} [steps] in which there was a recording, also without a call */
     finish: (steps = 0) => ({
-      all, usual: usualCount([...perStep.values(), ...new Array(Math.max(0, steps - perStep.size)).fill(0)]),
+      all, usual: usualCount(withZeros([...perStep.values()], steps)),
       callers: [...callers.values()].filter(({ calls }) => calls.count > 0).sort((a, b) => b.calls.count - a.calls.count)
-        .map((caller) => ({ ...caller, usual: usualCount(caller.counts) })),
+        .map((caller) => ({ ...caller, usual: usualCount(withZeros(caller.counts, Math.min(steps, MOST_COUNTS))) })),
     }),
   };
 }

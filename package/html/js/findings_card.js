@@ -45,6 +45,7 @@ export function createFindingsCard(recording, group, open) {
   const inSight = actionButton('', () => judge(group.range()), { hidden: true });
   const whole = actionButton('Findings of all', () => judge(null), { hidden: true });
   const stopListening = group.onRange((_, range) => offer(range));
+  const heading = el('h2', { tabindex: -1 }, 'Findings');
   const verdict = el('p', { role: 'status' });
   const list = el('ul', { class: 'findings' });
   const notes = el('ul', { class: 'findings' });
@@ -54,7 +55,7 @@ export function createFindingsCard(recording, group, open) {
   const figuresPart = el('details', { hidden: true }, el('summary', {}, 'Figures'), figures.element);
   const unjudged = el('p', { class: 'quiet' });
   const element = el('section', { class: 'card', 'aria-label': 'Findings' },
-    el('div', { class: 'tools apart' }, el('h2', {}, 'Findings'), el('div', { class: 'tools small' }, work, whole, inSight, again)),
+    el('div', { class: 'tools apart' }, heading, el('div', { class: 'tools small' }, work, whole, inSight, again)),
     message.element, verdict, list, notesPart, figuresPart, unjudged);
   again.hidden = true;
 
@@ -71,6 +72,7 @@ export function createFindingsCard(recording, group, open) {
   async function judge(range) {
     judged = range;
     offer(group.range());
+    heading.focus({ preventScroll: true }); // the button that was pressed is gone
     const before = range ? null : foundBefore(recording.title, wanted.contents);
     if (before) {
       show(before);

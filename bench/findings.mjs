@@ -1,7 +1,7 @@
 // Tries the findings on made-up recordings that differ in length, rows, noise, the swing of days and what was recorded:
 // how often the fault is the first finding, and what is told of healthy ones.
 //
-//   node bench/findings.mjs [SEEDS] [FAULT]    SEEDS of each kind, 8; FAULT with all that is found
+//   node bench/findings.mjs [SEEDS] [FAULT [FIRST]]    SEEDS of each kind, 8; of FAULT with all that is found, from FIRST on
 import { findingsOf } from "../package/html/js/findings.js";
 import { readMarks } from "../package/html/js/recording_marks.js";
 import { wallText } from "../package/html/js/series.js";
@@ -281,7 +281,8 @@ if (process.argv[1]?.endsWith("findings.mjs")) {
   const names = process.argv[3] ? [process.argv[3]] : Object.keys(FAULTS);
   for (const name of names) {
     let [tried, hits, slowest] = [0, 0, 0];
-    for (let seed = 0; tried < (name === "healthy" ? 6 * seeds : seeds) && seed < 40 * seeds; seed++) {
+    const first = Number(process.argv[4] ?? 0);
+    for (let seed = first; tried < (name === "healthy" ? 6 * seeds : seeds) && seed < first + 40 * seeds; seed++) {
       const { files, camera } = recordingOf(seed * 7919 + 1, name);
       if (FAULTS[name].only?.(camera) === false) continue;
       tried++;

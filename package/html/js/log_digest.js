@@ -129,7 +129,7 @@ export function logDigest(within = () => true) {
     if (name && (crashes.has(name) || crashes.size < MOST_PROGRAMS)) {
       const crash = crashes.get(name) ?? { times: [], forMemory: 0 };
       crashes.set(name, crash);
-      if (crash.times.length === 0 || time - (crash.times.at(-1) ?? 0) > SAME_CRASH_S) { // the kernel and the service manager each tell of it
+      if (crash.times.length === 0 || Math.abs(time - (crash.times.at(-1) ?? 0)) > SAME_CRASH_S) { // the kernel and the service manager each tell of it
         crash.times.push(time);
         crash.forMemory += Number(forMemory !== undefined);
       }
@@ -291,7 +291,7 @@ export function httpDigest(within = () => true) {
     },
     /** @param {number} [steps] in which there was a recording, also without a call */
     finish: (steps = 0) => ({
-      all, usual: usualCount(withZeros([...perStep.values()], steps)),
+      all, usual: usualCount(withZeros([...perStep.values()], Math.min(steps, MOST_STEPS))),
       callers: [...callers.values()].filter(({ calls }) => calls.count > 0).sort((a, b) => b.calls.count - a.calls.count)
         .map((caller) => ({ ...caller, usual: usualCount(withZeros(caller.counts, Math.min(steps, MOST_COUNTS))) })),
     }),

@@ -94,7 +94,7 @@ export const CAMERA_RULES = [
     },
   },
   {
-    name: 'clock', subject: 'the clock', reads: ['rows', 'log'], limits: { back: MINUTE, silent: 30 * MINUTE, shown: 50, near: 900 },
+    name: 'clock', subject: 'the clock', reads: ['rows', 'log'], limits: { back: MINUTE, silent: 15 * MINUTE, shown: 50, near: 900 },
     why: 'Rows follow each other: a time before the last one is a clock that was set back. A hole while neither a restart, nor the storage, nor one line of the log tells of it is a clock that was set forward, or a camera that stood still. Summer time is no fault: with it the times of the log have another zone.',
     async find({ rows, log, gaps, marks }, limits) {
       /** @type {Found[]} */

@@ -304,8 +304,8 @@ export const RESOURCE_RULES = [
     },
   },
   {
-    name: 'load', subject: 'the load', reads: ['load'], limits: { cores: 4, time: HOUR, rows: 5, usual: 1.5, always: 4 },
-    why: 'More runs or waits than there are cores, for an hour. It is a warning where it is also half as much again as usual, or four times the number of cores: the drivers of many cameras count as load though they only wait. Where it is not known how many cores there are, four are taken.',
+    name: 'load', subject: 'the load', reads: ['load'], limits: { cores: 4, time: HOUR, rows: 5, usual: 1.5, much: 2, waits: 50 },
+    why: 'More runs or waits than there are cores, for an hour. It is a warning where it is also twice that number and half as much again as usual: the drivers of many cameras count as load though they only wait. Where all processes together took less than half of the processor, they waited, for a storage or for others, which is told. Where it is not known how many cores there are, four are taken.',
     async find({ series, cores: coresOf, figure }, limits) {
       const load = (await series('load')).find(({ name }) => name === '15 min');
       if (!load) {
@@ -318,11 +318,19 @@ export const RESOURCE_RULES = [
       const high = stretches(load, (value) => value > cores).filter(lasted(limits.time, limits.rows));
       const [first, last] = [high[0], high.at(-1)];
       const most = mostOf(high.map((one) => one.most));
+      let [busy, rows] = [0, 0];
+      for (const { times, values } of high.length > 0 ? await series('process-processor') : []) {
+        const own = values.filter((value, row) => value !== null && high.some(({ from, to }) => (times[row] ?? 0) >= from && (times[row] ?? 0) <= to));
+        busy += own.reduce((/** @type {number} */ sum, value) => sum + (value ?? 0), 0);
+        rows = Math.max(rows, own.length);
+      }
+      const waits = rows > 0 && busy / rows < limits.waits;
+      const isFar = most >= limits.much * cores && most >= limits.usual * usual;
       return !first || !last ? [] : [{
-        severity: most >= limits.usual * usual || (known > 0 && most > limits.always * cores) ? 'warning' : 'note', from: first.from, to: last.to, chart: 'load', path: 'load',
+        severity: isFar && !waits ? 'warning' : 'note', from: first.from, to: last.to, chart: 'load', path: 'load',
         limit: { value: cores, text: `${cores} cores` },
         text: `The load was above ${cores}, ${known ? 'the number of cores' : 'as the number of cores is not known'}, for ${
-          lasting(lengthOf(high))}, at most ${numberText(most)}; usual are ${numberText(median(valuesOf(load.whole)))}.`,
+          lasting(lengthOf(high))}, at most ${numberText(most)}; usual are ${numberText(median(valuesOf(load.whole)))}${waits ? `. Its processes took ${valueText(Math.round(busy / rows), '%')} of the processor meanwhile: most only waited` : ''}.`,
       }];
     },
   },

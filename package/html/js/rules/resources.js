@@ -28,16 +28,19 @@ const GROWTH = { points: 10, span: 5 * HOUR, shortSpan: 2 * HOUR, rising: 0.85, 
 const WHY_GROWTH = 'The median slope of all pairs of hours. Said only when 85 % of the pairs rise (97 % where less than five hours were seen), the last half rises on (a start that levels off is none), '
   + 'and the sum is five times the spread. What is to come is told for at most twenty times as long as was seen.';
 
+const [FALL, FALL_AT_RESTART] = [0.7, 0.95]; // to that part of what there was before
+
 /**
- * The longest part of a line of points without a restart in it, and that does not fall off at once, as when a process
- * begins anew.
+ * The longest part of a line of points that does not fall off at once, as when a process begins anew, or at a restart
+ * of the camera by less.
  * @param {Point[]} points @param {number[]} restarts
  */
 function unbroken(points, restarts) {
   let [best, begin] = [/** @type {Point[]} */ ([]), 0];
   for (let end = 1; end <= points.length; end++) {
     const [before, next] = [points[end - 1], points[end]];
-    if (!before || !next || next.value < before.value * 0.7 || restarts.some((time) => time > before.time && time <= next.time)) {
+    if (!before || !next || next.value < before.value * FALL
+      || (next.value < before.value * FALL_AT_RESTART && restarts.some((time) => time > before.time && time <= next.time))) {
       best = end - begin > best.length ? points.slice(begin, end) : best;
       begin = end;
     }
@@ -215,20 +218,22 @@ export const RESOURCE_RULES = [
     },
   },
   {
-    name: 'fan', subject: 'heaters and fans', reads: ['climate'], limits: { running: 0.9, time: 30 * MINUTE, rows: 5, longer: 5, times: 3, known: 2 * DAY, soon: 3 * HOUR, warmer: 5, hot: 75 },
-    why: 'One that ran nearly always, or whose stop made a sensor warmer by 5 °C, and then stands still far longer than ever before has stopped. One that goes by a thermostat stops often, and when it is cool; it is left alone. That a heater came on is told. A state that names a fault is one.',
+    name: 'fan', subject: 'heaters and fans', reads: ['climate'], limits: { running: 0.9, time: 30 * MINUTE, rows: 5, longer: 5, times: 3, known: 2 * DAY, soon: 3 * HOUR, cycles: 5, rise: 1, warmer: 5, hot: 75 },
+    why: 'One that ran nearly always, or came and went by the clock, or whose stop made a sensor warmer by 5 °C, and then stands still far longer than ever before has stopped; of one that was seen for less than two days it is a note where nothing became warmer. One that goes by a thermostat stops often, and when it is cool; it is left alone. That a heater came on is told. A state that names a fault is one.',
     async find({ series }, limits) {
       const sensors = await series('temperature');
       /** By how much the sensor that rose most did, from as long before as it lasted. @param {number} from @param {number} to */
       const warming = (from, to) => sensors.map(({ name, whole: { times, values } }) => {
         const parts = [/** @type {number[]} */ ([]), /** @type {number[]} */ ([])];
+        let before = -Infinity; // the most at any time before
         values.forEach((value, row) => {
           const time = times[row] ?? 0;
           if (value !== null && time < to && time >= from - (to - from)) {
             parts[time < from ? 0 : 1]?.push(value);
           }
+          before = time < from ? Math.max(before, value ?? -Infinity) : before;
         });
-        return { name, by: median(parts[1] ?? []) - median(parts[0] ?? []), most: mostOf(parts[1] ?? []) };
+        return { name, by: median(parts[1] ?? []) - median(parts[0] ?? []), most: mostOf(parts[1] ?? []), before };
       }).filter(({ by }) => !Number.isNaN(by)).sort((a, b) => b.by - a.by)[0];
       return (await series('climate')).flatMap((device) => {
         const { whole } = device;
@@ -259,13 +264,16 @@ export const RESOURCE_RULES = [
         // What happens at once is by the stop; what comes later may be the night, the sun or another fault.
         const warmer = warming(longest.from, Math.min(longest.to, longest.from + limits.soon));
         const isWarm = warmer !== undefined && warmer.by >= limits.warmer;
-        const most = warmer ? warming(longest.from, longest.to)?.most ?? 0 : 0;
+        const whileStill = warming(longest.from, longest.to);
+        const most = whileStill?.most ?? 0;
+        const isHotter = whileStill !== undefined && most >= limits.hot && most > whileStill.before + limits.warmer;
         const isCool = warmer !== undefined && warmer.by < -1 && !isKnown;
-        if (long.length > (isKnown ? limits.times : 1) || before.length < limits.rows || isCool || ran === 0 || (ran < before.length * limits.running && !isWarm)) {
+        const isRegular = still.length - long.length >= limits.cycles; // it came and went, and then not any more
+        if (long.length > (isKnown ? limits.times : 1) || before.length < limits.rows || isCool || ran === 0 || (ran < before.length * limits.running && !isWarm && !isRegular)) {
           return found;
         }
         return [...found, {
-          ...place, severity: isWarm && most >= limits.hot ? 'grave' : warmer || isKnown ? 'warning' : 'note', from: first.from, to: long.at(-1)?.to ?? first.to,
+          ...place, severity: isHotter || (isWarm && most >= limits.hot) ? 'grave' : isKnown || isRegular || (warmer?.by ?? 0) >= limits.rise ? 'warning' : 'note', from: first.from, to: long.at(-1)?.to ?? first.to,
           text: `${device.name} stopped ${long.length === 1 ? `at ${at(first.from)}` : often(long.map(({ from }) => from))} and stood still for ${lasting(lengthOf(long))}; before it had run for ${
             percent(ran / before.length)} of the time${isWarm ? `. ${warmer.name} became warmer by ${valueText(Math.round(warmer.by), '°C')}, up to ${valueText(most, '°C')}` : ''}.`,
         }];

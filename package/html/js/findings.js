@@ -57,7 +57,7 @@ export const SEVERITIES = /** @type {const} */ (['grave', 'warning', 'note']);
 /** @typedef {Awaited<ReturnType<typeof createKnown>>} Known */
 
 /** In which order findings of one severity stand: causes before what comes of them. */
-const ORDER = ['kernel dump', 'full storage', 'storage lost', 'crash', 'restart', 'clock', 'calls', 'more calls', 'log storm', 'memory of a process', 'slab caches',
+const ORDER = ['kernel dump', 'full storage', 'storage lost', 'crash', 'clock', 'restart', 'calls', 'more calls', 'log storm', 'memory of a process', 'slab caches',
   'memory of the system', 'memory low', 'page faults', 'process takes a core', 'fan', 'temperature', 'load', 'host', 'traffic', 'network errors', 'bandwidth',
   'errors in the log', 'images', 'rows', 'triggers'];
 

@@ -128,6 +128,15 @@ export function recordingOf(seed, faultName) {
     dropped += chance() < 0.02 ? 2 : 0;
     return `${received},${dropped},${Math.round(of("errors", time, 0))},0,${received >> 8},${sent},0,0,${sent >> 10}`;
   });
+  csv("monitoring_network/network", "Date,Time,Network Bandwidth (Mbit/s)", (time) => `${(of("sent", time, Math.max(200, camera.rate * (camera.viewers && isNight(time) ? 0.001 : 1)
+    * (isNight(time) ? camera.night : 1) * (1 + 0.15 * gauss()))) * 8 / 1e6).toFixed(1)} Mbit/s`, "\r\n");
+  if (chance() < 0.6 || FAULTS[faultName]?.needs?.test("streams")) {
+    csv("monitoring_streams/stream", "Date,Time,Streams", (time) => (camera.viewers && isNight(time) ? "No streams " : " RTSP 1920x1080 h264 + RTSP 640x360 mjpeg "), "\r\n");
+  }
+  csv("monitoring_koral/others/recorder@recorder", "Date, Time, Number of calls since last time stored, Average process time at this moment (microseconds)",
+    (time) => `${Math.round(camera.poll * step * (0.9 + 0.2 * chance()))},5200`, "\r\n");
+  csv("monitoring_koral/others/root@root", "Date, Time, Number of calls since last time stored, Average process time at this moment (microseconds)",
+    () => `${chance() < 0.03 ? 120 : 0},7400`, "\r\n");
   let [major, minor] = [0, 0];
   csv("monitoring_kernel/pagefaults", "DATE,TIME,MINOR_FAULTS,MAJOR_FAULTS", (time) => {
     if (time >= reboot && time - step < reboot) [major, minor] = [0, 0];
@@ -255,6 +264,10 @@ const FAULTS = {
     return { sent: (time, usual) => (during(from, span)(time) ? 0 : usual), received: (time, usual) => (during(from, span)(time) ? 0 : usual) };
   } },
   "bad plug": { rules: ["network errors"], make: ({ length }) => ({ errors: (time) => Math.max(0, time - length / 2) / 20 }) },
+  "odd bandwidth": { rules: ["bandwidth"], needs: /streams/, only: ({ length, rate }) => length > 12 * HOUR && rate > 5e5, make: ({ within, length }) => {
+    const [from, span] = [within(0.2, 0.7) * length, Math.max(4000, within(0.03, 0.08) * length)];
+    return { sent: (time, usual) => (during(from, span)(time) ? usual * 4.5 : usual) };
+  } },
   "images missing": { rules: ["images"], make: ({ within, length }) => {
     const [from, span] = [within(0.2, 0.6) * length, within(0.1, 0.3) * length];
     return { images: (time) => !during(from, span)(time) };

@@ -35,8 +35,8 @@ function amounts({ times: moments, values }) {
 /** @type {Rule[]} */
 export const NETWORK_RULES = [
   {
-    name: 'calls', subject: 'callers of the HTTP API', reads: ['http'], limits: { flood: 3000, many: 1000, usual: 20, own: 5, refused: 20 },
-    why: 'Five calls a second for ten minutes keep a camera’s web server busy, where it is not what this caller does all the time; a thousand count where that is twenty times what comes from all usually. Twenty refused logins in ten minutes are no typing errors.',
+    name: 'calls', subject: 'callers of the HTTP API', reads: ['http'], limits: { flood: 3000, many: 1000, usual: 10, own: 5, refused: 20 },
+    why: 'Five calls a second for ten minutes keep a camera’s web server busy, where it is not what this caller does all the time; a thousand count where that is ten times what comes from all usually. Twenty refused logins in ten minutes are no typing errors.',
     async find({ http, figure }, limits) {
       if (!http || http.all.count === 0) {
         return [];

@@ -154,7 +154,7 @@ export function createRecordingView(recording, hrefOf) {
     }
   }
   let linkTimer = 0;
-  let written = '';
+  let written = 'null'; // all is in sight
   group.onRange((_, range) => {
     if (JSON.stringify(range) !== written) {
       written = JSON.stringify(range);

@@ -153,12 +153,13 @@ export function createTimeline(group, { save, go, showCharts, showLog }) {
       list.show();
     }, 80);
   });
-  group.add({
+  /** @type {import('./chart_group.js').Member} */
+  const member = {
     extent: () => extent,
     setRange() {},
     setCursor: (time) => showCursor(time ?? NaN),
     redraw() {},
-  });
+  };
 
   /** @param {number} x of a pointer @returns {number} */
   function timeAt(x) {
@@ -248,6 +249,7 @@ export function createTimeline(group, { save, go, showCharts, showLog }) {
       const [first, last] = [next[0], next.at(-1)];
       extent = rows ?? (first && last && last.time > first.time ? [first.time, last.time] : null);
       bands = extent ? bandsOf(next, images, extent) : [];
+      group.add(member);
       show();
       list.show();
       if (reading.childElementCount === 0) {

@@ -224,6 +224,21 @@ test('the archive is opened without a camera', async () => {
       return begin <= time && time <= end;
     }, told);
   }
+  // The line of time: a narrower one by the keyboard has findings of its own; a mark leads to its charts.
+  await page.getByRole('group', { name: /^Line of time/ }).focus();
+  for (const key of ['Home', 'ArrowRight', '+']) await page.keyboard.press(key);
+  await findings.getByRole('button', { name: /^Only / }).click();
+  await findings.getByText(/(?:findings?|was found) from .* to /).waitFor();
+  await findings.getByRole('button', { name: 'Findings of all' }).click();
+  await findings.getByText(/ in .*, up to /).waitFor();
+  await page.getByRole('group', { name: /^Line of time/ }).press('Home');
+  const timeline = page.getByRole('region', { name: 'Timeline' });
+  await timeline.getByRole('img', { name: /^Storage: away once, / }).waitFor();
+  await timeline.getByRole('button', { name: /<img>x crashed/ }).first().click();
+  for (const [name, place] of [['Log', 'Logs and texts'], ['Charts', 'Charts']]) {
+    await timeline.getByRole('button', { name, exact: true }).first().click();
+    await page.waitForFunction((label) => document.activeElement?.ariaLabel === label, place);
+  }
   await page.getByRole('button', { name: 'At a glance' }).click();
   await page.getByRole('img', { name: 'Chart of Memory.' }).waitFor();
   await page.getByRole('table', { name: 'Condition of the camera' }).getByRole('row', { name: /^Temperature/ }).first().waitFor();

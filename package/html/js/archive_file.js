@@ -32,6 +32,8 @@ async function entriesOf(file) {
   }
 }
 
+const RECORDED = /(?<=^|\/)system_monitoring\//;
+
 /**
  * Opens an archive. Throws a RequestError where that can't be done.
  * @param {File} file
@@ -51,7 +53,8 @@ export async function openArchive(file) {
     .filter((name) => /(?:^|\/)Session_Information\.txt$/.test(name))
     .sort((a, b) => a.length - b.length)[0];
   const top = `${usable[0]?.name.split('/')[0]}/`;
-  const root = information?.slice(0, information.lastIndexOf('/') + 1)
+  const recorded = usable.find(({ name }) => RECORDED.test(name))?.name;
+  const root = information?.slice(0, information.lastIndexOf('/') + 1) ?? recorded?.slice(0, recorded.search(RECORDED))
     ?? (usable.every(({ name }) => name.startsWith(top)) ? top : '');
   /** @type {Map<string, Entry>} */
   const entries = new Map(usable.filter(({ name }) => name.startsWith(root))

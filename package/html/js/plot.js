@@ -62,10 +62,11 @@ export function seriesText(series, value) {
  * @param {string} label for those who can't see it
  * @param {object} [options]
  * @param {(index: number | null) => void} [options.onIndex] of the values under the cursor
+ * @param {string} [options.id] of the chart whose limits are drawn
  * @param {boolean} [options.stacked]
  * @param {number} [options.height]
  */
-export function createPlot(group, label, { onIndex, stacked = false, height = HEIGHT } = {}) {
+export function createPlot(group, label, { onIndex, id = '', stacked = false, height = HEIGHT } = {}) {
   const tip = el('div', { class: 'tip', hidden: true, 'aria-hidden': 'true' });
   const unit = el('span', { class: 'unit', 'aria-hidden': 'true' });
   const otherUnit = el('span', { class: 'unit other', 'aria-hidden': 'true' });
@@ -225,6 +226,32 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
     ctx.restore();
   }
 
+  /** From which values on findings counted. @param {uPlot} self */
+  function drawLimits(self) {
+    const { ctx, bbox } = self;
+    const ratio = devicePixelRatio;
+    ctx.save();
+    ctx.beginPath();
+    ctx.rect(bbox.left, bbox.top, bbox.width, bbox.height);
+    ctx.clip();
+    ctx.strokeStyle = ctx.fillStyle = colour('--bad');
+    ctx.lineWidth = ratio;
+    ctx.setLineDash([6 * ratio, 4 * ratio]);
+    ctx.font = `${11 * ratio}px system-ui, sans-serif`;
+    ctx.textBaseline = 'bottom';
+    for (const [index, { value, text }] of bands ? [] : group.limitsOf(id).entries()) {
+      const y = Math.round(self.valToPos(value, 'y', true)) + 0.5;
+      ctx.beginPath();
+      ctx.moveTo(bbox.left, y);
+      ctx.lineTo(bbox.left + bbox.width, y);
+      ctx.stroke();
+      // Those of several things stand near each other: their names by turns on the right and on the left.
+      ctx.textAlign = index % 2 === 0 ? 'right' : 'left';
+      ctx.fillText(`limit: ${text}`, bbox.left + (index % 2 === 0 ? bbox.width - 4 * ratio : 4 * ratio), y - 2 * ratio);
+    }
+    ctx.restore();
+  }
+
   /** States as bars, each series on a lane of its own. @param {uPlot} self */
   function drawBands(self) {
     const { ctx, bbox } = self;
@@ -377,7 +404,7 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
       })],
       hooks: {
         drawClear: bands ? [drawBands] : [],
-        draw: [drawMarks],
+        draw: [drawLimits, drawMarks],
         setCursor: [(self) => {
           onIndex?.(self.cursor.idx ?? null);
           showTip(self);

@@ -13,7 +13,7 @@ import { createHttpReport } from './http_report.js';
 import { createImageCard } from './image_card.js';
 import { writeSight } from './link.js';
 import { readWhole } from './recording.js';
-import { readMarks } from './recording_marks.js';
+import { imagesOf, readExtent, readMarks } from './recording_marks.js';
 import { createSource } from './session_series.js';
 import { whenSeen } from './seen.js';
 import { informationOf } from './session_data.js';
@@ -24,6 +24,7 @@ const INFORMATION = 'Session_Information.txt';
 const MOST_INFORMATION_BYTES = 256 * 1024;
 const CRASH_FILE = /^coredumps\/|\/(?:Crash_Reports|Server_Reports)\//;
 const FINDING_MARGIN_S = 900; // of what is seen of a finding's time
+const MARK_MARGIN_S = 1800; // of what is seen of a mark's time
 const LINK_MS = 400; // while the time in sight changes the address bar waits
 
 /** @typedef {import('./recording.js').Item} Item */
@@ -98,7 +99,23 @@ export function createRecordingView(recording, hrefOf) {
     images.follow(time);
     texts.follow(time);
   }
-  const timeline = createTimeline(group, save, go);
+  /** @param {HTMLElement} place */
+  function leadTo(place) {
+    place.scrollIntoView();
+    place.focus({ preventScroll: true });
+  }
+  const timeline = createTimeline(group, {
+    save, go,
+    showCharts(time) {
+      group.setRange([time - MARK_MARGIN_S, time + MARK_MARGIN_S]);
+      leadTo(board.element);
+      go(time);
+    },
+    showLog(time) {
+      leadTo(texts.element);
+      go(time);
+    },
+  });
   const images = createImageCard(recording, (time) => {
     group.point(time);
     timeline.read(time);
@@ -118,14 +135,13 @@ export function createRecordingView(recording, hrefOf) {
       ...(name === GLANCE || name === 'HTTP API' ? [httpReport.element] : [])],
   });
   const information = createFacts();
-  const findings = createFindingsCard(recording, ({ chart, path, from, to }) => {
+  const findings = createFindingsCard(recording, group, ({ chart, path, from, to }) => {
     const margin = Math.max(FINDING_MARGIN_S, (to - from) / 10);
     board.apply({ board: '', charts: [chart || (path.endsWith('.csv') ? idOfFile(path) : 'log')] });
     group.startAt([from - margin, to + margin]);
     written = JSON.stringify(group.range());
     writeLink(true);
-    board.element.scrollIntoView();
-    board.element.focus({ preventScroll: true });
+    leadTo(board.element);
     go(from);
   });
 
@@ -138,7 +154,7 @@ export function createRecordingView(recording, hrefOf) {
     }
   }
   let linkTimer = 0;
-  let written = '';
+  let written = 'null'; // all is in sight
   group.onRange((_, range) => {
     if (JSON.stringify(range) !== written) {
       written = JSON.stringify(range);
@@ -165,8 +181,8 @@ export function createRecordingView(recording, hrefOf) {
 
   const informationCard = el('section', { class: 'card', 'aria-label': 'Information' },
     el('details', {}, el('summary', {}, el('h2', {}, 'Information')), information.element));
-  const element = el('div', { class: 'view' }, message.element, findings.element, informationCard, timeline.element, board.element,
-    timeline.list, images.element, texts.element, crashFiles.element, allFiles.element);
+  const element = el('div', { class: 'view' }, message.element, findings.element, timeline.element, board.element,
+    informationCard, timeline.list, images.element, texts.element, crashFiles.element, allFiles.element);
   const stopWaiting = whenSeen(texts.element, () => {
     textsSeen = true;
     texts.load();
@@ -192,7 +208,7 @@ export function createRecordingView(recording, hrefOf) {
       return;
     }
     group.setMarks(marks);
-    timeline.show(marks);
+    timeline.show(marks, await readExtent(source, contents), imagesOf(contents.files).map(({ time }) => time));
     await condition.show(contents.csv);
     await httpReport.show(recording, contents.files);
     if (!contents.complete) {

@@ -7,11 +7,12 @@ import { scaleOf, valueText } from './units.js';
 const WIDTH = 720;
 const HEIGHT = 200;
 const LEFT = 56;
-const TOP = 14;
+const TOP = 22;
 const BOTTOM = 34;
 const LANE = 22;
 const STEPS_S = [1, 5, 10, 30, 60, 300, 600, 1800, 3600, 7200, 10800, 21600, 43200, 86400, 172800, 604800, 1209600];
 const FEWEST_TIMES = 5;
+const MOST_POINTED = 0.95; // of what is in sight: what is pointed out stands beside something else
 // Told apart also by those who see few colours, and on paper.
 const COLOURS = ['#2f7ed8', '#d9730d', '#1f9e77', '#c2449a', '#8a6fe8', '#a08000', '#d64545', '#3aa0b5', '#7a8b99', '#5b7f2a'];
 const DASHES = ['', '6 4', '2 3', '10 4 2 4'];
@@ -82,12 +83,11 @@ function pathOf(times, values, x, y) {
  * @param {string} chart.title
  * @param {Series[]} chart.series
  * @param {Range} chart.range in sight
- * @param {boolean} [chart.stacked]
  * @param {Range} [chart.matters] the span that is pointed out
  * @param {{time: number, until?: number, text: string}[]} [chart.marks]
  * @returns {string} a figure with the picture and its legend; "" where nothing is in sight
  */
-export function chartFigure({ title, series, range, stacked = false, matters, marks = [] }) {
+export function chartFigure({ title, series, range, matters, marks = [] }) {
   const [from, to] = range;
   const cut = series.map((one) => {
     const [first, end] = [firstFrom(one.times, from), firstFrom(one.times, to + 1e-6)];
@@ -106,7 +106,7 @@ export function chartFigure({ title, series, range, stacked = false, matters, ma
   let out = '';
   const box = (/** @type {number} */ begin, /** @type {number} */ end, /** @type {string} */ fill) =>
     `<rect x="${place(x(Math.max(begin, from)))}" y="${TOP}" width="${place(Math.max(1, x(Math.min(end, to)) - x(Math.max(begin, from))))}" height="${place(base - TOP + bandsHeight)}" fill="${fill}"/>`;
-  if (matters && matters[1] > from && matters[0] < to) {
+  if (matters && matters[1] > from && matters[0] < to && matters[1] - matters[0] < (to - from) * MOST_POINTED) {
     out += box(...matters, '#fff1cc');
   }
   for (const { time, until } of marks.filter((mark) => (mark.until ?? mark.time) >= from && mark.time <= to)) {
@@ -126,17 +126,6 @@ export function chartFigure({ title, series, range, stacked = false, matters, ma
 
   if (lines.length > 0) {
     const [times, ...columns] = aligned(lines);
-    if (stacked) {
-      const sums = new Array(times.length).fill(0);
-      for (const column of columns) {
-        for (const [row, value] of column.entries()) {
-          if (value !== null && value !== undefined) {
-            sums[row] += value;
-            column[row] = sums[row];
-          }
-        }
-      }
-    }
     let [least, most] = [Infinity, -Infinity];
     for (const column of columns) {
       for (const value of column) {
@@ -145,7 +134,7 @@ export function chartFigure({ title, series, range, stacked = false, matters, ma
         }
       }
     }
-    least = stacked || (least >= 0 && least < most * 0.6) ? Math.min(0, least) : least;
+    least = least >= 0 && least < most * 0.6 ? Math.min(0, least) : least;
     if (least === most) {
       [least, most] = [least - Math.max(1, Math.abs(least) * 0.1), most + Math.max(1, Math.abs(most) * 0.1)];
     }

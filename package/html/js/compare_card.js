@@ -89,7 +89,7 @@ export function createCompareCard(recording, known, main, others) {
   const group = createChartGroup();
   const plots = [false, true].map((states) => createPlot(group, states ? 'both, states' : 'both', { sinceStart: true }));
   const chartTitle = el('h3', { tabindex: -1 });
-  const legend = el('p', { class: 'quiet' });
+  const legend = el('p', { class: 'quiet sides' });
   const chart = el('div', { class: 'chart', hidden: true }, chartTitle, ...plots.map((plot) => plot.element), legend);
   const result = el('div', { class: 'view', hidden: true }, verdict, sides, facts.element, findings, chart, quantities.element, hint, rest);
   const element = el('section', { class: 'card', 'aria-label': 'Compare', hidden: true },

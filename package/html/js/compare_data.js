@@ -11,6 +11,7 @@ import { createSource } from './session_series.js';
 const INFORMATION = 'Session_Information.txt';
 const MOST_INFORMATION_BYTES = 256 * 1024;
 const VERSIONS = 'package-version'; // told with the information
+const TWICE = 'process-growth'; // what other charts have as well
 
 /** @typedef {import('./catalogue.js').Chart} Chart */
 /** @typedef {import('./series.js').Series} Series */
@@ -45,7 +46,7 @@ export async function readBoth(recording, known, other, { signal, onProgress }) 
   const same = other === recording;
   const a = await readSide(recording, known, signal, (done) => onProgress(done * (same ? 0.6 : 0.3)));
   const b = same ? a : await readSide(other, null, signal, (done) => onProgress(0.3 + done * 0.3));
-  const ids = [...new Set([...a.charts, ...b.charts].map(({ id }) => id))];
+  const ids = [...new Set([...a.charts, ...b.charts].map(({ id }) => id).filter((id) => id !== TWICE))];
   /** @type {{chart: Chart, a: Series[], b: Series[]}[]} */
   const charts = [];
   /** @type {Map<Side, [string, string][]>} */

@@ -74,7 +74,7 @@ export function reportHtml(report, hide = (text) => text, replaced) {
   const kept = rows.length <= MOST_MARKS ? rows : [...rows].sort((a, b) => KINDS.indexOf(a.kind) - KINDS.indexOf(b.kind)).slice(0, MOST_MARKS)
     .sort((a, b) => a.time - b.time);
   const body = [
-    `<h1>${text(report.title)}</h1><p class="quiet">Made ${text(report.made)}. Times are those of the camera’s clock.</p>`,
+    `<h1>Report: ${text(report.title)}</h1><p class="quiet">Made ${text(report.made)}. Times are those of the camera’s clock.</p>`,
     `<h2>Findings</h2><p>${text(report.verdict)}</p>`,
     ...wrong.map((finding) => `<section><h3><span class="${finding.severity}">${TITLES[finding.severity]}:</span> ${text(finding.text)}</h3>`
       + `<p class="quiet">${wallText(finding.from)}${finding.to > finding.from ? ` to ${wallText(finding.to)}` : ''}${finding.path ? ` · ${text(finding.path)}` : ''}</p>${

@@ -9,6 +9,7 @@ import { createZip } from './zip_file.js';
 const SLICE_MS = 10; // then the page goes on
 /** What a copy leaves out, with the names that its files would have. */
 export const LEFT_OUT = 'Left_out.txt';
+const MOST_ALL_BYTES = 32 * 1024 * 1024; // of texts: of more only those that usually tell are looked through
 /** Texts in which it is told who uses the camera and what it talks to. */
 const TELLING = /Session_Information\.txt$|HTTP_log\.txt$|Continuous_Syslog\.txt$|eventlistener\.txt$|device_?test[^/]*\.(?:csv|txt)$|KORAL_Tester\.txt$|koral_status\.txt$|Server_Report[^/]*\.(?:txt|log)$|_server-report\.log$/i;
 
@@ -68,7 +69,7 @@ async function throughLines(recording, path, take, signal, breathe) {
 
 /**
  * Learns what is secret in a recording.
- * @param {Recording} recording @param {Contents} contents @param {boolean} all in every text, not only where it usually stands
+ * @param {Recording} recording @param {Contents} contents @param {boolean} all in every text however long it takes
  * @param {Options} options
  */
 export async function readSecrets(recording, contents, all, { signal, onProgress } = {}) {
@@ -78,7 +79,8 @@ export async function readSecrets(recording, contents, all, { signal, onProgress
   const secrets = createSecrets([...words, 'Continuous', 'Syslog', 'Information', 'Vandrel']);
   const breathe = createBreath(signal);
   secrets.learn(recording.title);
-  const texts = files.filter(({ path }) => (all ? !NOT_TEXT.test(path) : TELLING.test(path)));
+  const wanted = all || files.reduce((sum, { path, bytes }) => sum + (NOT_TEXT.test(path) ? 0 : bytes), 0) <= MOST_ALL_BYTES;
+  const texts = files.filter(({ path }) => !NOT_TEXT.test(path) && (wanted || TELLING.test(path)));
   const bytes = texts.reduce((sum, file) => sum + file.bytes, 0);
   /** @type {Set<string>} */
   const binary = new Set();

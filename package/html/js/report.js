@@ -47,6 +47,9 @@ li { margin: 0.4rem 0; } ul { padding-left: 1.2rem; }
  * @property {[number, number]} span
  */
 
+/** Half an address or name at the end of a quotation that was cut can't be recognised. @param {string} text */
+const withoutCutEnd = (text) => text.replace(/(“[^”]{140,}?)(?:\S+\s+)?\S*”/, '$1…”');
+
 /**
  * The document.
  * @param {Report} report
@@ -54,7 +57,7 @@ li { margin: 0.4rem 0; } ul { padding-left: 1.2rem; }
  * @param {() => string} [replaced] asked last: what it replaced
  */
 export function reportHtml(report, hide = (text) => text, replaced) {
-  const text = (/** @type {string} */ value) => markup(visible(hide(value)));
+  const text = (/** @type {string} */ value) => markup(visible(hide(replaced ? withoutCutEnd(value) : value)));
   const stamp = (/** @type {number} */ time) => `<td class="stamp">${wallText(time)}</td>`;
   const facts = (/** @type {[string, string][]} */ pairs) => `<dl>${pairs.filter(([, value]) => value !== '')
     // Together, as "Serial Number: X" tells what X is.

@@ -163,14 +163,14 @@ test('differences are told by what is usual, not by odd values', () => {
   const series = (name, value, more = {}) => ({ name, categories: null, times: Array.from({ length: 200 }, (_, row) => row * 60), values: Array.from({ length: 200 }, (_, row) => value(row)), ...more });
   const noise = (row) => 10 + row * 7919 % 13 / 10;
   const states = { categories: ['Running', 'Stopped'] };
-  const chart = { id: 'x', title: 'X' };
+  const chart = { id: 'x', title: 'X', rank: 1 };
   const { quantities, only } = comparedQuantities([{
     chart,
     a: [series('same', noise), series('odd', noise), series('higher', noise), series('peaks', noise), series('fan', () => 0, states), series('gone', noise)],
     b: [series('same', (row) => noise(row + 5)), series('odd', (row) => (row === 7 ? 1e9 : noise(row))), series('higher', (row) => 3 * noise(row)),
       series('peaks', (row) => (row % 8 === 0 ? 60 : noise(row))), series('fan', (row) => Number(row < 150), states), series('gone', () => null)],
   }], [0, 12000], [0, 12000]);
-  assert.deepEqual(quantities.filter(({ differs }) => differs).map(({ name, change }) => [name, change]), [['fan', 'other states'], ['higher', '3.0 times'], ['peaks', 'highest: 5.4 times']]);
+  assert.deepEqual(quantities.filter(({ differs }) => differs).map(({ name, change }) => [name, change]), [['fan', 'Running −75%'], ['higher', '3.0 times'], ['peaks', 'highest: 5.4 times']]);
   assert.deepEqual(only, { a: ['X: gone'], b: [] });
   const finding = (rule, text) => ({ rule, text });
   assert.deepEqual(comparedFindings([finding('crash', 'streamd crashed 3 times'), finding('fan', 'Fan 0 stopped')], [finding('crash', 'streamd crashed 9 times')]),

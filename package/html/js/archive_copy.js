@@ -118,7 +118,7 @@ export async function copyWithoutSecrets(recording, contents, { signal, onProgre
   const all = [...contents.files.map((file) => ({ ...file })), ...contents.csv.map((file) => ({ time: '', ...file }))];
   const isLeft = (/** @type {string} */ path) => NOT_TEXT.test(path) || binary.has(path);
   const texts = all.filter(({ path }) => !isLeft(path));
-  const left = all.filter(({ path }) => isLeft(path));
+  const left = all.filter(({ path }) => isLeft(path)).sort((a, b) => a.path.localeCompare(b.path, 'en'));
   const zip = createZip();
   /** @type {Set<string>} */
   const names = new Set([LEFT_OUT]);

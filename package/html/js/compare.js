@@ -9,8 +9,9 @@ const FEWEST_ROWS = 5; // of each side, to be compared
 const LEAST_SCORE = 0.1; // below it two are about the same
 const LEAST_CLEAR = 0.3;
 const HIGH = 0.95;
+const DETAIL_WEIGHT = 0.3;
 // What differs in each recording, and is no difference of the cameras.
-const OF_EACH = /^(?:Start|Stop) Time of the session$|^(?:Duration|Collected Data Points|Size)/i;
+const OF_EACH = /^(?:Start|Stop) Time of the session$|^(?:Duration|Collected Data Points|(?:Session )?Size)/i;
 
 /** @typedef {import('./series.js').Series} Series */
 /** @typedef {import('./catalogue.js').Chart} Chart */
@@ -110,14 +111,18 @@ function statesOf(a, b, rangeA, rangeB) {
   }
   const text = (/** @type {Map<string, number>} */ shares) => [...shares].slice(0, 3)
     .map(([state, share]) => `${state} ${share > 0.995 ? '' : `${Math.max(1, Math.round(share * 100))}%`}`.trim()).join(', ');
-  const score = [...new Set([...left.keys(), ...right.keys()])].reduce((sum, state) => sum + Math.abs((left.get(state) ?? 0) - (right.get(state) ?? 0)) / 2, 0);
+  const changes = [...new Set([...left.keys(), ...right.keys()])].map((state) => ({ state, by: (right.get(state) ?? 0) - (left.get(state) ?? 0) }))
+    .sort((x, y) => Math.abs(y.by) - Math.abs(x.by));
+  const score = changes.reduce((sum, { by }) => sum + Math.abs(by) / 2, 0);
+  const [most] = changes;
   return {
-    a: text(left), b: text(right), change: score < LEAST_SCORE ? '' : 'other states', clear: `${Math.round(score * 100)}% of the time`, score, differs: score >= LEAST_SCORE,
+    a: text(left), b: text(right), change: most ? `${most.state} ${most.by < 0 ? '−' : '+'}${Math.round(Math.abs(most.by) * 100)}%` : '',
+    clear: `differs ${Math.round(score * 100)}% of the time`, score, differs: score >= LEAST_SCORE,
   };
 }
 
 /**
- * Every quantity of both sides, the greatest differences first, and what only one side has recorded.
+ * Every quantity of both sides, the greatest differences first, those of charts on no dashboard behind, and what only one side has recorded.
  * @param {{chart: Chart, a: Series[], b: Series[]}[]} read @param {Range} rangeA @param {Range} rangeB
  */
 export function comparedQuantities(read, rangeA, rangeB) {
@@ -141,7 +146,8 @@ export function comparedQuantities(read, rangeA, rangeB) {
       }
     }
   }
-  quantities.sort((x, y) => Number(y.differs) - Number(x.differs) || y.score - x.score);
+  const weight = (/** @type {Quantity} */ { chart, score }) => (chart.rank > 0 ? score : score * DETAIL_WEIGHT);
+  quantities.sort((x, y) => Number(y.differs) - Number(x.differs) || weight(y) - weight(x));
   return { quantities, only };
 }
 

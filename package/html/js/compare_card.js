@@ -11,7 +11,8 @@ import { counted } from './format.js';
 import { createPlot, lookOf } from './plot.js';
 import { wallSeconds, wallText } from './series.js';
 
-const MOST_ROWS = 100;
+const MOST_ROWS = 200;
+const FIRST_ROWS = 20;
 const FILE = 'file';
 const OWN = 'own';
 
@@ -83,6 +84,7 @@ export function createCompareCard(recording, known, main, others) {
       update() {},
     }),
   });
+  const more = el('button', { type: 'button', class: 'plain', hidden: true });
   const hint = el('p', { class: 'quiet' }, 'The median, with the 95th percentile in brackets: a twentieth of the rows is above that. “How clear” takes a row of A '
     + 'and a row of B at a time: 50% would be chance.');
   const rest = el('p', { class: 'quiet' });
@@ -91,7 +93,7 @@ export function createCompareCard(recording, known, main, others) {
   const chartTitle = el('h3', { tabindex: -1 });
   const legend = el('p', { class: 'quiet sides' });
   const chart = el('div', { class: 'chart', hidden: true }, chartTitle, ...plots.map((plot) => plot.element), legend);
-  const result = el('div', { class: 'view', hidden: true }, verdict, sides, facts.element, findings, chart, quantities.element, hint, rest);
+  const result = el('div', { class: 'view', hidden: true }, verdict, sides, facts.element, findings, chart, el('div', { class: 'differences' }, quantities.element, more), hint, rest);
   const element = el('section', { class: 'card', 'aria-label': 'Compare', hidden: true },
     el('h2', {}, 'Compare'),
     el('p', {}, 'What differs between this recording and another one, or between two spans of it: before and after a restart or a firmware, a good camera and a bad one.'),
@@ -189,7 +191,14 @@ export function createCompareCard(recording, known, main, others) {
     facts.element.hidden = told.length === 0;
     findings.replaceChildren(...[[found.a, 'Found only in A'], [found.b, 'Found only in B']].flatMap(([some, title]) => (some && some.length > 0 && typeof title === 'string' ? [
       el('h3', {}, title), el('ul', { class: 'plain-list' }, .../** @type {typeof found.a} */ (some).map(({ text }) => el('li', {}, text)))] : [])));
-    quantities.show(differing.slice(0, MOST_ROWS));
+    const rows = (/** @type {number} */ most) => quantities.show(differing.slice(0, most));
+    rows(FIRST_ROWS);
+    more.hidden = differing.length <= FIRST_ROWS;
+    setText(more, `All ${Math.min(differing.length, MOST_ROWS)} differences`);
+    more.onclick = () => {
+      rows(MOST_ROWS);
+      more.hidden = true;
+    };
     quantities.element.hidden = differing.length === 0;
     hint.hidden = differing.length === 0;
     const names = (/** @type {string[]} */ some) => `${some.slice(0, 12).join(', ')}${some.length > 12 ? ` and ${some.length - 12} more` : ''}`;

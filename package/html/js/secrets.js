@@ -23,7 +23,7 @@ export const LEFT_OUT_LINE = '[a line that is too long was left out]';
 const PLAIN_WORDS = new Set(('root admin administrator operator viewer user users guest anonymous nobody null none no unknown default localhost '
   + 'localdomain local camera device system daemon service host hosts server client switch router gateway network test monitor video audio '
   + 'stream log www-data true false yes on off basic digest failed failure success enabled disabled required invalid incorrect missing '
-  + 'error warning info debug password session core report cpu memory load time date total free max min mail mac address serial').split(' '));
+  + 'error warning info debug password session core report cpu memory load time date total free max min www ftp smtp ntp api pool mail mac address serial').split(' '));
 const PLAIN_ADDRESS = /^(?:0\.0\.0\.0|127\.\d+\.\d+\.\d+|255\.255\.255\.\d+|::1?)$/;
 const PLAIN_MAC = /^(?:0{12}|f{12})$/;
 const PUBLIC_HOST = /^(?:www\.|schemas\.|docs\.)*(?:w3|onvif|xmlsoap|oasis-open|freedesktop)\.org$/i;
@@ -40,7 +40,7 @@ const VALUE = '(?:\\\\+"(?<escaped>[^\\r\\n]*?)\\\\+"|"(?<quoted>(?:[^"\\\\\\r\\
 const NAME_VALUE = VALUE.replace('[^\\s&', '[^\\s,;:()\\]&');
 const LONG_SECRET = 'passw(?:or)?d|passwd|passphrase|passcode|pwd|token|secret|api[_-]?key|access[_-]?key|private[_-]?key|credentials?|session[_-]?id|signature|wpa[_-]?psk';
 const SHORT_SECRET = 'pass|pw|key|auth|sid|sig|psk|jwt|community';
-const USER = 'user[_-]?name|user[_-]?id|user|usr|login[_-]?name|login|logname|account|ruser';
+const USER = 'user[ _-]?name|user[_-]?id|user|usr|login[_-]?name|login|logname|account|ruser';
 // Known ones, so that no name of a file is taken for one.
 const TOP_LEVEL = 'com|net|org|edu|gov|mil|biz|io|eu|de|se|uk|us|fr|nl|dk|fi|jp|cn|ch|es|pl|cz|ru|br|au|ca|kr|tw|local|lan|home|internal|intranet|corp|localdomain|arpa|example|test|invalid';
 const LABEL = '[a-z0-9][a-z0-9-]{0,62}\\.';
@@ -62,9 +62,11 @@ const FIELDS = [
   [/(\bothers\/[^\/\r\n]*@)(?<bare>[^\/@\r\n]+)(?=\.csv)/g, 'user'],
   [/(\/home\/)(?<bare>[^\/\s"':]+)/g, 'user'],
   [/(\b(?:accepted|failed|invalid|illegal|postponed)\b[^\r\n]{0,60}?\b(?:for|user)[ \t]+(?:(?:invalid|illegal)[ \t]+)?(?:user[ \t]+)?["']?)(?<bare>[^\s"',;()]+)(?=["']?[ \t]+(?:from|by|port))/gi, 'user'],
-  [/(\b(?:for|of|by|as)[ \t]+(?:(?:invalid|illegal)[ \t]+)?user[ \t]+["'“‘]?)(?<bare>[^\s"'“”‘’,;()]+)/gi, 'user'],
+  [/(\b(?:for|of|by|as|from)[ \t]+(?:(?:invalid|illegal|authenticating)[ \t]+)?user[ \t]+["'“‘]?)(?<bare>[^\s"'“”‘’,;()]+)/gi, 'user'],
   [/(\buser[ \t]+["“])(?<bare>[^"”\r\n]+)/gi, 'user'],
-  [/(\buser[ \t]+["']?)(?<bare>[^\s"',;()]+)(?=["']?[ \t]+(?:logged|has|was|from|is|failed|authenticated|not|tried|connected|added|removed|changed|denied|at|on)\b)/gi, 'user'],
+  [/(\buser[ \t]+["']?)(?<bare>[^\s"',;()]+)(?=["']?[ \t]+(?:logged|has|was|from|is|failed|authenticated|not|tried|connected|added|removed|changed|denied|created|deleted|locked|opened|closed|started|stopped|may|can|cannot|could|did|does|with|at|on)\b)/gi, 'user'],
+  [/()(?<![\w.-])(?<bare>[\w.@-]{1,64})(?=[ \t]+logged (?:in|out|on|off)\b)/gi, 'user', /logged/],
+  [new RegExp(`((?<![A-Za-z])(?:(?:full|display|real|first|last)[ _-]?name|contact|owner)${IS})(?:"(?<quoted>[^"\r\n]*)"|(?<bare>[^\r\n,;"'<>&]+))`, 'gi'), 'user'],
   [/(\bsudo(?:\[\d+\])?:[ \t]+)(?<bare>\S+)(?= : )/g, 'user'],
   [new RegExp(`((?<![A-Za-z])(?:${USER})${IS})${NAME_VALUE}`, 'gi'), 'user'],
   [new RegExp(`(<[\\w:.-]{0,40}?(?:${USER})(?:[ \\t][^<>\\r\\n]{0,300})?>)(?<bare>[^<\\r\\n]+)`, 'gi'), 'user'],
@@ -73,6 +75,7 @@ const FIELDS = [
   [/(\bS\/N:?[ \t]*)(?<bare>[A-Za-z0-9-]{4,})/g, 'serial'],
   [/(Vandrel_)(?<bare>(?=[0-9A-Za-z]*\d)[0-9A-Za-z]{6,})/g, 'serial'],
   [/()(?<![0-9A-Za-z])(?<bare>(?=[0-9]*[A-F])(?=[A-F]*[0-9])[0-9A-F]{12})(?![0-9A-Za-z])/g, 'serial', /[0-9A-F]{12}/],
+  [/(\b(?:mac|hw|ether|serial|device)[\w .-]{0,16}[=: \t"']{1,4})(?<bare>[0-9a-f]{12})(?![0-9a-z])/gi, 'serial'],
   [/()(?<![0-9a-f:-])(?<bare>[0-9a-f]{2}(:|-|%3A)(?:[0-9a-f]{2}\3){4}[0-9a-f]{2})(?![:-]?[0-9a-f])/gi, 'mac', /(?:[:-]|%3A)[0-9a-f]{2}(?:[:-]|%3A)[0-9a-f]{2}(?:[:-]|%3A)[0-9a-f]{2}(?:[:-]|%3A)/i],
   [/()(?<![0-9a-z.])(?<bare>(?=[0-9.]*[a-f])(?:[0-9a-f]{4}\.){2}[0-9a-f]{4})(?![0-9a-z.])/gi, 'mac', /\.[0-9a-f]{4}\.[0-9a-f]{4}/i],
   [/()(?:(?<![\w:.])|(?<=[g-z_][a-z_]{0,10}:))(?<bare>(?:[0-9a-f]{0,4}(?::|%3A)){2,8}(?:(?:\d{1,3}\.){3}\d{1,3}|[0-9a-f]{1,4})?(?<=[0-9a-f]|:(?::|%3A)|%3A%3A))(?!\w|:[0-9a-f:])/gi, 'address', /::|%3A|(?::[0-9a-f]{1,4}){7}/i],
@@ -81,10 +84,11 @@ const FIELDS = [
   [/(Network Device Test: \[)(?<bare>[^\]\r\n]+)/g, 'host'],
   [/(nfd_(?:not_)?ip)(?<bare>[^\s'"\/]+?)(?=p-?\d+)/g, 'host'],
   [/(^\d{4}-\d\d-\d\dT\S+ )(?<bare>\S+)(?= \[)/gm, 'host'],
+  [/(^(?:search|domain)[ \t]+)(?<bare>[\w.-]+)/gm, 'host'],
   [/(\bLinux )(?<bare>[\w.-]+)(?= \d+\.\d+)/g, 'host'],
   [/(^[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d )(?<bare>\S+)(?= \S+:)/gm, 'host'],
   [/(\bcore\.[^\s\/]{1,200}?\.\d{1,10}\.)(?<bare>[^\s\/]{1,100}?)(?=\.\d{9,11}(?!\d))/g, 'host'],
-  [new RegExp(`((?<![A-Za-z])(?:host[_-]?name|host|rhost)${IS})${NAME_VALUE}`, 'gi'), 'host'],
+  [new RegExp(`((?<![A-Za-z])(?:host[ _-]?name|host|rhost|domain[ _-]?name|domain|workgroup|realm|e?ssid)${IS})${NAME_VALUE}`, 'gi'), 'host'],
   [new RegExp(`()(?<![\\w.%-])(?<bare>${DOMAIN})(?![\\w-]|\\.\\w)`, 'gi'), 'host'],
 ];
 /** Of texts that have no words, as rows of numbers. */
@@ -202,7 +206,10 @@ export function createSecrets(words = []) {
         const hex = key.split('.').map((part) => Number(part).toString(16).padStart(2, '0'));
         for (const word of [hex.join(''), hex.reverse().join('')].filter((one) => /[a-f]/.test(one))) {
           addLiteral(word, kind, key);
+          addLiteral(`0x${word}`, kind, key);
         }
+        addLiteral(key.replaceAll('.', '-'), kind, key);
+        addLiteral(key.replaceAll('.', '_'), kind, key);
       }
       for (const text of spellings(key)) {
         addLiteral(text, kind, key);
@@ -210,6 +217,16 @@ export function createSecrets(words = []) {
     } else {
       if (kind === 'host') {
         inEvents.set(key.replaceAll('.', 'o'), { kind, key });
+        const [first = '', ...domain] = key.split('.');
+        // "nvr-7.firma.at" is also met as "nvr-7", and others of its domain are there.
+        if (domain.length > 0 && /[\d-]/.test(first) && isTelling('host', first)) {
+          addLiteral(first, kind, key);
+        }
+        if (domain.length > 1) {
+          remember('host', domain.join('.'));
+        }
+      } else if (kind === 'mail') {
+        remember('host', key.slice(key.indexOf('@') + 1));
       }
       for (const text of spellings(value)) {
         addLiteral(text, kind, key);
@@ -218,19 +235,21 @@ export function createSecrets(words = []) {
   }
 
   /** @param {Kind} kind @param {string} value */
-  function isTelling(kind, value) {
-    return value.length >= (kind === 'password' ? SHORTEST_PASSWORD : SHORTEST) && !plain.has(value.toLowerCase())
-      // "auth: something" may be a sentence.
-      && (kind !== 'password' || !/^[a-z]+:?$/i.test(value) || value !== value.toLowerCase() || value.length > 14) && !/^\d{1,4}$/.test(value);
-  }
+  const isTelling = (kind, value) => value.length >= (kind === 'password' ? SHORTEST_PASSWORD : SHORTEST) && !plain.has(value.toLowerCase())
+    && !/^\d{1,4}$/.test(value);
 
   /**
    * What takes the place of a value whose kind is known by where it stands.
    * @param {Kind} kind @param {string} value @param {boolean} learning
+   * @param {string} [before] what stands in front of it
    * @returns {string}
    */
-  function inPlace(kind, value, learning) {
+  function inPlace(kind, value, learning, before = '=') {
     const trimmed = value.trim();
+    const sentence = kind === 'user' || kind === 'host' ? /[.,;:!?]+$/.exec(trimmed) : null;
+    if (sentence && sentence.index > 0) {
+      return inPlace(kind, trimmed.slice(0, sentence.index), learning, before) + sentence[0];
+    }
     if (trimmed === '' || trimmed === '-' || STAND_IN.test(trimmed)) {
       return value;
     }
@@ -252,7 +271,8 @@ export function createSecrets(words = []) {
         || (kind === 'user' && plain.has(key) && key !== '')) {
       return kind === 'user' && !/^(?:null|none|unknown|no)$/.test(key) ? standIn(kind, key) : value;
     }
-    if (learning && isTelling(kind, trimmed)) {
+    // "auth: something" may be a sentence: such a word is only replaced there.
+    if (learning && isTelling(kind, trimmed) && (kind !== 'password' || /[=>"']|%3D/i.test(before) || !/^[a-z]+$/.test(trimmed))) {
       remember(kind, trimmed);
     }
     return standIn(kind, key);
@@ -289,7 +309,8 @@ export function createSecrets(words = []) {
           return whole;
         }
         const place = whole.indexOf(value, before.length);
-        return whole.slice(0, place) + inPlace(kind, kind === 'user' || kind === 'password' ? decoded(value) : value, learning) + whole.slice(place + value.length);
+        const meant = kind === 'user' || kind === 'password' ? decoded(value) : value;
+        return whole.slice(0, place) + inPlace(kind, meant, learning, whole.slice(0, place)) + whole.slice(place + value.length);
       });
     }
     return out;
@@ -341,7 +362,7 @@ export function createSecrets(words = []) {
       inFields(text, true);
       if (DEVICE_TEST.test(path)) {
         for (const line of text.split(/\r?\n/)) {
-          const [day = '', , name = '', address = ''] = line.split(',');
+          const [day = '', , name = '', address = ''] = [...line.matchAll(/("(?:[^"]|"")*"|[^,]*)(?:,|$)/g)].map((cell) => cell[1] ?? '');
           if (/^\d{4}-/.test(day)) {
             inPlace('host', name.replaceAll('"', ''), true);
             inPlace('host', address, true);

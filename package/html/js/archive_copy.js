@@ -2,13 +2,11 @@
 // read. Needs no page, and gives way to it.
 
 import { byteSize } from './format.js';
-import { NOT_TEXT } from './recording.js';
+import { LEFT_OUT, NOT_TEXT } from './recording.js';
 import { createSecrets, linesOut, SECRET_TITLES } from './secrets.js';
 import { createZip } from './zip_file.js';
 
 const SLICE_MS = 10; // then the page goes on
-/** What a copy leaves out, with the names that its files would have. */
-export const LEFT_OUT = 'Left_out.txt';
 const MOST_ALL_BYTES = 32 * 1024 * 1024; // of texts: of more only those that usually tell are looked through
 /** Texts in which it is told who uses the camera and what it talks to. */
 const TELLING = /Session_Information\.txt$|HTTP_log\.txt$|Continuous_Syslog\.txt$|eventlistener\.txt$|device_?test[^/]*\.(?:csv|txt)$|KORAL_Tester\.txt$|koral_status\.txt$|Server_Report[^/]*\.(?:txt|log)$|_server-report\.log$/i;

@@ -9,6 +9,8 @@ import { list, number, partsOfPath, text } from './session_data.js';
 // Of a file that is asked for whole: between two parts the daemon gets on with its other work.
 const PART_BYTES = 4 * 1024 * 1024;
 const TIMEOUT_MS = 120000;
+/** What a copy without secrets leaves out: path, bytes and time, with tabs between. */
+export const LEFT_OUT = 'Left_out.txt';
 const MOST_CUT = 3; // requests of one file
 const CUT_PAUSE_MS = 1500;
 /** Files that are no text, by their names. */
@@ -33,6 +35,7 @@ export const NOT_TEXT = /(?:\.(?:jpe?g|png|zip|gz|tgz|xz|lzo|pcap(?:ng)?|core|bi
  * @property {Csv[]} csv
  * @property {Item[]} files others than those
  * @property {boolean} complete whether these are all
+ * @property {Item[]} [left] files of which a copy has the names alone: they tell what happened as well
  */
 
 /**

@@ -8,6 +8,7 @@ import { readBoth } from './compare_data.js';
 import { actionButton, createMessage, createTable, field, select } from './controls.js';
 import { el, setText } from './dom.js';
 import { counted } from './format.js';
+import { createLongWork } from './long_work.js';
 import { createPlot, lookOf } from './plot.js';
 import { wallSeconds, wallText } from './series.js';
 
@@ -43,8 +44,6 @@ function timeField(label, onchange) {
  * @param {() => Promise<Other[]>} others
  */
 export function createCompareCard(recording, known, main, others) {
-  /** @type {AbortController | null} */
-  let running = null;
   /** @type {Other[]} */
   let sessions = [];
   /** @type {ReturnType<typeof spansToCompare>} */
@@ -53,9 +52,7 @@ export function createCompareCard(recording, known, main, others) {
   let read = null;
   let readWith = '';
   const message = createMessage();
-  const progress = el('progress', { max: 1, 'aria-label': 'Reading both' });
-  const stop = el('button', { type: 'button', onclick: () => running?.abort() }, 'Stop');
-  const work = el('div', { class: 'tools small', hidden: true }, progress, stop);
+  const work = createLongWork('Reading both', message);
   const what = select([], () => chosen());
   const file = el('input', { type: 'file', accept: '.zip,application/zip', 'aria-label': 'Archive to compare with' });
   const filePlace = el('div', { class: 'tools', hidden: true }, file);
@@ -98,7 +95,7 @@ export function createCompareCard(recording, known, main, others) {
     el('h2', {}, 'Compare'),
     el('p', {}, 'What differs between this recording and another one, or between two spans of it: before and after a restart or a firmware, a good camera and a bad one.'),
     el('div', { class: 'tools' }, field('Compare', what, 'grow')), filePlace, spanPlace,
-    el('div', { class: 'tools' }, actionButton('Show differences', () => compare(), { class: 'primary' })), work, message.element, result);
+    el('div', { class: 'tools' }, actionButton('Show differences', () => compare(), { class: 'primary' })), work.element, message.element, result);
 
   const spanIndex = () => (/^span\d+$/.test(what.value) ? Number(what.value.slice(4)) : -1);
 
@@ -139,38 +136,22 @@ export function createCompareCard(recording, known, main, others) {
     return session ? { key: session.title, recording: session.recording } : { key: '', recording };
   }
 
-  async function compare() {
-    running?.abort();
-    const controller = new AbortController();
-    running = controller;
-    message.clear();
-    progress.value = 0;
-    work.hidden = false;
+  const compare = () => work.run(async (options) => {
     result.hidden = true;
-    try {
-      const other = await otherOf();
-      const own = times.map(({ get }) => get());
-      if (other.key === '' && !(Number(own[0]) < Number(own[1]) && Number(own[2]) < Number(own[3]))) {
-        throw Object.assign(new Error('A span ends before it begins.'), { advice: 'Give both a beginning and a later end.' });
-      }
-      if (read === null || readWith !== other.key) {
-        read = null;
-        const both = await readBoth(recording, known(), other.recording, { signal: controller.signal, onProgress: (done) => { progress.value = done; } });
-        controller.signal.throwIfAborted();
-        [read, readWith] = [both, other.key];
-      }
-      show(read, ...(other.key === '' ? /** @type {[Range, Range]} */ ([[own[0], own[1]], [own[2], own[3]]]) : /** @type {[Range, Range]} */ ([read.a.span, read.b.span])));
-    } catch (error) {
-      if (running === controller) {
-        message.fail(controller.signal.aborted ? { message: 'Stopped.', advice: '' } : error);
-      }
-    } finally {
-      if (running === controller) {
-        running = null;
-        work.hidden = true;
-      }
+    const other = await otherOf();
+    const own = times.map(({ get }) => get());
+    if (other.key === '' && !(Number(own[0]) < Number(own[1]) && Number(own[2]) < Number(own[3]))) {
+      throw Object.assign(new Error('A span ends before it begins.'), { advice: 'Give both a beginning and a later end.' });
     }
-  }
+    if (read === null || readWith !== other.key) {
+      read = null;
+      const both = await readBoth(recording, known(), other.recording, options);
+      options.signal.throwIfAborted();
+      [read, readWith] = [both, other.key];
+    }
+    show(read, .../** @type {[Range, Range]} */ (other.key === '' ? [[own[0], own[1]], [own[2], own[3]]] : [read.a.span, read.b.span]));
+    return '';
+  });
 
   /** @type {[Range, Range]} */
   let ranges = [[0, 1], [0, 1]];
@@ -246,11 +227,8 @@ export function createCompareCard(recording, known, main, others) {
       offer();
     },
     close() {
-      const ended = running;
-      running = null;
-      ended?.abort();
+      work.close();
       read = null;
-      message.clear();
       plots.forEach((plot) => plot.close());
       group.close();
     },

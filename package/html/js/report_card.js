@@ -4,6 +4,7 @@ import { copyWithoutSecrets, countsText, readSecrets } from './archive_copy.js';
 import { actionButton, createMessage } from './controls.js';
 import { el } from './dom.js';
 import { byteSize, counted } from './format.js';
+import { createLongWork } from './long_work.js';
 import { saveBlob } from './recording.js';
 import { reportHtml } from './report.js';
 import { readReport } from './report_data.js';
@@ -13,38 +14,11 @@ import { readReport } from './report_data.js';
  * @param {() => import('./report_data.js').Known} known
  */
 export function createReportCard(recording, known) {
-  /** @type {AbortController | null} */
-  let running = null;
   const message = createMessage();
-  const progress = el('progress', { max: 1, 'aria-label': 'Reading' });
-  const stop = el('button', { type: 'button', onclick: () => running?.abort() }, 'Stop');
-  const work = el('div', { class: 'tools small', hidden: true }, progress, stop);
+  const work = createLongWork('Reading', message);
   const box = el('input', { type: 'checkbox', checked: true });
 
-  /** @param {(options: {signal: AbortSignal, onProgress: (done: number) => void}) => Promise<string>} act resolves to what was done */
-  async function run(act) {
-    running?.abort();
-    const controller = new AbortController();
-    running = controller;
-    message.clear();
-    progress.value = 0;
-    work.hidden = false;
-    try {
-      const done = await act({ signal: controller.signal, onProgress: (part) => { progress.value = part; } });
-      message.show('good', done);
-    } catch (error) {
-      if (running === controller) {
-        message.fail(controller.signal.aborted ? { message: 'Stopped.', advice: '' } : error);
-      }
-    } finally {
-      if (running === controller) {
-        running = null;
-        work.hidden = true;
-      }
-    }
-  }
-
-  const makeReport = actionButton('Save report', () => run(async ({ signal, onProgress }) => {
+  const makeReport = actionButton('Save report', () => work.run(async ({ signal, onProgress }) => {
     const without = box.checked;
     const secrets = without ? (await readSecrets(recording, known().contents, false, { signal, onProgress: (done) => onProgress(done / 2) })).secrets : null;
     const report = await readReport(recording, known(), { signal, onProgress: (done) => onProgress(without ? 0.5 + done / 2 : done) });
@@ -55,7 +29,7 @@ export function createReportCard(recording, known) {
     saveBlob(new Blob([html], { type: 'text/html' }), name);
     return `Saved as ${name}. ${secrets ? replaced() : 'It has names and addresses as they were recorded.'}`;
   }), { class: 'primary' });
-  const makeCopy = actionButton('Save a copy without secrets', () => run(async (options) => {
+  const makeCopy = actionButton('Save a copy without secrets', () => work.run(async (options) => {
     const { blob, name, counts, files, left } = await copyWithoutSecrets(recording, known().contents, options);
     saveBlob(blob, name);
     return `Saved as ${name}: ${counted(files, 'text file')}, ${byteSize(blob.size)}. Replaced: ${countsText(counts) || 'nothing'}. ${
@@ -65,17 +39,9 @@ export function createReportCard(recording, known) {
   const element = el('section', { class: 'card', 'aria-label': 'Report', hidden: true },
     el('h2', {}, 'Report'),
     el('p', {}, 'The findings with their charts, what happened and what the camera is, as one HTML file to mail or print.'),
-    el('div', { class: 'tools' }, el('label', { class: 'check' }, box, 'Without secrets'), makeReport, makeCopy), work, message.element,
+    el('div', { class: 'tools' }, el('label', { class: 'check' }, box, 'Without secrets'), makeReport, makeCopy), work.element, message.element,
     el('p', { class: 'quiet' }, 'Without secrets, names of users, addresses, host names, serial and MAC numbers and passwords have stand-ins such as “user-1”, '
       + 'the same ones everywhere. The copy is an archive of the text files alone: cores, images, traces and packed files are left out and listed. '
       + 'What people wrote in words of their own can’t be recognised: look through it before you hand it on.'));
-  return {
-    element,
-    close() {
-      const ended = running;
-      running = null;
-      ended?.abort();
-      message.clear();
-    },
-  };
+  return { element, close: work.close };
 }

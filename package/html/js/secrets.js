@@ -15,6 +15,7 @@ const KINDS = /** @type {Kind[]} */ (Object.keys(SECRET_TITLES));
 
 const SHORTEST = 3; // of what is looked for wherever it stands
 const SHORTEST_PASSWORD = 6;
+const MOST_LITERALS = 20000; // looked for wherever they stand: nobody has so many but who floods a log
 const MOST_LINE = 1024 * 1024;
 /** Instead of what can't be looked through. */
 export const LEFT_OUT_LINE = '[a line that is too long was left out]';
@@ -57,7 +58,7 @@ const FIELDS = [
   [new RegExp(`((?<![A-Za-z0-9])(?:${SHORT_SECRET})${IS})${VALUE}`, 'gi'), 'password'],
   [new RegExp(`(<[\\w:.-]{0,40}?(?:${LONG_SECRET}|${SHORT_SECRET})\\w{0,20}(?:[ \\t][^<>\\r\\n]{0,300})?>)(?<bare>[^<\\r\\n]+)`, 'gi'), 'password'],
   // Of the web server's log and of what was called.
-  [/(IPAddress:\S+ User:)(?<bare>[^\r\n]*?)(?= {1,2}")/g, 'user'],
+  [/(IPAddress:\S{1,64} User:)(?<bare>[^\r\n]{0,1000}?)(?= {1,2}")/g, 'user'],
   [/(\bothers\/)(?<bare>[^\/@\r\n]+)(?=@[^\/\r\n]*\.csv)/g, 'user'],
   [/(\bothers\/[^\/\r\n]*@)(?<bare>[^\/@\r\n]+)(?=\.csv)/g, 'user'],
   [/(\/home\/)(?<bare>[^\/\s"':]+)/g, 'user'],
@@ -71,7 +72,7 @@ const FIELDS = [
   [new RegExp(`((?<![A-Za-z])(?:${USER})${IS})${NAME_VALUE}`, 'gi'), 'user'],
   [new RegExp(`(<[\\w:.-]{0,40}?(?:${USER})(?:[ \\t][^<>\\r\\n]{0,300})?>)(?<bare>[^<\\r\\n]+)`, 'gi'), 'user'],
   [new RegExp(`()(?<![\\w.+-])(?<bare>[\\w.+-]{1,64}(?:@|%40)${MAIL_DOMAIN})(?![\\w-])`, 'gi'), 'mail', /@|%40/],
-  [/(\bserial[ \t_-]*(?:number|no\.?|nr\.?)?\\{0,3}["']?[ \t]*[=:>][ \t]*\\{0,3}["']?)(?<bare>(?=[A-Za-z0-9-]*\d)[A-Za-z0-9-]{6,})/gi, 'serial'],
+  [/(\bserial[ \t_-]{0,3}(?:number|no\.?|nr\.?)?\\{0,3}["']?[ \t]{0,20}[=:>][ \t]{0,20}\\{0,3}["']?)(?<bare>(?=[A-Za-z0-9-]*\d)[A-Za-z0-9-]{6,})/gi, 'serial'],
   [/(\bS\/N:?[ \t]*)(?<bare>[A-Za-z0-9-]{4,})/g, 'serial'],
   [/(Vandrel_)(?<bare>(?=[0-9A-Za-z]*\d)[0-9A-Za-z]{6,})/g, 'serial'],
   [/()(?<![0-9A-Za-z])(?<bare>(?=[0-9]*[A-F])(?=[A-F]*[0-9])[0-9A-F]{12})(?![0-9A-Za-z])/g, 'serial', /[0-9A-F]{12}/],
@@ -82,12 +83,12 @@ const FIELDS = [
   [/()(?<![\d.])(?<bare>(?:\d{1,3}\.){3}\d{1,3})(?!\.?\d)/g, 'address', /\d\.\d{1,3}\.\d{1,3}\./],
   // The device test: its log, its events' names with "o" for ".".
   [/(Network Device Test: \[)(?<bare>[^\]\r\n]+)/g, 'host'],
-  [/(nfd_(?:not_)?ip)(?<bare>[^\s'"\/]+?)(?=p-?\d+)/g, 'host'],
+  [/(nfd_(?:not_)?ip)(?<bare>[^\s'"\/]{1,64}?)(?=p-?\d+)/g, 'host'],
   [/(^\d{4}-\d\d-\d\dT\S+ )(?<bare>\S+)(?= \[)/gm, 'host'],
   [/(^(?:search|domain)[ \t]+)(?<bare>[\w.-]+)/gm, 'host'],
   [/(\bLinux )(?<bare>[\w.-]+)(?= \d+\.\d+)/g, 'host'],
   [/(^[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d )(?<bare>\S+)(?= \S+:)/gm, 'host'],
-  [/(\bcore\.[^\s\/]{1,200}?\.\d{1,10}\.)(?<bare>[^\s\/]{1,100}?)(?=\.\d{9,11}(?!\d))/g, 'host'],
+  [/((?<![\w.])core\.[^\s\/]{1,200}?\.\d{1,10}\.)(?<bare>[^\s\/]{1,100}?)(?=\.\d{9,11}(?!\d))/g, 'host'],
   [new RegExp(`((?<![A-Za-z])(?:host[ _-]?name|host|rhost|domain[ _-]?name|domain|workgroup|realm|e?ssid)${IS})${NAME_VALUE}`, 'gi'), 'host'],
   [new RegExp(`()(?<![\\w.%-])(?<bare>${DOMAIN})(?![\\w-]|\\.\\w)`, 'gi'), 'host'],
 ];
@@ -155,6 +156,9 @@ export function createSecrets(words = []) {
   /** @type {Record<Kind, {different: Set<string>, places: number}>} */
   const replaced = /** @type {any} */ (Object.fromEntries(KINDS.map((kind) => [kind, { different: new Set(), places: 0 }])));
   let counting = true;
+  /** @type {Set<{text: string}[]>} */
+  const unsorted = new Set();
+  let literalCount = 0;
   let hasNumbers = false; // whether what is looked for as a word may be without letters
 
   /** @param {Kind} kind @param {string} key */
@@ -177,12 +181,15 @@ export function createSecrets(words = []) {
     if (!first) {
       return;
     }
+    if (++literalCount > MOST_LITERALS) {
+      return; // it is replaced where its place tells what it is
+    }
     hasNumbers ||= kind !== 'address' && !LETTERS.test(text); // addresses are known by their form
     const own = { text: text.slice(first.index), kind, key };
     const list = literals.get(first[0]) ?? [];
-    if (!list.some((one) => one.text === own.text)) {
-      literals.set(first[0], [...list, own].sort((a, b) => b.text.length - a.text.length));
-    }
+    list.push(own);
+    literals.set(first[0], list);
+    unsorted.add(list);
   }
 
   /** Has it replaced wherever it stands. @param {Kind} kind @param {string} value */
@@ -210,9 +217,6 @@ export function createSecrets(words = []) {
         }
         addLiteral(key.replaceAll('.', '-'), kind, key);
         addLiteral(key.replaceAll('.', '_'), kind, key);
-      }
-      for (const text of spellings(key)) {
-        addLiteral(text, kind, key);
       }
     } else {
       if (kind === 'host') {
@@ -328,6 +332,10 @@ export function createSecrets(words = []) {
     if (literals.size === 0 || !(hasNumbers || LETTERS.test(text))) {
       return outer;
     }
+    for (const list of unsorted) {
+      list.sort((a, b) => b.text.length - a.text.length);
+    }
+    unsorted.clear();
     const low = outer.toLowerCase();
     const sameLength = low.length === outer.length; // of few letters the small one is two
     const search = sameLength ? low : outer;

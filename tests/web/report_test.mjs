@@ -163,12 +163,12 @@ test('what is no secret stays, and what can’t be looked through is left out', 
   assert.equal(lines.join(''), 'a\nbc\n[a line that is too long was left out]\nd\n[a key or certificate was left out]\ne');
 });
 
-test('differences are told by what is usual, not by odd values', () => {
+test('differences are told by what is usual, not by odd values', async () => {
   const series = (name, value, more = {}) => ({ name, categories: null, times: Array.from({ length: 200 }, (_, row) => row * 60), values: Array.from({ length: 200 }, (_, row) => value(row)), ...more });
   const noise = (row) => 10 + row * 7919 % 13 / 10;
   const states = { categories: ['Running', 'Stopped'] };
   const chart = { id: 'x', title: 'X', rank: 1 };
-  const { quantities, only } = comparedQuantities([{
+  const { quantities, only } = await comparedQuantities([{
     chart,
     a: [series('same', noise), series('odd', noise), series('higher', noise), series('peaks', noise), series('fan', () => 0, states), series('gone', noise)],
     b: [series('same', (row) => noise(row + 5)), series('odd', (row) => (row === 7 ? 1e9 : noise(row))), series('higher', (row) => 3 * noise(row)),

@@ -1,12 +1,12 @@
 // A copy of a recording without secrets: its texts with stand-ins, packed anew. The original is only
 // read. Needs no page, and gives way to it.
 
+import { createBreath } from './breath.js';
 import { byteSize } from './format.js';
 import { LEFT_OUT, NOT_TEXT } from './recording.js';
 import { createSecrets, linesOut, SECRET_TITLES } from './secrets.js';
 import { createZip } from './zip_file.js';
 
-const SLICE_MS = 10; // then the page goes on
 const MOST_ALL_BYTES = 32 * 1024 * 1024; // of texts: of more only those that usually tell are looked through
 /** Texts in which it is told who uses the camera and what it talks to. */
 const TELLING = /Session_Information\.txt$|HTTP_log\.txt$|Continuous_Syslog\.txt$|eventlistener\.txt$|device_?test[^/]*\.(?:csv|txt)$|KORAL_Tester\.txt$|koral_status\.txt$|Server_Report[^/]*\.(?:txt|log)$|_server-report\.log$/i;
@@ -18,18 +18,6 @@ const TELLING = /Session_Information\.txt$|HTTP_log\.txt$|Continuous_Syslog\.txt
  * @property {AbortSignal} [signal]
  * @property {(done: number) => void} [onProgress] from 0 to 1
  */
-
-/** @param {AbortSignal | undefined} signal */
-function createBreath(signal) {
-  let since = performance.now();
-  return async () => {
-    signal?.throwIfAborted();
-    if (performance.now() - since > SLICE_MS) {
-      await new Promise((resolve) => { setTimeout(resolve, 0); });
-      since = performance.now();
-    }
-  };
-}
 
 /**
  * Calls `take` with the whole lines of a file, one piece after the other.

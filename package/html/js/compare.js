@@ -124,14 +124,16 @@ function statesOf(a, b, rangeA, rangeB) {
 /**
  * Every quantity of both sides, the greatest differences first, those of charts on no dashboard behind, and what only one side has recorded.
  * @param {{chart: Chart, a: Series[], b: Series[]}[]} read @param {Range} rangeA @param {Range} rangeB
+ * @param {() => Promise<void>} [breathe] between two quantities
  */
-export function comparedQuantities(read, rangeA, rangeB) {
+export async function comparedQuantities(read, rangeA, rangeB, breathe) {
   /** @type {Quantity[]} */
   const quantities = [];
   /** @type {{a: string[], b: string[]}} */
   const only = { a: [], b: [] };
   for (const { chart, a, b } of read) {
     for (const name of new Set([...a, ...b].map((series) => series.name))) {
+      await breathe?.();
       const [left, right] = [a, b].map((side) => side.find((series) => series.name === name));
       const title = `${chart.title}: ${name}`;
       const found = left && right && Boolean(left.categories) === Boolean(right.categories)

@@ -2,6 +2,7 @@
 // that has both on one line of time, the time since the start of each.
 
 import { openArchive } from './archive_file.js';
+import { createBreath } from './breath.js';
 import { createChartGroup } from './chart_group.js';
 import { comparedFacts, comparedFindings, comparedQuantities, sinceStart, spansToCompare } from './compare.js';
 import { readBoth } from './compare_data.js';
@@ -149,16 +150,16 @@ export function createCompareCard(recording, known, main, others) {
       options.signal.throwIfAborted();
       [read, readWith] = [both, other.key];
     }
-    show(read, .../** @type {[Range, Range]} */ (other.key === '' ? [[own[0], own[1]], [own[2], own[3]]] : [read.a.span, read.b.span]));
+    await show(read, options.signal, .../** @type {[Range, Range]} */ (other.key === '' ? [[own[0], own[1]], [own[2], own[3]]] : [read.a.span, read.b.span]));
     return '';
   });
 
   /** @type {[Range, Range]} */
   let ranges = [[0, 1], [0, 1]];
-  /** @param {NonNullable<typeof read>} both @param {Range} rangeA @param {Range} rangeB */
-  function show(both, rangeA, rangeB) {
+  /** @param {NonNullable<typeof read>} both @param {AbortSignal} signal @param {Range} rangeA @param {Range} rangeB */
+  async function show(both, signal, rangeA, rangeB) {
+    const { quantities: all, only } = await comparedQuantities(both.charts, rangeA, rangeB, createBreath(signal));
     ranges = [rangeA, rangeB];
-    const { quantities: all, only } = comparedQuantities(both.charts, rangeA, rangeB);
     const differing = all.filter(({ differs }) => differs);
     const within = (/** @type {typeof both.a} */ side, /** @type {Range} */ [from, to]) => side.findings.filter((finding) => finding.to >= from && finding.from <= to);
     const found = comparedFindings(within(both.a, rangeA), within(both.b, rangeB));

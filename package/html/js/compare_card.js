@@ -51,14 +51,15 @@ export function createCompareCard(recording, known, main, others) {
   let spans = [];
   /** @type {Awaited<ReturnType<typeof readBoth>> | null} */
   let read = null;
-  let readWith = '';
+  /** @type {string | null} */
+  let readWith = null;
   const message = createMessage();
   const work = createLongWork('Reading both', message);
   const what = select([], () => chosen());
   const file = el('input', { type: 'file', accept: '.zip,application/zip', 'aria-label': 'Archive to compare with' });
   const filePlace = el('div', { class: 'tools', hidden: true }, file);
   const times = ['A from', 'A to', 'B from', 'B to'].map((label) => timeField(label, () => {
-    if (spanIndex() >= 0) {
+    if (spanNow()) {
       what.value = OWN;
     }
   }));
@@ -98,24 +99,25 @@ export function createCompareCard(recording, known, main, others) {
     el('div', { class: 'tools' }, field('Compare', what, 'grow')), filePlace, spanPlace,
     el('div', { class: 'tools' }, actionButton('Show differences', () => compare(), { class: 'primary' })), work.element, message.element, result);
 
-  const spanIndex = () => (/^span\d+$/.test(what.value) ? Number(what.value.slice(4)) : -1);
+  const titleOf = (/** @type {typeof spans[number]} */ { title, time }) => (time === undefined ? title : `${title} ${wallText(time)}`);
+  const spanNow = () => spans.find((span) => titleOf(span) === what.value);
 
   function offer() {
     const [from, to] = main.whole();
     spans = spansToCompare([from, to], main.range(), known().marks);
     const before = what.value;
     const choices = [
-      ...spans.map(({ title, time }, index) => [`span${index}`, time === undefined ? title : `${title} ${wallText(time)}`]),
+      ...spans.map((span) => [titleOf(span), titleOf(span)]),
       [OWN, 'Two spans of my own'],
       ...sessions.map(({ title }, index) => [`session${index}`, `This one and session ${title}`]),
       [FILE, 'This one and an archive on this computer'],
     ];
     what.replaceChildren(...choices.map(([value = '', text = '']) => el('option', { value }, text)));
-    what.value = choices.some(([value]) => value === before) ? before : 'span0';
+    what.value = choices.some(([value]) => value === before) ? before : choices[0]?.[0] ?? OWN;
     chosen();
   }
   function chosen() {
-    const span = spans[spanIndex()];
+    const span = spanNow();
     filePlace.hidden = what.value !== FILE;
     spanPlace.hidden = !span && what.value !== OWN;
     if (span) {
@@ -219,9 +221,18 @@ export function createCompareCard(recording, known, main, others) {
     }
   }
 
+  main.onRange(() => {
+    if (!element.hidden && document.activeElement !== what) {
+      offer();
+    }
+  });
+
   return {
     element,
-    offer,
+    /** The recording has gone on. */
+    forget() {
+      readWith = null; // what is shown stays until it is asked for again
+    },
     async open() {
       offer();
       sessions = await others().catch(() => []);

@@ -37,6 +37,7 @@ export function createRecordingTools(recording, group, others) {
     /** What has been read of the recording. @param {typeof known} next */
     show(next) {
       known = next;
+      compare.forget();
       buttons.forEach((button) => { button.disabled = false; });
     },
     close() {

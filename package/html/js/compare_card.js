@@ -93,7 +93,7 @@ export function createCompareCard(recording, known, main, others) {
   const legend = el('p', { class: 'quiet sides' });
   const chart = el('div', { class: 'chart', hidden: true }, chartTitle, ...plots.map((plot) => plot.element), legend);
   const result = el('div', { class: 'view', hidden: true }, verdict, sides, facts.element, findings, chart, el('div', { class: 'differences' }, quantities.element, more), hint, rest);
-  const element = el('section', { class: 'card', 'aria-label': 'Compare', hidden: true },
+  const element = el('section', { class: 'card', 'aria-label': 'Compare' },
     el('h2', {}, 'Compare'),
     el('p', {}, 'What differs between this recording and another one, or between two spans of it: before and after a restart or a firmware, a good camera and a bad one.'),
     el('div', { class: 'tools' }, field('Compare', what, 'grow')), filePlace, spanPlace,
@@ -222,7 +222,7 @@ export function createCompareCard(recording, known, main, others) {
   }
 
   main.onRange(() => {
-    if (!element.hidden && document.activeElement !== what) {
+    if (element.getClientRects().length > 0 && document.activeElement !== what) {
       offer();
     }
   });

@@ -168,7 +168,7 @@ export function createRecordingView(recording, hrefOf, others = async () => []) 
 
   const informationCard = el('section', { class: 'card', 'aria-label': 'Information' },
     el('details', {}, el('summary', {}, el('h2', {}, 'Information')), information.element));
-  const element = el('div', { class: 'view' }, message.element, ...tools.cards, findings.element, informationCard, timeline.element, board.element,
+  const element = el('div', { class: 'view' }, message.element, ...tools.places, findings.element, informationCard, timeline.element, board.element,
     timeline.list, images.element, texts.element, crashFiles.element, allFiles.element);
   const stopWaiting = whenSeen(texts.element, () => {
     textsSeen = true;

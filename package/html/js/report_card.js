@@ -36,7 +36,7 @@ export function createReportCard(recording, known) {
       left > 0 ? `${counted(left, 'file')} that ${left === 1 ? 'is' : 'are'} no text ${left === 1 ? 'is' : 'are'} left out and listed in it.` : ''}`;
   }));
 
-  const element = el('section', { class: 'card', 'aria-label': 'Report', hidden: true },
+  const element = el('section', { class: 'card', 'aria-label': 'Report' },
     el('h2', {}, 'Report'),
     el('p', {}, 'The findings with their charts, what happened and what the camera is, as one HTML file to mail or print.'),
     el('div', { class: 'tools' }, el('label', { class: 'check' }, box, 'Without secrets'), makeReport, makeCopy), work.element, message.element,

@@ -62,8 +62,8 @@ export function reportHtml(report, hide = (text) => text, replaced) {
   const facts = (/** @type {[string, string][]} */ pairs) => `<dl>${pairs.filter(([, value]) => value !== '')
     // Together, as "Serial Number: X" tells what X is.
     .map(([name, value]) => {
-      const line = hide(`${name}: ${value}`);
-      return `<dt>${markup(visible(name))}</dt><dd>${markup(visible(line.startsWith(`${name}: `) ? line.slice(name.length + 2) : line))}</dd>`;
+      const [line, own] = [hide(`${name}: ${value}`), hide(name)];
+      return `<dt>${markup(visible(own))}</dt><dd>${markup(visible(line.startsWith(`${own}: `) ? line.slice(own.length + 2) : line))}</dd>`;
     }).join('')}</dl>`;
   const grave = report.marks.filter(({ kind }) => kind === 'crash' || kind === 'reboot' || kind === 'gap' || kind === 'storage');
   const picture = (/** @type {Picture | undefined} */ one) => (one ? chartFigure({

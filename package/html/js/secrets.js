@@ -33,10 +33,12 @@ const STAND_IN = new RegExp(`^(?:${KINDS.join('|')})-\\d+(?!\\w)`);
 // --- Where secrets stand. Each pattern has what stands before, then the value; none goes over a line's end.
 
 const GAP = '[ \\t]{0,3}';
-/** Between a name and its value: `name=`, `"name": `, `name%3D`. */
-const IS = `\\\\{0,3}["']?${GAP}(?:=>|[=:]|%(?:25)?3[Dd])${GAP}`;
+/** Between a name and its value: `name=`, `"name": `. */
+const IS = `\\\\{0,3}["']?${GAP}(?:=>|[=:])${GAP}`;
 /** A value in quotes of any kind, escaped ones as well, or up to what ends a word. */
-const VALUE = '(?:\\\\+"(?<escaped>[^\\r\\n]*?)\\\\+"|"(?<quoted>(?:[^"\\\\\\r\\n]|\\\\[^\\r\\n])*)"|\'(?<single>[^\'\\r\\n]*)\'|(?<bare>(?:(?!%26)[^\\s&"\'<>\\\\])+))';
+const VALUE = '(?:\\\\+"(?<escaped>[^\\r\\n]*?)\\\\+"|"(?<quoted>(?:[^"\\\\\\r\\n]|\\\\[^\\r\\n])*)"|\'(?<single>[^\'\\r\\n]*)\'|(?<bare>[^\\s&"\'<>\\\\]+))';
+/** The same within an argument of a web address: `name%3Dvalue%26`. */
+const ENCODED = '%(?:25)?3D(?<bare>(?:(?!%26|%2526|%22)[^\\s&"\'<>\\\\,;()])+)';
 /** A name, which ends at more. */
 const NAME_VALUE = VALUE.replace('[^\\s&', '[^\\s,;:()\\]&');
 const LONG_SECRET = 'passw(?:or)?d|passwd|passphrase|passcode|pwd|token|secret|api[_-]?key|access[_-]?key|private[_-]?key|credentials?|session[_-]?id|signature|wpa[_-]?psk';
@@ -56,6 +58,7 @@ const FIELDS = [
   [/(\bBasic[ \t]+)(?<bare>(?=\S*[0-9=])[A-Za-z0-9+/]{6,}={0,2})/g, 'password'],
   [new RegExp(`((?:${LONG_SECRET})\\w{0,20}${IS})${VALUE}`, 'gi'), 'password'],
   [new RegExp(`((?<![A-Za-z0-9])(?:${SHORT_SECRET})${IS})${VALUE}`, 'gi'), 'password'],
+  [new RegExp(`((?:${LONG_SECRET})\\w{0,20}|(?:${SHORT_SECRET}))${ENCODED}`, 'gi'), 'password', /%(?:25)?3D/i],
   [new RegExp(`(<[\\w:.-]{0,40}?(?:${LONG_SECRET}|${SHORT_SECRET})\\w{0,20}(?:[ \\t][^<>\\r\\n]{0,300})?>)(?<bare>[^<\\r\\n]+)`, 'gi'), 'password'],
   // Of the web server's log and of what was called.
   [/(IPAddress:\S{1,64} User:)(?<bare>[^\r\n]{0,1000}?)(?= {1,2}")/g, 'user'],
@@ -70,6 +73,7 @@ const FIELDS = [
   [new RegExp(`((?<![A-Za-z])(?:(?:full|display|real|first|last)[ _-]?name|contact|owner)${IS})(?:"(?<quoted>[^"\r\n]*)"|(?<bare>[^\r\n,;"'<>&]+))`, 'gi'), 'user'],
   [/(\bsudo(?:\[\d+\])?:[ \t]+)(?<bare>\S+)(?= : )/g, 'user'],
   [new RegExp(`((?<![A-Za-z])(?:${USER})${IS})${NAME_VALUE}`, 'gi'), 'user'],
+  [new RegExp(`(${USER})${ENCODED}`, 'gi'), 'user', /%(?:25)?3D/i],
   [new RegExp(`(<[\\w:.-]{0,40}?(?:${USER})(?:[ \\t][^<>\\r\\n]{0,300})?>)(?<bare>[^<\\r\\n]+)`, 'gi'), 'user'],
   [new RegExp(`()(?<![\\w.+-])(?<bare>[\\w.+-]{1,64}(?:@|%40)${MAIL_DOMAIN})(?![\\w-])`, 'gi'), 'mail', /@|%40/],
   [/(\bserial[ \t_-]{0,3}(?:number|no\.?|nr\.?)?\\{0,3}["']?[ \t]{0,20}[=:>][ \t]{0,20}\\{0,3}["']?)(?<bare>(?=[A-Za-z0-9-]*\d)[A-Za-z0-9-]{6,})/gi, 'serial'],
@@ -90,6 +94,7 @@ const FIELDS = [
   [/(^[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d )(?<bare>\S+)(?= \S+:)/gm, 'host'],
   [/((?<![\w.])core\.[^\s\/]{1,200}?\.\d{1,10}\.)(?<bare>[^\s\/]{1,100}?)(?=\.\d{9,11}(?!\d))/g, 'host'],
   [new RegExp(`((?<![A-Za-z])(?:host[ _-]?name|host|rhost|domain[ _-]?name|domain|workgroup|realm|e?ssid)${IS})${NAME_VALUE}`, 'gi'), 'host'],
+  [new RegExp(`((?<![A-Za-z])[a-z]{0,12}_?server(?:=|"[ \\t]{0,3}:[ \\t]{0,3}(?=")))${NAME_VALUE}`, 'gi'), 'host'],
   [new RegExp(`()(?<![\\w.%-])(?<bare>${DOMAIN})(?![\\w-]|\\.\\w)`, 'gi'), 'host'],
 ];
 /** Of texts that have no words, as rows of numbers. */

@@ -4,11 +4,12 @@
 import { unzipRaw } from '../lib/unzipit.js';
 import { RequestError } from './api.js';
 import { dateTime } from './format.js';
-import { saveBlob } from './recording.js';
+import { LEFT_OUT, saveBlob } from './recording.js';
 
 /** @typedef {import('unzipit').ZipEntry} Entry */
 
 const SIGNATURE = [0x50, 0x4b]; // "PK"
+const MOST_LEFT_BYTES = 16 * 1024 * 1024;
 const SLICE_MS = 10; // then the page goes on
 const ODD_PATH = /(?:^|[/\\])\.\.(?:[/\\]|$)|^[/\\]|^[A-Za-z]:|[\0\\]/;
 
@@ -65,11 +66,19 @@ export async function openArchive(file) {
     usable.length < plain.length ? `${plain.length - usable.length} of its files are encrypted and are left out.` : '',
   ].filter(Boolean).join(' ');
 
+  /** @type {import('./recording.js').Item[]} */
+  const left = [];
+  const list = entries.get(LEFT_OUT);
+  if (list && list.size < MOST_LEFT_BYTES) {
+    const rows = (await list.blob().then((blob) => blob.text(), () => '')).matchAll(/^([^\t\r\n]+)\t(\d+)\t([^\t\r\n]*)\r?$/gm);
+    left.push(...[...rows].map(([, path = '', bytes, time = '']) => ({ path, bytes: Number(bytes), time, utc: null })));
+  }
+
   /** @param {string} path */
   function entryOf(path) {
     const entry = entries.get(path);
     if (!entry) {
-      throw damaged(`There is no ${path} in the archive.`, '');
+      throw damaged(`There is no ${path} in the archive.`, left.some((item) => item.path === path) ? 'It is a copy without secrets, which left it out.' : '');
     }
     return entry;
   }
@@ -87,7 +96,7 @@ export async function openArchive(file) {
         const items = [...entries].map(([path, { size, lastModDate }]) =>
           ({ path, bytes: size, time: dateTime(lastModDate), utc: null, columns: [] }));
         const isCsv = (/** @type {{path: string}} */ { path }) => path.endsWith('.csv');
-        return { csv: items.filter(isCsv), files: items.filter((item) => !isCsv(item)), complete: true };
+        return { csv: items.filter(isCsv), files: items.filter((item) => !isCsv(item)), complete: true, left };
       },
       async read(path, onPiece, { from = 0, most = Infinity, signal } = {}) {
         const entry = entryOf(path);

@@ -3,6 +3,7 @@
 import uPlot from '../lib/uplot.js';
 import { colourOfKind, isGrave } from './chart_group.js';
 import { el, setText } from './dom.js';
+import { elapsedText } from './format.js';
 import { gathered, KINDS } from './marks.js';
 import { aligned, wallText } from './series.js';
 import { scaleOf, valueText } from './units.js';
@@ -65,8 +66,11 @@ export function seriesText(series, value) {
  * @param {string} [options.id] of the chart whose limits are drawn
  * @param {boolean} [options.stacked]
  * @param {number} [options.height]
+ * @param {boolean} [options.sinceStart] times are seconds since a start
  */
-export function createPlot(group, label, { onIndex, id = '', stacked = false, height = HEIGHT } = {}) {
+export function createPlot(
+  group, label, { onIndex, id = '', stacked = false, height = HEIGHT, sinceStart = false } = {},
+) {
   const tip = el('div', { class: 'tip', hidden: true, 'aria-hidden': 'true' });
   const unit = el('span', { class: 'unit', 'aria-hidden': 'true' });
   const otherUnit = el('span', { class: 'unit other', 'aria-hidden': 'true' });
@@ -305,7 +309,7 @@ export function createPlot(group, label, { onIndex, id = '', stacked = false, he
       return visible && value !== null && value !== undefined ? [{ series, look, value }] : [];
     });
     const most = rows.slice(0, MOST_IN_TIP);
-    tip.replaceChildren(el('p', {}, wallText(time)),
+    tip.replaceChildren(el('p', {}, sinceStart ? elapsedText(time) : wallText(time)),
       ...most.map(({ series, look, value }) => {
         const swatch = el('i');
         swatch.style.background = series.categories ? stateColour(series.categories[value] ?? '', value) : lookOf(look).stroke;
@@ -380,7 +384,7 @@ export function createPlot(group, label, { onIndex, id = '', stacked = false, he
       tzDate: (time) => uPlot.tzDate(new Date(time * 1000), 'Etc/UTC'),
       legend: { show: false },
       cursor: {
-        sync: { key: 'charts', setSeries: false, filters: { pub: (type) => type === 'mousemove' || type === 'mouseleave' } },
+        sync: { key: sinceStart ? 'compared' : 'charts', setSeries: false, filters: { pub: (type) => type === 'mousemove' || type === 'mouseleave' } },
         y: false, drag: { x: true, y: false, setScale: false }, focus: { prox: 16 }, points: { show: !bands },
       },
       scales: {
@@ -388,7 +392,7 @@ export function createPlot(group, label, { onIndex, id = '', stacked = false, he
         y: bands ? { range: [0, 1] } : stacked ? { range: (_, __, max) => [0, max > 0 ? max * 1.02 : 1] } : {},
       },
       axes: [
-        { stroke: quiet, grid, ticks: grid, values: wallAxis, space: 80 },
+        { stroke: quiet, grid, ticks: grid, values: sinceStart ? elapsedAxis : wallAxis, space: 80 },
         valueAxis('y'), ...(two ? [valueAxis('z')] : []),
       ],
       ...(stacked && !bands ? { bands: bandsBetween() } : {}),
@@ -504,6 +508,9 @@ export function runsOf(times, values) {
   }
   return runs;
 }
+
+/** @param {uPlot} _ @param {number[]} splits */
+const elapsedAxis = (_, splits) => splits.map((split) => elapsedText(split, (splits[1] ?? 60) - (splits[0] ?? 0) >= 60));
 
 /** Times below a chart: the day where it changes. @param {uPlot} _ @param {number[]} splits */
 function wallAxis(_, splits) {

@@ -40,7 +40,7 @@ export async function readMarks(source, contents, information) {
   };
   const zone = zoneIn(log) ?? zoneIn(await linesOf(report)) ?? 0;
   const found = [...log.flatMap(markOfLine), ...marksOfEvents(await linesOf(EVENTS), zone, triggerNames(log))];
-  for (const { path, time, utc } of contents.files) {
+  for (const { path, time, utc } of [...contents.files, ...contents.left ?? []]) {
     const [day = '', clock = ''] = time.split(' ');
     found.push(...markOfFile(path, zone, utc === null ? wallSeconds(day, clock) : utc + zone));
   }

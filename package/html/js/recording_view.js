@@ -14,6 +14,7 @@ import { createImageCard } from './image_card.js';
 import { writeSight } from './link.js';
 import { readWhole } from './recording.js';
 import { imagesOf, readExtent, readMarks } from './recording_marks.js';
+import { createRecordingTools } from './recording_tools.js';
 import { createSource } from './session_series.js';
 import { whenSeen } from './seen.js';
 import { informationOf } from './session_data.js';
@@ -76,8 +77,9 @@ async function readInformation(recording, contents) {
 /**
  * @param {import('./recording.js').Recording} recording
  * @param {((file: Item) => string)} [hrefOf] where a text file can be read; without, it is saved
+ * @param {() => Promise<import('./compare_card.js').Other[]>} [others] recordings to compare it with
  */
-export function createRecordingView(recording, hrefOf) {
+export function createRecordingView(recording, hrefOf, others = async () => []) {
   /** @type {import('./recording.js').Contents} */
   let contents = { csv: [], files: [], complete: true };
   /** @type {Map<string, {bytes: number, header?: string}>} */
@@ -126,6 +128,7 @@ export function createRecordingView(recording, hrefOf) {
     timeline.read(time);
     images.follow(time);
   });
+  const tools = createRecordingTools(recording, group, others);
   const httpReport = createHttpReport();
   const condition = createConditionCard(recording);
   const board = createBoard({
@@ -181,7 +184,7 @@ export function createRecordingView(recording, hrefOf) {
 
   const informationCard = el('section', { class: 'card', 'aria-label': 'Information' },
     el('details', {}, el('summary', {}, el('h2', {}, 'Information')), information.element));
-  const element = el('div', { class: 'view' }, message.element, findings.element, timeline.element, board.element,
+  const element = el('div', { class: 'view' }, message.element, ...tools.places, findings.element, timeline.element, board.element,
     informationCard, timeline.list, images.element, texts.element, crashFiles.element, allFiles.element);
   const stopWaiting = whenSeen(texts.element, () => {
     textsSeen = true;
@@ -209,6 +212,7 @@ export function createRecordingView(recording, hrefOf) {
     }
     group.setMarks(marks);
     timeline.show(marks, await readExtent(source, contents), imagesOf(contents.files).map(({ time }) => time));
+    tools.show({ contents, facts, marks });
     await condition.show(contents.csv);
     await httpReport.show(recording, contents.files);
     if (!contents.complete) {
@@ -219,6 +223,8 @@ export function createRecordingView(recording, hrefOf) {
 
   return {
     element,
+    /** Buttons for its head. */
+    tools: tools.buttons,
     /** Reads it and shows what a link says. @param {import('./link.js').Sight} sight */
     async open(sight) {
       message.work('Reading what was recorded …');
@@ -261,6 +267,7 @@ export function createRecordingView(recording, hrefOf) {
       message.clear();
       clearTimeout(linkTimer);
       stopWaiting();
+      tools.close();
       findings.close();
       board.close();
       group.close();

@@ -5,6 +5,7 @@
 //   node bench/idle.mjs [SECONDS]
 import { setTimeout as sleep } from "node:timers/promises";
 import { Camera } from "../tests/camera/support/camera.mjs";
+import { figure } from "./support/figures.mjs";
 
 const SECONDS = Number(process.argv[2] ?? 240);
 const HUNDREDTHS = 100;
@@ -45,8 +46,8 @@ async function measure(what) {
   await sleep(SECONDS * 1000);
   const after = [await used("Vandrel"), await used("rsyslog")];
   const share = (index) => (after[index].ms - before[index].ms) / (SECONDS * 10);
-  console.log(`${what}: ${share(0).toFixed(2)} % of a processor, ${
-    Math.round((after[0].switches - before[0].switches) * 60 / SECONDS)} wake-ups a minute; the log service ${share(1).toFixed(2)} %`);
+  figure(`processor, ${what}`, share(0), "%", { peer: "the log service", theirs: share(1), most: 0.4 });
+  figure(`wake-ups a minute, ${what}`, (after[0].switches - before[0].switches) * 60 / SECONDS, "");
 }
 
 try {

@@ -81,6 +81,7 @@ pid_t spawn(const char *const argv[], const spawn_settings &settings) {
 // Found by PATH as a shell finds it.
 pid_t spawn_words(const std::vector<std::string> &words, const spawn_settings &settings) {
     std::vector<const char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string &word : words) {
         arguments.push_back(word.c_str());
     }

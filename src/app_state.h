@@ -32,12 +32,12 @@ extern bool has_libcapture;
 // When the daemon was started, in seconds since 1970.
 extern const std::time_t start_time;
 
-// Main-timer ticks since the start; written by the main timer alone.
+// Main-timer ticks since the start, modulo 60,000,000; written by the main timer.
 extern unsigned long timer_count;
 
 // A device parameter's value, or nothing: without a parameter store too.
 std::optional<std::string> parameter_get(const char *name);
 
-// Reads the serial number, cut at its first newline, into serial_number. It stands unquoted in
-// command lines and in every storage path: one that can't is logged and left out.
+// Reads the serial number, cut at its first newline, into serial_number. One that can't stand
+// unquoted in a command line is logged and ignored.
 void read_serial_number();

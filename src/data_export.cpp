@@ -329,7 +329,7 @@ void reply_file(GDataOutputStream *stream, const std::string &session, const cha
     }
 }
 
-// Of a trace only what tells of its repair is for reading.
+// Of a trace only the texts about its repair may be read.
 bool is_trace_text(const std::string &path, const char *file) {
     const std::string_view name = file == nullptr ? "" : file;
     return (name == "repair.log" || name == "note.txt") && is_trace_dir(path.c_str());
@@ -374,7 +374,7 @@ void print_file_as_json_data(GDataOutputStream *stream, const char *path) {
     if (!file || !read_line(file.get(), record_line_max, line)) {
         return;
     }
-    // Many small records a piece: a write each would cost more than all the rest.
+    // Batched: one write per record would dominate the cost.
     std::string records;
     bool first = true;
     while (read_line(file.get(), record_line_max, line)) {

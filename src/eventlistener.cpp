@@ -43,7 +43,7 @@ std::string_view next_word(std::string_view &text) {
     return word;
 }
 
-// Takes a topic's name behind its key; false, logged, when there is none to be taken.
+// Takes the topic's name after its key; false, logged, when it can't be parsed.
 bool take_topic(eventlistener_Event &event, const char *name_space, std::string_view number,
                 std::string_view &rest) {
     if (number.empty() || number.front() < '0' || number.front() > '9') {
@@ -93,7 +93,7 @@ void append_to_copy(const char *line) {
 }
 
 void parse_eventlistener_line(const char *line) {
-    const log_reaction what_is_said; // a rule's event is one of those that come here
+    const log_reaction what_is_said; // events of our own rules come here, too
     append_to_copy(line);
     if (eventlistener_take_line(global_event_buffer, line)) {
         log_event(global_event_buffer);

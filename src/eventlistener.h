@@ -22,8 +22,8 @@ bool eventlistener_start(const std::string &session_directory);
 // it does not run.
 void eventlistener_stop();
 
-// Whether it was started and not stopped, and whether nothing more comes of it: what it wrote last
-// has not reached the session, or the tool has ended by itself.
+// Whether it was started and not stopped; and whether it has failed since: its last write did not
+// reach the session, or the tool has ended by itself.
 bool eventlistener_is_running();
 bool eventlistener_has_failed();
 

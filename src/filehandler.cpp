@@ -40,7 +40,7 @@ std::string_view next_word(std::string_view &text) {
     return word;
 }
 
-// The next line without its end; false when there is none with one.
+// The next line without its newline; false when no terminated line is left.
 bool next_whole_line(std::string_view &text, std::string_view &line) {
     const auto end = text.find('\n');
     if (end == std::string_view::npos) {
@@ -121,7 +121,7 @@ std::optional<std::int64_t> counter(const net_dev_values &values, const char *ke
                                  : std::optional<std::int64_t>(decimal_prefix(found->second));
 }
 
-// "12.3 Mbit/s", or nothing without an earlier sample or after the counters began anew.
+// "12.3 Mbit/s"; nothing without an earlier sample or after a counter reset.
 std::optional<std::string> bandwidth(const bandwidth_sample &now, const bandwidth_sample &before) {
     if (before.time == 0) {
         return std::nullopt;
@@ -129,9 +129,8 @@ std::optional<std::string> bandwidth(const bandwidth_sample &now, const bandwidt
     const std::int64_t delta = (now.received - before.received) + (now.sent - before.sent);
     const auto seconds = static_cast<std::int32_t>(now.time - before.time);
     const std::int64_t bytes_a_second = seconds == 0 ? 0 : delta / seconds;
-    const std::int64_t tenths =
-        bytes_a_second / 12500; // of 125,000 bytes a second; cut, not rounded
-    // A fall by less than a whole step comes out as 0; the counters of a network do not fall.
+    const std::int64_t tenths = bytes_a_second / 12500; // of 1 Mbit/s (125,000 bytes/s), truncated
+    // Counters that fell began anew.
     if (delta < 0 || tenths < 0) {
         return std::nullopt;
     }
@@ -157,7 +156,7 @@ constexpr std::size_t buddy_digits_max = 10;
 constexpr std::size_t vmstat_line_max = 49;
 constexpr std::size_t vmstat_digits_max = 20;
 
-// Where a line's zone is in zone_names, and where its numbers are to be looked for.
+// The index of a line's zone in zone_names, and the start of its numbers.
 struct zone_place {
     std::size_t zone;
     std::size_t numbers;
@@ -512,8 +511,7 @@ void store_proc_net_dev(const std::string &session) {
         log_cannot_open("/proc/net/dev");
         return;
     }
-    // One read gives whole lines; a device with so many interfaces that they do not fit loses the
-    // last of them.
+    // One read gives whole lines; interfaces beyond the buffer are not recorded.
     std::array<char, net_dev_read_max> buffer;
     const ssize_t size = ::read(source.get(), buffer.data(), buffer.size());
     store_net_dev(session, {buffer.data(), size < 0 ? 0 : static_cast<std::size_t>(size)});
@@ -547,7 +545,7 @@ void store_proc_interrupts(const std::string &interrupts_directory) {
         format_bounded(file_path_size, "%s/%s_interrupts.txt", interrupts_directory.c_str(),
                        date_format_now("%Y%m%d_%H%M%S").c_str());
     if (file_copy("/proc/interrupts", target.c_str())) {
-        // The copy has taken over the time of the kernel's file, which is that of its first use.
+        // The copy would keep the kernel file's time, which is that of its first use.
         (void)::utimensat(AT_FDCWD, target.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
         errno = 0;
     }

@@ -61,16 +61,16 @@ std::string vmstat_get_val(const char *counter);
 // "/proc/net/dev" by key, "eth0.csv/receive_bytes" to "123"; sorted as the files' columns are.
 using net_dev_values = std::map<std::string, std::string>;
 
-// What is wrong with a text that is no /proc/net/dev, by the step that found out.
+// The parse step that failed, as the log shows it.
 struct net_dev_error {
     int step;
-    std::string near; // the word that does not end, for step 3
+    std::string near; // of step 3: the unterminated word
 };
 
-// Parses what was read of it (at most 1,023 bytes; an unfinished last line is left out).
+// Parses the text of /proc/net/dev; a truncated last line is ignored.
 std::optional<net_dev_error> parse_proc_net_dev(std::string_view text, net_dev_values &values);
 
-// One file of interface counters as its header and row; `first` and `last` enclose its keys.
+// One file of interface counters: its header and its row.
 struct interface_row {
     std::string file_name; // "eth0.csv"
     std::string header;

@@ -69,7 +69,7 @@ int remove_entries(int parent, const char *name, const std::string &path, int de
 
 // --- Paths on storages
 
-// The length of the part of a path that is trusted, up to a slash; 0 when all of it is.
+// The length of the trusted prefix of a path, up to a slash; 0 when the whole path is trusted.
 std::size_t trusted_part(std::string_view path) {
     constexpr std::string_view storages = "/var/spool/storage/";
     constexpr std::string_view internal = "/usr/local/packages/Vandrel/localdata/";
@@ -133,7 +133,7 @@ unique_fd open_path(const std::string &path, int flags, unsigned permissions = 0
                    : unique_fd();
 }
 
-// Where a name is, for calls that take a folder and a name in it.
+// A folder and a name in it, for the ...at() calls.
 struct place {
     explicit place(const std::string &path) : name_(path) {
         if (trusted_part(path) == 0) {
@@ -189,8 +189,8 @@ void sweep_entries(int parent, const char *name, long age_min, int depth) {
     }
 }
 
-// Copies a regular file to a new one, flushed; what grows meanwhile is cut at size_max. The reason
-// when it did not work.
+// Copies at most size_max bytes of a regular file to a new one, flushed. The reason of a failure,
+// or nullptr.
 const char *copy_to_new(const char *from, const char *to, long long size_max) {
     const unique_fd source = file_descriptor(from, O_RDONLY | O_NOFOLLOW);
     struct stat status {};

@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t cgi_key_size = 128;
 constexpr std::size_t reply_piece = 65536;
 
-// The missing "=" in the character set has always been there; clients know it so.
+// The "=" of the character set is missing: kept, clients compare this line.
 constexpr std::string_view routing_error_type = "Content-Type: text/plain; charset-utf-8;\r\n\r\n";
 
 using http_handler_ptr = std::unique_ptr<TVHttpHandler, deleter<tv_http_handler_free>>;
@@ -107,7 +107,7 @@ void http_register_action(const char *name, http_callback handler) {
 }
 
 void http_access_callback(GDataOutputStream *stream, GHashTable *arguments) {
-    errno = 0; // what earlier work left is no part of this request's messages
+    errno = 0; // a stale errno must not show in this request's messages
     const char *action = http_argument(arguments, "action");
     if (action == nullptr) {
         http_write(stream, routing_error_type);

@@ -41,11 +41,11 @@ void http_write_header(GDataOutputStream *stream, http_status status, const char
 void http_reply(GDataOutputStream *stream, http_status status, const char *content_type,
                 std::string_view body);
 
-// Where the daemon's own timers, file watches and child watches run while a request is answered:
-// between the pieces of the reply, and while a tool's output or its end is waited for. Nowhere
-// else, and least of all while a session is started or stopped. Other requests wait their turn here
-// as everywhere. A handler holds nothing half changed then, and only descriptors of its own: what
-// it sends may be removed meanwhile, the session may be stopped, SIGTERM may clean up.
+// The handlers during which the daemon's own timers, file watches and child watches run: between
+// the pieces of the reply, and during waits for a tool. No other handler allows that, least of all
+// the start and stop of a session. Other requests still wait. Such a handler leaves no state half
+// changed at these points and uses only descriptors of its own: its file may be removed, the
+// session stopped or the clean-up run meanwhile.
 enum class long_reply {
     session_archive, // get_monitor_data, once the archive is open
     session_data,    // view_monitor_data: a part of a file, records

@@ -117,7 +117,7 @@ std::vector<std::string> names_of(const std::string &listing) {
     return names;
 }
 
-// False when it has been before: the copy did not work then, and is tried again.
+// False when it was announced before: its copy failed then and is retried.
 bool announce(dump_storage &storage, const std::string &name) {
     if (std::find(storage.announced.begin(), storage.announced.end(), name) !=
         storage.announced.end()) {
@@ -131,7 +131,7 @@ bool announce(dump_storage &storage, const std::string &name) {
     return true;
 }
 
-// A copy that does not fit would be written up to the storage's end, every minute anew.
+// Checked first: a copy that does not fit would fill the storage each minute anew.
 bool has_room(const std::string &folder, long long size) {
     struct statvfs storage {};
     return ::statvfs(folder.c_str(), &storage) != 0 ||
@@ -166,7 +166,7 @@ bool copy_dump(dump_storage &storage, const std::string &folder, const std::stri
         return false;
     }
     ++occurrences.kernel_dumps;
-    // Whoever waits for cores there is told by the close of a file, not by its new name.
+    // The watch for cores reacts to the close of a file, not to a rename.
     (void)file_open(to.c_str(), "a");
     return true;
 }
@@ -178,7 +178,7 @@ void update_storage(dump_storage &storage, const std::string &folder,
     }
     const auto current = get_names_listed_from_directory(folder, listing_size);
     if (!current) {
-        return; // a part of a listing would make the rest new dumps
+        return; // with a partial listing the others would count as new
     }
     if (!storage.listing && !load_listing(storage)) {
         storage.listing = current; // what is there at the first look is old
@@ -201,7 +201,7 @@ void update_storage(dump_storage &storage, const std::string &folder,
     }
 }
 
-// Nothing when the tool could not be run or said nothing: no reason to restart a device.
+// Nothing when the tool failed or printed nothing: no reason to restart a device.
 std::optional<bool> asked_setting() {
     command_pipe pipe("sysctl debug.crashdump");
     std::string line;
@@ -212,7 +212,7 @@ std::optional<bool> asked_setting() {
     return line.find("debug.crashdump = storage") != std::string::npos;
 }
 
-// The flag file keeps the facility on across restarts. 1 when it is there: then a restart helps.
+// The flag file keeps the facility on across restarts. 1 when it exists, so that a restart helps.
 int switch_on() {
     const bool opened = static_cast<bool>(file_open(flag_file, "a"));
     const bool is_there = opened && is_file(flag_file);
@@ -227,7 +227,7 @@ int switch_on() {
 
 int setup_storage(dump_storage &storage, const std::string &folder,
                   const std::string &session_directory) {
-    // What is made in the mount point of a storage that is not there fills the camera's own memory.
+    // Files in an empty mount point would fill the camera's own memory.
     if (!is_mount_point(folder.substr(0, folder.rfind('/')))) {
         return 0;
     }
@@ -295,7 +295,7 @@ int disable_kernel_crash_monitor(const std::optional<std::string> &serial) {
         if (!folder) {
             continue;
         }
-        // What this session has got is nothing new to the next one.
+        // Dumps that this session has are not new to the next one.
         if (storage.listing) {
             (void)save_listing(storage);
         }

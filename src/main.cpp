@@ -50,8 +50,8 @@ using main_loop_ptr = std::unique_ptr<GMainLoop, deleter<g_main_loop_unref>>;
 
 constexpr const char *log_view_command = "cat /var/log/*.log* | sort";
 
-// A logging self-test: one message of the asked severity, behind one that is always there. It lets
-// the log triggers and the remote log be tried out.
+// A logging self-test for log triggers and the remote log: a fixed message, then one of the
+// requested severity.
 void action_test(GDataOutputStream *stream, GHashTable *arguments) {
     static int refresher_count = 0;
     const char *argument = http_argument(arguments, "type");
@@ -75,7 +75,7 @@ void action_test(GDataOutputStream *stream, GHashTable *arguments) {
 }
 
 void action_instant_log_view(GDataOutputStream *stream, GHashTable *) {
-    // The one reply whose content type stands before the expiry line.
+    // Content type before Expires, unlike http_write_header: kept, clients compare the header.
     http_write(stream, "Status: 200 OK\r\n"
                        "Pragma: no-cache\r\n"
                        "Cache-Control: no-cache\r\n"
@@ -215,7 +215,7 @@ void copy_command_output(GDataOutputStream *stream, const std::string &command) 
     }
 }
 
-// What the network share's service tells of the share behind a storage group, as it prints it.
+// The network share service's reply about the share of a storage group, unchanged.
 void action_get_ip_address(GDataOutputStream *stream, GHashTable *arguments) {
     constexpr std::size_t parameter_max = 127;
     constexpr std::size_t object_path_max = 80; // the command has 299 bytes
@@ -254,7 +254,6 @@ struct action {
     http_callback handler;
 };
 
-// In the order in which they came to be.
 constexpr action actions[] = {
     {"activate_monitor_session", action_activate_monitor_session},
     {"deactivate_monitor_session", action_deactivate_monitor_session},
@@ -426,7 +425,7 @@ void start_up() {
     loop_on_termination(stopped_cleanup);
     nc_rules = vdrl_dt_rules_read_from_file();
     timer_count = 0;
-    // A storage that is not there at the start is no loss to log.
+    // Not logged: a storage that is missing at start was not lost.
     (void)determine_if_this_storage_is_ok("SD_DISK", false);
     if (!resume_monitoring_session()) {
         log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);

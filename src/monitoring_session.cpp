@@ -51,16 +51,16 @@ constexpr int session_lines_max = 100; // of a damaged file no more is read, nor
 constexpr std::size_t key_length = 4;  // one separator, whatever it is, follows
 constexpr std::size_t start_time_max = 99;
 
-// What the session's start wants on its storage and what has not been there for it yet.
+// Pending: what the session needs on its storage and could not be started yet.
 bool configuration_watches_are_due = false;
 bool is_first_use = false;
 bool event_listener_is_due = false;
 std::string due_image_interval; // seconds as text, "" when nothing is due
 
-// The parameters did not tell it at the start.
+// The serial number was not known at start.
 bool resume_waits_for_serial = false;
 
-// What current_monitoring_session.txt says, before any of it is believed.
+// The contents of current_monitoring_session.txt, not validated yet.
 struct stored_session {
     std::optional<std::string> root;
     std::optional<std::string> id;
@@ -70,7 +70,7 @@ struct stored_session {
     std::string image_interval;
 };
 
-// After a restart the device log of that time is still to be brought into the session.
+// Pending after a restart: the device log of that time has to be appended to the session.
 bool device_log_is_due = false;
 
 // "SECS:SD_DISK", "ACTI:20230531_08_27_40"; the last line of a key wins.
@@ -160,7 +160,14 @@ std::optional<std::string> optional_argument(GHashTable *arguments, const char *
     return value == nullptr ? std::nullopt : std::optional<std::string>(value);
 }
 
-// The advanced debug mode that a request asks for, joined with what is still set from before.
+// Sets the flags of the advanced debug mode that a request asks for. "before": flags set earlier.
+//
+//     mode        log_interval  sets           proceed        with_interval
+//     both        given         schedule, log  yes            yes
+//     interval    given         schedule       yes            yes
+//     log         either        log            yes            given and schedule before
+//     both        missing       log            yes            no
+//     any other   either        nothing        if any before  given and schedule before
 struct debug_decision {
     bool proceed = true;
     bool with_interval = false; // the creation script gets the interval
@@ -176,7 +183,7 @@ debug_decision decide_debug_mode(const session_request &request) {
         }
         return {true, true};
     }
-    if (known && mode != "interval") { // "log", or "both" without an interval
+    if (known && mode != "interval") {
         advanced_debug_mode_crash_log_message_activated = true;
         return {true, advanced_debug_mode_crash_interval_activated && request.log_interval};
     }
@@ -216,7 +223,7 @@ bool create_session_tree(const session_request &request, bool with_interval,
                   monitor_start_time->c_str());
         return false;
     }
-    // One that was ended may have made the folder, but not the file that has it resumed.
+    // A script that was killed may have made the folder, but not the file for the resume.
     if (system_ret(command.c_str()) == system_ret_signal) {
         dir_remove_recursive(directory.c_str());
     }
@@ -263,7 +270,7 @@ std::string crash_report_messages() {
     return text;
 }
 
-// With the minutes between scheduled crash reports, if there are such.
+// `crash_interval`: minutes between scheduled crash reports, if any.
 void write_session_information(const std::string &directory,
                                const std::optional<unsigned long> &interval) {
     std::string text;
@@ -293,7 +300,7 @@ void write_session_information(const std::string &directory,
 
 // --- Completing one
 
-// For the reports that are still being made: the archive holds what there is of them.
+// For pending reports; the archive holds what is finished by then.
 constexpr auto report_patience = 30s;
 constexpr std::size_t signature_line_max = 255;
 constexpr std::size_t information_line_max = 399;
@@ -379,7 +386,7 @@ void watch_configurations_if_due(const std::string &directory) {
     }
 }
 
-// Where the kernel has to be restarted first, the client gets its reply before.
+// The reply is sent before a restart of the device.
 void reply_or_restart(GDataOutputStream *stream, int result, const char *done,
                       const char *restarts) {
     http_reply(stream, ok, reply_type, result == 0 ? done : restarts);
@@ -441,7 +448,7 @@ int _start_monitoring_session(const session_request &request) {
     const bool internal = request.storage == "localdata";
     const std::string root = internal ? localdata_root : storage_root_of(request.storage).value();
     monitor_start_time = date_format_now(date_format_information);
-    // The first session on a new card makes the root, without which its space can't be asked for.
+    // The first session on a new card: free space can only be asked for an existing root.
     ::mkdir(root.c_str(), 0700);
     if (!folder_descriptor(root.c_str())) {
         log_error("Could not start monitoring session: '%s' can not be used.", root.c_str());
@@ -476,15 +483,15 @@ int _start_monitoring_session(const session_request &request) {
     }
     const std::string directory = session_directory().value();
     if (!create_session_tree(request, debug.with_interval, directory)) {
-        // Neither the next restart nor the next start takes up what did not begin.
+        // So that no restart resumes a session that did not begin.
         (void)empty_file_if_possible(current_monitoring_session_path);
         advanced_debug_mode_crash_interval_activated = interval_before;
         advanced_debug_mode_crash_log_message_activated = log_message_before;
         return 0;
     }
     (void)vdrl_http_log_setup();
-    file_remove(continuous_syslog_link); // a stale one leads into an older session
-    vdrl_syslog_take_lines();            // those logged until now are not the session's
+    file_remove(continuous_syslog_link); // a stale one points to an older session
+    vdrl_syslog_take_lines();            // lines from before the session are skipped
     link_continuous_syslog(directory);
     create_two_interrupts_snapshots();
     create_serverreport_snapshot(directory);
@@ -531,7 +538,7 @@ void action_deactivate_monitor_session(GDataOutputStream *stream, GHashTable *) 
 int deactivate_monitor_session(const std::string &directory) {
     collect_only_from_this_camera = true;
     if (storage_id && is_directory(directory.c_str())) {
-        // What has come in the last minute; and the listings know then all that this session has.
+        // Dumps of the last minute; brings the listings up to date as well.
         update_kernel_crash_status(directory, serial_number);
     }
     monitory_active = false;
@@ -545,7 +552,7 @@ int deactivate_monitor_session(const std::string &directory) {
     vdrl_http_log_disable();
     vdrl_syslog_take_lines();
     file_remove(continuous_syslog_link);
-    // With the storage gone there is nothing to complete; nothing is made in its empty mount point.
+    // Without the storage there is nothing to complete, and nothing is made in its mount point.
     const bool storage_is_there = is_directory(directory.c_str());
     if (storage_is_there) {
         finish_crash_report(directory);
@@ -601,7 +608,7 @@ bool resume_monitoring_session() {
     if (!stored) {
         return false;
     }
-    // Its storage's folder bears the serial number.
+    // The serial number is part of the path on an external storage.
     resume_waits_for_serial = stored->id && !serial_number;
     if (resume_waits_for_serial) {
         log_warning("The monitoring session is continued once the serial number is known.");
@@ -688,7 +695,7 @@ void start_what_needs_the_storage(const std::string &directory) {
     } else {
         vdrl_capture_keep_going(parameters.get());
     }
-    // What the listener had open died with the storage, or its tool by itself.
+    // The listener's file died with the storage, or its tool has ended.
     const bool is_cut_off =
         eventlistener_is_running() && (connection_lost_count > 0 || eventlistener_has_failed());
     if (event_listener_is_due || is_cut_off) {

@@ -75,9 +75,10 @@ std::string in_folder(const std::string &folder, const char *file) {
     return format_bounded(trace_path_size, "%s/%s", folder.c_str(), file);
 }
 
-// The tool may have been started only just now: by the script that may still run in the background.
+// The script that starts the tool may still run in the background, so it is killed until it is
+// gone.
 void end_capture() {
-    // By the clock: what is run for it may hang, too.
+    // A deadline, not a count of rounds: the commands may hang, too.
     const auto end = std::chrono::steady_clock::now() + 10s;
     while (std::chrono::steady_clock::now() < end) {
         command_read_lines("killall pcapdump 2>&1", index_line_max, [](const std::string &) {});
@@ -156,7 +157,7 @@ std::string index_json() {
     return out + (open ? ", \"stoptime\": \"Active\"}" : "");
 }
 
-// Runs the script for what comes at a trace's end: its work is done in the trace's folder.
+// Runs one of the scripts for the end of a trace; they work in the trace's folder.
 void run_session_script(const std::string &folder, const std::string &recording, const char *verb) {
     (void)system_ret(format_bounded(script_command_size,
                                     "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' "
@@ -191,7 +192,7 @@ bool has_file(const std::string &folder, const char *file) {
     return is_file(in_folder(folder, file).c_str());
 }
 
-// Those that have no end, or an end but no archive.
+// Traces without an end, or with an end but no archive.
 void find_cut_off() {
     cut_off.clear();
     std::string folder;
@@ -231,7 +232,7 @@ void mend(const std::string &folder) {
 
 void mend_cut_off_traces() {
     if (wireshark_session_destination) {
-        return; // its tools are the same
+        return; // the running trace uses the same tools
     }
     if (const std::string mounts = storage_mounts(); mounts != known_mounts) {
         if (std::exchange(known_mounts, mounts)) {
@@ -242,7 +243,7 @@ void mend_cut_off_traces() {
     }
     const bool is_due = index_is_new || !cut_off.empty();
     if (!is_due || ps_grep_and_check_if_included("wireshark_session", ".sh")) {
-        return; // what packs one may have outlived the daemon
+        return; // a packing script may have outlived the daemon
     }
     if (index_is_new) {
         index_is_new = false;
@@ -422,7 +423,7 @@ void action_wireshark_direct(GDataOutputStream *stream, GHashTable *arguments) {
         return;
     }
     const auto duration = static_cast<unsigned>(decimal_prefix_unsigned(argument));
-    // The seconds are the whole duration's, not the rest's.
+    // Hours, minutes modulo 60, but total seconds: kept, clients compare this text.
     log_info("Direct Network Trace Download, duration: %u hours, %u minutes, %u seconds",
              duration / 3600, duration / 60 % 60, duration);
     http_reply(stream, ok, text, "Ok\r\n");

@@ -27,13 +27,13 @@ namespace {
 
 constexpr std::size_t interval_line_max = 198;
 constexpr std::size_t times_max = 4095; // bytes of a list of times
-// After a start, before a restart at a time of day: the one that has just happened may have been at
-// this very time, and the clock may not be set yet.
+// No restart by time of day so soon after a start: that start may be the restart of this very
+// minute, and the clock may not be set yet.
 constexpr auto restart_pause = std::chrono::seconds(90);
 constexpr long long interval_too_short = 2; // minutes
 
-// One of the two tasks: its settings, files, command and what is said about it. The texts differ in
-// more than the name; they are what clients and log readers know.
+// One of the two tasks: its settings, files, command and texts. The texts differ in more than the
+// name: kept, clients and log readers compare them.
 struct task {
     const char *rule;
     const char *name;    // in the log when it is due
@@ -140,9 +140,9 @@ bool has_entry(std::string_view times, std::string_view wanted) {
     }
 }
 
-// Two timer ticks fall into each minute, sometimes three: what has fired in it does not fire again.
-// Nor does a listed time up to it when it comes again on the same date, because the clock is wrong
-// until the network sets it, begins at the same time with each boot, or summer time ends.
+// Two or three timer ticks fall into each minute, but a time fires once. Times up to the last one
+// fired don't fire again on its date: the clock goes back when the network sets it, at each boot of
+// a device without a battery, and when summer time ends.
 void act_at_times(task &what, const std::string &date_and_time) {
     constexpr std::size_t date_length = 11; // "2026-11-21 "
     if (what.interval || !what.times || date_and_time.size() <= date_length ||
@@ -229,7 +229,7 @@ const char *set_interval(task &what, const char *argument) {
 const char *set_times(task &what, const char *argument) {
     std::string times = argument;
     const bool first = !what.times;
-    if (first) { // only then is it cut
+    if (first) { // later ones are used as they are
         str_terminate_at(times, '\n');
         str_terminate_at(times, '"');
     }
@@ -245,7 +245,7 @@ const char *set_times(task &what, const char *argument) {
 const char *stop(task &what) {
     if (what.interval) {
         what.interval = false;
-        // Of both tasks it is the restart's count that starts anew, and its length that is logged.
+        // For both tasks the restart's count is reset and its length logged: kept, clients see it.
         starting_tick = 0;
         file_remove(what.interval_path);
         log_info("%s: Every %lu hours.", what.interval_stopped, nbr_of_ticks_until_activation / 60);

@@ -46,7 +46,7 @@ struct packing {
 std::vector<packing> packings;
 constexpr int still_minutes_max = 10;
 
-// A tool that hangs would lock its session for ever: its limit is one of progress.
+// A hung tool would lock its session: it is ended when it makes no progress.
 gboolean look_at_packings(gpointer) noexcept {
     std::erase_if(packings, [](packing &one) {
         const auto ticks = group_cpu_ticks(one.group);
@@ -71,13 +71,13 @@ std::string base_name(const std::string &path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// "ziKhWrXF": what zip makes an archive as, under a name of its own beside it.
+// "ziKhWrXF": zip's temporary beside the archive.
 bool is_zip_temporary(const std::string &name) {
     return name.size() == 8 && name.starts_with("zi") &&
            std::all_of(name.begin(), name.end(), [](char ch) { return g_ascii_isalnum(ch) != 0; });
 }
 
-// A reply without a content type, as these refusals have always been.
+// A reply without a content type: kept, clients compare the header.
 void reply_untyped(GDataOutputStream *stream, const char *status, const char *body) {
     http_write(stream, format_text("Status: %s\r\nPragma: no-cache\r\nCache-Control: no-cache\r\n"
                                    "Expires: -1\r\n\r\n%s",
@@ -88,7 +88,7 @@ void reply_zipping(GDataOutputStream *stream) {
     reply_untyped(stream, "503 Service Unavailable", being_zipped);
 }
 
-// A request can make the path that the message quotes long: it is cut.
+// The quoted path comes from a request: it is truncated.
 void log_invalid_session(const char *path) {
     errno = 0;
     log_error("Cannot download session '%.*s': Invalid session path.",
@@ -157,7 +157,7 @@ void sweep_zip_leftovers(const std::string &root) {
             left.push_back(entry->path());
         }
     }
-    // Asked behind the list: what runs now may have made one of them, what starts later has not.
+    // After the listing: a zip that starts later can't own one of the files listed.
     if (left.empty() || ps_grep_and_check_if_included("zip", "--recurse-paths")) {
         return;
     }

@@ -34,13 +34,13 @@ bool is_below_a_storage(const char *path) {
     return starts_with(path, "/var/spool/storage/") && std::strstr(path, "Vandrel") != nullptr;
 }
 
-// The path is put into command lines too: nothing but what the daemon itself would name so.
+// The path also goes into command lines: only the names that the daemon itself makes.
 bool is_plain_directory(const char *path) {
     return std::strlen(path) <= session_path_max && is_shell_word(path) &&
            std::strstr(path, "/..") == nullptr && is_real(path, S_IFDIR);
 }
 
-// On a full storage, which has no room for a second file: what is there already has its blocks.
+// For a full storage: no room for a second file, but the old one has its blocks.
 bool write_in_place(const std::string &path, const std::string &text) {
     const unique_fd file = file_descriptor(path.c_str(), O_WRONLY);
     return file &&
@@ -70,8 +70,8 @@ bool is_monitory_dir(const char *path) {
 }
 
 bool is_trace_dir(const char *path) {
-    // One way to write a path: it is compared with that of the running trace, and a slash at the
-    // end would follow a link.
+    // Only one spelling per path: it is compared with the running trace's, and a trailing slash
+    // would follow a link.
     return path != nullptr && is_below_a_storage(path) && std::strstr(path, "//") == nullptr &&
            std::strstr(path, "/.") == nullptr && path[std::strlen(path) - 1] != '/' &&
            is_plain_directory(path) &&

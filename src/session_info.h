@@ -13,8 +13,7 @@ inline constexpr std::size_t session_path_max = 199;
 bool is_start_stamp(const char *folder);
 
 // Whether the path names an existing session directory: below the internal or a platform storage,
-// without "/..", its last part a start stamp such as 20230531_08_27_40. What is asked for by a
-// request must pass this before anything else is done with it.
+// without "/..", its last part a start stamp. Every path of a request is checked with this first.
 bool is_monitory_dir(const char *path);
 
 // The same for the folder of a network trace, which holds the file "wireshark_signature.txt"
@@ -31,9 +30,9 @@ using session_info_update = std::optional<std::string> (*)(const std::string &ol
 void read_and_update_session_info(const std::string &session_directory, const std::string &field,
                                   session_info_update update, const std::string &default_value);
 
-// Replaces the session's information file by what `edit` leaves of its lines (each with its line
-// end); through a temporary file of the given name, or in its place on a full storage. False after
-// a warning: the old file stays.
+// Rewrites the session's information file: `edit_line` changes each line (with its newline) in
+// place, `text_at_end` is appended. Through a temporary of the given name, or in place on a full
+// storage. False after a warning: the old file stays.
 bool rewrite_session_info(const std::string &session_directory, const char *temporary_name,
                           std::size_t line_max,
                           const std::function<void(std::string &line)> &edit_line,

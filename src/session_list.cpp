@@ -27,7 +27,7 @@ constexpr const char *lost_list = "/usr/local/packages/Vandrel/localdata/"
                                   "lost_monitoring_sessions.txt";
 constexpr const char *syslog_server_path = "/usr/local/packages/Vandrel/localdata/"
                                            "syslog_server.info";
-constexpr long long list_min = 61;  // bytes; a shorter list is empty
+constexpr long long list_min = 61;  // bytes; a shorter file holds no whole block
 constexpr std::size_t path_tag = 5; // "Path:"
 constexpr std::size_t list_line_max = 299;
 constexpr std::size_t server_line_max = 118;
@@ -107,8 +107,8 @@ class list_reader {
     std::vector<listed_session> sessions_;
 };
 
-// The size of a session that has ended stays as it is as long as its folder, its information and
-// its archive do. To measure a thousand at each request would take seconds.
+// Cache: measuring a thousand sessions takes seconds. The size of an ended session is valid as long
+// as its folder, information file and archive don't change.
 struct measured_session {
     timespec changed[3];
     unsigned long bytes;
@@ -151,7 +151,7 @@ std::string session_json(const listed_session &session, session_list_kind kind) 
         json += ",{\"Monitor\":\"" + monitor + "\"}";
     }
     json += "]";
-    // Nothing is done with a path that is no session's: the list is a file like any other.
+    // The list is a file that others can write: only a session's path is used.
     const bool present = is_monitory_dir(session.path.c_str());
     if (kind == session_list_kind::found) {
         const bool zipped = is_file(session_archive_path(session.path).c_str());
@@ -168,8 +168,8 @@ std::string session_json(const listed_session &session, session_list_kind kind) 
     return json + "}";
 }
 
-// The file's lines, or nothing when it is missing, empty or unreadable; the first two are logged as
-// they have always been, each list in its way.
+// The file's sessions; none when it is missing (logged at the level of its kind), too short, or
+// unreadable (a warning).
 std::vector<listed_session> read_list(const char *path, session_list_kind kind) {
     if (!is_file(path)) {
         errno = 0;
@@ -188,7 +188,7 @@ std::vector<listed_session> read_list(const char *path, session_list_kind kind) 
     std::string line;
     while (file && reader.sessions().size() <= sessions_max &&
            read_line(file.get(), list_line_max, line)) {
-        // What has no line end is a part of a line.
+        // Without a newline it is a truncated line.
         if (str_terminate_at(line, '\n')) {
             reader.take_line(line);
         }

@@ -21,8 +21,8 @@ bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::stri
 // in which the storage can be used. Only success is logged.
 void vdrl_capture_keep_going(TVParameter *parameters);
 
-// Ends capturing: no image appears once it has returned, and the thread is awake to end. Does not
-// wait for it. Nothing is done when nothing runs.
+// Ends capturing: no image appears after it returns. The thread is woken to end, not joined. May be
+// called when nothing runs.
 void vdrl_capture_stop();
 
 // When the last image became visible, in seconds since 1970; 0 before the first of this run. Any

@@ -23,8 +23,14 @@ extern bool apache2_included;
 // list, start or stop sessions.
 extern bool collect_only_from_this_camera;
 
-// The system-log daemon: 2 is rsyslog, 3 is syslog-ng. Set at start.
-extern int syslog_program_installed;
+// The system-log daemon. Set at start.
+enum syslog_variant {
+    syslog_variant_unknown = 0, // before the first look
+    syslog_variant_none = 1,
+    syslog_variant_rsyslog = 2,
+    syslog_variant_syslog_ng = 3
+};
+extern syslog_variant syslog_program_installed;
 
 // Whether the platform has a capture library. Set at start.
 extern bool has_libcapture;

@@ -216,7 +216,8 @@ std::string state_json() {
         value("root.Brand.ProdShortName").c_str(),
         value("root.Properties.Firmware.Version").c_str(), serial_number.value_or("").c_str(),
         value("root.Brand.ProdType").c_str(), value("root.Properties.System.Architecture").c_str(),
-        syslog_program_installed == 3, syslog_program_installed == 2, has_libcapture, lost_count,
+        syslog_program_installed == syslog_variant_syslog_ng,
+        syslog_program_installed == syslog_variant_rsyslog, has_libcapture, lost_count,
         monitor_active_minutes_count);
 }
 

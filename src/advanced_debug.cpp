@@ -1,8 +1,8 @@
 #include "advanced_debug.h"
 
 #include "crash_report.h"
-#include "filehandler.h"
 #include "log.h"
+#include "process_list.h"
 #include "session_globals.h"
 #include "strutil.h"
 #include "syslog_triggers.h"

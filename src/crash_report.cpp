@@ -2,9 +2,9 @@
 
 #include "command_limits.h"
 #include "dateutil.h"
-#include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
+#include "process_list.h"
 #include "session_globals.h"
 #include "strutil.h"
 #include "sysutil.h"

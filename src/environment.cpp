@@ -2,10 +2,10 @@
 
 #include "app_state.h"
 #include "csv.h"
-#include "filehandler.h"
 #include "fileutil.h"
 #include "glib_ptr.h"
 #include "log.h"
+#include "process_list.h"
 #include "session_globals.h"
 #include "strutil.h"
 #include "sysutil.h"

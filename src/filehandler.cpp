@@ -17,10 +17,6 @@
 namespace {
 
 constexpr std::size_t file_path_size = 256;
-constexpr std::size_t ps_command_size = 256;
-constexpr std::size_t ps_line_max = 255;
-constexpr std::size_t ls_command_size = 1024;
-constexpr std::size_t subdirectories_max = 100;
 constexpr std::size_t source_line_max = 255;
 
 std::string session_file(const std::string &session, const char *folder, const std::string &file) {
@@ -211,33 +207,6 @@ std::string slab_row(std::string_view name, std::string_view numbers) {
         }
     }
     return row + "\r\n";
-}
-
-// --- The process list
-
-struct process_list {
-    std::vector<std::string> lines;
-    bool has_hung = false;
-};
-bool remembers_process_lists = false;
-std::map<std::string, process_list> process_lists; // by the commands
-
-process_list read_process_list(const std::string &command) {
-    process_list list;
-    command_pipe pipe(command.c_str());
-    std::string line;
-    while (pipe.next_line(ps_line_max, line)) {
-        list.lines.push_back(line);
-    }
-    list.has_hung = pipe.has_hung();
-    return list;
-}
-
-bool includes(const process_list &list, const std::string &needle) {
-    return list.has_hung ||
-           std::any_of(list.lines.begin(), list.lines.end(), [&](const std::string &line) {
-               return line.find(needle) != std::string::npos;
-           });
 }
 
 // The caches' names for the page, replaced whole: readers always find a whole list.
@@ -549,63 +518,4 @@ void store_proc_interrupts(const std::string &interrupts_directory) {
         (void)::utimensat(AT_FDCWD, target.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
         errno = 0;
     }
-}
-
-bool ps_grep_and_check_if_included(const std::string &pattern, const std::string &needle) {
-    const std::string command =
-        format_bounded(ps_command_size, "ps | grep \"%s\"", pattern.c_str());
-    if (!remembers_process_lists) {
-        return includes(read_process_list(command), needle);
-    }
-    const auto known = process_lists.find(command);
-    return includes(known != process_lists.end()
-                        ? known->second
-                        : process_lists.emplace(command, read_process_list(command)).first->second,
-                    needle);
-}
-
-process_list_memory::process_list_memory() {
-    remembers_process_lists = true;
-}
-process_list_memory::~process_list_memory() {
-    remembers_process_lists = false;
-    process_lists.clear();
-}
-
-std::optional<std::string> get_names_listed_from_directory(const std::string &path,
-                                                           std::size_t capacity) {
-    std::string names;
-    const int status =
-        command_read_lines(format_bounded(ls_command_size, "ls \"%s\"", path.c_str()).c_str(),
-                           source_line_max, [&names](std::string line) {
-                               str_terminate_at(line, '\n');
-                               names.append(names.empty() ? "" : ",").append(line);
-                           });
-    if (status != 0) {
-        return std::nullopt;
-    }
-    return names.substr(0, capacity == 0 ? 0 : capacity - 1);
-}
-
-std::vector<std::string> get_subdirectories(const char *path, bool *are_all) {
-    std::vector<std::string> names;
-    const unique_folder folder(::opendir(path));
-    if (!folder) {
-        errno = 0;
-        return names;
-    }
-    while (const dirent *entry = ::readdir(folder.get())) {
-        if (entry->d_type != DT_DIR || std::strcmp(entry->d_name, ".") == 0 ||
-            std::strcmp(entry->d_name, "..") == 0) {
-            continue;
-        }
-        if (names.size() == subdirectories_max) {
-            if (are_all != nullptr) {
-                *are_all = false;
-            }
-            break;
-        }
-        names.emplace_back(entry->d_name);
-    }
-    return names;
 }

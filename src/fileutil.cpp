@@ -19,6 +19,7 @@
 namespace {
 
 constexpr int removal_depth_max = 128;
+constexpr std::size_t subdirectories_max = 100;
 
 bool has_type(const char *path, mode_t type) {
     struct stat status {};
@@ -399,6 +400,29 @@ std::string file_name_of(std::string_view name) {
         file.replace(0, 1, "_");
     }
     return file;
+}
+
+std::vector<std::string> get_subdirectories(const char *path, bool *are_all) {
+    std::vector<std::string> names;
+    const unique_folder folder(::opendir(path));
+    if (!folder) {
+        errno = 0;
+        return names;
+    }
+    while (const dirent *entry = ::readdir(folder.get())) {
+        if (entry->d_type != DT_DIR || std::strcmp(entry->d_name, ".") == 0 ||
+            std::strcmp(entry->d_name, "..") == 0) {
+            continue;
+        }
+        if (names.size() == subdirectories_max) {
+            if (are_all != nullptr) {
+                *are_all = false;
+            }
+            break;
+        }
+        names.emplace_back(entry->d_name);
+    }
+    return names;
 }
 
 std::optional<std::string> file_get_contents(const char *path) {

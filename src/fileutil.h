@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Storages are foreign: others write to a card or a share, and a link, a pipe or a device there
 // must neither lead the daemon to a file of the camera nor hold it. This is the one way to open
@@ -69,6 +70,10 @@ bool make_folder(const char *path, unsigned permissions);
 // What a device or the kernel calls something as the name of one visible file, at most 90 bytes:
 // "a/b" -> "a_b", ".." -> "_."
 std::string file_name_of(std::string_view name);
+
+// The names of the folders in a folder (links are none), at most 100, in the order of the folder;
+// `are_all` is cleared when there are more.
+std::vector<std::string> get_subdirectories(const char *path, bool *are_all = nullptr);
 
 // The whole file, or nothing after a warning. For small files.
 std::optional<std::string> file_get_contents(const char *path);

@@ -1,6 +1,5 @@
 #include "kernel_crash.h"
 
-#include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
 #include "session_globals.h"
@@ -18,6 +17,8 @@
 
 namespace {
 
+constexpr std::size_t ls_command_size = 1024;
+constexpr std::size_t ls_line_max = 255;
 constexpr std::size_t listing_size = 1024;
 constexpr std::size_t path_max = 255;
 constexpr std::size_t output_line_max = 255;
@@ -67,6 +68,23 @@ std::optional<std::string> folder_of(const dump_storage &storage,
         return std::nullopt;
     }
     return format_text("%s_%s", storage.dumps_folder, serial->c_str());
+}
+
+// The names listed in a folder joined by ",", cut to what fits a text of `capacity` bytes.
+// Nothing when it could not be listed whole.
+std::optional<std::string> get_names_listed_from_directory(const std::string &path,
+                                                           std::size_t capacity) {
+    std::string names;
+    const int status =
+        command_read_lines(format_bounded(ls_command_size, "ls \"%s\"", path.c_str()).c_str(),
+                           ls_line_max, [&names](std::string line) {
+                               str_terminate_at(line, '\n');
+                               names.append(names.empty() ? "" : ",").append(line);
+                           });
+    if (status != 0) {
+        return std::nullopt;
+    }
+    return names.substr(0, capacity == 0 ? 0 : capacity - 1);
 }
 
 std::optional<std::string> current_listing(const std::string &folder) {

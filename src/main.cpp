@@ -56,7 +56,7 @@ void action_test(GDataOutputStream *stream, GHashTable *arguments) {
     static int refresher_count = 0;
     const char *argument = http_argument(arguments, "type");
     const std::string_view type = argument == nullptr ? "" : argument;
-    http_write_header(stream, http_status::ok, "text/plain");
+    http_write_header(stream, http_status::ok, content_type::text);
     log_info("Test %d: refresher message.", refresher_count++);
     if (type == "warn") {
         log_warning("A test warning message!");
@@ -86,7 +86,7 @@ void action_instant_log_view(GDataOutputStream *stream, GHashTable *) {
 }
 
 void action_instant_log_view_download(GDataOutputStream *stream, GHashTable *) {
-    http_write_header(stream, http_status::ok, "text/plain",
+    http_write_header(stream, http_status::ok, content_type::text,
                       "Content-Description: File Transfer\r\n"
                       "Content-Disposition: attachment; filename=\"log_viewer.txt\"\r\n");
     const long_reply_turns turns(long_reply::log_view);
@@ -95,7 +95,6 @@ void action_instant_log_view_download(GDataOutputStream *stream, GHashTable *) {
 
 // --- Network tools
 
-constexpr const char *streamed = "application/octet-stream";
 constexpr const char *end_of_stream = "STOPSPINNER"; // the page's busy indicator stops at it
 constexpr const char *no_address = "Error: invalid parameters, use address=url";
 
@@ -114,7 +113,7 @@ void action_ping(GDataOutputStream *stream, GHashTable *arguments) {
         return;
     }
     log_info("Network Tools: Ping %s", address.c_str());
-    http_write_header(stream, http_status::ok, streamed);
+    http_write_header(stream, http_status::ok, content_type::binary);
     const long_reply_turns turns(long_reply::ping);
     vdrl_nettools_ping(address, stream);
     http_write(stream, end_of_stream);
@@ -156,7 +155,7 @@ void action_traceroute(GDataOutputStream *stream, GHashTable *arguments) {
     }
     log_info("Traceroute: Starting Traceroute to address %s with protocol %s", address.c_str(),
              mode->upper_case);
-    http_write_header(stream, http_status::ok, streamed);
+    http_write_header(stream, http_status::ok, content_type::binary);
     const long_reply_turns turns(long_reply::traceroute);
     vdrl_nettools_traceroute(
         format_bounded(500, "/usr/local/packages/Vandrel/bin_extra/traceroute_%s --%s \"%s\" 2>&1",
@@ -182,7 +181,7 @@ void action_portcheck(GDataOutputStream *stream, GHashTable *arguments) {
         http_write(stream, end_of_stream);
         return;
     }
-    http_write_header(stream, http_status::ok, streamed);
+    http_write_header(stream, http_status::ok, content_type::binary);
     const long_reply_turns turns(long_reply::port_check);
     http_write(stream, vdrl_nettools_portcheck(address, port) ? "Port check successful"
                                                               : "Port check failed");
@@ -190,7 +189,8 @@ void action_portcheck(GDataOutputStream *stream, GHashTable *arguments) {
 }
 
 void action_dnslookup(GDataOutputStream *stream, GHashTable *arguments) {
-    http_reply(stream, http_status::ok, "text/plain", "Records found are listed below: <br><br>");
+    http_reply(stream, http_status::ok, content_type::text,
+               "Records found are listed below: <br><br>");
     if (const char *address = http_argument(arguments, "address")) {
         const long_reply_turns turns(long_reply::name_lookup);
         write_out_dns(address, stream);
@@ -219,7 +219,7 @@ void copy_command_output(GDataOutputStream *stream, const std::string &command) 
 void action_get_ip_address(GDataOutputStream *stream, GHashTable *arguments) {
     constexpr std::size_t parameter_max = 127;
     constexpr std::size_t object_path_max = 80; // the command has 299 bytes
-    http_write_header(stream, http_status::ok, "application/json; charset=utf-8");
+    http_write_header(stream, http_status::ok, content_type::json_utf8);
     const char *group = http_argument(arguments, "group");
     const std::string name =
         "root.Storage." + std::string(group == nullptr ? "" : group) + ".DeviceNode";

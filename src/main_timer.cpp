@@ -14,6 +14,7 @@
 #include "ntpd.h"
 #include "onvif.h"
 #include "pcapdump.h"
+#include "process_list.h"
 #include "scheduled_tasks.h"
 #include "session_globals.h"
 #include "session_info.h"

@@ -7,13 +7,13 @@
 #include "csv.h"
 #include "dateutil.h"
 #include "eventlistener.h"
-#include "filehandler.h"
 #include "fileutil.h"
 #include "kernel_crash.h"
 #include "koral_cgi_monitoring.h"
 #include "log.h"
 #include "loop.h"
 #include "onvif.h"
+#include "process_list.h"
 #include "report_queue.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
@@ -148,7 +148,6 @@ constexpr std::size_t interval_digits_max = 9;
 constexpr std::size_t creation_command_max = 252;
 
 constexpr http_status ok = http_status::ok;
-constexpr const char *reply_type = "text/plain; charset=utf-8";
 
 bool is_interval(const char *value) {
     return value == nullptr ||
@@ -389,7 +388,7 @@ void watch_configurations_if_due(const std::string &directory) {
 // The reply is sent before a restart of the device.
 void reply_or_restart(GDataOutputStream *stream, int result, const char *done,
                       const char *restarts) {
-    http_reply(stream, ok, reply_type, result == 0 ? done : restarts);
+    http_reply(stream, ok, content_type::text_utf8, result == 0 ? done : restarts);
     if (result != 0) {
         g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
         (void)system_ret("/sbin/reboot");
@@ -408,13 +407,14 @@ void action_activate_monitor_session(GDataOutputStream *stream, GHashTable *argu
     collect_only_from_this_camera = true;
     if (monitory_active) {
         log_error("Can not start new monitoring session while another one is running.");
-        http_reply(stream, ok, reply_type, "Can not start new activity while another is running.");
+        http_reply(stream, ok, content_type::text_utf8,
+                   "Can not start new activity while another is running.");
         return;
     }
     const char *storage = http_argument(arguments, "storage");
     if (storage == nullptr) {
         log_error("Storage is required in order to create a new monitor session.");
-        http_reply(stream, ok, reply_type,
+        http_reply(stream, ok, content_type::text_utf8,
                    "Error: Storage is required in order to create a new monitor session, like "
                    "this: access.cgi?storage=SD_DISK");
         return;
@@ -422,7 +422,7 @@ void action_activate_monitor_session(GDataOutputStream *stream, GHashTable *argu
     if (std::strcmp(storage, "localdata") != 0 &&
         (!storage_root_of(storage) || !determine_if_this_storage_is_ok(storage, true))) {
         log_error("The given storage for monitor session was not valid.");
-        http_reply(stream, ok, reply_type,
+        http_reply(stream, ok, content_type::text_utf8,
                    "Error: The given storage destination was not valid and the VELA failed to "
                    "create a new monitor session.");
         return;
@@ -430,7 +430,7 @@ void action_activate_monitor_session(GDataOutputStream *stream, GHashTable *argu
     for (const char *name : {"log_interval", "save_image_interval"}) {
         if (!is_interval(http_argument(arguments, name))) {
             log_error("The given %s for monitor session was not valid.", name);
-            http_reply(stream, ok, reply_type,
+            http_reply(stream, ok, content_type::text_utf8,
                        format_text("Error: The %s must be a plain decimal number of at most %zu "
                                    "digits.",
                                    name, interval_digits_max));
@@ -519,14 +519,14 @@ int _start_monitoring_session(const session_request &request) {
 void action_deactivate_monitor_session(GDataOutputStream *stream, GHashTable *) {
     if (!monitory_active) {
         log_error("No monitor session is activated, can not deactive.");
-        http_reply(stream, ok, reply_type,
+        http_reply(stream, ok, content_type::text_utf8,
                    "No monitor session is activated, can not deactivate anything.");
         return;
     }
     const auto directory = session_directory();
     if (!directory) {
         log_error("Error: Path to secondary storage for active monitor session is null.");
-        http_reply(stream, ok, reply_type,
+        http_reply(stream, ok, content_type::text_utf8,
                    "Error: Path to secondary storage for active monitor session is null.");
         return;
     }

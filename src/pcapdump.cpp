@@ -1,11 +1,10 @@
 #include "pcapdump.h"
 
 #include "app_state.h"
-#include "data_export.h"
-#include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
 #include "pcap.h"
+#include "process_list.h"
 #include "session_globals.h"
 #include "session_info.h"
 #include "shell_word.h"
@@ -36,8 +35,6 @@ constexpr std::size_t index_line_max = 255;
 constexpr std::size_t download_name_max = 99;
 constexpr const char *index_path =
     "/usr/local/packages/Vandrel/localdata/found_wireshark_sessions.txt";
-constexpr const char *json = "application/json; charset=utf-8";
-constexpr const char *text = "text/plain; charset=utf-8";
 constexpr http_status ok = http_status::ok;
 
 // Set while a session is active.
@@ -314,12 +311,13 @@ void action_activate_wireshark_session(GDataOutputStream *stream, GHashTable *ar
                                  ? destination_of(storage, recording)
                                  : std::nullopt;
     if (!destination) {
-        http_reply(stream, ok, json,
+        http_reply(stream, ok, content_type::json_utf8,
                    "{\"error\":\"Miss recording id or second storage name.\"}\r\n");
         return;
     }
     if (wireshark_session_destination) {
-        http_reply(stream, ok, json, "{\"error\":\"A session has already been activated.\"}\r\n");
+        http_reply(stream, ok, content_type::json_utf8,
+                   "{\"error\":\"A session has already been activated.\"}\r\n");
         return;
     }
     wireshark_session_destination = destination;
@@ -329,7 +327,8 @@ void action_activate_wireshark_session(GDataOutputStream *stream, GHashTable *ar
         format_bounded(script_command_size,
                        "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' '%s' start &",
                        recording, storage, serial_number.value_or("").c_str());
-    http_reply(stream, ok, json, "{\"success\":\"Wireshark session created.\"}\r\n");
+    http_reply(stream, ok, content_type::json_utf8,
+               "{\"success\":\"Wireshark session created.\"}\r\n");
     // The client is not kept waiting.
     g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
     (void)system_ret(command.c_str());
@@ -339,10 +338,11 @@ void action_activate_wireshark_session(GDataOutputStream *stream, GHashTable *ar
 
 void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
     if (!wireshark_session_destination) {
-        http_reply(stream, ok, text, "Error: There is no active wireshark session to stop.\r\n");
+        http_reply(stream, ok, content_type::text_utf8,
+                   "Error: There is no active wireshark session to stop.\r\n");
         return;
     }
-    http_reply(stream, ok, text, "Wireshark session deactivated.\r\n");
+    http_reply(stream, ok, content_type::text_utf8, "Wireshark session deactivated.\r\n");
     // The reply ends when the trace can be had.
     g_output_stream_flush(G_OUTPUT_STREAM(stream), nullptr, nullptr);
     pcapdump_is_active = false;
@@ -359,10 +359,11 @@ void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
 void action_view_wireshark_sessions(GDataOutputStream *stream, GHashTable *) {
     if (!is_readable(index_path)) {
         errno = 0;
-        http_reply(stream, ok, text, "{\"error\":\"Failed to open wireshark session info file.\"}");
+        http_reply(stream, ok, content_type::text_utf8,
+                   "{\"error\":\"Failed to open wireshark session info file.\"}");
         return;
     }
-    http_reply(stream, ok, text,
+    http_reply(stream, ok, content_type::text_utf8,
                format_text("{\"current_destination\": \"%s\",\"pcapdump_is_active\":%d,"
                            "\"sessions\":[",
                            wireshark_session_destination.value_or("None").c_str(),
@@ -374,7 +375,7 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
     const char *folder = http_argument(arguments, "storage");
     if (!is_trace_dir(folder)) {
         errno = 0;
-        http_reply(stream, ok, "text/html; charset=utf-8",
+        http_reply(stream, ok, content_type::html_utf8,
                    "<!DOCTYPE html><body><pre>Invalid path given.</pre></body></html>\r\n");
         return;
     }
@@ -385,7 +386,7 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
             str_replace_char(name, '/', '_');
         }
     }
-    http_write_header(stream, ok, "application/octet-stream",
+    http_write_header(stream, ok, content_type::binary,
                       "Content-Description: File Transfer\r\nContent-Disposition: attachment; "
                       "filename=\"" +
                           name + "\"\r\n");
@@ -404,7 +405,7 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
 void action_remove_wireshark_session(GDataOutputStream *stream, GHashTable *arguments) {
     const char *folder = http_argument(arguments, "storage");
     if (folder == nullptr || std::strlen(folder) >= destination_size || !is_shell_word(folder)) {
-        http_reply(stream, ok, text, "Storage not provided.\r\n");
+        http_reply(stream, ok, content_type::text_utf8, "Storage not provided.\r\n");
         return;
     }
     // Anything but a trace's folder stays; so does the one that a capture is running into.
@@ -413,18 +414,18 @@ void action_remove_wireshark_session(GDataOutputStream *stream, GHashTable *argu
     }
     errno = 0;
     collect_wireshark_sessions(false);
-    http_reply(stream, ok, text, "Session deleted.\r\n");
+    http_reply(stream, ok, content_type::text_utf8, "Session deleted.\r\n");
 }
 
 void action_wireshark_direct(GDataOutputStream *stream, GHashTable *arguments) {
     const char *argument = http_argument(arguments, "duration");
     if (argument == nullptr) {
-        http_reply(stream, ok, text, "Not ok.. what duration?\r\n");
+        http_reply(stream, ok, content_type::text_utf8, "Not ok.. what duration?\r\n");
         return;
     }
     const auto duration = static_cast<unsigned>(decimal_prefix_unsigned(argument));
     // Hours, minutes modulo 60, but total seconds: kept, clients compare this text.
     log_info("Direct Network Trace Download, duration: %u hours, %u minutes, %u seconds",
              duration / 3600, duration / 60 % 60, duration);
-    http_reply(stream, ok, text, "Ok\r\n");
+    http_reply(stream, ok, content_type::text_utf8, "Ok\r\n");
 }

@@ -46,7 +46,7 @@ struct task {
     unsigned long &length; // of the interval, in ticks
     unsigned long &start;  // tick from which it counts
     std::optional<std::string> &times;
-    std::string fired; // that time: "2026-11-21 08:00"
+    std::string fired{}; // that time: "2026-11-21 08:00"
 
     const char *interval_reply;
     const char *times_reply;
@@ -62,53 +62,51 @@ struct task {
 };
 
 task restart{
-    "automatic_restart",
-    "Automatic Restart",
-    "/sbin/reboot",
-    "/usr/local/packages/Vandrel/localdata/automatic_restart_interval.info",
-    "/usr/local/packages/Vandrel/localdata/automatic_restart_times.info",
-    "/usr/local/packages/Vandrel/localdata/automatic_restart_fired.info",
-    automatic_restart_interval,
-    nbr_of_ticks_until_activation,
-    starting_tick,
-    automatic_restart_given_times,
-    "",
-    "Automatic restart rule has been set.\r\n",
-    "Automatic restart rule has been set.\r\n",
-    "Automatic restart rule has been stopped.\r\n",
-    "Automatic restart rule at given times has been stopped.\r\n",
-    "Started Automatic Restart",
-    "Updated Automatic Restart Interval",
-    "Started Automatic Restart Times",
-    "Updated Automatic Restart Times",
-    "Stopped Automatic Restart",
-    "Stopped Automatic Restart Times",
+    .rule = "automatic_restart",
+    .name = "Automatic Restart",
+    .command = "/sbin/reboot",
+    .interval_path = "/usr/local/packages/Vandrel/localdata/automatic_restart_interval.info",
+    .times_path = "/usr/local/packages/Vandrel/localdata/automatic_restart_times.info",
+    .fired_path = "/usr/local/packages/Vandrel/localdata/automatic_restart_fired.info",
+    .interval = automatic_restart_interval,
+    .length = nbr_of_ticks_until_activation,
+    .start = starting_tick,
+    .times = automatic_restart_given_times,
+    .interval_reply = "Automatic restart rule has been set.\r\n",
+    .times_reply = "Automatic restart rule has been set.\r\n",
+    .interval_stopped_reply = "Automatic restart rule has been stopped.\r\n",
+    .times_stopped_reply = "Automatic restart rule at given times has been stopped.\r\n",
+    .interval_started = "Started Automatic Restart",
+    .interval_updated = "Updated Automatic Restart Interval",
+    .times_started = "Started Automatic Restart Times",
+    .times_updated = "Updated Automatic Restart Times",
+    .interval_stopped = "Stopped Automatic Restart",
+    .times_stopped = "Stopped Automatic Restart Times",
 };
 
 task ptz_test{
-    "automatic_ptz_test",
-    "Automatic PTZ Test",
-    "dbus-send --system --type=method_call --print-reply --reply-timeout=3000 "
-    "--dest=com.tarvo.PTZ.Coordinator /com/tarvo/PTZ/Coordinator/1 "
-    "com.tarvo.PTZ.Coordinator.Auxiliary string:\"Operator\" int32:0 string:\"reset\"",
-    "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_interval.info",
-    "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_times.info",
-    nullptr,
-    ptz_test_interval,
-    ptz_nbr_of_ticks_until_activation,
-    ptz_starting_tick,
-    ptz_test_given_times,
-    "",
-    "Automatic PTZ test has been set.\r\n",
-    "PTZ test rule has been set.\r\n",
-    "Automatic PTZ test has been stopped.\r\n",
-    "PTZ test rule at given times has been stopped.\r\n",
-    "Started automatic PTZ test",
-    "Updated automatic PTZ test interval",
-    "Started PTZ Test Times",
-    "Updated PTZ Test Times",
-    "Stopped automatic PTZ testing",
-    "Stopped PTZ Times",
+    .rule = "automatic_ptz_test",
+    .name = "Automatic PTZ Test",
+    .command = "dbus-send --system --type=method_call --print-reply --reply-timeout=3000 "
+               "--dest=com.tarvo.PTZ.Coordinator /com/tarvo/PTZ/Coordinator/1 "
+               "com.tarvo.PTZ.Coordinator.Auxiliary string:\"Operator\" int32:0 string:\"reset\"",
+    .interval_path = "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_interval.info",
+    .times_path = "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_times.info",
+    .fired_path = nullptr,
+    .interval = ptz_test_interval,
+    .length = ptz_nbr_of_ticks_until_activation,
+    .start = ptz_starting_tick,
+    .times = ptz_test_given_times,
+    .interval_reply = "Automatic PTZ test has been set.\r\n",
+    .times_reply = "PTZ test rule has been set.\r\n",
+    .interval_stopped_reply = "Automatic PTZ test has been stopped.\r\n",
+    .times_stopped_reply = "PTZ test rule at given times has been stopped.\r\n",
+    .interval_started = "Started automatic PTZ test",
+    .interval_updated = "Updated automatic PTZ test interval",
+    .times_started = "Started PTZ Test Times",
+    .times_updated = "Updated PTZ Test Times",
+    .interval_stopped = "Stopped automatic PTZ testing",
+    .times_stopped = "Stopped PTZ Times",
 };
 
 std::chrono::steady_clock::time_point read_at; // the start of the daemon
@@ -369,5 +367,5 @@ void action_miscellaneous(GDataOutputStream *stream, GHashTable *arguments) {
     } else {
         return; // no reply at all: the web server makes its own
     }
-    http_reply(stream, http_status::ok, "text/plain", reply);
+    http_reply(stream, http_status::ok, content_type::text, reply);
 }

@@ -291,7 +291,6 @@ std::string decode_plus(std::string text) {
     return text;
 }
 
-constexpr const char *reply_type = "text/plain; charset=utf-8";
 constexpr std::string_view added = "New systemlog trigger added.";
 
 // A number of the request; nothing when missing, invalid or too large.
@@ -335,7 +334,7 @@ void add_crash_report_rule(GDataOutputStream *stream, const char *name, const ch
         print_http_error(stream, "name or subscription_message is empty or can not be used.");
         return;
     }
-    http_reply(stream, http_status::ok, reply_type, added);
+    http_reply(stream, http_status::ok, content_type::text_utf8, added);
 }
 
 void add_plain_rule(GDataOutputStream *stream, const char *name, const char *key) {
@@ -348,7 +347,7 @@ void add_plain_rule(GDataOutputStream *stream, const char *name, const char *key
         print_http_error(stream, "name or key is empty or can not be used.");
         return;
     }
-    http_reply(stream, http_status::ok, reply_type, added);
+    http_reply(stream, http_status::ok, content_type::text_utf8, added);
     log_plain_rule(request.key_word);
     http_write(stream, added); // twice: kept, clients compare this text
 }
@@ -372,11 +371,11 @@ void remove_rule(GDataOutputStream *stream, GHashTable *arguments) {
                    ? "Systemlog trigger removed."
                    : "Systemlog trigger not removed (not found).";
     }
-    http_reply(stream, http_status::ok, reply_type, body);
+    http_reply(stream, http_status::ok, content_type::text_utf8, body);
 }
 
 void list_rules(GDataOutputStream *stream) {
-    http_reply(stream, http_status::ok, "application/json; charset=utf-8",
+    http_reply(stream, http_status::ok, content_type::json_utf8,
                format_text("{\"active\":%d,\"systemlog_trigger_rules\":", monitory_active.load()));
     output_all_triggers_as_json_string(stream);
     http_write(stream, "}");
@@ -608,6 +607,7 @@ void action_systemlog_trigger(GDataOutputStream *stream, GHashTable *arguments) 
     } else if (command == "list") {
         list_rules(stream);
     } else {
-        http_reply(stream, http_status::ok, reply_type, "Error: do=[add|remove|list].");
+        http_reply(stream, http_status::ok, content_type::text_utf8,
+                   "Error: do=[add|remove|list].");
     }
 }

@@ -2,7 +2,6 @@
 
 #include "app_state.h"
 #include "csv.h"
-#include "data_export.h"
 #include "dateutil.h"
 #include "fileutil.h"
 #include "http.h"
@@ -609,7 +608,7 @@ void vdrl_dt_rules_print(const nc_rules_t *rules, GDataOutputStream *stream) {
                            rule->nc_start_time.value_or("Waiting").c_str(), rule->nc_name.c_str());
         text += rule->next ? "," : "";
     }
-    http_reply(stream, http_status::ok, "application/json; ", text + "]}");
+    http_reply(stream, http_status::ok, content_type::json_open, text + "]}");
 }
 
 void vdrl_dt_run(nc_rules_t *rules, const std::string &serial) {
@@ -654,7 +653,7 @@ void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     } else {
         reply = "{ \"error\": \"Not all required parameters were given.\" }";
     }
-    http_reply(stream, http_status::ok, "application/json; ", reply);
+    http_reply(stream, http_status::ok, content_type::json_open, reply);
 }
 
 void action_remove_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
@@ -663,7 +662,7 @@ void action_remove_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const bool removed =
         address != nullptr && port != nullptr &&
         vdrl_dt_rule_remove(nc_rules, serial_number.value_or(""), address, port_of(port));
-    http_reply(stream, http_status::ok, "application/json; charset=utf-8",
+    http_reply(stream, http_status::ok, content_type::json_utf8,
                removed ? "{ \"success\": \"All required parameters were given and OK, could "
                          "remove nc-rule.\" }"
                        : "{ \"error\": \"Could not remove nc-rule.\" }");
@@ -676,10 +675,11 @@ void action_list_nc_rules(GDataOutputStream *stream, GHashTable *) {
 void action_download_nc_log(GDataOutputStream *stream, GHashTable *arguments) {
     const char *path = http_argument(arguments, "path");
     if (path == nullptr) {
-        http_reply(stream, http_status::ok, "text/plain", "Error: No storage or status given.\r\n");
+        http_reply(stream, http_status::ok, content_type::text,
+                   "Error: No storage or status given.\r\n");
         return;
     }
-    http_write_header(stream, http_status::ok, "text/plain",
+    http_write_header(stream, http_status::ok, content_type::text,
                       "Content-Description: File Transfer\r\nContent-Disposition: attachment; "
                       "filename=\"Network_Device_Test_Log.txt\"\r\n");
     const long_reply_turns turns(long_reply::device_test_log);

@@ -129,7 +129,7 @@ bool wait_for(const unique_fd &event, std::chrono::milliseconds limit) {
 }
 
 // Makes the image visible, unless capturing was stopped; false, with errno, when it could not be
-// written.
+// written. Whoever stopped it may have removed the folder already: that is no failure.
 bool save_image(capture_job &job, CaptureFrame *frame, const std::string &path) {
     const std::string temporary = job.folder + "/.tmp_image.jpg";
     if (!job.run) {
@@ -141,7 +141,7 @@ bool save_image(capture_job &job, CaptureFrame *frame, const std::string &path) 
         const int reason = errno;
         file_remove(temporary.c_str());
         errno = reason;
-        return false;
+        return !job.run;
     }
     const std::lock_guard lock(job.publishing);
     if (!job.run) {

@@ -25,7 +25,7 @@ function examples() {
 test("each example of the API's description works, and there is one for each action", async (t) => {
   const lines = examples();
   const actions = [...checkout("src/main.cpp").matchAll(/^ {4}\{"(\w+)", action_/gm)].map(([, name]) => name);
-  assert.equal(actions.length, 27);
+  assert.equal(actions.length, 28);
   assert.deepEqual(actions.filter((name) => !lines.some(({ action }) => action === name)), []);
 
   const camera = await startCamera(t);

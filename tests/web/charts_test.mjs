@@ -6,12 +6,10 @@ import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'nod
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, test } from 'node:test';
-import { fileURLToPath, pathToFileURL } from 'node:url';
 
 import { until } from '../camera/support/camera.mjs';
-import { cameraAndBrowser, comeBack, violations, violationsInBoth } from './support/browser.mjs';
+import { cameraAndBrowser, comeBack, openViewer, VIEWER, violations, violationsInBoth } from './support/browser.mjs';
 
-const VIEWER = fileURLToPath(new URL('../../package/html/viewer.html', import.meta.url));
 const LOAD = 'system_monitoring/monitoring_load/load.csv';
 const CRASHING = '<img>x';
 
@@ -57,22 +55,6 @@ async function choose(page, words, title) {
 /** What of the chart is in sight. */
 const inSight = async (page, name) => (await chart(page, name))
   .evaluate(({ plot }) => [plot.scales.x.min, plot.scales.x.max].map(Math.round));
-
-async function openViewer(options, hash = '') {
-  const context = await shared.browser.newContext(options);
-  context.setDefaultTimeout(60000);
-  const page = await context.newPage();
-  const faults = [];
-  page.on('pageerror', (error) => faults.push(error.message));
-  page.on('console', (message) => faults.push(message.text()));
-  page.on('request', (request) => {
-    if (!/^(?:file|data|blob):/.test(request.url())) {
-      faults.push(request.url());
-    }
-  });
-  await page.goto(pathToFileURL(VIEWER).href + hash);
-  return { page, faults, context };
-}
 
 after(() => rmSync(folder, { recursive: true, force: true }));
 
@@ -198,7 +180,7 @@ test('what is drawn are the rows of the session’s file, marks tell what happen
 });
 
 test('the archive is opened without a camera', async () => {
-  const { page, context, faults } = await openViewer({ viewport: { width: 800, height: 1000 } }, link);
+  const { page, context, faults } = await openViewer(shared.browser, { viewport: { width: 800, height: 1000 } }, link);
   await page.getByLabel('Archive', { exact: true }).setInputFiles(archive);
   await page.getByRole('button', { name: /^core\./ }).first().waitFor();
   execFileSync('unzip', ['-q', archive, '-d', join(folder, 'unpacked')]);
@@ -223,6 +205,21 @@ test('the archive is opened without a camera', async () => {
       const [begin, end] = await inSight(page, log);
       return begin <= time && time <= end;
     }, told);
+  }
+  // The line of time: a narrower one by the keyboard has findings of its own; a mark leads to its charts.
+  await page.getByRole('group', { name: /^Line of time/ }).focus();
+  for (const key of ['Home', 'ArrowRight', '+']) await page.keyboard.press(key);
+  await findings.getByRole('button', { name: /^Only / }).click();
+  await findings.getByText(/(?:findings?|was found) from .* to /).waitFor();
+  await findings.getByRole('button', { name: 'Findings of all' }).click();
+  await findings.getByText(/ in .*, up to /).waitFor();
+  await page.getByRole('group', { name: /^Line of time/ }).press('Home');
+  const timeline = page.getByRole('region', { name: 'Timeline' });
+  await timeline.getByRole('img', { name: /^Storage: away once, / }).waitFor();
+  await timeline.getByRole('button', { name: /<img>x crashed/ }).first().click();
+  for (const [name, place] of [['Log', 'Logs and texts'], ['Charts', 'Charts']]) {
+    await timeline.getByRole('button', { name, exact: true }).first().click();
+    await page.waitForFunction((label) => document.activeElement?.ariaLabel === label, place);
   }
   await page.getByRole('button', { name: 'At a glance' }).click();
   await page.getByRole('img', { name: 'Chart of Memory.' }).waitFor();
@@ -267,7 +264,7 @@ test('archives that can’t be used are refused in words', async () => {
     ['climbing.zip', readFileSync(make('climbing_made.zip', '../outside.txt')), /nothing in this archive/],
     ['other.zip', readFileSync(make('other_made.zip', '-j', '../outside.txt')), /may be no archive of a session/],
   ];
-  const { page, context, faults } = await openViewer();
+  const { page, context, faults } = await openViewer(shared.browser);
   for (const [name, buffer, words] of cases) {
     await page.getByLabel('Archive', { exact: true }).setInputFiles({ name, mimeType: 'application/zip', buffer });
     await page.getByText(words).first().waitFor();

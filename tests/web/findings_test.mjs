@@ -48,6 +48,7 @@ function recordingOf({ days = 7, seed = 1, quiet = false, fault = {} }) {
     csv(`monitoring_topstatus/${name}/300/topstatus`, 'DATE,TIME,STATE,VSZ,%VSZ,%CPU',
       (time) => `S,90000,4,${value(`${name} processor`, () => Math.round(8 + 5 * random()))(time)}`);
   }
+  csv('monitoring_slabinfo/kmalloc-64', 'Date, Time, Name, Active objects, Number of objects, Object size', (time) => `kmalloc-64,${value('cache', () => 9000)(time)},90000,64`);
   csv('monitoring_environment/Main_board', 'Date, Time, Temperature (Celsius)', value('temperature', (time) => (48 + 6 * day(time) + 2 * random()).toFixed(2)));
   csv('monitoring_environment/Fan_0', 'Date, Time, Fan status', value('fan', (time) => (day(time) > 0.5 ? 'Running' : 'Stopped')));
   let [received, sent, dropped] = [0, 0, 0];
@@ -73,13 +74,17 @@ function recordingOf({ days = 7, seed = 1, quiet = false, fault = {} }) {
     return `[${date}/${month}/${year}:${wallText(wall(time)).slice(11)} +0000] IPAddress:${address} User:${user}  "GET /tarvo-cgi/param.cgi HTTP/1.1" `
       + `Process Time:9ms HTTP Status:${status}\n`;
   }).join(''));
+  files.set('system_monitoring/monitoring_interrupts/20261020_060000_interrupts.txt', '            CPU0       CPU1       \n 27: 1 2\n');
+  for (const time of times.filter((one) => fault.images?.(one))) {
+    files.set(`system_monitoring/monitoring_snapshots/${wallText(wall(time)).replaceAll(/[-:]/g, '').replace(' ', 'T')}.jpg`, 'x');
+  }
   for (const path of fault.files ?? []) files.set(path, 'x');
   for (const path of [...files.keys()].filter((one) => fault.without?.test(one))) files.delete(path);
   return files;
 }
 
 /** What is found, and how the page went on meanwhile. */
-async function found(files, signal) {
+async function found(files, signal, range) {
   const bytes = new Map([...files].map(([path, text]) => [path, new TextEncoder().encode(text)]));
   const listing = [...bytes].map(([path, { length }]) => ({ path, bytes: length, columns: [], time: '', utc: null }));
   const contents = { csv: listing.filter(({ path }) => path.endsWith('.csv')), files: listing.filter(({ path }) => !path.endsWith('.csv')), complete: true };
@@ -89,7 +94,7 @@ async function found(files, signal) {
     }
   } };
   const source = createSource(recording, (path) => listing.find((file) => file.path === path));
-  return findingsOf({ recording, source, contents, marks: await readMarks(source, contents, []), signal });
+  return findingsOf({ recording, source, contents, marks: await readMarks(source, contents, []), signal, range });
 }
 
 const evenly = (count, from, to) => Array.from({ length: count }, (_, index) => Math.round(from + (to - from) * index / Math.max(1, count - 1)));
@@ -127,7 +132,15 @@ const FAULTS = [
   ['a card that is full', { fault: { log: [[6 * DAY, 'WARNING', 'Vandrel[401]: Secondary storage is running out of free space. Deactivating monitoring session.'], daemon('Monitoring session stopped.')(6 * DAY + 1)] } },
     'full storage', 'grave', /^The storage was full at 2026-10-26 06:00 and the session was ended by it, with \d/, ''],
   ['a process that takes a core', { fault: { 'analytics processor': (time, usual) => (time > 2 * DAY && time < 2.5 * DAY ? 51 : usual) } },
-    'process takes a core', 'warning', /^analytics took 45% of the processor or more, at most 51%, for 11 h 58 min from 2026-10-22 06:02; usual are \d+%/, 'process-processor'],
+    'process takes a core', 'warning', /^analytics took 51% of the processor \(a core is 50%\), at most 51%, for 11 h 58 min from 2026-10-22 06:02; usual are \d+%/, 'process-processor'],
+  ['a cache of the kernel that grows', { fault: { cache: (time) => 9000 + Math.round(time * 2), SUnreclaim: (time, usual) => usual + Math.round(time / 8) } },
+    'slab caches', 'grave', /^The kernel’s objects of kmalloc-64 grew from \d+(?:\.\d+)? kB to 7\d(?:\.\d+)? MB in 6 days 23 h/, 'slab'],
+  ['images that stop', { fault: { images: (time) => time < 2 * DAY || (time > 3 * DAY && time < 6 * DAY) } },
+    'images', 'warning', /^Images are missing for 2 days, twice between .*; after the last time none came\. Usually one comes in 2 min\.$/, ''],
+  ['an error that is new', { fault: { log: evenly(60, 3 * DAY, 3 * DAY + 4 * HOUR).map((time, row) => [time, 'ERR', `ptzd[80]: motor ${row} stalled`]) } },
+    'errors in the log', 'warning', /^New from 2026-10-23 06:00 on: ptzd said 60 times .*: “motor 0 stalled”$/, 'log'],
+  ['crashes that only the log tells of', { fault: { log: evenly(4, DAY, 5 * DAY).map((time) => [time, 'INFO', 'kernel: streamd[331]: segfault at 0 ip 0 sp 0 error 4']) } },
+    'crash', 'grave', /^streamd crashed 4 times /, ''],
   ['power cuts', { fault: { missing: away.map(([from]) => [from, from + 900]), log: [...away.map(([from]) => daemon(REBOOTED)(from + 890)),
     // The log is taken when a session starts, which is no end of the daemon.
     [DAY + 10, 'INFO', 'Vandrel-silent: Continuous log taken up to here (77.1795295208).'], daemon('Monitoring session started (SD_DISK)')(DAY + 20)] } },
@@ -137,6 +150,9 @@ const FAULTS = [
   ['a link that was down', { fault: { errors: () => 0, link: (time) => time < 2 * DAY || time > 2 * DAY + 3 * HOUR } },
     'traffic', 'warning', /^Traffic of eth0 broke off once, at 2026-10-22 06:0., for (?:2 h 58|3 h)/, 'traffic-eth0'],
 ];
+
+/** What the recordings here do without. */
+const NOT_MADE = ['how often the HTTP API is called', 'page faults', 'the bandwidth', 'images'];
 
 test('the fault of each recording is the first finding', async () => {
   for (const [name, recording, rule, severity, words, chart] of FAULTS) {
@@ -164,19 +180,23 @@ test('healthy recordings have nothing above a note, and the figures that show it
     for (const name of ['Temperature, Main board', 'Available memory', 'Load of 15 minutes', 'Rows', 'Log']) {
       assert.ok(figures.some(([figure, value]) => figure === name && /\d/.test(value)), name);
     }
-    assert.deepEqual(unjudged, ['page faults']);
+    assert.deepEqual(unjudged, NOT_MADE);
   }
 });
 
-test('what was not recorded is told, hostile lines are text, an abort ends it', async () => {
+test('what was not recorded is told, hostile lines are text, a selected time has its own, an abort ends it', async () => {
   const files = recordingOf({ days: 1, fault: { without: /environment|HTTP_log|topstatus|load/, log: [[HOUR, 'CRIT', '<b>x\0: '.repeat(3000)]] } });
   const { findings, unjudged } = await found(files);
-  assert.deepEqual(unjudged.sort(), ['callers of the HTTP API', 'heaters and fans', 'page faults', 'rows of each collection', 'temperatures', 'the clock', 'the load',
-    'the processor of processes']);
+  assert.deepEqual(unjudged.sort(), [...NOT_MADE, 'callers of the HTTP API', 'heaters and fans', 'rows of each collection', 'temperatures', 'the clock', 'the load',
+    'the processor of processes'].sort());
   assert.match(findings[0].text, /as critical: “.{1,200}”$/s);
   assert.deepEqual((await found(new Map())).findings, []);
   const broken = recordingOf({ days: 1, fault: { temperature: (time, usual) => (time === HOUR ? 'x' : usual) } });
-  assert.deepEqual((await found(broken)).unjudged, ['page faults', 'Temperatures: no rows that can be used']);
+  assert.deepEqual((await found(broken)).unjudged, [...NOT_MADE, 'Temperatures: no rows that can be used']);
+  // What is usual of a selected time is known from all of it; what was before or after is not told.
+  const hot = recordingOf({ fault: { ...FAULTS.find(([name]) => name === 'overheating')[1].fault, log: [[5 * DAY, 'CRIT', 'ptzd[80]: motor lost']] } });
+  const only = async (from, to) => (await found(hot, undefined, [START + from, START + to])).findings.filter(({ severity }) => severity !== 'note').map(({ rule }) => rule);
+  assert.deepEqual([await only(3.05 * DAY, 3.1 * DAY), await only(5 * DAY - HOUR, 5 * DAY + HOUR), await only(DAY, 2 * DAY)], [['temperature'], ['errors in the log'], []]);
   const controller = new AbortController();
   controller.abort();
   await assert.rejects(found(files, controller.signal), { name: 'AbortError' });

@@ -4,11 +4,12 @@
 import { unzipRaw } from '../lib/unzipit.js';
 import { RequestError } from './api.js';
 import { dateTime } from './format.js';
-import { saveBlob } from './recording.js';
+import { LEFT_OUT, saveBlob } from './recording.js';
 
 /** @typedef {import('unzipit').ZipEntry} Entry */
 
 const SIGNATURE = [0x50, 0x4b]; // "PK"
+const MOST_LEFT_BYTES = 16 * 1024 * 1024;
 const SLICE_MS = 10; // then the page goes on
 const ODD_PATH = /(?:^|[/\\])\.\.(?:[/\\]|$)|^[/\\]|^[A-Za-z]:|[\0\\]/;
 
@@ -32,6 +33,8 @@ async function entriesOf(file) {
   }
 }
 
+const RECORDED = /(?<=^|\/)system_monitoring\//;
+
 /**
  * Opens an archive. Throws a RequestError where that can't be done.
  * @param {File} file
@@ -51,7 +54,8 @@ export async function openArchive(file) {
     .filter((name) => /(?:^|\/)Session_Information\.txt$/.test(name))
     .sort((a, b) => a.length - b.length)[0];
   const top = `${usable[0]?.name.split('/')[0]}/`;
-  const root = information?.slice(0, information.lastIndexOf('/') + 1)
+  const recorded = usable.find(({ name }) => RECORDED.test(name))?.name;
+  const root = information?.slice(0, information.lastIndexOf('/') + 1) ?? recorded?.slice(0, recorded.search(RECORDED))
     ?? (usable.every(({ name }) => name.startsWith(top)) ? top : '');
   /** @type {Map<string, Entry>} */
   const entries = new Map(usable.filter(({ name }) => name.startsWith(root))
@@ -62,11 +66,19 @@ export async function openArchive(file) {
     usable.length < plain.length ? `${plain.length - usable.length} of its files are encrypted and are left out.` : '',
   ].filter(Boolean).join(' ');
 
+  /** @type {import('./recording.js').Item[]} */
+  const left = [];
+  const list = entries.get(LEFT_OUT);
+  if (list && list.size < MOST_LEFT_BYTES) {
+    const rows = (await list.blob().then((blob) => blob.text(), () => '')).matchAll(/^([^\t\r\n]+)\t(\d+)\t([^\t\r\n]*)\r?$/gm);
+    left.push(...[...rows].map(([, path = '', bytes, time = '']) => ({ path, bytes: Number(bytes), time, utc: null })));
+  }
+
   /** @param {string} path */
   function entryOf(path) {
     const entry = entries.get(path);
     if (!entry) {
-      throw damaged(`There is no ${path} in the archive.`, '');
+      throw damaged(`There is no ${path} in the archive.`, left.some((item) => item.path === path) ? 'It is a copy without secrets, which left it out.' : '');
     }
     return entry;
   }
@@ -84,7 +96,7 @@ export async function openArchive(file) {
         const items = [...entries].map(([path, { size, lastModDate }]) =>
           ({ path, bytes: size, time: dateTime(lastModDate), utc: null, columns: [] }));
         const isCsv = (/** @type {{path: string}} */ { path }) => path.endsWith('.csv');
-        return { csv: items.filter(isCsv), files: items.filter((item) => !isCsv(item)), complete: true };
+        return { csv: items.filter(isCsv), files: items.filter((item) => !isCsv(item)), complete: true, left };
       },
       async read(path, onPiece, { from = 0, most = Infinity, signal } = {}) {
         const entry = entryOf(path);

@@ -15,6 +15,7 @@ const FIRST_SERIES = 6; // of a file that nobody knows
 const MOST_SERIES = 60;
 const MANY = 12; // series, of which only the visible ones are listed at first
 const PROGRESS_PERIOD_MS = 250;
+const SUM_MS = 50; // while the time in sight is dragged along nothing is summed up
 
 /** @typedef {import('./series.js').Series} Series */
 /** @typedef {import('./plot.js').Shown} Shown */
@@ -160,9 +161,11 @@ export function createChartCard({ source, chart, group, remove }) {
   let shown = [];
   /** @type {Series[]} */
   let read = [];
+  /** What the legend holds for. @type {[number, number]} */
+  let summed = [NaN, NaN];
   const message = createMessage();
   const remarks = el('p', { class: 'quiet' });
-  const lines = createPlot(group, title, { stacked: chart.stacked, onIndex: (index) => atCursor(false, index) });
+  const lines = createPlot(group, title, { id: chart.id, stacked: chart.stacked, onIndex: (index) => atCursor(false, index) });
   const bands = createPlot(group, `${title}: states`, { onIndex: (index) => atCursor(true, index) });
   const legend = createLegend(toggle);
   const rows = createRows(title);
@@ -205,6 +208,7 @@ export function createChartCard({ source, chart, group, remove }) {
   }
   /** @param {[number, number]} range */
   function sumUp(range) {
+    summed = range;
     legend.sumUp(range);
     rows.show(visibleSeries(), range);
   }
@@ -303,7 +307,9 @@ export function createChartCard({ source, chart, group, remove }) {
   let summing = 0;
   const stopListening = group.onRange((range) => {
     clearTimeout(summing);
-    summing = setTimeout(() => sumUp(range), 50);
+    if (range[0] !== summed[0] || range[1] !== summed[1]) {
+      summing = setTimeout(() => sumUp(range), SUM_MS);
+    }
   });
 
   function close() {

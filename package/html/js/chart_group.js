@@ -34,6 +34,8 @@ export function createChartGroup({ pointed, opened } = {}) {
   let marks = [];
   /** @type {Set<Kind>} */
   const hidden = new Set();
+  /** From which values on findings counted, by the chart. @type {Map<string, import('./findings.js').Limit[]>} */
+  const limits = new Map();
   /** @type {Range | null} in sight; null for all */
   let range = null;
   let frame = 0;
@@ -147,6 +149,19 @@ export function createChartGroup({ pointed, opened } = {}) {
     setMarks(next) {
       marks = next;
       applySoon();
+      redraw();
+    },
+    /** @param {string} chart its id */
+    limitsOf: (chart) => limits.get(chart) ?? [],
+    /** @param {import('./findings.js').Finding[]} findings whose limits are drawn */
+    setLimits(findings) {
+      limits.clear();
+      for (const { chart, limit } of findings) {
+        const own = limits.get(chart) ?? [];
+        if (limit && own.every(({ text }) => text !== limit.text)) {
+          limits.set(chart, [...own, limit]);
+        }
+      }
       redraw();
     },
     /** @param {(range: Range, wanted: Range | null) => void} listener */

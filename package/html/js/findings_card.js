@@ -2,13 +2,15 @@
 
 import { actionButton, createFacts, createMessage } from './controls.js';
 import { el, setText } from './dom.js';
-import { bytesToRead, findingsOf } from './findings.js';
+import { bytesToRead } from './findings.js';
+import { foundBefore, lookFor } from './findings_memory.js';
 import { byteSize, counted } from './format.js';
 import { wallText } from './series.js';
 import { createSource } from './session_series.js';
 import { duration } from './session_data.js';
 
-const MOST_UNASKED_BYTES = 48 * 1024 * 1024; // read from a camera, which has other work
+/** Read from a camera, which has other work. */
+export const MOST_UNASKED_BYTES = 48 * 1024 * 1024;
 
 /** @typedef {import('./findings.js').Finding} Finding */
 /** @type {Record<import('./findings.js').Severity, string>} */
@@ -18,20 +20,32 @@ const TITLES = { grave: 'Grave', warning: 'Warning', note: 'Note' };
 const span = (from, to) => (wallText(from).slice(0, 16) === wallText(to).slice(0, 16) ? wallText(from)
   : `${wallText(from).slice(0, 16)} to ${wallText(to).slice(wallText(from).slice(0, 10) === wallText(to).slice(0, 10) ? 11 : 0, 16)}`);
 
+/** @param {Finding} finding @param {HTMLElement} sentence that leads to it */
+export const findingItem = ({ severity, from, to, path }, sentence) => el('li', { 'data-severity': severity },
+  el('strong', {}, TITLES[severity]),
+  el('div', {}, sentence, el('p', { class: 'quiet' }, `${span(from, to)}${path ? ' · ' : ''}`, el('bdi', {}, path))));
+
 /**
  * @param {import('./recording.js').Recording} recording
+ * @param {ReturnType<typeof import('./chart_group.js').createChartGroup>} group whose time in sight can be judged by itself
  * @param {(finding: Finding) => void} open shows the chart and the time of one
  */
-export function createFindingsCard(recording, open) {
+export function createFindingsCard(recording, group, open) {
   /** @type {AbortController | null} */
   let running = null;
   /** @type {{contents: import('./recording.js').Contents, marks: import('./marks.js').Mark[]}} */
   let wanted = { contents: { csv: [], files: [], complete: true }, marks: [] };
+  /** What of the time is judged; null for all. @type {[number, number] | null} */
+  let judged = null;
   const message = createMessage();
   const progress = el('progress', { max: 1, 'aria-label': 'Looking for findings' });
   const stop = el('button', { type: 'button', onclick: () => running?.abort() }, 'Stop');
   const work = el('div', { class: 'tools small', hidden: true }, progress, stop);
   const again = actionButton('Look again', () => look());
+  const inSight = actionButton('', () => judge(group.range()), { hidden: true });
+  const whole = actionButton('Findings of all', () => judge(null), { hidden: true });
+  const stopListening = group.onRange((_, range) => offer(range));
+  const heading = el('h2', { tabindex: -1 }, 'Findings');
   const verdict = el('p', { role: 'status' });
   const list = el('ul', { class: 'findings' });
   const notes = el('ul', { class: 'findings' });
@@ -41,15 +55,31 @@ export function createFindingsCard(recording, open) {
   const figuresPart = el('details', { hidden: true }, el('summary', {}, 'Figures'), figures.element);
   const unjudged = el('p', { class: 'quiet' });
   const element = el('section', { class: 'card', 'aria-label': 'Findings' },
-    el('div', { class: 'tools apart' }, el('h2', {}, 'Findings'), el('div', { class: 'tools small' }, work, again)),
+    el('div', { class: 'tools apart' }, heading, el('div', { class: 'tools small' }, work, whole, inSight, again)),
     message.element, verdict, list, notesPart, figuresPart, unjudged);
   again.hidden = true;
 
   /** @param {Finding} finding */
-  const item = (finding) => el('li', { 'data-severity': finding.severity },
-    el('strong', {}, TITLES[finding.severity]),
-    el('div', {}, el('button', { type: 'button', class: 'plain', onclick: () => open(finding) }, finding.text),
-      el('p', { class: 'quiet' }, `${span(finding.from, finding.to)}${finding.path ? ' · ' : ''}`, el('bdi', {}, finding.path))));
+  const item = (finding) => findingItem(finding, el('button', { type: 'button', class: 'plain', onclick: () => open(finding) }, finding.text));
+
+  /** @param {[number, number] | null} range in sight */
+  function offer(range) {
+    inSight.hidden = !range || String(range) === String(judged) || wanted.contents.csv.length + wanted.contents.files.length === 0;
+    setText(inSight, range ? `Only ${span(range[0], range[1])}` : '');
+    whole.hidden = judged === null;
+  }
+  /** @param {[number, number] | null} range */
+  async function judge(range) {
+    judged = range;
+    offer(group.range());
+    heading.focus({ preventScroll: true }); // the button that was pressed is gone
+    const before = range ? null : foundBefore(recording.title, wanted.contents);
+    if (before) {
+      show(before);
+    } else {
+      await look();
+    }
+  }
 
   async function look() {
     running?.abort();
@@ -64,7 +94,9 @@ export function createFindingsCard(recording, open) {
     progress.value = 0;
     setText(verdict, 'Looking for findings …');
     try {
-      const found = await findingsOf({ recording, source, contents, marks, signal: controller.signal, onProgress: (done) => { progress.value = done; } });
+      const found = await lookFor(recording.title, {
+        recording, source, contents, marks, signal: controller.signal, ...(judged ? { range: judged } : {}), onProgress: (done) => { progress.value = done; },
+      });
       if (running === controller) {
         show(found);
       }
@@ -85,13 +117,16 @@ export function createFindingsCard(recording, open) {
     }
   }
 
-  /** @param {Awaited<ReturnType<typeof findingsOf>>} found */
+  /** @param {import('./findings_memory.js').Told} found */
   function show({ findings, figures: told, unjudged: missing, span: [from, to] }) {
     const wrong = findings.filter(({ severity }) => severity !== 'note');
     const rest = findings.filter(({ severity }) => severity === 'note');
-    const length = to > from ? ` in ${duration(Math.round((to - from) / 60))}` : '';
-    setText(verdict, wrong.length > 0 ? `${counted(wrong.length, 'finding')}${length}, up to ${wallText(to)}.`
-      : told.length === 0 ? 'Too little was recorded to judge.' : `Nothing wrong was found${length}, up to ${wallText(to)}. The figures are below.`);
+    const length = judged ? ` from ${span(from, to)}` : to > from ? ` in ${duration(Math.round((to - from) / 60))}` : '';
+    const until = judged ? '' : `, up to ${wallText(to)}`;
+    group.setLimits(findings);
+    again.hidden = running !== null;
+    setText(verdict, wrong.length > 0 ? `${counted(wrong.length, 'finding')}${length}${until}.`
+      : told.length === 0 ? 'Too little was recorded to judge.' : `Nothing wrong was found${length}${until}. The figures are below.`);
     list.replaceChildren(...wrong.map(item));
     notes.replaceChildren(...rest.map(item));
     notesPart.hidden = rest.length === 0;
@@ -113,7 +148,11 @@ export function createFindingsCard(recording, open) {
       const first = wanted.contents.csv.length + wanted.contents.files.length === 0;
       wanted = next;
       const bytes = bytesToRead(next.contents);
-      if (first && (recording.offline || bytes <= MOST_UNASKED_BYTES)) {
+      const before = foundBefore(recording.title, next.contents);
+      offer(group.range());
+      if (first && before) {
+        show(before);
+      } else if (first && (recording.offline || bytes <= MOST_UNASKED_BYTES)) {
         await look();
       } else if (first) {
         setText(verdict, `To look for findings ${byteSize(bytes)} are read from the camera.`);
@@ -122,6 +161,7 @@ export function createFindingsCard(recording, open) {
       }
     },
     close() {
+      stopListening();
       const ended = running;
       running = null;
       ended?.abort();

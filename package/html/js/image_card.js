@@ -3,11 +3,11 @@
 import { el, setText } from './dom.js';
 import { createMessage, field } from './controls.js';
 import { readWhole } from './recording.js';
-import { wallSeconds, wallText } from './series.js';
+import { imagesOf } from './recording_marks.js';
+import { wallText } from './series.js';
 
 const MOST_BYTES = 20 * 1024 * 1024;
 const SETTLE_MS = 120; // while the cursor runs over the charts nothing is read
-const NAME = /monitoring_snapshots\/(\d{4})(\d\d)(\d\d)T(\d\d)(\d\d)(\d\d)\.jpg$/;
 
 /** As a data address: other addresses are not let in. @param {Blob} blob @returns {Promise<string>} */
 function addressOf(blob) {
@@ -87,10 +87,7 @@ export function createImageCard(recording, onChosen) {
     /** @param {import('./recording.js').Item[]} files */
     show(files) {
       const before = images[at]?.path;
-      images = files.flatMap(({ path }) => {
-        const [, year, month, day, hour, minute, second] = NAME.exec(path) ?? [];
-        return year ? [{ path, time: wallSeconds(`${year}-${month}-${day}`, `${hour}:${minute}:${second}`) }] : [];
-      }).sort((a, b) => a.time - b.time);
+      images = imagesOf(files);
       element.hidden = images.length === 0;
       slider.max = String(Math.max(0, images.length - 1));
       at = -1;

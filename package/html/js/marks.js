@@ -5,6 +5,7 @@ import { severityOf, SEVERITIES } from './views/log_lines.js';
 
 const SAME = 10; // more of one kind and text stand in one row of a list
 const LOG_STEP_S = 600;
+const LEAST_IMAGE_HOLE_S = 120;
 // A restart or a storage's return is logged within so much of the end of what was not recorded.
 const CAUSE_S = 600;
 
@@ -15,6 +16,7 @@ const CAUSE_S = 600;
  * @property {Kind} kind
  * @property {string} text
  * @property {string} [path] of the file that tells more
+ * @property {'camera' | 'storage'} [cause] of what was not recorded
  */
 
 /** @typedef {'crash' | 'reboot' | 'storage' | 'gap' | 'session' | 'host' | 'trigger' | 'report'} Kind */
@@ -149,10 +151,16 @@ export function marksOfEvents(lines, zone, nameOf = () => '') {
 export function marksOfHoles(holes, marks) {
   return holes.map(([from, to]) => {
     const near = marks.filter(({ time, until }) => until === undefined && time > from - CAUSE_S && time < to + CAUSE_S);
-    const cause = near.find(({ kind }) => kind === 'reboot') ?? near.find(({ kind }) => kind === 'storage');
+    // The one within it or next to it; a restart also makes the storage come back.
+    const away = (/** @type {Mark} */ { time }) => Math.max(0, from - time, time - to);
+    const [cause] = near.filter(({ kind }) => kind === 'reboot' || kind === 'storage')
+      .sort((a, b) => away(a) - away(b) || Number(b.kind === 'reboot') - Number(a.kind === 'reboot'));
     const why = cause?.kind === 'reboot' ? ': the camera was restarted or had no power'
       : cause ? ': the storage could not be used' : '';
-    return { time: from, until: to, kind: 'gap', text: `Nothing was recorded until ${wallText(to)}${why}` };
+    return {
+      time: from, until: to, kind: 'gap', text: `Nothing was recorded until ${wallText(to)}${why}`,
+      ...(cause ? { cause: cause.kind === 'reboot' ? 'camera' : 'storage' } : {}),
+    };
   });
 }
 
@@ -276,4 +284,64 @@ export function gathered(marks, near) {
     }
   }
   return groups;
+}
+
+/** Spans that overlap as one. @param {[number, number][]} spans */
+function joinedSpans(spans) {
+  /** @type {[number, number][]} */
+  const joined = [];
+  for (const [from, to] of [...spans].sort(([a], [b]) => a - b)) {
+    const before = joined.at(-1);
+    if (before && from <= before[1]) {
+      before[1] = Math.max(before[1], to);
+    } else {
+      joined.push([from, to]);
+    }
+  }
+  return joined;
+}
+
+/**
+ * What was there all the time, and when it was not: the camera, its storage, images.
+ * @param {Mark[]} marks in the order of their times
+ * @param {number[]} images their times, ascending
+ * @param {[number, number]} extent of the recording
+ * @returns {{name: string, spans: {from: number, to: number, isGood: boolean, text: string}[]}[]}
+ */
+export function bandsOf(marks, images, [first, last]) {
+  /** @type {(name: string, good: string, bad: string, away: [number, number][]) => ReturnType<typeof bandsOf>[number]} */
+  const band = (name, good, bad, away) => {
+    /** @type {ReturnType<typeof bandsOf>[number]['spans']} */
+    const spans = [];
+    let at = first;
+    for (const [from, to] of away) {
+      if (from > at) {
+        spans.push({ from: at, to: from, isGood: true, text: good });
+      }
+      if (to > at) {
+        spans.push({ from: Math.max(from, at), to, isGood: false, text: bad });
+      }
+      at = Math.max(at, to);
+    }
+    return { name, spans: at < last ? [...spans, { from: at, to: last, isGood: true, text: good }] : spans };
+  };
+  const gaps = (/** @type {Mark['cause']} */ cause) => marks.flatMap((mark) => (mark.kind === 'gap' && mark.cause === cause
+    ? [/** @type {[number, number]} */ ([mark.time, mark.until ?? mark.time])] : []));
+  const lost = marks.flatMap((mark, index) => {
+    const isLost = mark.kind === 'storage' && mark.text.startsWith('The storage was lost');
+    const back = marks.slice(index + 1).find(({ kind, text }) => kind === 'reboot' || (kind === 'storage' && text.startsWith('The storage was back')));
+    return isLost ? [/** @type {[number, number]} */ ([mark.time, back?.time ?? last])] : [];
+  });
+  const steps = images.slice(1).map((time, index) => time - (images[index] ?? 0)).sort((a, b) => a - b);
+  const least = Math.max(LEAST_IMAGE_HOLE_S, 3 * (steps[steps.length >> 1] ?? 0));
+  const [firstImage = first, lastImage = last] = [images[0], images.at(-1)];
+  const holes = images.flatMap((time, index) => (time - (images[index - 1] ?? time) > least ? [/** @type {[number, number]} */ ([images[index - 1] ?? time, time])] : []));
+  return [
+    band('Camera', 'up', 'down', gaps('camera')),
+    band('Storage', 'there', 'away', joinedSpans([...gaps('storage'), ...lost])),
+    ...(gaps(undefined).length > 0 ? [band('Rows', 'recorded', 'not recorded', gaps(undefined))] : []),
+    ...(images.length > 0 ? [band('Images', 'taken', 'none', [
+      ...(firstImage - first > least ? [/** @type {[number, number]} */ ([first, firstImage])] : []), ...holes,
+      ...(last - lastImage > least ? [/** @type {[number, number]} */ ([lastImage, last])] : [])])] : []),
+  ];
 }

@@ -3,8 +3,11 @@
 
 import { request } from './api.js';
 import { onCamera } from './camera.js';
-import { chartsOf } from './catalogue.js';
+import { chartsOf, idOfFile } from './catalogue.js';
 import { el, setText } from './dom.js';
+import { bytesToRead } from './findings.js';
+import { findingItem, MOST_UNASKED_BYTES } from './findings_card.js';
+import { foundBefore, lookFor } from './findings_memory.js';
 import { byteSize, counted } from './format.js';
 import { readLooseJson } from './loose_json.js';
 import { KIND_TITLES } from './marks.js';
@@ -21,6 +24,8 @@ const HOUR_S = 3600;
 const PERIOD_MS = 60000;
 const MOST_LOG_BYTES = 256 * 1024;
 const MOST_MARKS = 6;
+const MOST_FINDINGS = 3;
+const FINDINGS_PERIOD_MS = 600000; // a running session changes all the time: its findings hold for so long
 const SMALL = ['load', 'available', 'temperature', 'traffic-eth0'];
 
 /** @typedef {import('./session_data.js').Camera} Camera */
@@ -73,6 +78,14 @@ async function whatIsSet(camera) {
   ];
 }
 
+/** Where a finding is shown: its chart at its time. @param {string} directory @param {import('./findings.js').Finding} finding */
+function hrefOfFinding(directory, { chart, path, from, to }) {
+  const margin = Math.max(HOUR_S / 4, (to - from) / 10);
+  const time = (/** @type {number} */ seconds) => wallText(seconds).replace(' ', 'T');
+  const id = chart || (path.endsWith('.csv') ? idOfFile(path) : 'log');
+  return `#/session?path=${encodeURIComponent(directory)}&charts=${encodeURIComponent(id)}&from=${time(from - margin)}&to=${time(to + margin)}`;
+}
+
 /** @returns {HTMLElement[]} cards */
 export function createNow() {
   const charts = el('div', { class: 'small-charts' });
@@ -80,6 +93,9 @@ export function createNow() {
   const chartsCard = el('section', { class: 'card', 'aria-label': 'The last hour' }, el('h2', {}, 'The last hour'), chartsNote, charts);
   const lately = el('ul', { class: 'lately' });
   const latelyCard = el('section', { class: 'card', 'aria-label': 'What happened lately', hidden: true }, el('h2', {}, 'What happened lately'), lately);
+  const findings = el('ul', { class: 'findings' });
+  const findingsNote = el('p', { class: 'quiet', role: 'status' });
+  const findingsCard = el('section', { class: 'card', 'aria-label': 'Findings', hidden: true }, el('h2', {}, 'Findings'), findingsNote, findings);
   const storages = el('ul', { class: 'storages' });
   const storagesCard = el('section', { class: 'card', 'aria-label': 'Storages' }, el('h2', {}, 'Storages'), storages);
   const set = el('ul', { class: 'lately' });
@@ -106,6 +122,27 @@ export function createNow() {
     latelyCard.hidden = marks.length === 0;
   }
 
+  /** The gravest findings of the running session. @param {Camera} camera */
+  async function showFindings({ directory }) {
+    const recording = cameraRecording(directory);
+    const contents = await recording.list();
+    const link = el('a', { href: `#/session?path=${encodeURIComponent(directory)}` }, 'All findings of the running session');
+    if (bytesToRead(contents) > MOST_UNASKED_BYTES && !foundBefore(recording.title, contents, FINDINGS_PERIOD_MS)) {
+      findingsNote.replaceChildren('Much has been recorded: they are looked for when asked. ', link);
+      return;
+    }
+    const controller = new AbortController();
+    const listed = new Map([...contents.files, ...contents.csv].map((file) => [file.path, file]));
+    const source = createSource(recording, (path) => listed.get(path));
+    const told = foundBefore(recording.title, contents, FINDINGS_PERIOD_MS) ?? await lookFor(recording.title, {
+      recording, source, contents, marks: await readMarks(source, contents, []), signal: controller.signal,
+      onProgress: () => (findingsCard.getClientRects().length === 0 ? controller.abort() : undefined), // who has gone on needs none
+    });
+    const wrong = told.findings.filter(({ severity }) => severity !== 'note');
+    findings.replaceChildren(...wrong.slice(0, MOST_FINDINGS).map((finding) => findingItem(finding, el('a', { href: hrefOfFinding(directory, finding) }, finding.text))));
+    findingsNote.replaceChildren(`${wrong.length === 0 ? 'Nothing wrong was found' : wrong.length > MOST_FINDINGS ? `The first ${MOST_FINDINGS} of ${wrong.length}` : counted(wrong.length, 'finding')}, up to ${wallText(told.span[1])}. `, link);
+  }
+
   /** @param {Camera} camera */
   async function showStorages(camera) {
     const running = camera.sessions.find((session) => session.running);
@@ -129,12 +166,14 @@ export function createNow() {
     shownAt = now;
     shownFor = key;
     chartsCard.hidden = !camera.active;
+    findingsCard.hidden = !camera.active;
     latelyCard.hidden = !camera.active || lately.childElementCount === 0;
     await showStorages(camera).catch((error) => storages.replaceChildren(el('li', { class: 'quiet' }, error.message)));
     await whatIsSet(camera).then((lines) => set.replaceChildren(...lines.map((parts) => el('li', {}, ...parts))), () => {});
     if (camera.active) {
       await showSession(camera).catch(() => setText(chartsNote, 'It can’t be read now.'));
+      await showFindings(camera).catch((error) => setText(findingsNote, error.name === 'AbortError' ? '' : 'They can’t be looked for now.'));
     }
   });
-  return [chartsCard, storagesCard, latelyCard, setCard];
+  return [findingsCard, chartsCard, storagesCard, latelyCard, setCard];
 }

@@ -3,6 +3,7 @@
 import uPlot from '../lib/uplot.js';
 import { colourOfKind, isGrave } from './chart_group.js';
 import { el, setText } from './dom.js';
+import { elapsedText } from './format.js';
 import { gathered, KINDS } from './marks.js';
 import { aligned, wallText } from './series.js';
 import { scaleOf, valueText } from './units.js';
@@ -62,10 +63,14 @@ export function seriesText(series, value) {
  * @param {string} label for those who can't see it
  * @param {object} [options]
  * @param {(index: number | null) => void} [options.onIndex] of the values under the cursor
+ * @param {string} [options.id] of the chart whose limits are drawn
  * @param {boolean} [options.stacked]
  * @param {number} [options.height]
+ * @param {boolean} [options.sinceStart] times are seconds since a start
  */
-export function createPlot(group, label, { onIndex, stacked = false, height = HEIGHT } = {}) {
+export function createPlot(
+  group, label, { onIndex, id = '', stacked = false, height = HEIGHT, sinceStart = false } = {},
+) {
   const tip = el('div', { class: 'tip', hidden: true, 'aria-hidden': 'true' });
   const unit = el('span', { class: 'unit', 'aria-hidden': 'true' });
   const otherUnit = el('span', { class: 'unit other', 'aria-hidden': 'true' });
@@ -225,6 +230,32 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
     ctx.restore();
   }
 
+  /** From which values on findings counted. @param {uPlot} self */
+  function drawLimits(self) {
+    const { ctx, bbox } = self;
+    const ratio = devicePixelRatio;
+    ctx.save();
+    ctx.beginPath();
+    ctx.rect(bbox.left, bbox.top, bbox.width, bbox.height);
+    ctx.clip();
+    ctx.strokeStyle = ctx.fillStyle = colour('--bad');
+    ctx.lineWidth = ratio;
+    ctx.setLineDash([6 * ratio, 4 * ratio]);
+    ctx.font = `${11 * ratio}px system-ui, sans-serif`;
+    ctx.textBaseline = 'bottom';
+    for (const [index, { value, text }] of bands ? [] : group.limitsOf(id).entries()) {
+      const y = Math.round(self.valToPos(value, 'y', true)) + 0.5;
+      ctx.beginPath();
+      ctx.moveTo(bbox.left, y);
+      ctx.lineTo(bbox.left + bbox.width, y);
+      ctx.stroke();
+      // Those of several things stand near each other: their names by turns on the right and on the left.
+      ctx.textAlign = index % 2 === 0 ? 'right' : 'left';
+      ctx.fillText(`limit: ${text}`, bbox.left + (index % 2 === 0 ? bbox.width - 4 * ratio : 4 * ratio), y - 2 * ratio);
+    }
+    ctx.restore();
+  }
+
   /** States as bars, each series on a lane of its own. @param {uPlot} self */
   function drawBands(self) {
     const { ctx, bbox } = self;
@@ -278,7 +309,7 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
       return visible && value !== null && value !== undefined ? [{ series, look, value }] : [];
     });
     const most = rows.slice(0, MOST_IN_TIP);
-    tip.replaceChildren(el('p', {}, wallText(time)),
+    tip.replaceChildren(el('p', {}, sinceStart ? elapsedText(time) : wallText(time)),
       ...most.map(({ series, look, value }) => {
         const swatch = el('i');
         swatch.style.background = series.categories ? stateColour(series.categories[value] ?? '', value) : lookOf(look).stroke;
@@ -353,7 +384,7 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
       tzDate: (time) => uPlot.tzDate(new Date(time * 1000), 'Etc/UTC'),
       legend: { show: false },
       cursor: {
-        sync: { key: 'charts', setSeries: false, filters: { pub: (type) => type === 'mousemove' || type === 'mouseleave' } },
+        sync: { key: sinceStart ? 'compared' : 'charts', setSeries: false, filters: { pub: (type) => type === 'mousemove' || type === 'mouseleave' } },
         y: false, drag: { x: true, y: false, setScale: false }, focus: { prox: 16 }, points: { show: !bands },
       },
       scales: {
@@ -361,7 +392,7 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
         y: bands ? { range: [0, 1] } : stacked ? { range: (_, __, max) => [0, max > 0 ? max * 1.02 : 1] } : {},
       },
       axes: [
-        { stroke: quiet, grid, ticks: grid, values: wallAxis, space: 80 },
+        { stroke: quiet, grid, ticks: grid, values: sinceStart ? elapsedAxis : wallAxis, space: 80 },
         valueAxis('y'), ...(two ? [valueAxis('z')] : []),
       ],
       ...(stacked && !bands ? { bands: bandsBetween() } : {}),
@@ -377,7 +408,7 @@ export function createPlot(group, label, { onIndex, stacked = false, height = HE
       })],
       hooks: {
         drawClear: bands ? [drawBands] : [],
-        draw: [drawMarks],
+        draw: [drawLimits, drawMarks],
         setCursor: [(self) => {
           onIndex?.(self.cursor.idx ?? null);
           showTip(self);
@@ -477,6 +508,9 @@ export function runsOf(times, values) {
   }
   return runs;
 }
+
+/** @param {uPlot} _ @param {number[]} splits */
+const elapsedAxis = (_, splits) => splits.map((split) => elapsedText(split, (splits[1] ?? 60) - (splits[0] ?? 0) >= 60));
 
 /** Times below a chart: the day where it changes. @param {uPlot} _ @param {number[]} splits */
 function wallAxis(_, splits) {

@@ -9,6 +9,10 @@ import { list, number, partsOfPath, text } from './session_data.js';
 // Of a file that is asked for whole: between two parts the daemon gets on with its other work.
 const PART_BYTES = 4 * 1024 * 1024;
 const TIMEOUT_MS = 120000;
+/** What a copy without secrets leaves out: path, bytes and time, with tabs between. */
+export const LEFT_OUT = 'Left_out.txt';
+const MOST_CUT = 3; // requests of one file
+const CUT_PAUSE_MS = 1500;
 /** Files that are no text, by their names. */
 export const NOT_TEXT = /(?:\.(?:jpe?g|png|zip|gz|tgz|xz|lzo|pcap(?:ng)?|core|bin|elf)|\/core\.[^/]*\.\d+)$/i;
 
@@ -31,6 +35,7 @@ export const NOT_TEXT = /(?:\.(?:jpe?g|png|zip|gz|tgz|xz|lzo|pcap(?:ng)?|core|bi
  * @property {Csv[]} csv
  * @property {Item[]} files others than those
  * @property {boolean} complete whether these are all
+ * @property {Item[]} [left] files of which a copy has the names alone: they tell what happened as well
  */
 
 /**
@@ -95,21 +100,29 @@ export function cameraRecording(session) {
       }
     },
     async read(path, onPiece, { from = 0, most = Infinity, signal } = {}) {
-      for (let offset = from, left = most; left > 0;) {
+      for (let offset = from, left = most, cut = 0; left > 0;) {
         const wanted = Math.min(left, PART_BYTES);
         let got = 0;
-        await request('view_monitor_data',
-          { storage: session, file: path, offset: String(offset), length: String(wanted) },
-          {
-            signal,
-            timeoutMs: TIMEOUT_MS,
-            onBytes(piece) {
-              got += piece.length;
-              onPiece(piece);
-            },
-          });
-        if (got < wanted) {
-          return;
+        try {
+          await request('view_monitor_data',
+            { storage: session, file: path, offset: String(offset), length: String(wanted) },
+            {
+              signal,
+              timeoutMs: TIMEOUT_MS,
+              onBytes(piece) {
+                got += piece.length;
+                onPiece(piece);
+              },
+            });
+          if (got < wanted) {
+            return;
+          }
+        } catch (error) {
+          // The web server is restarted now and then, which cuts what it just answers: it goes on where that was.
+          if (/** @type {RequestError} */ (error).kind !== 'unreachable' || ++cut > MOST_CUT || signal?.aborted) {
+            throw error;
+          }
+          await new Promise((resolve) => { setTimeout(resolve, CUT_PAUSE_MS); });
         }
         offset += got;
         left -= got;

@@ -9,7 +9,18 @@ const EVENTS = 'system_monitoring/monitoring_metadata/eventlistener.txt';
 const REGULAR = 'system_monitoring/monitoring_load/load.csv'; // has a row in every collection
 const REPORT = /\/Server_Report_[^/]*\.txt$/;
 
+const IMAGE = /\/monitoring_snapshots\/(\d{4})(\d\d)(\d\d)T(\d\d)(\d\d)(\d\d)\.jpg$/;
+
 /** @typedef {import('./marks.js').Mark} Mark */
+
+/** The still images, by their times. @template {{path: string}} File @param {File[]} files @returns {(File & {time: number})[]} */
+export function imagesOf(files) {
+  return files.flatMap((file) => {
+    const [, year, month, day, hour, minute, second] = IMAGE.exec(file.path) ?? [];
+    const time = wallSeconds(`${year}-${month}-${day}`, `${hour}:${minute}:${second}`);
+    return Number.isNaN(time) ? [] : [{ ...file, time }];
+  }).sort((a, b) => a.time - b.time);
+}
 
 /**
  * @param {ReturnType<typeof import('./session_series.js').createSource>} source
@@ -29,7 +40,7 @@ export async function readMarks(source, contents, information) {
   };
   const zone = zoneIn(log) ?? zoneIn(await linesOf(report)) ?? 0;
   const found = [...log.flatMap(markOfLine), ...marksOfEvents(await linesOf(EVENTS), zone, triggerNames(log))];
-  for (const { path, time, utc } of contents.files) {
+  for (const { path, time, utc } of [...contents.files, ...contents.left ?? []]) {
     const [day = '', clock = ''] = time.split(' ');
     found.push(...markOfFile(path, zone, utc === null ? wallSeconds(day, clock) : utc + zone));
   }
@@ -42,4 +53,11 @@ export async function readMarks(source, contents, information) {
   const regular = contents.csv.some(({ path }) => path === REGULAR) ? await source.table(REGULAR, /./) : null;
   const gaps = holes([...regular?.times ?? []].sort((a, b) => a - b));
   return sortedMarks([...found, ...marksOfHoles(gaps, found)]);
+}
+
+/** The times of the first and the last row; null without any. @param {ReturnType<typeof import('./session_series.js').createSource>} source @param {import('./recording.js').Contents} contents */
+export async function readExtent(source, contents) {
+  const times = contents.csv.some(({ path }) => path === REGULAR) ? (await source.table(REGULAR, /./)).times : [];
+  const [first, last] = times.reduce(([least, most], time) => [Math.min(least, time), Math.max(most, time)], [Infinity, -Infinity]);
+  return last > first ? /** @type {[number, number]} */ ([first, last]) : null;
 }

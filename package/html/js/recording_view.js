@@ -13,7 +13,8 @@ import { createHttpReport } from './http_report.js';
 import { createImageCard } from './image_card.js';
 import { writeSight } from './link.js';
 import { readWhole } from './recording.js';
-import { readMarks } from './recording_marks.js';
+import { imagesOf, readExtent, readMarks } from './recording_marks.js';
+import { createRecordingTools } from './recording_tools.js';
 import { createSource } from './session_series.js';
 import { whenSeen } from './seen.js';
 import { informationOf } from './session_data.js';
@@ -24,6 +25,7 @@ const INFORMATION = 'Session_Information.txt';
 const MOST_INFORMATION_BYTES = 256 * 1024;
 const CRASH_FILE = /^coredumps\/|\/(?:Crash_Reports|Server_Reports)\//;
 const FINDING_MARGIN_S = 900; // of what is seen of a finding's time
+const MARK_MARGIN_S = 1800; // of what is seen of a mark's time
 const LINK_MS = 400; // while the time in sight changes the address bar waits
 
 /** @typedef {import('./recording.js').Item} Item */
@@ -75,8 +77,9 @@ async function readInformation(recording, contents) {
 /**
  * @param {import('./recording.js').Recording} recording
  * @param {((file: Item) => string)} [hrefOf] where a text file can be read; without, it is saved
+ * @param {() => Promise<import('./compare_card.js').Other[]>} [others] recordings to compare it with
  */
-export function createRecordingView(recording, hrefOf) {
+export function createRecordingView(recording, hrefOf, others = async () => []) {
   /** @type {import('./recording.js').Contents} */
   let contents = { csv: [], files: [], complete: true };
   /** @type {Map<string, {bytes: number, header?: string}>} */
@@ -98,7 +101,23 @@ export function createRecordingView(recording, hrefOf) {
     images.follow(time);
     texts.follow(time);
   }
-  const timeline = createTimeline(group, save, go);
+  /** @param {HTMLElement} place */
+  function leadTo(place) {
+    place.scrollIntoView();
+    place.focus({ preventScroll: true });
+  }
+  const timeline = createTimeline(group, {
+    save, go,
+    showCharts(time) {
+      group.setRange([time - MARK_MARGIN_S, time + MARK_MARGIN_S]);
+      leadTo(board.element);
+      go(time);
+    },
+    showLog(time) {
+      leadTo(texts.element);
+      go(time);
+    },
+  });
   const images = createImageCard(recording, (time) => {
     group.point(time);
     timeline.read(time);
@@ -109,6 +128,7 @@ export function createRecordingView(recording, hrefOf) {
     timeline.read(time);
     images.follow(time);
   });
+  const tools = createRecordingTools(recording, group, others);
   const httpReport = createHttpReport();
   const condition = createConditionCard(recording);
   const board = createBoard({
@@ -118,14 +138,13 @@ export function createRecordingView(recording, hrefOf) {
       ...(name === GLANCE || name === 'HTTP API' ? [httpReport.element] : [])],
   });
   const information = createFacts();
-  const findings = createFindingsCard(recording, ({ chart, path, from, to }) => {
+  const findings = createFindingsCard(recording, group, ({ chart, path, from, to }) => {
     const margin = Math.max(FINDING_MARGIN_S, (to - from) / 10);
     board.apply({ board: '', charts: [chart || (path.endsWith('.csv') ? idOfFile(path) : 'log')] });
     group.startAt([from - margin, to + margin]);
     written = JSON.stringify(group.range());
     writeLink(true);
-    board.element.scrollIntoView();
-    board.element.focus({ preventScroll: true });
+    leadTo(board.element);
     go(from);
   });
 
@@ -138,7 +157,7 @@ export function createRecordingView(recording, hrefOf) {
     }
   }
   let linkTimer = 0;
-  let written = '';
+  let written = 'null'; // all is in sight
   group.onRange((_, range) => {
     if (JSON.stringify(range) !== written) {
       written = JSON.stringify(range);
@@ -165,8 +184,8 @@ export function createRecordingView(recording, hrefOf) {
 
   const informationCard = el('section', { class: 'card', 'aria-label': 'Information' },
     el('details', {}, el('summary', {}, el('h2', {}, 'Information')), information.element));
-  const element = el('div', { class: 'view' }, message.element, findings.element, informationCard, timeline.element, board.element,
-    timeline.list, images.element, texts.element, crashFiles.element, allFiles.element);
+  const element = el('div', { class: 'view' }, message.element, ...tools.places, findings.element, timeline.element, board.element,
+    informationCard, timeline.list, images.element, texts.element, crashFiles.element, allFiles.element);
   const stopWaiting = whenSeen(texts.element, () => {
     textsSeen = true;
     texts.load();
@@ -192,7 +211,8 @@ export function createRecordingView(recording, hrefOf) {
       return;
     }
     group.setMarks(marks);
-    timeline.show(marks);
+    timeline.show(marks, await readExtent(source, contents), imagesOf(contents.files).map(({ time }) => time));
+    tools.show({ contents, facts, marks });
     await condition.show(contents.csv);
     await httpReport.show(recording, contents.files);
     if (!contents.complete) {
@@ -203,6 +223,8 @@ export function createRecordingView(recording, hrefOf) {
 
   return {
     element,
+    /** Buttons for its head. */
+    tools: tools.buttons,
     /** Reads it and shows what a link says. @param {import('./link.js').Sight} sight */
     async open(sight) {
       message.work('Reading what was recorded …');
@@ -245,6 +267,7 @@ export function createRecordingView(recording, hrefOf) {
       message.clear();
       clearTimeout(linkTimer);
       stopWaiting();
+      tools.close();
       findings.close();
       board.close();
       group.close();

@@ -5,13 +5,41 @@ import { firstFrom } from './series.js';
 /** @typedef {import('./series.js').Series} Series */
 /** @typedef {{time: number, value: number}} Point */
 
+const NEIGHBOURS = 2; // on each side, in what is smoothed
 const MOST_POINTS = 300; // of which all pairs are looked at
 
 /** @param {number[]} values @returns {number} NaN of none */
 export function median(values) {
-  const sorted = [...values].sort((a, b) => a - b);
+  const sorted = Float64Array.from(values).sort();
   const middle = sorted.length >> 1;
   return sorted.length === 0 ? NaN : sorted.length % 2 ? sorted[middle] ?? NaN : ((sorted[middle - 1] ?? NaN) + (sorted[middle] ?? NaN)) / 2;
+}
+
+/** The value below which a part of all lies. @param {number[]} values @param {number} part @returns {number} NaN of none */
+export function quantile(values, part) {
+  const sorted = Float64Array.from(values).sort();
+  return sorted[Math.min(sorted.length - 1, Math.floor(sorted.length * part))] ?? NaN;
+}
+
+/** Each value as the median of itself and its neighbours: of noisy samples what lasts. @template {Series} Some @param {Some} series @returns {Some} */
+export function smoothed(series) {
+  const { values } = series;
+  /** @type {number[]} */
+  const near = [];
+  return { ...series, values: values.map((value, row) => {
+    near.length = 0;
+    for (let at = Math.max(0, row - NEIGHBOURS); value !== null && at <= row + NEIGHBOURS && at < values.length; at++) {
+      const one = values[at] ?? null;
+      let place = near.length;
+      for (; one !== null && place > 0 && /** @type {number} */ (near[place - 1]) > one; place--) {
+        near[place] = /** @type {number} */ (near[place - 1]);
+      }
+      if (one !== null) {
+        near[place] = one;
+      }
+    }
+    return value === null ? null : near[near.length >> 1] ?? null;
+  }) };
 }
 
 /**

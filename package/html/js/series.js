@@ -45,13 +45,20 @@ const NAMING = /^(?:zone|name|address|port)$/i;
 
 /** Seconds of "2026-11-21" and "08:46:09", NaN when they are no time. @param {string} day @param {string} time */
 export function wallSeconds(day, time) {
-  const read = /^(\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)/.exec(`${day.trim()}T${time.trim()}`);
-  if (!read) {
-    return NaN;
+  const read = /^(\d\d):(\d\d):(\d\d)/.exec(time.trim());
+  const [hour = NaN, minute = 0, second = 0] = read ? [Number(read[1]), Number(read[2]), Number(read[3])] : [];
+  return hour > 23 || minute > 59 ? NaN : daySeconds(day.trim()) + hour * 3600 + minute * 60 + second;
+}
+
+let [lastDay, lastDaySeconds] = ['', NaN]; // rows and lines follow each other by the thousand a day
+/** @param {string} day */
+function daySeconds(day) {
+  if (day !== lastDay) {
+    const [, year = NaN, month = 0, date = 0] = (/^(\d{4})-(\d\d)-(\d\d)$/.exec(day) ?? []).map(Number);
+    lastDaySeconds = month < 1 || month > 12 || date < 1 || date > 31 ? NaN : Date.UTC(year, month - 1, date) / 1000;
+    lastDay = day;
   }
-  const [year = 0, month = 0, date = 0, hour = 0, minute = 0, second = 0] = read.slice(1).map(Number);
-  return month < 1 || month > 12 || date < 1 || date > 31 || hour > 23 || minute > 59 ? NaN
-    : Date.UTC(year, month - 1, date, hour, minute, second) / 1000;
+  return lastDaySeconds;
 }
 
 /** As "2026-11-21 08:46:09". @param {number} seconds */

@@ -13,6 +13,7 @@ export const MOST_LOG_BYTES = 8 * 1024 * 1024;
 const MOST_TABLES = 40; // kept, the last ones asked for
 const AT_ONCE = 4; // the camera answers one request at a time: these keep it and the line busy
 const END_BYTES = 32 * 1024; // of a file that is only looked at
+const HEAD_BYTES = 4096; // of its beginning
 const MOST_RANKED = 400; // files
 
 /** @typedef {import('./catalogue.js').Chart} Chart */
@@ -68,7 +69,7 @@ export function createSource(recording, fileOf, mostLogBytes = MOST_LOG_BYTES) {
         if (header) {
           reader.add(new TextEncoder().encode(`${header}\n`));
         } else {
-          await recording.read(path, headOnly(take), { from: 0, most: Math.min(from, 4096), signal });
+          await recording.read(path, headOnly(take), { from: 0, most: Math.min(from, HEAD_BYTES), signal });
         }
         await recording.read(path, lastLines(take), { from, most, signal });
       } else {
@@ -143,7 +144,7 @@ export function createSource(recording, fileOf, mostLogBytes = MOST_LOG_BYTES) {
       const bytes = bytesOf(part.path);
       const ends = [{ from: Math.max(0, bytes - END_BYTES), most: 2 * END_BYTES }]; // with what has come since
       if (chart.choice === 'growth' && bytes > END_BYTES) {
-        ends.push({ from: 0, most: 4096 });
+        ends.push({ from: 0, most: HEAD_BYTES });
       }
       const read = await Promise.all(ends.map(async (end) => (await seriesOfPart(part, options, end)).series[0]));
       const [last, first] = read.map((series) => (series && !series.categories ? summaryOf(series) : null));
@@ -191,6 +192,17 @@ export function createSource(recording, fileOf, mostLogBytes = MOST_LOG_BYTES) {
       const read = await Promise.all(chart.parts.map((part) =>
         seriesOfPart(part, options, { from: Math.max(0, bytesOf(part.path) - END_BYTES), most: 2 * END_BYTES })));
       return derived(joinedByName(read.flatMap(({ series }) => series)), chart);
+    },
+    /**
+     * The first and the last rows of a file as series.
+     * @param {string} path @param {RegExp} columns @param {Options} [options]
+     * @returns {Promise<[Series[], Series[]]>}
+     */
+    async ends(path, columns, options = {}) {
+      const bytes = bytesOf(path);
+      const last = readTable(path, columns, options, { from: Math.max(0, bytes - END_BYTES), most: END_BYTES });
+      const first = bytes > END_BYTES ? readTable(path, columns, options, { most: HEAD_BYTES }) : last;
+      return [seriesOf(await first), seriesOf(await last)];
     },
     /** The end of a file as series, for a picture of it in small. @param {string} path @param {Options} [options] */
     async glimpse(path, options = {}) {

@@ -45,7 +45,7 @@ export function createTextCard(recording, onTime) {
   const message = createMessage();
   const list = createVirtualList('Lines of the file');
   list.element.hidden = true;
-  const element = el('section', { class: 'card text', 'aria-label': 'Logs and texts' },
+  const element = el('section', { class: 'card text', 'aria-label': 'Logs and texts', tabindex: -1 },
     el('div', { class: 'tools apart' }, el('h2', {}, 'Logs and texts'), count),
     el('div', { class: 'tools' }, field('File', file, 'grow'), field('Search', search, 'grow')),
     message.element, list.element);

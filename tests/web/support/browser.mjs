@@ -4,6 +4,7 @@ import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { after, afterEach, before } from 'node:test';
+import { fileURLToPath, pathToFileURL } from 'node:url';
 
 import { chromium } from 'playwright-core';
 
@@ -13,6 +14,7 @@ const AXE = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.mi
 
 const examined = new WeakSet(); // axe-core makes style elements of its own
 
+export const VIEWER = fileURLToPath(new URL('../../../package/html/viewer.html', import.meta.url));
 export const MARKUP = '<img src=x onerror=alert(1)>';
 
 export function launchBrowser() {
@@ -71,6 +73,28 @@ export function cameraAndBrowser(words = [], prepare = () => {}) {
     assert.deepEqual(faults.splice(0), []);
   });
   return shared;
+}
+
+/** The viewer, or another file, as it is opened without a camera; `faults` has what has gone wrong. */
+export async function openViewer(browser, options = {}, hash = '', file = VIEWER) {
+  const context = await browser.newContext(options);
+  context.setDefaultTimeout(60000);
+  const page = await context.newPage();
+  const faults = [];
+  page.on('pageerror', (error) => faults.push(error.message));
+  page.on('dialog', (dialog) => faults.push(`dialog: ${dialog.message()}`));
+  page.on('console', (message) => {
+    if (!examined.has(page)) {
+      faults.push(message.text());
+    }
+  });
+  page.on('request', (request) => {
+    if (!/^(?:file|data|blob):/.test(request.url())) {
+      faults.push(request.url());
+    }
+  });
+  await page.goto(pathToFileURL(file).href + hash);
+  return { page, faults, context };
 }
 
 /** What axe-core finds on the page as it is now. */

@@ -14,6 +14,7 @@ import { createRecordingView } from '../recording_view.js';
 export function create(...more) {
   const message = createMessage();
   const name = el('p', { class: 'quiet' });
+  const tools = el('div', { class: 'tools small' });
   const place = el('div');
   /** @type {ReturnType<typeof createRecordingView> | null} */
   let view = null;
@@ -32,6 +33,7 @@ export function create(...more) {
     setText(name, '');
     view?.close();
     view = null;
+    tools.replaceChildren();
     try {
       const { recording, remarks } = await openArchive(file);
       message.clear();
@@ -40,6 +42,7 @@ export function create(...more) {
       }
       setText(name, `${file.name}, ${byteSize(file.size)}`);
       view = createRecordingView(recording);
+      tools.replaceChildren(...view.tools);
       place.replaceChildren(view.element);
       await view.open(sightOf(values));
     } catch (error) {
@@ -58,7 +61,7 @@ export function create(...more) {
       },
     },
     el('p', {}, 'Choose the zip archive of a session, or drop it here. It is read on this computer and sent nowhere.'),
-    el('div', { class: 'tools' }, input, ...more), name, message.element),
+    el('div', { class: 'tools' }, input, ...more), name, tools, message.element),
     place);
   return {
     element,

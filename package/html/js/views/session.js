@@ -2,6 +2,7 @@
 
 import { address, request } from '../api.js';
 import { ARCHIVE_HOLDS, downloadArchive, haveArchive } from '../archive.js';
+import { refreshCamera } from '../camera.js';
 import { actionButton, createMessage, field, select } from '../controls.js';
 import { el, setText } from '../dom.js';
 import { byteSize, clock } from '../format.js';
@@ -97,6 +98,7 @@ export function create() {
       message.fail(error);
     }
   });
+  const more = el('div', { class: 'tools small' });
   const refresh = select([['0', 'Off'], ['60', 'Every minute']], () => refreshLater());
   let timer = 0;
   function refreshLater() {
@@ -113,12 +115,13 @@ export function create() {
   const element = el('div', { class: 'view' },
     el('p', {}, el('a', { href: '#/sessions' }, '← All sessions')),
     el('div', { class: 'tools apart' }, title,
-      el('div', { class: 'tools small' }, field('Refresh', refresh), actionButton('Read again', async () => view?.refresh()), archiveButton)),
+      el('div', { class: 'tools small' }, field('Refresh', refresh), actionButton('Read again', async () => view?.refresh()), more, archiveButton)),
     where, el('p', { class: 'quiet' }, ARCHIVE_HOLDS), message.element, viewer.element, place);
 
   function leave() {
     view?.close();
     view = null;
+    more.replaceChildren();
   }
 
   /** @param {URLSearchParams} values */
@@ -128,7 +131,10 @@ export function create() {
       return;
     }
     const asked = path;
-    view = createRecordingView(cameraRecording(asked), (file) => hrefOf(asked, file));
+    view = createRecordingView(cameraRecording(asked), (file) => hrefOf(asked, file), async () => (await refreshCamera()).camera?.sessions
+      .filter((session) => session.path !== asked && !session.lost)
+      .map((session) => ({ title: `${session.title}, ${session.storage}`, recording: cameraRecording(session.path) })) ?? []);
+    more.replaceChildren(...view.tools);
     place.replaceChildren(view.element);
     await view.open(sightOf(values));
   }

@@ -1,6 +1,7 @@
 #include "advanced_debug.h"
 
 #include "crash_report.h"
+#include "debug_mode.h"
 #include "log.h"
 #include "process_list.h"
 #include "session_globals.h"

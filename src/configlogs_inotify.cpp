@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <ctime>
 #include <sys/stat.h>
+#include <utility>
 
 namespace {
 
@@ -44,6 +45,7 @@ struct config_watcher {
 };
 
 std::array<config_watcher, config_watchers_max> config_watchers;
+bool are_set_up = false;
 
 std::string configuration_path(const std::string &package) {
     return "/usr/local/packages/" + package + "/localdata/config.json";
@@ -171,6 +173,40 @@ void configlogs_inotify_gio_process_event(const inotify_event &event, const char
                                  static_cast<int>(slot - config_watchers.data()));
 }
 
+void set_up_all(const std::string &session) {
+    int index = 0;
+    bool are_all = true;
+    for (const std::string &package : get_subdirectories("/usr/local/packages", &are_all)) {
+        configlogs_inotify_gio_setup(session, package, index++);
+    }
+    if (!are_all) {
+        log_warning("Of the installed packages only %d are watched for changes of their "
+                    "configuration.",
+                    index);
+    }
+}
+
+void catch_up(const std::string &session) {
+    for (std::size_t i = 0; i < config_watchers.size(); ++i) {
+        config_watcher &slot = config_watchers[i];
+        if (slot.package.empty()) {
+            continue;
+        }
+        // A replaced file that somebody has open gives its event only when it is closed.
+        const auto version = version_of(configuration_path(slot.package));
+        if (version && (!slot.watch || version->inode != slot.watched)) {
+            configlogs_inotify_gio_setup(session, std::string(slot.package), static_cast<int>(i));
+        } else if (slot.watch && version &&
+                   (slot.is_due ||
+                    (!(*version == slot.copied) &&
+                     content_of(configuration_path(slot.package), *version) != slot.content))) {
+            record_change(slot);
+        } else if (slot.watch && version) {
+            slot.copied = *version; // it was touched
+        }
+    }
+}
+
 } // namespace
 
 void configlogs_inotify_gio_setup(const std::string &session_directory, const std::string &package,
@@ -203,29 +239,18 @@ void configlogs_inotify_gio_setup(const std::string &session_directory, const st
     log_info("Configlog file added");
 }
 
-void configlogs_inotify_gio_catch_up(const std::string &session_directory) {
-    for (std::size_t i = 0; i < config_watchers.size(); ++i) {
-        config_watcher &slot = config_watchers[i];
-        if (slot.package.empty()) {
-            continue;
-        }
-        // A replaced file that somebody has open gives its event only when it is closed.
-        const auto version = version_of(configuration_path(slot.package));
-        if (version && (!slot.watch || version->inode != slot.watched)) {
-            configlogs_inotify_gio_setup(session_directory, std::string(slot.package),
-                                         static_cast<int>(i));
-        } else if (slot.watch && version &&
-                   (slot.is_due ||
-                    (!(*version == slot.copied) &&
-                     content_of(configuration_path(slot.package), *version) != slot.content))) {
-            record_change(slot);
-        } else if (slot.watch && version) {
-            slot.copied = *version; // it was touched
-        }
+void configlogs_inotify_gio_keep_watching(const std::string &session_directory) {
+    if (!is_directory(session_directory.c_str())) {
+        return;
     }
+    if (!std::exchange(are_set_up, true)) {
+        set_up_all(session_directory);
+    }
+    catch_up(session_directory);
 }
 
 void configlogs_inotify_gio_release() {
+    are_set_up = false;
     for (config_watcher &slot : config_watchers) {
         empty_slot(slot);
     }

@@ -13,9 +13,10 @@ inline constexpr int config_watchers_max = 100;
 void configlogs_inotify_gio_setup(const std::string &session_directory, const std::string &package,
                                   int index);
 
-// Copies what could not be copied while the storage was away, and watches remembered packages that
-// have a configuration by now. Cheap when nothing is pending.
-void configlogs_inotify_gio_catch_up(const std::string &session_directory);
+// For every minute of a session: watches all installed packages, once; from then on copies what
+// could not be copied while the storage was away, and watches packages that have a configuration by
+// now. Cheap when nothing is pending.
+void configlogs_inotify_gio_keep_watching(const std::string &session_directory);
 
 // Ends all watches and forgets the packages.
 void configlogs_inotify_gio_release();

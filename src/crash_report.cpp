@@ -2,6 +2,7 @@
 
 #include "command_limits.h"
 #include "dateutil.h"
+#include "debug_mode.h"
 #include "fileutil.h"
 #include "log.h"
 #include "process_list.h"

@@ -24,6 +24,7 @@
 #include "report_queue.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
+#include "session_finder.h"
 #include "session_globals.h"
 #include "session_list.h"
 #include "storage_investigator.h"

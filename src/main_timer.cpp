@@ -16,6 +16,7 @@
 #include "pcapdump.h"
 #include "process_list.h"
 #include "scheduled_tasks.h"
+#include "session_finder.h"
 #include "session_globals.h"
 #include "session_info.h"
 #include "snapshots.h"
@@ -120,8 +121,6 @@ void update_session_lists(const std::string &) {
 // its server refuses writes.
 std::string refusing_session;
 
-void run_due(std::span<const duty> duties, unsigned long tick, const std::string &session);
-
 void collect(const std::string &session) {
     (void)take_append_counts();
     run_due(collection_block(), 0, session);
@@ -176,15 +175,6 @@ constexpr duty internal_schedule[] = {
     {2, "device tests", create_nc_snapshot},
     {120, "storage consumption", log_consumption_soon},
 };
-
-void run_due(std::span<const duty> duties, unsigned long tick, const std::string &session) {
-    for (const duty &entry : duties) {
-        // The storage can go between two duties; the remaining ones are left to the next tick.
-        if (tick % entry.every == 0 && is_directory(session.c_str())) {
-            entry.run(session);
-        }
-    }
-}
 
 // --- A tick's work for a session
 

@@ -2,11 +2,13 @@
 
 #include "app_state.h"
 #include "dateutil.h"
+#include "debug_mode.h"
 #include "fileutil.h"
 #include "log.h"
 #include "monitoring_session.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
+#include "session_finder.h"
 #include "session_globals.h"
 #include "session_info.h"
 #include "storage_investigator.h"

@@ -1,6 +1,7 @@
 #include "syslog_triggers.h"
 
 #include "dateutil.h"
+#include "debug_mode.h"
 #include "event.h"
 #include "fileutil.h"
 #include "line_parser.h"

@@ -105,6 +105,7 @@ struct wanted_images {
     std::string folder;
 };
 std::optional<wanted_images> wanted;
+bool was_tried = false; // to start, since the last stop
 
 void raise(const unique_fd &event) {
     const std::uint64_t one = 1;
@@ -296,6 +297,7 @@ bool vdrl_capture_load() {
 
 bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::string &folder) {
     errno = 0;
+    was_tried = true;
     if (vdrl_capture_running) {
         log_error("Could not start capturing: Image capturing is already running.");
         return false;
@@ -317,15 +319,18 @@ bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::stri
     return true;
 }
 
-void vdrl_capture_keep_going(TVParameter *parameters) {
+void vdrl_capture_keep_going(TVParameter *parameters, int interval_s, const std::string &folder) {
     errno = 0;
-    if (wanted && (!vdrl_capture_running || wait_for(current_job->ended, 0ms))) {
+    if (!was_tried) {
+        (void)vdrl_capture_start(parameters, interval_s, folder);
+    } else if (wanted && (!vdrl_capture_running || wait_for(current_job->ended, 0ms))) {
         (void)start_thread(parameters, true);
         errno = 0;
     }
 }
 
 void vdrl_capture_stop() {
+    was_tried = false;
     wanted.reset();
     if (!vdrl_capture_running) {
         return;

@@ -462,7 +462,18 @@ bool file_put_string(const char *path, std::string_view text) {
 }
 
 bool file_replace(const char *path, std::string_view text) {
-    return file_open_or_warn(path, "a") && file_put_string(path, text);
+    struct stat status {};
+    const bool exists = ::lstat(path, &status) == 0;
+    // Not the file itself where there is none: a power cut would leave it empty.
+    const std::string tried = exists ? path : temporary_beside(path);
+    if (!file_descriptor(tried.c_str(), O_WRONLY | O_CREAT)) {
+        log_cannot_open(path);
+        return false;
+    }
+    if (!exists) {
+        file_remove(tried.c_str());
+    }
+    return file_put_string(path, text);
 }
 
 bool file_remove(const char *path) {

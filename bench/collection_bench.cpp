@@ -11,6 +11,7 @@
 #include "loop.h"
 #include "main_timer.h"
 #include "monitoring_session.h"
+#include "process_list.h"
 #include "session_globals.h"
 #include "strutil.h"
 #include "support/figures.h"

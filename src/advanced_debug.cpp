@@ -1,8 +1,9 @@
 #include "advanced_debug.h"
 
 #include "crash_report.h"
-#include "filehandler.h"
+#include "debug_mode.h"
 #include "log.h"
+#include "process_list.h"
 #include "session_globals.h"
 #include "strutil.h"
 #include "syslog_triggers.h"
@@ -21,7 +22,7 @@ constexpr const char *generator = "-c /dev/stdout";
 int the_same_count = 0;
 std::string last_buffer; // the generator's line, cut to what is compared
 
-// Lines of the process list may be indented. 0 for what is no process of its own.
+// The pid of a line of the process list, which may be indented; 0 when there is none to kill.
 long process_of(const std::string &line) {
     const std::size_t start = line.find_first_not_of(' ');
     const std::size_t end = line.find(' ', start);
@@ -49,7 +50,7 @@ void compare_line(const std::string &line) {
 } // namespace
 
 void advanced_debug_tick(const std::string &) {
-    const log_reaction what_is_said; // rules on it would make a report of each report
+    const log_reaction what_is_said; // or a rule on these lines would make report after report
     if (advanced_debug_mode_crash_recurrence != 0) {
         if (advanced_debug_mode_crash_recurrence_tick % advanced_debug_mode_crash_recurrence == 0) {
             if (crash_report_being_created != 0) {

@@ -18,7 +18,7 @@ std::unique_ptr<TVParameter, deleter<tv_parameter_free>> parameters;
 std::optional<std::string> serial_number;
 bool apache2_included = false;
 bool collect_only_from_this_camera = true;
-int syslog_program_installed = 0;
+syslog_variant syslog_program_installed = syslog_variant_unknown;
 bool has_libcapture = false;
 const std::time_t start_time = std::time(nullptr);
 unsigned long timer_count = 0;

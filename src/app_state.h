@@ -23,8 +23,14 @@ extern bool apache2_included;
 // list, start or stop sessions.
 extern bool collect_only_from_this_camera;
 
-// The system-log daemon: 2 is rsyslog, 3 is syslog-ng. Set at start.
-extern int syslog_program_installed;
+// The system-log daemon. Set at start.
+enum syslog_variant {
+    syslog_variant_unknown = 0, // before the first look
+    syslog_variant_none = 1,
+    syslog_variant_rsyslog = 2,
+    syslog_variant_syslog_ng = 3
+};
+extern syslog_variant syslog_program_installed;
 
 // Whether the platform has a capture library. Set at start.
 extern bool has_libcapture;
@@ -32,12 +38,12 @@ extern bool has_libcapture;
 // When the daemon was started, in seconds since 1970.
 extern const std::time_t start_time;
 
-// Main-timer ticks since the start; written by the main timer alone.
+// Main-timer ticks since the start, modulo 60,000,000; written by the main timer.
 extern unsigned long timer_count;
 
 // A device parameter's value, or nothing: without a parameter store too.
 std::optional<std::string> parameter_get(const char *name);
 
-// Reads the serial number, cut at its first newline, into serial_number. It stands unquoted in
-// command lines and in every storage path: one that can't is logged and left out.
+// Reads the serial number, cut at its first newline, into serial_number. One that can't stand
+// unquoted in a command line is logged and ignored.
 void read_serial_number();

@@ -64,10 +64,10 @@ std::string_view word_at(std::string_view text, std::string_view mark) {
                                         : text.substr(at, text.find(' ', at) - at);
 }
 
-// Of a service's clients it is the service that hangs, unless they can't even reach the bus.
+// For a client of a service the service counts as the tool, unless even the bus is out of reach.
 std::string tool_of(const command_limit &row, std::string_view command) {
     if (row.begin == "du ") {
-        return std::string(command); // one large session says nothing of the others
+        return std::string(command); // slow for one large session, not for others
     }
     std::string tool(row.begin.substr(0, row.begin.find_last_not_of(' ') + 1));
     for (const std::string_view mark : {"--dest=", "-d com."}) {

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <ctime>
 #include <sys/stat.h>
+#include <utility>
 
 namespace {
 
@@ -36,7 +37,7 @@ struct config_watcher {
     std::string package;
     std::unique_ptr<vdrl_inotify_watcher> watch;
     ino_t watched = 0;       // the inode under the watch
-    file_version copied;     // what the session has, or could not take
+    file_version copied;     // the version that the session has, or that can't be copied
     std::size_t content = 0; // hash of that
     bool is_due = false;     // the session lacks the version that the package has
     std::time_t last_copy{}; // names of copies have a resolution of a second
@@ -44,6 +45,7 @@ struct config_watcher {
 };
 
 std::array<config_watcher, config_watchers_max> config_watchers;
+bool are_set_up = false;
 
 std::string configuration_path(const std::string &package) {
     return "/usr/local/packages/" + package + "/localdata/config.json";
@@ -70,8 +72,8 @@ std::size_t content_of(const std::string &path, const file_version &version) {
     return text ? std::hash<std::string>{}(*text) : 0;
 }
 
-// Copies the configuration as it is now. A version that can't be copied because of itself is not
-// tried again; one that the storage did not take is.
+// Copies the current configuration. A version that is itself unusable is not retried; one that the
+// storage refused is.
 bool copy_configuration(const std::string &session, config_watcher &slot, bool initial) {
     const std::string path = configuration_path(slot.package);
     const auto version = version_of(path);
@@ -84,7 +86,7 @@ bool copy_configuration(const std::string &session, config_watcher &slot, bool i
     make_folder((folder + "/" + slot.package).c_str(), folder_permissions);
     errno = 0;
     slot.last_copy = std::time(nullptr);
-    slot.content = content_of(path, *version); // before: what changes meanwhile differs from it
+    slot.content = content_of(path, *version); // before the copy: later changes differ from it
     const bool copied = file_copy_whole(
         path.c_str(), (folder + "/" + slot.package + "/" + *name).c_str(), configuration_max);
     slot.copied = *version;
@@ -101,8 +103,8 @@ gboolean record_late_change(gpointer data) noexcept {
     return G_SOURCE_REMOVE;
 }
 
-// A file that is written in pieces, or emptied and filled, gives an event for each: one copy a
-// second is made, the last of which has what was written last.
+// Debounce: each write to the file is an event, but at most one copy a second is made, the last
+// one with the last contents.
 void record_change(config_watcher &slot) {
     const auto session = session_directory();
     const auto version = version_of(configuration_path(slot.package));
@@ -171,6 +173,40 @@ void configlogs_inotify_gio_process_event(const inotify_event &event, const char
                                  static_cast<int>(slot - config_watchers.data()));
 }
 
+void set_up_all(const std::string &session) {
+    int index = 0;
+    bool are_all = true;
+    for (const std::string &package : get_subdirectories("/usr/local/packages", &are_all)) {
+        configlogs_inotify_gio_setup(session, package, index++);
+    }
+    if (!are_all) {
+        log_warning("Of the installed packages only %d are watched for changes of their "
+                    "configuration.",
+                    index);
+    }
+}
+
+void catch_up(const std::string &session) {
+    for (std::size_t i = 0; i < config_watchers.size(); ++i) {
+        config_watcher &slot = config_watchers[i];
+        if (slot.package.empty()) {
+            continue;
+        }
+        // A replaced file that somebody has open gives its event only when it is closed.
+        const auto version = version_of(configuration_path(slot.package));
+        if (version && (!slot.watch || version->inode != slot.watched)) {
+            configlogs_inotify_gio_setup(session, std::string(slot.package), static_cast<int>(i));
+        } else if (slot.watch && version &&
+                   (slot.is_due ||
+                    (!(*version == slot.copied) &&
+                     content_of(configuration_path(slot.package), *version) != slot.content))) {
+            record_change(slot);
+        } else if (slot.watch && version) {
+            slot.copied = *version; // it was touched
+        }
+    }
+}
+
 } // namespace
 
 void configlogs_inotify_gio_setup(const std::string &session_directory, const std::string &package,
@@ -203,30 +239,18 @@ void configlogs_inotify_gio_setup(const std::string &session_directory, const st
     log_info("Configlog file added");
 }
 
-void configlogs_inotify_gio_catch_up(const std::string &session_directory) {
-    for (std::size_t i = 0; i < config_watchers.size(); ++i) {
-        config_watcher &slot = config_watchers[i];
-        if (slot.package.empty()) {
-            continue;
-        }
-        // A file that was replaced while somebody had it open tells of its end only when that
-        // closes it.
-        const auto version = version_of(configuration_path(slot.package));
-        if (version && (!slot.watch || version->inode != slot.watched)) {
-            configlogs_inotify_gio_setup(session_directory, std::string(slot.package),
-                                         static_cast<int>(i));
-        } else if (slot.watch && version &&
-                   (slot.is_due ||
-                    (!(*version == slot.copied) &&
-                     content_of(configuration_path(slot.package), *version) != slot.content))) {
-            record_change(slot);
-        } else if (slot.watch && version) {
-            slot.copied = *version; // it was touched
-        }
+void configlogs_inotify_gio_keep_watching(const std::string &session_directory) {
+    if (!is_directory(session_directory.c_str())) {
+        return;
     }
+    if (!std::exchange(are_set_up, true)) {
+        set_up_all(session_directory);
+    }
+    catch_up(session_directory);
 }
 
 void configlogs_inotify_gio_release() {
+    are_set_up = false;
     for (config_watcher &slot : config_watchers) {
         empty_slot(slot);
     }

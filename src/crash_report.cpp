@@ -2,9 +2,10 @@
 
 #include "command_limits.h"
 #include "dateutil.h"
-#include "filehandler.h"
+#include "debug_mode.h"
 #include "fileutil.h"
 #include "log.h"
+#include "process_list.h"
 #include "session_globals.h"
 #include "strutil.h"
 #include "sysutil.h"

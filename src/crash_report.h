@@ -4,14 +4,13 @@
 
 #include <string>
 
-// Makes one into the running session, if there is one. The script returns once its archive is under
-// way: the rest, which dumps processes, goes on behind it. False, and logged, when it was not
-// begun.
+// Starts a report in the running session, if there is one. Returns once the script has collected
+// the state of the moment; it dumps processes in the background. False, logged, on failure.
 bool create_crash_report_snapshot();
 
-// Makes one into the folder "Crash_Reports" of this folder, and marks it as being created.
+// The same into FOLDER/Crash_Reports; sets crash_report_being_created.
 bool crash_report_snapshot(const std::string &folder);
 
-// Ends the generator of one that is being made into the session and waits, for a bounded time,
-// until what there is of it is packed.
+// Ends the generator of an unfinished report of the session and waits, for a bounded time, until
+// what was collected is packed.
 void finish_crash_report(const std::string &session_directory);

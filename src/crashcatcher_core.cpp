@@ -12,7 +12,7 @@ constexpr const char *core_pattern_path = "/proc/sys/kernel/core_pattern";
 constexpr const char *standard_pattern = "|/usr/sbin/coredump-handler %h_%t_%p.core";
 constexpr const char *own_start = "|/bin/dd of=";
 constexpr const char *own_end = "/coredumps/core.%e.%p.%h.%t";
-// The kernel keeps so many bytes and drops the rest, which would be half a pattern.
+// Bytes; the kernel truncates a longer pattern.
 constexpr std::size_t pattern_max = 127;
 
 std::optional<std::string> old_core_pattern;

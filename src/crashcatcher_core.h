@@ -1,15 +1,15 @@
-// The kernel's pattern for core dumps: turned to a session's folder and back. Main loop only.
+// The kernel's core pattern: pointed at a session's folder, and restored. Main loop only.
 #pragma once
 
 #include <optional>
 #include <string>
 
-// Has cores written into the folder (its path ends in "/") and keeps the pattern of before. One
-// that an earlier run left behind counts as the device's standard one. Failures are logged; without
-// an old pattern kept, crash detection is not set up.
+// Has cores written into the folder (its path ends in "/") and keeps the previous pattern; the
+// device's standard one if the previous one was left behind by an earlier run. Failures are logged;
+// crash detection is not set up unless the previous pattern could be kept.
 void set_core_pattern(const std::string &path);
 
-// Writes a pattern that could not be written then; quietly if it still can't be.
+// Retries a write that failed in set_core_pattern; logs nothing if it fails again.
 void renew_core_pattern();
 
 // Writes the kept pattern back, or the device's standard one, and forgets it in any case.
@@ -18,5 +18,5 @@ void reset_core_pattern();
 // The kept pattern as it was read; none while crash detection is not set up.
 const std::optional<std::string> &get_core_pattern();
 
-// Whether cores are still written into a session's folder that an earlier run has turned them to.
+// Whether the pattern still points at the session of an earlier run.
 bool core_pattern_is_left_behind();

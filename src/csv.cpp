@@ -16,7 +16,7 @@
 
 namespace {
 
-// The file that a failure with this errno was said of, until it can be written again.
+// By errno, the file whose failure was logged, until it can be written again.
 std::map<int, std::string> said_failures;
 append_counts counts;
 

@@ -155,7 +155,7 @@ std::string json_text(std::string_view text) {
 }
 
 void refuse(GDataOutputStream *stream, const char *reason) {
-    http_reply(stream, http_status::bad_request, "application/json",
+    http_reply(stream, http_status::bad_request, content_type::json,
                format_text("{\"error\":%s}\r\n", json_text(reason).c_str()));
 }
 
@@ -277,7 +277,7 @@ void reply_listing(GDataOutputStream *stream, const std::string &session) {
         list_folder(folder.get(), ".", "", 0, list);
     }
     errno = 0;
-    http_reply(stream, http_status::ok, "application/json; charset=utf-8",
+    http_reply(stream, http_status::ok, content_type::json_utf8,
                "{\"csv\":[" + list.csv + "],\"files\":[" + list.files +
                    "],\"complete\":" + (list.entries > entries_max ? "false" : "true") + "}");
 }
@@ -292,7 +292,7 @@ void reply_storages(GDataOutputStream *stream) {
             state.percent_used);
     }
     errno = 0;
-    http_reply(stream, http_status::ok, "application/json; charset=utf-8",
+    http_reply(stream, http_status::ok, content_type::json_utf8,
                "{\"storages\":[" + storages + "]}");
 }
 
@@ -313,7 +313,7 @@ void reply_file(GDataOutputStream *stream, const std::string &session, const cha
         return;
     }
     const long_reply_turns turns(long_reply::session_data);
-    http_write_header(stream, http_status::ok, "text/plain; charset=utf-8");
+    http_write_header(stream, http_status::ok, content_type::text_utf8);
     std::array<char, piece_size> piece;
     auto position = static_cast<off_t>(*offset);
     auto left = *length;
@@ -329,7 +329,7 @@ void reply_file(GDataOutputStream *stream, const std::string &session, const cha
     }
 }
 
-// Of a trace only what tells of its repair is for reading.
+// Of a trace only the texts about its repair may be read.
 bool is_trace_text(const std::string &path, const char *file) {
     const std::string_view name = file == nullptr ? "" : file;
     return (name == "repair.log" || name == "note.txt") && is_trace_dir(path.c_str());
@@ -374,7 +374,7 @@ void print_file_as_json_data(GDataOutputStream *stream, const char *path) {
     if (!file || !read_line(file.get(), record_line_max, line)) {
         return;
     }
-    // Many small records a piece: a write each would cost more than all the rest.
+    // Batched: one write per record would dominate the cost.
     std::string records;
     bool first = true;
     while (read_line(file.get(), record_line_max, line)) {
@@ -401,30 +401,6 @@ void output_data_json_no_retention(GDataOutputStream *stream, const char *path, 
                                 format_bounded(export_path_size, "%s", file->c_str()).c_str());
     }
     http_write(stream, "]}");
-}
-
-int output_file(GDataOutputStream *stream, const char *path) {
-    const unique_fd file = file_descriptor(path, O_RDONLY);
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0) {
-        log_cannot_open(path);
-        return 1;
-    }
-    return output_descriptor(stream, file.get(), status.st_size);
-}
-
-int output_descriptor(GDataOutputStream *stream, int file, off_t left) {
-    std::array<char, piece_size> piece;
-    while (left > 0) {
-        const ssize_t size = ::read(file, piece.data(),
-                                    static_cast<std::size_t>(std::min<off_t>(left, piece.size())));
-        if (size <= 0 || !http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
-            errno = 0;
-            return 1;
-        }
-        left -= size;
-    }
-    return 0;
 }
 
 void action_view_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {

@@ -13,12 +13,5 @@ void output_data_json_no_retention(GDataOutputStream *stream, const char *path, 
 // Writes the lines of a file but the first as records. A file that can't be opened writes nothing.
 void print_file_as_json_data(GDataOutputStream *stream, const char *path);
 
-// Writes a regular file to the stream: 0, or 1 when it can't be opened (a warning) or the client
-// has gone.
-int output_file(GDataOutputStream *stream, const char *path);
-
-// The same of an open file, and of it just so many bytes, which a header has promised.
-int output_descriptor(GDataOutputStream *stream, int file, off_t size);
-
 // What a session has, one of its CSV files as records, or a part of one of its files.
 void action_view_monitor_data(GDataOutputStream *stream, GHashTable *arguments);

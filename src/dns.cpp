@@ -125,7 +125,7 @@ bool is_groups_between_colons(std::string_view text) {
     return std::count(text.begin(), text.end(), ':') >= 2;
 }
 
-// A resolver that is dead costs seconds; its defaults are half a minute for each of two families.
+// Limit for a dead resolver, whose defaults are half a minute for each of two families.
 constexpr std::chrono::seconds lookup_limit{20};
 
 // The resolver waits inside the library; on a thread, whose settings are its own, the daemon's

@@ -2,10 +2,10 @@
 
 #include "app_state.h"
 #include "csv.h"
-#include "filehandler.h"
 #include "fileutil.h"
 #include "glib_ptr.h"
 #include "log.h"
+#include "process_list.h"
 #include "session_globals.h"
 #include "strutil.h"
 #include "sysutil.h"
@@ -29,7 +29,7 @@ constexpr std::size_t invoker_command_size = 250;
 constexpr std::size_t vela_command_size = 256;
 constexpr unsigned collector_folder = 0666; // permissions; the daemon's rights go beyond
 
-// What is read of a reply: a dictionary of all items needs a tenth of it.
+// Lines read of a reply; a dictionary of all items needs a tenth.
 constexpr std::size_t reply_lines_max = 1000;
 constexpr std::size_t reply_line_max = 255;
 constexpr std::size_t stream_line_max = 199;
@@ -50,12 +50,12 @@ bool is_digit(char ch) {
 device_condition condition;
 video_streams streams_seen;
 
-// The lines of a command's output, each cut at line_max; of endless ones no more than is needed.
+// The first reply_lines_max lines of a command's output, each truncated at line_max.
 reply_lines read_reply(const std::string &command, std::size_t line_max) {
     command_pipe pipe(command.c_str());
     reply_lines lines;
     std::string piece;
-    bool continues = false; // the piece before was not the line's end
+    bool continues = false; // the last piece did not end its line
     while (lines.size() < reply_lines_max && pipe.next_line(line_max, piece)) {
         const bool is_start = !continues;
         continues = !str_terminate_at(piece, '\n');
@@ -196,7 +196,7 @@ void store_heater_status(const std::string &environment_directory) {
                     "Date, Time, Heater status\n", std::to_string(i), parse_heater_status(reply),
                     condition.heaters);
         if (reply.empty() && std::chrono::steady_clock::now() - start >= reply_timeout) {
-            return; // it hangs: the main loop is not to wait for each heater
+            return; // hung: don't wait for each heater
         }
     }
 }

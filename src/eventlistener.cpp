@@ -3,6 +3,7 @@
 #include "fileutil.h"
 #include "line_parser.h"
 #include "log.h"
+#include "session_globals.h"
 #include "strutil.h"
 
 #include <atomic>
@@ -25,6 +26,7 @@ constexpr std::size_t tree_max = 511;
 std::unique_ptr<thread_info> thread;
 eventlistener_Event global_event_buffer;
 unique_fd eventlistener_log;
+bool was_tried = false;               // tried to be, since the last stop
 std::atomic<bool> copy_failed{false}; // set by the reader when a line did not reach the session
 
 // " [port = '1'] {onvif-source}"
@@ -43,7 +45,7 @@ std::string_view next_word(std::string_view &text) {
     return word;
 }
 
-// Takes a topic's name behind its key; false, logged, when there is none to be taken.
+// Takes the topic's name after its key; false, logged, when it can't be parsed.
 bool take_topic(eventlistener_Event &event, const char *name_space, std::string_view number,
                 std::string_view &rest) {
     if (number.empty() || number.front() < '0' || number.front() > '9') {
@@ -93,7 +95,7 @@ void append_to_copy(const char *line) {
 }
 
 void parse_eventlistener_line(const char *line) {
-    const log_reaction what_is_said; // a rule's event is one of those that come here
+    const log_reaction what_is_said; // events of our own rules come here, too
     append_to_copy(line);
     if (eventlistener_take_line(global_event_buffer, line)) {
         log_event(global_event_buffer);
@@ -104,6 +106,7 @@ void parse_eventlistener_line(const char *line) {
 } // namespace
 
 bool eventlistener_start(const std::string &session_directory) {
+    was_tried = true;
     errno = 0;
     if (!is_executable(tool)) {
         errno = 0;
@@ -137,6 +140,7 @@ bool eventlistener_start(const std::string &session_directory) {
 }
 
 void eventlistener_stop() {
+    was_tried = false;
     process_stop(thread.get());
     process_wait(thread.get());
     process_free(thread);
@@ -144,11 +148,13 @@ void eventlistener_stop() {
     errno = 0;
 }
 
-bool eventlistener_is_running() {
-    return thread != nullptr;
-}
-bool eventlistener_has_failed() {
-    return copy_failed || (thread && thread->at_end);
+void eventlistener_keep_running(const std::string &session_directory) {
+    const bool is_cut_off = thread && (connection_lost_count > 0 || copy_failed || thread->at_end);
+    if (was_tried && !is_cut_off) {
+        return;
+    }
+    eventlistener_stop();
+    (void)eventlistener_start(session_directory);
 }
 
 bool eventlistener_take_line(eventlistener_Event &event, const char *line) {

@@ -22,10 +22,9 @@ bool eventlistener_start(const std::string &session_directory);
 // it does not run.
 void eventlistener_stop();
 
-// Whether it was started and not stopped, and whether nothing more comes of it: what it wrote last
-// has not reached the session, or the tool has ended by itself.
-bool eventlistener_is_running();
-bool eventlistener_has_failed();
+// For every minute of a session: starts the tool, once, and again when it is of no more use: its
+// file has gone with the storage, its last write did not reach it, or it has ended by itself.
+void eventlistener_keep_running(const std::string &session_directory);
 
 // Takes one line of the tool into the event. True when the line ended the event, which is to be
 // logged and cleared.

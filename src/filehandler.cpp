@@ -17,10 +17,6 @@
 namespace {
 
 constexpr std::size_t file_path_size = 256;
-constexpr std::size_t ps_command_size = 256;
-constexpr std::size_t ps_line_max = 255;
-constexpr std::size_t ls_command_size = 1024;
-constexpr std::size_t subdirectories_max = 100;
 constexpr std::size_t source_line_max = 255;
 
 std::string session_file(const std::string &session, const char *folder, const std::string &file) {
@@ -40,7 +36,7 @@ std::string_view next_word(std::string_view &text) {
     return word;
 }
 
-// The next line without its end; false when there is none with one.
+// The next line without its newline; false when no terminated line is left.
 bool next_whole_line(std::string_view &text, std::string_view &line) {
     const auto end = text.find('\n');
     if (end == std::string_view::npos) {
@@ -121,7 +117,7 @@ std::optional<std::int64_t> counter(const net_dev_values &values, const char *ke
                                  : std::optional<std::int64_t>(decimal_prefix(found->second));
 }
 
-// "12.3 Mbit/s", or nothing without an earlier sample or after the counters began anew.
+// "12.3 Mbit/s"; nothing without an earlier sample or after a counter reset.
 std::optional<std::string> bandwidth(const bandwidth_sample &now, const bandwidth_sample &before) {
     if (before.time == 0) {
         return std::nullopt;
@@ -129,9 +125,8 @@ std::optional<std::string> bandwidth(const bandwidth_sample &now, const bandwidt
     const std::int64_t delta = (now.received - before.received) + (now.sent - before.sent);
     const auto seconds = static_cast<std::int32_t>(now.time - before.time);
     const std::int64_t bytes_a_second = seconds == 0 ? 0 : delta / seconds;
-    const std::int64_t tenths =
-        bytes_a_second / 12500; // of 125,000 bytes a second; cut, not rounded
-    // A fall by less than a whole step comes out as 0; the counters of a network do not fall.
+    const std::int64_t tenths = bytes_a_second / 12500; // of 1 Mbit/s (125,000 bytes/s), truncated
+    // Counters that fell began anew.
     if (delta < 0 || tenths < 0) {
         return std::nullopt;
     }
@@ -157,7 +152,7 @@ constexpr std::size_t buddy_digits_max = 10;
 constexpr std::size_t vmstat_line_max = 49;
 constexpr std::size_t vmstat_digits_max = 20;
 
-// Where a line's zone is in zone_names, and where its numbers are to be looked for.
+// The index of a line's zone in zone_names, and the start of its numbers.
 struct zone_place {
     std::size_t zone;
     std::size_t numbers;
@@ -212,33 +207,6 @@ std::string slab_row(std::string_view name, std::string_view numbers) {
         }
     }
     return row + "\r\n";
-}
-
-// --- The process list
-
-struct process_list {
-    std::vector<std::string> lines;
-    bool has_hung = false;
-};
-bool remembers_process_lists = false;
-std::map<std::string, process_list> process_lists; // by the commands
-
-process_list read_process_list(const std::string &command) {
-    process_list list;
-    command_pipe pipe(command.c_str());
-    std::string line;
-    while (pipe.next_line(ps_line_max, line)) {
-        list.lines.push_back(line);
-    }
-    list.has_hung = pipe.has_hung();
-    return list;
-}
-
-bool includes(const process_list &list, const std::string &needle) {
-    return list.has_hung ||
-           std::any_of(list.lines.begin(), list.lines.end(), [&](const std::string &line) {
-               return line.find(needle) != std::string::npos;
-           });
 }
 
 // The caches' names for the page, replaced whole: readers always find a whole list.
@@ -512,8 +480,7 @@ void store_proc_net_dev(const std::string &session) {
         log_cannot_open("/proc/net/dev");
         return;
     }
-    // One read gives whole lines; a device with so many interfaces that they do not fit loses the
-    // last of them.
+    // One read gives whole lines; interfaces beyond the buffer are not recorded.
     std::array<char, net_dev_read_max> buffer;
     const ssize_t size = ::read(source.get(), buffer.data(), buffer.size());
     store_net_dev(session, {buffer.data(), size < 0 ? 0 : static_cast<std::size_t>(size)});
@@ -547,67 +514,8 @@ void store_proc_interrupts(const std::string &interrupts_directory) {
         format_bounded(file_path_size, "%s/%s_interrupts.txt", interrupts_directory.c_str(),
                        date_format_now("%Y%m%d_%H%M%S").c_str());
     if (file_copy("/proc/interrupts", target.c_str())) {
-        // The copy has taken over the time of the kernel's file, which is that of its first use.
+        // The copy would keep the kernel file's time, which is that of its first use.
         (void)::utimensat(AT_FDCWD, target.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
         errno = 0;
     }
-}
-
-bool ps_grep_and_check_if_included(const std::string &pattern, const std::string &needle) {
-    const std::string command =
-        format_bounded(ps_command_size, "ps | grep \"%s\"", pattern.c_str());
-    if (!remembers_process_lists) {
-        return includes(read_process_list(command), needle);
-    }
-    const auto known = process_lists.find(command);
-    return includes(known != process_lists.end()
-                        ? known->second
-                        : process_lists.emplace(command, read_process_list(command)).first->second,
-                    needle);
-}
-
-process_list_memory::process_list_memory() {
-    remembers_process_lists = true;
-}
-process_list_memory::~process_list_memory() {
-    remembers_process_lists = false;
-    process_lists.clear();
-}
-
-std::optional<std::string> get_names_listed_from_directory(const std::string &path,
-                                                           std::size_t capacity) {
-    std::string names;
-    const int status =
-        command_read_lines(format_bounded(ls_command_size, "ls \"%s\"", path.c_str()).c_str(),
-                           source_line_max, [&names](std::string line) {
-                               str_terminate_at(line, '\n');
-                               names.append(names.empty() ? "" : ",").append(line);
-                           });
-    if (status != 0) {
-        return std::nullopt;
-    }
-    return names.substr(0, capacity == 0 ? 0 : capacity - 1);
-}
-
-std::vector<std::string> get_subdirectories(const char *path, bool *are_all) {
-    std::vector<std::string> names;
-    const unique_folder folder(::opendir(path));
-    if (!folder) {
-        errno = 0;
-        return names;
-    }
-    while (const dirent *entry = ::readdir(folder.get())) {
-        if (entry->d_type != DT_DIR || std::strcmp(entry->d_name, ".") == 0 ||
-            std::strcmp(entry->d_name, "..") == 0) {
-            continue;
-        }
-        if (names.size() == subdirectories_max) {
-            if (are_all != nullptr) {
-                *are_all = false;
-            }
-            break;
-        }
-        names.emplace_back(entry->d_name);
-    }
-    return names;
 }

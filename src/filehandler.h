@@ -27,32 +27,6 @@ void store_network_info_no_retention(const std::string &network_directory, const
 // Copies /proc/interrupts into the folder as STAMP_interrupts.txt.
 void store_proc_interrupts(const std::string &interrupts_directory);
 
-// --- Small helpers
-
-// Whether a line of the process list that holds the pattern (as grep reads it) also holds the
-// needle. Both are the daemon's own words or have been checked to be such. True also when the
-// process list can't be had: who asks means not to do something twice, or too early.
-bool ps_grep_and_check_if_included(const std::string &pattern, const std::string &needle);
-
-// As long as one lives, the process list is asked for once for each pattern: for duties that ask
-// the same in the same second, each of something that none of the others starts.
-class process_list_memory {
-  public:
-    process_list_memory();
-    ~process_list_memory();
-    process_list_memory(const process_list_memory &) = delete;
-    process_list_memory &operator=(const process_list_memory &) = delete;
-};
-
-// The names listed in a folder joined by ",", cut to what fits a text of `capacity` bytes.
-// Nothing when it could not be listed whole.
-std::optional<std::string> get_names_listed_from_directory(const std::string &path,
-                                                           std::size_t capacity);
-
-// The names of the folders in a folder (links are none), at most 100, in the order of the folder;
-// `are_all` is cleared when there are more.
-std::vector<std::string> get_subdirectories(const char *path, bool *are_all = nullptr);
-
 // The digits of a counter of /proc/vmstat; "" after an error line when there is none.
 std::string vmstat_get_val(const char *counter);
 
@@ -61,16 +35,16 @@ std::string vmstat_get_val(const char *counter);
 // "/proc/net/dev" by key, "eth0.csv/receive_bytes" to "123"; sorted as the files' columns are.
 using net_dev_values = std::map<std::string, std::string>;
 
-// What is wrong with a text that is no /proc/net/dev, by the step that found out.
+// The parse step that failed, as the log shows it.
 struct net_dev_error {
     int step;
-    std::string near; // the word that does not end, for step 3
+    std::string near; // of step 3: the unterminated word
 };
 
-// Parses what was read of it (at most 1,023 bytes; an unfinished last line is left out).
+// Parses the text of /proc/net/dev; a truncated last line is ignored.
 std::optional<net_dev_error> parse_proc_net_dev(std::string_view text, net_dev_values &values);
 
-// One file of interface counters as its header and row; `first` and `last` enclose its keys.
+// One file of interface counters: its header and its row.
 struct interface_row {
     std::string file_name; // "eth0.csv"
     std::string header;

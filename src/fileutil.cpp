@@ -19,6 +19,7 @@
 namespace {
 
 constexpr int removal_depth_max = 128;
+constexpr std::size_t subdirectories_max = 100;
 
 bool has_type(const char *path, mode_t type) {
     struct stat status {};
@@ -69,7 +70,7 @@ int remove_entries(int parent, const char *name, const std::string &path, int de
 
 // --- Paths on storages
 
-// The length of the part of a path that is trusted, up to a slash; 0 when all of it is.
+// The length of the trusted prefix of a path, up to a slash; 0 when the whole path is trusted.
 std::size_t trusted_part(std::string_view path) {
     constexpr std::string_view storages = "/var/spool/storage/";
     constexpr std::string_view internal = "/usr/local/packages/Vandrel/localdata/";
@@ -133,7 +134,7 @@ unique_fd open_path(const std::string &path, int flags, unsigned permissions = 0
                    : unique_fd();
 }
 
-// Where a name is, for calls that take a folder and a name in it.
+// A folder and a name in it, for the ...at() calls.
 struct place {
     explicit place(const std::string &path) : name_(path) {
         if (trusted_part(path) == 0) {
@@ -189,8 +190,8 @@ void sweep_entries(int parent, const char *name, long age_min, int depth) {
     }
 }
 
-// Copies a regular file to a new one, flushed; what grows meanwhile is cut at size_max. The reason
-// when it did not work.
+// Copies at most size_max bytes of a regular file to a new one, flushed. The reason of a failure,
+// or nullptr.
 const char *copy_to_new(const char *from, const char *to, long long size_max) {
     const unique_fd source = file_descriptor(from, O_RDONLY | O_NOFOLLOW);
     struct stat status {};
@@ -401,6 +402,29 @@ std::string file_name_of(std::string_view name) {
     return file;
 }
 
+std::vector<std::string> get_subdirectories(const char *path, bool *are_all) {
+    std::vector<std::string> names;
+    const unique_folder folder(::opendir(path));
+    if (!folder) {
+        errno = 0;
+        return names;
+    }
+    while (const dirent *entry = ::readdir(folder.get())) {
+        if (entry->d_type != DT_DIR || std::strcmp(entry->d_name, ".") == 0 ||
+            std::strcmp(entry->d_name, "..") == 0) {
+            continue;
+        }
+        if (names.size() == subdirectories_max) {
+            if (are_all != nullptr) {
+                *are_all = false;
+            }
+            break;
+        }
+        names.emplace_back(entry->d_name);
+    }
+    return names;
+}
+
 std::optional<std::string> file_get_contents(const char *path) {
     gchar *contents = nullptr;
     gsize length = 0;
@@ -438,7 +462,18 @@ bool file_put_string(const char *path, std::string_view text) {
 }
 
 bool file_replace(const char *path, std::string_view text) {
-    return file_open_or_warn(path, "a") && file_put_string(path, text);
+    struct stat status {};
+    const bool exists = ::lstat(path, &status) == 0;
+    // Not the file itself where there is none: a power cut would leave it empty.
+    const std::string tried = exists ? path : temporary_beside(path);
+    if (!file_descriptor(tried.c_str(), O_WRONLY | O_CREAT)) {
+        log_cannot_open(path);
+        return false;
+    }
+    if (!exists) {
+        file_remove(tried.c_str());
+    }
+    return file_put_string(path, text);
 }
 
 bool file_remove(const char *path) {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Storages are foreign: others write to a card or a share, and a link, a pipe or a device there
 // must neither lead the daemon to a file of the camera nor hold it. This is the one way to open
@@ -25,9 +26,8 @@ bool file_write_new(const char *path, std::string_view bytes);
 // A folder, reached in the same way.
 unique_fd folder_descriptor(const char *path);
 
-// Takes links, pipes, sockets and devices out of a tree, so that a tool that follows and opens all
-// does not leave it; and what power cuts left of files that were being written (".tmp...") and that
-// nobody has touched for `age_min` seconds.
+// Removes links, pipes, sockets and devices from a tree, so that a tool that follows and opens
+// everything stays inside; and temporaries (".tmp...") that are older than `age_min` seconds.
 void sweep_tree(const char *path, long age_min);
 
 // Links are followed. Nothing is logged.
@@ -37,9 +37,8 @@ bool is_readable(const char *path);
 bool is_writable(const char *path);
 bool is_executable(const char *path);
 
-// Whether a command may append to it: a file, or nothing yet. On a card or a share it could be a
-// pipe, which waits for its reader, or a link to a file of the camera; also in the folders above.
-// False after a warning with the path.
+// Whether a command may append to the path: it is a regular file, or missing, with no link in any
+// part of the path below a storage. False after a warning with the path.
 bool can_append_or_warn(const char *path);
 
 // Bytes, or -1 after an error line.
@@ -72,8 +71,11 @@ bool make_folder(const char *path, unsigned permissions);
 // "a/b" -> "a_b", ".." -> "_."
 std::string file_name_of(std::string_view name);
 
-// The whole file, or nothing after a warning. Meant for small files; fails on memory like
-// everything else.
+// The names of the folders in a folder (links are none), at most 100, in the order of the folder;
+// `are_all` is cleared when there are more.
+std::vector<std::string> get_subdirectories(const char *path, bool *are_all = nullptr);
+
+// The whole file, or nothing after a warning. For small files.
 std::optional<std::string> file_get_contents(const char *path);
 
 // Replaces the file's contents so that after a power cut it holds the old or the new ones, whole.

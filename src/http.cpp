@@ -1,12 +1,17 @@
 #include "http.h"
 
+#include "fileutil.h"
 #include "glib_ptr.h"
 #include "log.h"
 #include "strutil.h"
 #include "sysutil.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <fcntl.h>
 #include <string>
+#include <sys/stat.h>
 #include <tvhttp.h>
 
 namespace {
@@ -14,7 +19,7 @@ namespace {
 constexpr std::size_t cgi_key_size = 128;
 constexpr std::size_t reply_piece = 65536;
 
-// The missing "=" in the character set has always been there; clients know it so.
+// The "=" of the character set is missing: kept, clients compare this line.
 constexpr std::string_view routing_error_type = "Content-Type: text/plain; charset-utf-8;\r\n\r\n";
 
 using http_handler_ptr = std::unique_ptr<TVHttpHandler, deleter<tv_http_handler_free>>;
@@ -107,7 +112,7 @@ void http_register_action(const char *name, http_callback handler) {
 }
 
 void http_access_callback(GDataOutputStream *stream, GHashTable *arguments) {
-    errno = 0; // what earlier work left is no part of this request's messages
+    errno = 0; // a stale errno must not show in this request's messages
     const char *action = http_argument(arguments, "action");
     if (action == nullptr) {
         http_write(stream, routing_error_type);
@@ -147,8 +152,32 @@ void http_reply(GDataOutputStream *stream, http_status status, const char *conte
     http_write(stream, header_block(status, content_type, {}).append(body));
 }
 
+int output_file(GDataOutputStream *stream, const char *path) {
+    const unique_fd file = file_descriptor(path, O_RDONLY);
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        log_cannot_open(path);
+        return 1;
+    }
+    return output_descriptor(stream, file.get(), status.st_size);
+}
+
+int output_descriptor(GDataOutputStream *stream, int file, off_t left) {
+    std::array<char, reply_piece> piece;
+    while (left > 0) {
+        const ssize_t size = ::read(file, piece.data(),
+                                    static_cast<std::size_t>(std::min<off_t>(left, piece.size())));
+        if (size <= 0 || !http_write(stream, {piece.data(), static_cast<std::size_t>(size)})) {
+            errno = 0;
+            return 1;
+        }
+        left -= size;
+    }
+    return 0;
+}
+
 void print_http_error(GDataOutputStream *stream, const char *message) {
-    http_reply(stream, http_status::bad_request, "text/plain", std::string(message) + "\r\n");
+    http_reply(stream, http_status::bad_request, content_type::text, std::string(message) + "\r\n");
 }
 
 void http_write_command_output(GDataOutputStream *stream, const char *command) {

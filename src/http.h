@@ -6,6 +6,7 @@
 
 #include <gio/gio.h>
 #include <string_view>
+#include <sys/types.h>
 
 // Writes the whole reply, header block first, before it returns; owns neither the stream nor the
 // table. Serves both a path and an action.
@@ -30,6 +31,17 @@ const char *http_argument(GHashTable *arguments, const char *name);
 // long reply ends then.
 bool http_write(GDataOutputStream *stream, std::string_view text);
 
+// Content types of the replies. Clients compare them, so each reply keeps its own spelling.
+namespace content_type {
+inline constexpr const char *json = "application/json";
+inline constexpr const char *json_open = "application/json; "; // of the device test
+inline constexpr const char *json_utf8 = "application/json; charset=utf-8";
+inline constexpr const char *text = "text/plain";
+inline constexpr const char *text_utf8 = "text/plain; charset=utf-8";
+inline constexpr const char *html_utf8 = "text/html; charset=utf-8";
+inline constexpr const char *binary = "application/octet-stream";
+} // namespace content_type
+
 enum class http_status { ok, accepted, bad_request, internal_server_error, service_unavailable };
 
 // The header block: status line, the three lines that keep a reply out of caches, the lines of a
@@ -41,11 +53,18 @@ void http_write_header(GDataOutputStream *stream, http_status status, const char
 void http_reply(GDataOutputStream *stream, http_status status, const char *content_type,
                 std::string_view body);
 
-// Where the daemon's own timers, file watches and child watches run while a request is answered:
-// between the pieces of the reply, and while a tool's output or its end is waited for. Nowhere
-// else, and least of all while a session is started or stopped. Other requests wait their turn here
-// as everywhere. A handler holds nothing half changed then, and only descriptors of its own: what
-// it sends may be removed meanwhile, the session may be stopped, SIGTERM may clean up.
+// Writes a regular file to the stream: 0, or 1 when it can't be opened (a warning) or the client
+// has gone.
+int output_file(GDataOutputStream *stream, const char *path);
+
+// The same of an open file, and of it just so many bytes, which a header has promised.
+int output_descriptor(GDataOutputStream *stream, int file, off_t size);
+
+// The handlers during which the daemon's own timers, file watches and child watches run: between
+// the pieces of the reply, and during waits for a tool. No other handler allows that, least of all
+// the start and stop of a session. Other requests still wait. Such a handler leaves no state half
+// changed at these points and uses only descriptors of its own: its file may be removed, the
+// session stopped or the clean-up run meanwhile.
 enum class long_reply {
     session_archive, // get_monitor_data, once the archive is open
     session_data,    // view_monitor_data: a part of a file, records

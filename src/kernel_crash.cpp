@@ -1,6 +1,5 @@
 #include "kernel_crash.h"
 
-#include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
 #include "session_globals.h"
@@ -18,6 +17,8 @@
 
 namespace {
 
+constexpr std::size_t ls_command_size = 1024;
+constexpr std::size_t ls_line_max = 255;
 constexpr std::size_t listing_size = 1024;
 constexpr std::size_t path_max = 255;
 constexpr std::size_t output_line_max = 255;
@@ -69,6 +70,23 @@ std::optional<std::string> folder_of(const dump_storage &storage,
     return format_text("%s_%s", storage.dumps_folder, serial->c_str());
 }
 
+// The names listed in a folder joined by ",", cut to what fits a text of `capacity` bytes.
+// Nothing when it could not be listed whole.
+std::optional<std::string> get_names_listed_from_directory(const std::string &path,
+                                                           std::size_t capacity) {
+    std::string names;
+    const int status =
+        command_read_lines(format_bounded(ls_command_size, "ls \"%s\"", path.c_str()).c_str(),
+                           ls_line_max, [&names](std::string line) {
+                               str_terminate_at(line, '\n');
+                               names.append(names.empty() ? "" : ",").append(line);
+                           });
+    if (status != 0) {
+        return std::nullopt;
+    }
+    return names.substr(0, capacity == 0 ? 0 : capacity - 1);
+}
+
 std::optional<std::string> current_listing(const std::string &folder) {
     errno = 0;
     if (!is_directory(folder.c_str())) {
@@ -117,7 +135,7 @@ std::vector<std::string> names_of(const std::string &listing) {
     return names;
 }
 
-// False when it has been before: the copy did not work then, and is tried again.
+// False when it was announced before: its copy failed then and is retried.
 bool announce(dump_storage &storage, const std::string &name) {
     if (std::find(storage.announced.begin(), storage.announced.end(), name) !=
         storage.announced.end()) {
@@ -131,7 +149,7 @@ bool announce(dump_storage &storage, const std::string &name) {
     return true;
 }
 
-// A copy that does not fit would be written up to the storage's end, every minute anew.
+// Checked first: a copy that does not fit would fill the storage each minute anew.
 bool has_room(const std::string &folder, long long size) {
     struct statvfs storage {};
     return ::statvfs(folder.c_str(), &storage) != 0 ||
@@ -166,7 +184,7 @@ bool copy_dump(dump_storage &storage, const std::string &folder, const std::stri
         return false;
     }
     ++occurrences.kernel_dumps;
-    // Whoever waits for cores there is told by the close of a file, not by its new name.
+    // The watch for cores reacts to the close of a file, not to a rename.
     (void)file_open(to.c_str(), "a");
     return true;
 }
@@ -178,7 +196,7 @@ void update_storage(dump_storage &storage, const std::string &folder,
     }
     const auto current = get_names_listed_from_directory(folder, listing_size);
     if (!current) {
-        return; // a part of a listing would make the rest new dumps
+        return; // with a partial listing the others would count as new
     }
     if (!storage.listing && !load_listing(storage)) {
         storage.listing = current; // what is there at the first look is old
@@ -201,7 +219,7 @@ void update_storage(dump_storage &storage, const std::string &folder,
     }
 }
 
-// Nothing when the tool could not be run or said nothing: no reason to restart a device.
+// Nothing when the tool failed or printed nothing: no reason to restart a device.
 std::optional<bool> asked_setting() {
     command_pipe pipe("sysctl debug.crashdump");
     std::string line;
@@ -212,7 +230,7 @@ std::optional<bool> asked_setting() {
     return line.find("debug.crashdump = storage") != std::string::npos;
 }
 
-// The flag file keeps the facility on across restarts. 1 when it is there: then a restart helps.
+// The flag file keeps the facility on across restarts. 1 when it exists, so that a restart helps.
 int switch_on() {
     const bool opened = static_cast<bool>(file_open(flag_file, "a"));
     const bool is_there = opened && is_file(flag_file);
@@ -227,7 +245,7 @@ int switch_on() {
 
 int setup_storage(dump_storage &storage, const std::string &folder,
                   const std::string &session_directory) {
-    // What is made in the mount point of a storage that is not there fills the camera's own memory.
+    // Files in an empty mount point would fill the camera's own memory.
     if (!is_mount_point(folder.substr(0, folder.rfind('/')))) {
         return 0;
     }
@@ -295,7 +313,7 @@ int disable_kernel_crash_monitor(const std::optional<std::string> &serial) {
         if (!folder) {
             continue;
         }
-        // What this session has got is nothing new to the next one.
+        // Dumps that this session has are not new to the next one.
         if (storage.listing) {
             (void)save_listing(storage);
         }

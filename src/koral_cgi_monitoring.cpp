@@ -37,7 +37,7 @@ constexpr std::size_t report_top = 10;
 constexpr std::string_view api_path = "/tarvo-cgi/";
 constexpr std::string_view call_start = " /tarvo-";
 
-// From these on a query changes with every request.
+// A query is cut at these, which differ in every request.
 constexpr std::string_view changing_parts[] = {
     "&timestamp=", "timestamp=", "recordingid=", "profile=", "&_=", "_="};
 
@@ -95,7 +95,7 @@ std::vector<filter> koral_investigated;
 call_table koral_cgi_table;
 std::size_t hash_size = 0;                  // items since the last release
 std::map<std::string, std::string> pending; // file below the session's folder, what goes there
-bool is_failing = false;                    // the files can't be written, which was said
+bool is_failing = false;                    // a failed write was logged
 
 std::atomic<std::uint64_t> calls_seen = 0;
 
@@ -107,7 +107,7 @@ std::string session_file(const std::string &below) {
 
 // --- Lines on their way to the session's files
 
-// What a file's lines add up to between two reads of the follower is written at once.
+// Writes the lines that one read of the follower brought, one write per file.
 void write_pending() {
     if (!http_log_storage_path) {
         pending.clear();
@@ -144,7 +144,7 @@ void keep_line(std::string_view line) {
     }
     for (const filter &entry : koral_investigated) {
         if (line.find(entry.text) != std::string_view::npos) {
-            pending[entry.file].append(line); // lines follow each other directly there
+            pending[entry.file].append(line); // these files have no line ends
             break;
         }
     }
@@ -313,7 +313,7 @@ std::string item_text(const koral_cgi_monitor_item_t &item) {
     const std::int64_t lasted =
         std::chrono::floor<std::chrono::seconds>(item.steady_last - item.steady_first).count();
     const std::int64_t shown = item.time_last - item.time_first;
-    // A difference of more than a second is a clock that was set meanwhile.
+    // The clock was set meanwhile if the two differ by more than a second.
     const auto seconds = static_cast<std::uint64_t>(
         std::max<std::int64_t>(1, std::abs(shown - lasted) <= 1 ? shown : lasted));
     const std::uint64_t frequency = item.called_count * 1'000'000 / seconds;
@@ -330,8 +330,8 @@ std::string item_text(const koral_cgi_monitor_item_t &item) {
                        item.process_time_min, decimal_text(item.process_time_avg, 3).c_str());
 }
 
-// A user is whoever a log line names, also one whose password was wrong: of the name only what is
-// harmless in a file's name stays. "root@/tarvo-cgi/..." -> "root@root.csv"
+// The user comes from the log, even after a wrong password: characters that are not harmless in a
+// file name are replaced. "root@/tarvo-cgi/..." -> "root@root.csv"
 std::string csv_name(const std::string &url) {
     std::string user = url.substr(0, url.find('@'));
     for (char &ch : user) {
@@ -446,7 +446,7 @@ void koral_cgi_store() {
     if (!http_log_storage_path) {
         return;
     }
-    // The calls of one user share a file, which is written once.
+    // All calls of a user go to one file, in one write.
     std::map<std::string, std::vector<koral_cgi_monitor_item_t *>> files;
     for (const auto &[url, item] : koral_cgi_table) {
         files[csv_name(item->url)].push_back(item.get());

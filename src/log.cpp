@@ -23,15 +23,15 @@ namespace {
 std::mutex sink_mutex;
 log_sink sink; // guarded by sink_mutex
 
-// --- The log daemon's socket. One that does not take a message for a moment is not waited for
-// again until it takes one: what is lost is counted, and said then.
+// --- The log daemon's socket. After one time-out there is no further wait until a message is
+// taken; dropped messages are counted and reported then.
 
 constexpr int patience_ms = 1000;
 
 std::mutex log_socket_mutex; // guards what follows
 int log_socket = -1;
 int log_socket_type = SOCK_DGRAM;
-unsigned long lost_messages = 0; // that were not told of yet
+unsigned long lost_messages = 0; // not reported yet
 unsigned long all_lost_messages = 0;
 
 void connect_log_socket() {
@@ -54,7 +54,7 @@ bool try_to_send(const std::string &line) {
         errno = ENOTCONN;
         return false;
     }
-    // Through a stream with its NUL byte, where the line ends.
+    // On a stream socket the NUL byte ends the message.
     const std::size_t size = line.size() + (log_socket_type == SOCK_STREAM ? 1 : 0);
     return ::send(log_socket, line.c_str(), size, MSG_NOSIGNAL | MSG_DONTWAIT) ==
            static_cast<ssize_t>(size);
@@ -74,11 +74,11 @@ bool send_line(int level, const std::string &message) {
         return true;
     }
     if (errno == EAGAIN || errno == ENOBUFS) {
-        // A burst is more than the socket holds: a log daemon that works takes it in a moment.
+        // A burst overfills the socket; a working log daemon drains it soon.
         pollfd socket{log_socket, POLLOUT, 0};
         return lost_messages == 0 && ::poll(&socket, 1, patience_ms) > 0 && try_to_send(line);
     }
-    // The log daemon was started anew, or for the first time.
+    // The log daemon was restarted, or started for the first time.
     if (log_socket >= 0) {
         ::close(std::exchange(log_socket, -1));
     }
@@ -114,7 +114,8 @@ std::array<reaction, 4096> reactions; // guarded by reactions_mutex; the oldest 
 std::size_t next_reaction = 0;        // as well
 thread_local int reaction_depth = 0;
 
-// The log service writes what is not printable in a way of its own, blanks at the ends as well.
+// Hashes up to the first control character or "#", and without blanks at the ends: log daemons
+// escape the former ("#011") and trim the latter.
 std::size_t reaction_hash(std::string_view message) {
     message.remove_prefix(std::min(message.find_first_not_of(' '), message.size()));
     const auto printable = std::find_if(message.begin(), message.end(), [](char ch) {

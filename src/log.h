@@ -8,8 +8,8 @@
 #include <syslog.h>
 
 // Opens syslog with the ident "Vandrel". Main thread, once, before other threads run. A log
-// daemon that has stopped costs a second once: messages that it does not take are lost, and their
-// number is logged when it does again.
+// daemon that hangs costs one second, once: messages that it does not take are dropped, and their
+// number is logged when it recovers.
 void log_open();
 
 // Logs one message at a syslog level. A message of more than log_message_max bytes is cut there,
@@ -52,8 +52,8 @@ constexpr std::string_view log_module_of(std::string_view path) {
 // How many messages the log daemon has not taken since the start. Any thread.
 unsigned long log_lost_messages();
 
-// What a thread logs while it has one of these is a reaction to a line of the log. It comes back
-// through the log, where it may not be reacted to: that would go on for ever.
+// Marks what a thread logs during its lifetime as a reaction to a line of the log: when the line
+// comes back through the log, no rule may match it, or the two would feed each other.
 class log_reaction {
   public:
     log_reaction();
@@ -62,7 +62,7 @@ class log_reaction {
     log_reaction &operator=(const log_reaction &) = delete;
 };
 
-// Whether a message, as it has come back, was logged so in the last minutes. Any thread.
+// Whether a message that was read from the log is such a reaction of the last minutes. Any thread.
 bool log_was_reaction(std::string_view message);
 
 // Receives what would go to syslog; with one set, syslog gets nothing. For tests. Called with the

@@ -17,14 +17,14 @@ namespace {
 
 constexpr std::int64_t longest_wait_ms = 3'600'000;
 
-thread_local int turning_places = 0; // loop_turns that live
+thread_local int turning_places = 0; // number of live loop_turns
 thread_local bool in_callbacks = false;
 
-// A source of the default context that stands for all sources of the own one.
+// The source of the default context that dispatches our own context.
 struct carrier {
     GSource source;
     GMainContext *carried;
-    bool is_owned; // the loop's thread has the own context, so that other threads wake it
+    bool is_owned; // the loop's thread owns our context, so that other threads wake it
     gint priority;
     std::vector<GPollFD> *polled;
 };
@@ -82,8 +82,8 @@ gboolean carrier_dispatch(GSource *source, GSourceFunc, gpointer) noexcept {
     return G_SOURCE_CONTINUE;
 }
 
-// --- How long the loop stands still: from the end of its wait for something to do until the next
-// wait. A source that is never ready sees both.
+// --- How long the loop stands still: from the end of a poll to the next one. A source that is
+// never ready sees both.
 
 std::int64_t working_since_us = 0; // monotonic
 std::int64_t longest_work_us = 0;
@@ -129,7 +129,7 @@ GMainContext *own_context() {
     return context;
 }
 
-// What GLib's own short forms do, for the own context.
+// As g_timeout_add and the like, for our own context.
 unsigned attach(GSource *source, GSourceFunc callback, gpointer data, gint priority) {
     g_source_set_callback(source, callback, data, nullptr);
     g_source_set_priority(source, priority);
@@ -156,7 +156,7 @@ int termination = -1;                       // an eventfd; it lives as long as t
 std::atomic<std::int64_t> terminated_at{0}; // monotonic microseconds; 0: not yet
 std::atomic<bool> is_cleaning_up{false};
 
-// Services have 90 seconds to end, and there is more to end than commands.
+// The service manager allows 90 seconds, not only for commands.
 using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds time_to_notice = 10s;
 constexpr std::chrono::milliseconds time_to_end = 60s;

@@ -1,6 +1,6 @@
-// The daemon's own timers, file watches and child watches. They live in a context of their own,
-// which the main loop carries beside what the platform's libraries have in it: so they can also run
-// while the handler of a request waits, and no other request is served meanwhile.
+// The daemon's own timers, file watches and child watches. They live in a GLib context of their
+// own, which the default context dispatches: a waiting request handler can run them alone, without
+// serving another request.
 #pragma once
 
 #include <chrono>
@@ -18,14 +18,14 @@ unsigned loop_add_channel(GIOChannel *channel, GIOCondition condition, GIOFunc c
 unsigned loop_add_child(GPid pid, GChildWatchFunc callback, gpointer data);
 // Runs the callback on the first SIGTERM; later ones do nothing. Once.
 void loop_on_termination(void (*callback)());
-// What the service manager's patience leaves for all that is still to be waited for, before the
-// clean-up and in it; below zero when it is over, a year as long as no SIGTERM has come. Any
-// thread.
+// The time left for waits after a SIGTERM, before the service manager kills the daemon: for those
+// before the clean-up, then for those in it. Negative when it is used up, a year before any
+// SIGTERM. Any thread.
 std::chrono::milliseconds loop_time_left();
 void loop_remove(unsigned source);
 
-// As long as one of these lives, the thread's waits below let the daemon's own callbacks run. Only
-// for the handlers that http.h lists: nothing may be half changed then.
+// During its lifetime the thread's waits below run the daemon's own callbacks. Only for the
+// handlers that http.h lists.
 class loop_turns {
   public:
     loop_turns();
@@ -34,17 +34,16 @@ class loop_turns {
     loop_turns &operator=(const loop_turns &) = delete;
 };
 
-// Waits until the descriptor (-1: none) is ready or the time is over, or earlier: who waits looks
-// and waits again. Where a loop_turns lives, callbacks run meanwhile; not from within a callback,
-// so that no tick runs in a tick. Any thread.
+// Waits until the descriptor (-1: none) is ready or the time is over; may return early, so callers
+// loop. Under a loop_turns callbacks run meanwhile, except from within a callback: ticks don't
+// nest. Any thread.
 void loop_wait(int descriptor, GIOCondition condition, std::chrono::milliseconds limit);
 
-// Where a loop_turns lives: runs what is due, without waiting. Cheap enough for every piece of a
-// reply.
+// Under a loop_turns: runs what is due, without waiting. Cheap enough for every piece of a reply.
 void loop_run_due();
 
-// The longest time since the last call of this in which no source of the loop could run, the time
-// since the loop went on included.
+// The longest stretch since the last call in which no source of the loop could run, the current one
+// included.
 std::chrono::microseconds loop_take_longest_stillness();
 
 // Ends the process by SIGALRM unless it is called again within that time.

@@ -24,6 +24,7 @@
 #include "report_queue.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
+#include "session_finder.h"
 #include "session_globals.h"
 #include "session_list.h"
 #include "storage_investigator.h"
@@ -51,13 +52,13 @@ using main_loop_ptr = std::unique_ptr<GMainLoop, deleter<g_main_loop_unref>>;
 
 constexpr const char *log_view_command = "cat /var/log/*.log* | sort";
 
-// A logging self-test: one message of the asked severity, behind one that is always there. It lets
-// the log triggers and the remote log be tried out.
+// A logging self-test for log triggers and the remote log: a fixed message, then one of the
+// requested severity.
 void action_test(GDataOutputStream *stream, GHashTable *arguments) {
     static int refresher_count = 0;
     const char *argument = http_argument(arguments, "type");
     const std::string_view type = argument == nullptr ? "" : argument;
-    http_write_header(stream, http_status::ok, "text/plain");
+    http_write_header(stream, http_status::ok, content_type::text);
     log_info("Test %d: refresher message.", refresher_count++);
     if (type == "warn") {
         log_warning("A test warning message!");
@@ -76,7 +77,7 @@ void action_test(GDataOutputStream *stream, GHashTable *arguments) {
 }
 
 void action_instant_log_view(GDataOutputStream *stream, GHashTable *) {
-    // The one reply whose content type stands before the expiry line.
+    // Content type before Expires, unlike http_write_header: kept, clients compare the header.
     http_write(stream, "Status: 200 OK\r\n"
                        "Pragma: no-cache\r\n"
                        "Cache-Control: no-cache\r\n"
@@ -87,7 +88,7 @@ void action_instant_log_view(GDataOutputStream *stream, GHashTable *) {
 }
 
 void action_instant_log_view_download(GDataOutputStream *stream, GHashTable *) {
-    http_write_header(stream, http_status::ok, "text/plain",
+    http_write_header(stream, http_status::ok, content_type::text,
                       "Content-Description: File Transfer\r\n"
                       "Content-Disposition: attachment; filename=\"log_viewer.txt\"\r\n");
     const long_reply_turns turns(long_reply::log_view);
@@ -96,7 +97,6 @@ void action_instant_log_view_download(GDataOutputStream *stream, GHashTable *) {
 
 // --- Network tools
 
-constexpr const char *streamed = "application/octet-stream";
 constexpr const char *end_of_stream = "STOPSPINNER"; // the page's busy indicator stops at it
 constexpr const char *no_address = "Error: invalid parameters, use address=url";
 
@@ -115,7 +115,7 @@ void action_ping(GDataOutputStream *stream, GHashTable *arguments) {
         return;
     }
     log_info("Network Tools: Ping %s", address.c_str());
-    http_write_header(stream, http_status::ok, streamed);
+    http_write_header(stream, http_status::ok, content_type::binary);
     const long_reply_turns turns(long_reply::ping);
     vdrl_nettools_ping(address, stream);
     http_write(stream, end_of_stream);
@@ -157,7 +157,7 @@ void action_traceroute(GDataOutputStream *stream, GHashTable *arguments) {
     }
     log_info("Traceroute: Starting Traceroute to address %s with protocol %s", address.c_str(),
              mode->upper_case);
-    http_write_header(stream, http_status::ok, streamed);
+    http_write_header(stream, http_status::ok, content_type::binary);
     const long_reply_turns turns(long_reply::traceroute);
     vdrl_nettools_traceroute(
         format_bounded(500, "/usr/local/packages/Vandrel/bin_extra/traceroute_%s --%s \"%s\" 2>&1",
@@ -183,7 +183,7 @@ void action_portcheck(GDataOutputStream *stream, GHashTable *arguments) {
         http_write(stream, end_of_stream);
         return;
     }
-    http_write_header(stream, http_status::ok, streamed);
+    http_write_header(stream, http_status::ok, content_type::binary);
     const long_reply_turns turns(long_reply::port_check);
     http_write(stream, vdrl_nettools_portcheck(address, port) ? "Port check successful"
                                                               : "Port check failed");
@@ -191,7 +191,8 @@ void action_portcheck(GDataOutputStream *stream, GHashTable *arguments) {
 }
 
 void action_dnslookup(GDataOutputStream *stream, GHashTable *arguments) {
-    http_reply(stream, http_status::ok, "text/plain", "Records found are listed below: <br><br>");
+    http_reply(stream, http_status::ok, content_type::text,
+               "Records found are listed below: <br><br>");
     if (const char *address = http_argument(arguments, "address")) {
         const long_reply_turns turns(long_reply::name_lookup);
         write_out_dns(address, stream);
@@ -216,11 +217,11 @@ void copy_command_output(GDataOutputStream *stream, const std::string &command) 
     }
 }
 
-// What the network share's service tells of the share behind a storage group, as it prints it.
+// The network share service's reply about the share of a storage group, unchanged.
 void action_get_ip_address(GDataOutputStream *stream, GHashTable *arguments) {
     constexpr std::size_t parameter_max = 127;
     constexpr std::size_t object_path_max = 80; // the command has 299 bytes
-    http_write_header(stream, http_status::ok, "application/json; charset=utf-8");
+    http_write_header(stream, http_status::ok, content_type::json_utf8);
     const char *group = http_argument(arguments, "group");
     const std::string name =
         "root.Storage." + std::string(group == nullptr ? "" : group) + ".DeviceNode";
@@ -255,7 +256,6 @@ struct action {
     http_callback handler;
 };
 
-// In the order in which they came to be.
 constexpr action actions[] = {
     {"activate_monitor_session", action_activate_monitor_session},
     {"deactivate_monitor_session", action_deactivate_monitor_session},
@@ -438,7 +438,7 @@ void start_up() {
     loop_on_termination(stopped_cleanup);
     nc_rules = vdrl_dt_rules_read_from_file();
     timer_count = 0;
-    // A storage that is not there at the start is no loss to log.
+    // Not logged: a storage that is missing at start was not lost.
     (void)determine_if_this_storage_is_ok("SD_DISK", false);
     if (!resume_monitoring_session()) {
         log_info("Vandrel version %s, compiled: %s %s", VANDREL_VERSION, __DATE__, __TIME__);

@@ -14,7 +14,9 @@
 #include "ntpd.h"
 #include "onvif.h"
 #include "pcapdump.h"
+#include "process_list.h"
 #include "scheduled_tasks.h"
+#include "session_finder.h"
 #include "session_globals.h"
 #include "session_info.h"
 #include "snapshots.h"
@@ -32,8 +34,8 @@
 namespace {
 
 constexpr unsigned long timer_count_wrap = 60'000'000;
-// Above the longest command that the loop waits for. The service manager starts the daemon again,
-// and it goes on with its session.
+// Above the longest command that the loop waits for. The service manager restarts the daemon, which
+// resumes its session.
 constexpr std::chrono::minutes stillness_max{15};
 
 std::string monitoring_folder(const std::string &session, const char *folder) {
@@ -49,7 +51,7 @@ void copy_kernel_crashes(const std::string &session) {
 
 void note_storage_is_back(const std::string &) {
     if (connection_lost_count > 0) {
-        // The minutes are the whole time's, not the rest's.
+        // Days, hours modulo 24, but total minutes: kept, clients compare this text.
         log_info("Connection to edge storage location re-established, connection was lost since "
                  "%lu days %lu hours %lu minutes. Continuing system monitoring session.",
                  connection_lost_count / 1440, connection_lost_count / 60 % 24,
@@ -115,11 +117,9 @@ void update_session_lists(const std::string &) {
 
 // --- The schedules
 
-// The session of which no row could be written although its storage's service calls it healthy: one
-// that the kernel or its server has made read-only.
+// The session whose storage is healthy by the service's word but took no row: it is read-only, or
+// its server refuses writes.
 std::string refusing_session;
-
-void run_due(std::span<const duty> duties, unsigned long tick, const std::string &session);
 
 void collect(const std::string &session) {
     (void)take_append_counts();
@@ -176,15 +176,6 @@ constexpr duty internal_schedule[] = {
     {120, "storage consumption", log_consumption_soon},
 };
 
-void run_due(std::span<const duty> duties, unsigned long tick, const std::string &session) {
-    for (const duty &entry : duties) {
-        // A storage can go between two duties: what is left of the tick is for the next one.
-        if (tick % entry.every == 0 && is_directory(session.c_str())) {
-            entry.run(session);
-        }
-    }
-}
-
 // --- A tick's work for a session
 
 void note_storage_is_lost() {
@@ -197,7 +188,7 @@ void note_storage_is_lost() {
     ++connection_lost_count;
 }
 
-// Whether the session's storage takes what is written again, if it did not.
+// Whether the session's storage accepts writes, tested anew if it has refused them.
 bool takes_writes(const std::string &session) {
     if (refusing_session != session) {
         return true;
@@ -222,14 +213,13 @@ space free_space() {
     const int percent = get_storage_use_pcent(secondary_storage_path->c_str(), &has_hung);
     storage_look.percent_used = percent < 0 ? std::nullopt : std::optional(percent);
     if (has_hung) {
-        return space::enough; // of the tool, not of the storage: it was asked a moment ago
+        return space::enough; // the tool hung, which says nothing of the storage
     }
     return percent < 0 ? space::unknown
                        : (storage_has_room(percent) ? space::enough : space::too_little);
 }
 
-// A service's client that hangs tells nothing: then it is as it was, as long as the session's
-// folder is there.
+// When the service's client hangs, the last state counts as long as the session's folder exists.
 bool storage_is_usable(const std::string &session) {
     static bool last = true;
     const auto answer = ask_whether_storage_is_ok(storage_id->c_str(), true);
@@ -247,7 +237,7 @@ void session_tick(unsigned long tick, const std::string &session) {
     const bool usable =
         !may_be_lost || (storage_is_usable(session) && is_there && takes_writes(session));
     if (left == space::unknown && usable) {
-        left = free_space(); // it may have come back between the two questions
+        left = free_space(); // the storage may have come back between the two questions
     }
     if ((left == space::too_little && (is_there || !external)) ||
         (left == space::unknown && usable)) {

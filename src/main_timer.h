@@ -2,11 +2,11 @@
 // watches its storage and collects what is due.
 #pragma once
 
+#include "schedule.h"
+
 #include <chrono>
 #include <glib.h>
 #include <optional>
-#include <span>
-#include <string>
 
 // The 60-second timeout. Always TRUE: it stays installed.
 gboolean timer_callback(gpointer) noexcept;
@@ -21,13 +21,6 @@ struct session_storage {
     std::optional<int> percent_used;
 };
 const session_storage &last_session_storage();
-
-// One of a tick's duties towards a session: due when the tick's number is a multiple of `every`.
-struct duty {
-    unsigned long every;
-    const char *name;
-    void (*run)(const std::string &session_directory);
-};
 
 // The schedules, in the order in which their duties run.
 std::span<const duty> external_storage_schedule();

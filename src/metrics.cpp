@@ -38,8 +38,7 @@ namespace {
 using steady_clock = std::chrono::steady_clock;
 using type = metric_type;
 
-// Collections come every other minute. A value of which nothing was heard for so long is left out:
-// no value is better than one of another day.
+// Collections run every other minute. A stale value is left out: none is better than yesterday's.
 constexpr auto age_max = std::chrono::minutes(10);
 
 std::optional<double> recent_age(steady_clock::time_point time) {
@@ -232,7 +231,7 @@ std::uint64_t open_descriptors() {
     while (folder && ::readdir(folder.get()) != nullptr) {
         ++count;
     }
-    return count < 3 ? 0 : count - 3; // ".", ".." and the folder's own
+    return count < 3 ? 0 : count - 3; // without ".", ".." and the folder's own descriptor
 }
 
 void write_self(open_metrics_text &out) {
@@ -270,7 +269,7 @@ void write_self(open_metrics_text &out) {
 
 // --- The device
 
-// The parameters of the device change with its firmware, and so with a restart.
+// Read once: they change with the firmware only, and so with a restart.
 const std::string &device_parameter(const char *name) {
     static std::map<std::string, std::string> values;
     std::string &value = values[name];
@@ -413,7 +412,7 @@ void write_session(open_metrics_text &out) {
           koral_calls_seen());
 }
 
-// The session's storage as its last tick saw it; others as somebody was told of them lately.
+// The session's storage as of the last tick, others as of the last storage_states.
 void write_storages(open_metrics_text &out) {
     std::map<std::string, storage_state> storages;
     for (storage_state &state : recent_storage_states(age_max)) {

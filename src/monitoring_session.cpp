@@ -6,8 +6,8 @@
 #include "crashcatcher_inotify.h"
 #include "csv.h"
 #include "dateutil.h"
+#include "debug_mode.h"
 #include "eventlistener.h"
-#include "filehandler.h"
 #include "fileutil.h"
 #include "kernel_crash.h"
 #include "koral_cgi_monitoring.h"
@@ -15,8 +15,10 @@
 #include "loop.h"
 #include "onvif.h"
 #include "report_queue.h"
+#include "schedule.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
+#include "session_finder.h"
 #include "session_globals.h"
 #include "session_info.h"
 #include "shell_word.h"
@@ -43,88 +45,17 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// --- The session that ran before a restart
-
-constexpr long long session_file_min = 10; // bytes; a shorter file names no session
-constexpr std::size_t session_line_max = 200;
-constexpr int session_lines_max = 100; // of a damaged file no more is read, nor complained about
-constexpr std::size_t key_length = 4;  // one separator, whatever it is, follows
-constexpr std::size_t start_time_max = 99;
-
-// What the session's start wants on its storage and what has not been there for it yet.
-bool configuration_watches_are_due = false;
-bool is_first_use = false;
-bool event_listener_is_due = false;
-std::string due_image_interval; // seconds as text, "" when nothing is due
-
-// The parameters did not tell it at the start.
+// The serial number was not known at start.
 bool resume_waits_for_serial = false;
 
-// What current_monitoring_session.txt says, before any of it is believed.
-struct stored_session {
-    std::optional<std::string> root;
-    std::optional<std::string> id;
-    std::optional<std::string> folder;
-    std::optional<std::string> start_time;
-    std::optional<unsigned long> crash_recurrence;
-    std::string image_interval;
-};
-
-// After a restart the device log of that time is still to be brought into the session.
+// Pending after a restart: the device log of that time has to be appended to the session.
 bool device_log_is_due = false;
 
-// "SECS:SD_DISK", "ACTI:20230531_08_27_40"; the last line of a key wins.
-void take_line(stored_session &session, const std::string &line) {
-    const std::string key = line.substr(0, key_length);
-    const std::string value = line.substr(key_length + 1);
-    if (key == "SECS" && value.find("localdata") != std::string::npos) {
-        session.root = localdata_root;
-        session.id.reset();
-    } else if (key == "SECS") {
-        session.root = storage_root_of(value);
-        session.id = value;
-    } else if (key == "ACTI") {
-        session.folder = value;
-    } else if (key == "CRAS") {
-        session.crash_recurrence = decimal_prefix_unsigned(value);
-    } else if (key == "TIME") {
-        session.start_time = value.substr(0, start_time_max);
-    } else if (key == "CAPT") {
-        session.image_interval = value;
-    }
-}
+// No minute of the session has found its storage yet.
+bool is_first_use = false;
 
-std::optional<stored_session> read_stored_session() {
-    if (!is_file(current_monitoring_session_path) ||
-        filesize(current_monitoring_session_path) < session_file_min) {
-        return std::nullopt;
-    }
-    const unique_file file = file_open_or_warn(current_monitoring_session_path, "r");
-    if (!file) {
-        return std::nullopt;
-    }
-    stored_session session;
-    std::string line;
-    for (int lines = 0; lines < session_lines_max && read_line(file.get(), session_line_max, line);
-         ++lines) {
-        str_terminate_at(line, '\n');
-        if (line.size() <= key_length) {
-            log_warning("Unexpectedly short line '%s' in '%s'", line.c_str(),
-                        current_monitoring_session_path);
-            continue;
-        }
-        take_line(session, line);
-    }
-    return session;
-}
-
-// Root and folder become paths and parts of command lines.
-bool names_a_session_directory(const stored_session &session) {
-    return session.root && session.folder && is_shell_word(*session.folder) &&
-           session.folder->find('/') == std::string::npos && *session.folder != "." &&
-           *session.folder != ".." &&
-           session.root->size() + session.folder->size() <= session_directory_max;
-}
+// Of the running session: seconds as text, "" for no images.
+std::string image_interval;
 
 std::string continuous_syslog_path(const std::string &directory) {
     return format_bounded(session_directory_size, "%s/%s/%s/%s", directory.c_str(),
@@ -148,7 +79,6 @@ constexpr std::size_t interval_digits_max = 9;
 constexpr std::size_t creation_command_max = 252;
 
 constexpr http_status ok = http_status::ok;
-constexpr const char *reply_type = "text/plain; charset=utf-8";
 
 bool is_interval(const char *value) {
     return value == nullptr ||
@@ -160,7 +90,14 @@ std::optional<std::string> optional_argument(GHashTable *arguments, const char *
     return value == nullptr ? std::nullopt : std::optional<std::string>(value);
 }
 
-// The advanced debug mode that a request asks for, joined with what is still set from before.
+// Sets the flags of the advanced debug mode that a request asks for. "before": flags set earlier.
+//
+//     mode        log_interval  sets           proceed        with_interval
+//     both        given         schedule, log  yes            yes
+//     interval    given         schedule       yes            yes
+//     log         either        log            yes            given and schedule before
+//     both        missing       log            yes            no
+//     any other   either        nothing        if any before  given and schedule before
 struct debug_decision {
     bool proceed = true;
     bool with_interval = false; // the creation script gets the interval
@@ -176,7 +113,7 @@ debug_decision decide_debug_mode(const session_request &request) {
         }
         return {true, true};
     }
-    if (known && mode != "interval") { // "log", or "both" without an interval
+    if (known && mode != "interval") {
         advanced_debug_mode_crash_log_message_activated = true;
         return {true, advanced_debug_mode_crash_interval_activated && request.log_interval};
     }
@@ -216,7 +153,7 @@ bool create_session_tree(const session_request &request, bool with_interval,
                   monitor_start_time->c_str());
         return false;
     }
-    // One that was ended may have made the folder, but not the file that has it resumed.
+    // A script that was killed may have made the folder, but not the file for the resume.
     if (system_ret(command.c_str()) == system_ret_signal) {
         dir_remove_recursive(directory.c_str());
     }
@@ -250,9 +187,13 @@ void log_start(const session_request &request, unsigned long interval) {
     }
 }
 
-// The log messages that make crash reports.
-std::string crash_report_messages() {
-    std::string text;
+// `interval`: minutes between scheduled crash reports, if any.
+crash_report_plan plan_of_crash_reports(std::optional<unsigned long> interval) {
+    crash_report_plan plan{interval, std::nullopt};
+    if (!advanced_debug_mode_crash_log_message_activated) {
+        return plan;
+    }
+    std::string &text = plan.log_messages.emplace();
     for (const auto *rule = get_systemlog_list(); rule != nullptr; rule = rule->next.get()) {
         if (rule->is_subscribed) {
             text += text.empty() ? "Log messages:\r\n" : "";
@@ -260,134 +201,86 @@ std::string crash_report_messages() {
                                 rule->key_word.c_str(), rule->limit, rule->cooldown_ui / 60);
         }
     }
-    return text;
-}
-
-// With the minutes between scheduled crash reports, if there are such.
-void write_session_information(const std::string &directory,
-                               const std::optional<unsigned long> &interval) {
-    std::string text;
-    const auto model = parameter_get("root.Brand.ProdShortName");
-    const auto firmware = parameter_get("root.Properties.Firmware.Version");
-    if (model && firmware) {
-        text += "Model Name: " + *model + "\r\nSerial Number: " + serial_number.value_or("") +
-                "\r\nFirmware version: " + *firmware + "\r\n";
-    }
-    text += "Edge storage location: " + storage_id.value_or("Internal Storage") + "\r\n";
-    if (storage_id) {
-        if (interval) {
-            text += format_text(
-                "Advanced Debug Mode: Scheduled Crash Report generation every %d hours\r\n",
-                static_cast<int>(*interval / 60));
-        }
-        if (advanced_debug_mode_crash_log_message_activated) {
-            text += "Advanced Debug Mode: Crash Report generation based on Log Message "
-                    "configured.\r\n" +
-                    crash_report_messages();
-        }
-    }
-    text += "Start Time of the session: " + monitor_start_time.value_or("") +
-            "\r\nStop Time of the session: Still active\r\nCollected Data Points: 0\r\n";
-    file_replace((directory + "/Session_Information.txt").c_str(), text);
+    return plan;
 }
 
 // --- Completing one
 
-// For the reports that are still being made: the archive holds what there is of them.
+// For pending reports; the archive holds what is finished by then.
 constexpr auto report_patience = 30s;
-constexpr std::size_t signature_line_max = 255;
-constexpr std::size_t information_line_max = 399;
-
-void complete_signature(const std::string &directory) {
-    const std::string path = directory + "/.signature";
-    const unique_fd target = file_descriptor(path.c_str(), O_WRONLY | O_CREAT | O_APPEND);
-    if (!target) {
-        log_cannot_open(path.c_str());
-        return;
-    }
-    if (const unique_file file = file_open(path.c_str(), "r")) {
-        std::string line;
-        while (read_line(file.get(), signature_line_max, line)) {
-            if (line.starts_with("End")) {
-                return;
-            }
-        }
-    }
-    (void)system_ret("(echo \"End:\" && date)", target.get());
-}
-
-void complete_session_information(const std::string &directory) {
-    const bool recorded = rewrite_session_info(
-        directory, "Session_Information_tmp.txt", information_line_max,
-        [](std::string &line) {
-            if (line.find("Stop Time of the session:") != std::string::npos ||
-                line.find("Session Size: ") != std::string::npos) {
-                line.clear();
-            }
-        },
-        [] {
-            return "Stop Time of the session: " + date_format_now(date_format_information) + "\r\n";
-        });
-    if (!recorded) {
-        log_error("The stop of the monitoring session could not be recorded in '%s'.",
-                  directory.c_str());
-    }
-}
-
-void append_session_size(const std::string &directory) {
-    const auto bytes = static_cast<long long>(get_dir_size_bytes(directory));
-    if (bytes == 0) {
-        return; // it could not be measured
-    }
-    char size[24];
-    suffix_bytes(size, sizeof size, bytes);
-    const unique_file file =
-        file_open_or_warn((directory + "/Session_Information.txt").c_str(), "a");
-    if (file) {
-        std::fprintf(file.get(), "Session Size: %s\r\n", size);
-    }
-}
-
-// Only on an external storage, which has room for them; an interval of 0 or 1 means none.
-void _start_image_capturing(const std::string &directory, const std::string &interval) {
-    constexpr unsigned long long interval_max = 1'000'000'000; // of nine digits
-    const auto seconds = std::min(decimal_prefix_unsigned(interval), interval_max);
-    if (storage_id && seconds > 1) {
-        (void)vdrl_capture_start(parameters.get(), static_cast<int>(seconds),
-                                 format_bounded(400, "%s/%s/%s", directory.c_str(),
-                                                "system_monitoring", "monitoring_snapshots"));
-    }
-}
-
-void watch_configurations(const std::string &directory) {
-    int index = 0;
-    bool are_all = true;
-    for (const std::string &package : get_subdirectories("/usr/local/packages", &are_all)) {
-        configlogs_inotify_gio_setup(directory, package, index++);
-    }
-    if (!are_all) {
-        log_warning("Of the installed packages only %d are watched for changes of their "
-                    "configuration.",
-                    index);
-    }
-}
-
-void watch_configurations_if_due(const std::string &directory) {
-    if (configuration_watches_are_due && is_directory(directory.c_str())) {
-        configuration_watches_are_due = false;
-        watch_configurations(directory);
-    }
-}
-
-// Where the kernel has to be restarted first, the client gets its reply before.
+// The reply is sent before a restart of the device.
 void reply_or_restart(GDataOutputStream *stream, int result, const char *done,
                       const char *restarts) {
-    http_reply(stream, ok, reply_type, result == 0 ? done : restarts);
+    http_reply(stream, ok, content_type::text_utf8, result == 0 ? done : restarts);
     if (result != 0) {
         g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
         (void)system_ret("/sbin/reboot");
     }
 }
+
+// --- What a session needs on its storage
+
+void sweep_leftovers(const std::string &) {
+    if (std::exchange(is_first_use, false) || connection_lost_count > 0) {
+        sweep_zip_leftovers(*secondary_storage_path);
+    }
+}
+
+// A power cut while the session was being started left these two out.
+void keep_session_information(const std::string &directory) {
+    if (!is_file((directory + "/Session_Information.txt").c_str())) {
+        const unsigned long interval = advanced_debug_mode_crash_recurrence;
+        write_session_information(
+            directory,
+            plan_of_crash_reports(interval > 0 ? std::optional(interval) : std::nullopt));
+    }
+}
+void keep_continuous_syslog(const std::string &directory) {
+    struct stat status {};
+    if (::lstat(continuous_syslog_link, &status) != 0) {
+        link_continuous_syslog(directory);
+    }
+}
+
+void keep_http_calls(const std::string &) {
+    koral_cgi_monitor_mend();
+    errno = 0;
+}
+
+void append_due_device_log(const std::string &directory) {
+    if (std::exchange(device_log_is_due, false)) {
+        append_device_log(directory);
+    }
+}
+
+void keep_core_watch(const std::string &directory) {
+    if (storage_id) {
+        create_dir_monitor(directory);
+    }
+}
+
+// Only on an external storage, which has room for them; an interval of 0 or 1 means none.
+void _start_image_capturing(const std::string &directory) {
+    constexpr unsigned long long interval_max = 1'000'000'000; // of nine digits
+    const auto seconds = std::min(decimal_prefix_unsigned(image_interval), interval_max);
+    if (storage_id && seconds > 1) {
+        vdrl_capture_keep_going(parameters.get(), static_cast<int>(seconds),
+                                format_bounded(400, "%s/%s/%s", directory.c_str(),
+                                               "system_monitoring", "monitoring_snapshots"));
+    }
+}
+
+constexpr duty storage_needs[] = {
+    {1, "archives' leftovers", sweep_leftovers},
+    {1, "information file", keep_session_information},
+    {1, "continuous log", keep_continuous_syslog},
+    {1, "HTTP calls", keep_http_calls},
+    {1, "device log of a restart", append_due_device_log},
+    {1, "package configurations", configlogs_inotify_gio_keep_watching},
+    {1, "core dumps", keep_core_watch},
+    {1, "images", _start_image_capturing},
+    {1, "event listener", eventlistener_keep_running},
+};
 
 void clear_session() {
     _set_secondary_storage_path(std::nullopt);
@@ -401,13 +294,14 @@ void action_activate_monitor_session(GDataOutputStream *stream, GHashTable *argu
     collect_only_from_this_camera = true;
     if (monitory_active) {
         log_error("Can not start new monitoring session while another one is running.");
-        http_reply(stream, ok, reply_type, "Can not start new activity while another is running.");
+        http_reply(stream, ok, content_type::text_utf8,
+                   "Can not start new activity while another is running.");
         return;
     }
     const char *storage = http_argument(arguments, "storage");
     if (storage == nullptr) {
         log_error("Storage is required in order to create a new monitor session.");
-        http_reply(stream, ok, reply_type,
+        http_reply(stream, ok, content_type::text_utf8,
                    "Error: Storage is required in order to create a new monitor session, like "
                    "this: access.cgi?storage=SD_DISK");
         return;
@@ -415,7 +309,7 @@ void action_activate_monitor_session(GDataOutputStream *stream, GHashTable *argu
     if (std::strcmp(storage, "localdata") != 0 &&
         (!storage_root_of(storage) || !determine_if_this_storage_is_ok(storage, true))) {
         log_error("The given storage for monitor session was not valid.");
-        http_reply(stream, ok, reply_type,
+        http_reply(stream, ok, content_type::text_utf8,
                    "Error: The given storage destination was not valid and the VELA failed to "
                    "create a new monitor session.");
         return;
@@ -423,7 +317,7 @@ void action_activate_monitor_session(GDataOutputStream *stream, GHashTable *argu
     for (const char *name : {"log_interval", "save_image_interval"}) {
         if (!is_interval(http_argument(arguments, name))) {
             log_error("The given %s for monitor session was not valid.", name);
-            http_reply(stream, ok, reply_type,
+            http_reply(stream, ok, content_type::text_utf8,
                        format_text("Error: The %s must be a plain decimal number of at most %zu "
                                    "digits.",
                                    name, interval_digits_max));
@@ -441,7 +335,7 @@ int _start_monitoring_session(const session_request &request) {
     const bool internal = request.storage == "localdata";
     const std::string root = internal ? localdata_root : storage_root_of(request.storage).value();
     monitor_start_time = date_format_now(date_format_information);
-    // The first session on a new card makes the root, without which its space can't be asked for.
+    // The first session on a new card: free space can only be asked for an existing root.
     ::mkdir(root.c_str(), 0700);
     if (!folder_descriptor(root.c_str())) {
         log_error("Could not start monitoring session: '%s' can not be used.", root.c_str());
@@ -476,22 +370,23 @@ int _start_monitoring_session(const session_request &request) {
     }
     const std::string directory = session_directory().value();
     if (!create_session_tree(request, debug.with_interval, directory)) {
-        // Neither the next restart nor the next start takes up what did not begin.
+        // So that no restart resumes a session that did not begin.
         (void)empty_file_if_possible(current_monitoring_session_path);
         advanced_debug_mode_crash_interval_activated = interval_before;
         advanced_debug_mode_crash_log_message_activated = log_message_before;
         return 0;
     }
     (void)vdrl_http_log_setup();
-    file_remove(continuous_syslog_link); // a stale one leads into an older session
-    vdrl_syslog_take_lines();            // those logged until now are not the session's
+    file_remove(continuous_syslog_link); // a stale one points to an older session
+    vdrl_syslog_take_lines();            // lines from before the session are skipped
     link_continuous_syslog(directory);
     create_two_interrupts_snapshots();
     create_serverreport_snapshot(directory);
     onvif_copy_media_conf(directory);
     log_start(request, interval);
     const bool has_schedule = request.debug_mode && advanced_debug_mode_crash_interval_activated;
-    write_session_information(directory, has_schedule ? std::optional(interval) : std::nullopt);
+    write_session_information(
+        directory, plan_of_crash_reports(has_schedule ? std::optional(interval) : std::nullopt));
     if (storage_id && setup_kernel_crash_monitor(directory, serial_number) != 0) {
         return 1;
     }
@@ -512,14 +407,14 @@ int _start_monitoring_session(const session_request &request) {
 void action_deactivate_monitor_session(GDataOutputStream *stream, GHashTable *) {
     if (!monitory_active) {
         log_error("No monitor session is activated, can not deactive.");
-        http_reply(stream, ok, reply_type,
+        http_reply(stream, ok, content_type::text_utf8,
                    "No monitor session is activated, can not deactivate anything.");
         return;
     }
     const auto directory = session_directory();
     if (!directory) {
         log_error("Error: Path to secondary storage for active monitor session is null.");
-        http_reply(stream, ok, reply_type,
+        http_reply(stream, ok, content_type::text_utf8,
                    "Error: Path to secondary storage for active monitor session is null.");
         return;
     }
@@ -531,27 +426,28 @@ void action_deactivate_monitor_session(GDataOutputStream *stream, GHashTable *) 
 int deactivate_monitor_session(const std::string &directory) {
     collect_only_from_this_camera = true;
     if (storage_id && is_directory(directory.c_str())) {
-        // What has come in the last minute; and the listings know then all that this session has.
+        // Dumps of the last minute; brings the listings up to date as well.
         update_kernel_crash_status(directory, serial_number);
     }
     monitory_active = false;
     device_log_is_due = false;
-    configuration_watches_are_due = false;
-    event_listener_is_due = false;
-    due_image_interval.clear();
+    image_interval.clear();
     vdrl_capture_stop();
     eventlistener_stop();
     configlogs_inotify_gio_release();
     vdrl_http_log_disable();
     vdrl_syslog_take_lines();
     file_remove(continuous_syslog_link);
-    // With the storage gone there is nothing to complete; nothing is made in its empty mount point.
+    // Without the storage there is nothing to complete, and nothing is made in its mount point.
     const bool storage_is_there = is_directory(directory.c_str());
     if (storage_is_there) {
         finish_crash_report(directory);
         onvif_copy_media_conf(directory);
         complete_signature(directory);
-        complete_session_information(directory);
+        if (!record_session_stop(directory)) {
+            log_error("The stop of the monitoring session could not be recorded in '%s'.",
+                      directory.c_str());
+        }
     } else {
         log_warning(
             "The storage of the monitoring session is not there: its stop time, its size, its "
@@ -601,7 +497,7 @@ bool resume_monitoring_session() {
     if (!stored) {
         return false;
     }
-    // Its storage's folder bears the serial number.
+    // The serial number is part of the path on an external storage.
     resume_waits_for_serial = stored->id && !serial_number;
     if (resume_waits_for_serial) {
         log_warning("The monitoring session is continued once the serial number is known.");
@@ -638,13 +534,11 @@ void resume_waiting_session() {
     }
 }
 
-void setup_session(const std::string &directory, const std::string &image_interval) {
+void setup_session(const std::string &directory, const std::string &session_image_interval) {
     monitory_active = true;
     is_first_use = true;
-    configuration_watches_are_due = true;
-    event_listener_is_due = true;
-    due_image_interval = image_interval;
-    watch_configurations_if_due(directory);
+    image_interval = session_image_interval;
+    configlogs_inotify_gio_keep_watching(directory);
     if (apache2_included) {
         if (storage_id) {
             set_http_edge_storage(directory);
@@ -655,71 +549,5 @@ void setup_session(const std::string &directory, const std::string &image_interv
 }
 
 void start_what_needs_the_storage(const std::string &directory) {
-    // A share may be mounted only minutes after the start.
-    if (!is_directory(directory.c_str())) {
-        return;
-    }
-    if (std::exchange(is_first_use, false) || connection_lost_count > 0) {
-        sweep_zip_leftovers(*secondary_storage_path);
-    }
-    // A power cut while the session was being started left these out.
-    if (!is_file((directory + "/Session_Information.txt").c_str())) {
-        const unsigned long interval = advanced_debug_mode_crash_recurrence;
-        write_session_information(directory, interval > 0 ? std::optional(interval) : std::nullopt);
-    }
-    struct stat status {};
-    if (::lstat(continuous_syslog_link, &status) != 0) {
-        link_continuous_syslog(directory);
-    }
-    koral_cgi_monitor_mend();
-    errno = 0;
-    if (device_log_is_due) {
-        device_log_is_due = false;
-        append_device_log(directory);
-    }
-    watch_configurations_if_due(directory);
-    configlogs_inotify_gio_catch_up(directory);
-    if (storage_id) {
-        create_dir_monitor(directory);
-    }
-    if (!due_image_interval.empty()) {
-        _start_image_capturing(directory, due_image_interval);
-        due_image_interval.clear();
-    } else {
-        vdrl_capture_keep_going(parameters.get());
-    }
-    // What the listener had open died with the storage, or its tool by itself.
-    const bool is_cut_off =
-        eventlistener_is_running() && (connection_lost_count > 0 || eventlistener_has_failed());
-    if (event_listener_is_due || is_cut_off) {
-        event_listener_is_due = false;
-        eventlistener_stop();
-        (void)eventlistener_start(directory);
-    }
-}
-
-void collect_action_rules() {
-    (void)system_ret(format_bounded(200, "/usr/local/packages/Vandrel/collect_action_rules.sh %s",
-                                    serial_number.value_or("").c_str())
-                         .c_str());
-}
-
-void collect_monitoring_sessions(const std::optional<std::string> &serial) {
-    const std::string script = "/usr/local/packages/Vandrel/collect_monitoring_sessions.sh";
-    (void)system_ret(
-        (serial ? format_bounded(100, "%s '%s'", script.c_str(), serial->c_str()) : script)
-            .c_str());
-}
-
-int wait_and_collect_monitoring_sessions() {
-    if (ps_grep_and_check_if_included("Vandrel", "collect_m")) {
-        return 0;
-    }
-    const std::string script = "/usr/local/packages/Vandrel/collect_monitoring_sessions.sh";
-    (void)system_ret(
-        (collect_only_from_this_camera
-             ? format_bounded(200, "%s %s &", script.c_str(), serial_number.value_or("").c_str())
-             : script + " &")
-            .c_str());
-    return 0;
+    run_due(storage_needs, 0, directory);
 }

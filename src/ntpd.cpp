@@ -22,7 +22,7 @@ constexpr const char *drift_path = "/var/lib/openntpd/db/ntpd.drift";
 constexpr const char *override_text =
     "[Service]\nExecStart=\nExecStart=/usr/sbin/ntpd -d -s -v -f /run/ntp/ntpd.conf $NTPD_ARGS\n";
 
-// No service is restarted then any more, and none needs to be.
+// systemd starts no service then.
 bool device_is_going_down() {
     return system_ret("[ \"$(systemctl is-system-running 2>/dev/null)\" = stopping ]") == 0;
 }

@@ -42,7 +42,7 @@ bool is_number(std::string_view text) {
            std::isfinite(value);
 }
 
-// Most are plain.
+// Fast path for labels without special characters.
 void append_label(std::string &text, std::string_view value) {
     const bool is_plain = std::all_of(value.begin(), value.end(), [](char ch) {
         return ch >= ' ' && ch < 0x7f && ch != '"' && ch != '\\';

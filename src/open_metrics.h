@@ -7,23 +7,22 @@
 #include <string_view>
 #include <utility>
 
-// info: a value of 1 whose labels are what is told. unknown: what may be a gauge or a counter.
+// info: a value of 1, the labels carry the information. unknown: either a gauge or a counter.
 enum class metric_type { gauge, counter, info, unknown };
 
 class open_metrics_text {
   public:
     using label_list = std::initializer_list<std::pair<std::string_view, std::string_view>>;
 
-    // What the next samples belong to. The name has no "_total" or "_info": samples get them. A
-    // unit is the name's last word. A family without samples is left out.
+    // Begins the family of the next samples. `name` lacks "_total" and "_info", which samples get;
+    // a unit is the last word of it. A family without samples is left out.
     void begin(metric_type type, std::string_view name, std::string_view help,
                std::string_view unit = {});
 
-    // A sample of the family. No two of one family have the same labels.
+    // A sample of the family. Labels are unique in a family.
     void add(label_list labels, double value);
     void add(label_list labels, std::uint64_t value);
-    // What a file of the kernel or a service printed; anything but a plain decimal number is left
-    // out.
+    // A value as a kernel file or a service printed it; left out unless a plain decimal number.
     void add_printed(label_list labels, std::string_view value);
 
     // A family with one sample.

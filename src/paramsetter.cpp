@@ -20,7 +20,7 @@ constexpr std::size_t setting_max = 9;
 constexpr std::size_t line_max = 19;
 constexpr bool at_once = true;
 
-// Nothing, and logged, for a value that is too long to be a setting, too.
+// "", logged, when it can't be read or is too long for a setting.
 std::string ask_device(TVParameter *handle, const char *name) {
     gchar *value = nullptr;
     const bool found = tv_parameter_get(handle, name, &value, nullptr) != FALSE;
@@ -61,7 +61,7 @@ void store_SSH_FTP_settings(TVParameter *handle, std::string &ssh, std::string &
     }
     ssh = ask_device(handle, ssh_parameter);
     ftp = ask_device(handle, ftp_parameter);
-    // With nothing to keep, the next start is to ask again.
+    // With neither read there is nothing to store; the next start asks again.
     if (!ssh.empty() || !ftp.empty()) {
         file_replace(settings_path, "SSH:" + ssh + "\nFTP:" + ftp + "\n");
     }

@@ -20,11 +20,11 @@ constexpr std::size_t global_size = 24;
 constexpr std::size_t header_size = 16;
 constexpr std::size_t look_ahead = 32;
 
-// A damaged record's successor is looked for from 17 to this many bytes behind its position.
+// The record after a damaged one is searched from 17 to this many bytes after its position.
 constexpr std::size_t search_range = header_size + max_packet;
 
-// All that one step of the walk looks at lies within this many bytes of its position: up to 7
-// carriage returns, a record of the longest size, the look-ahead, and 31 positions further.
+// Upper bound of what one step of the walk reads from its position on: 7 carriage returns, the
+// longest record, the look-ahead, and 31 positions more.
 constexpr std::size_t reach = 65536 + 128;
 constexpr std::size_t window_size = 512UL * 1024;
 static_assert(search_range + look_ahead <= reach && 7 + 48 + max_packet + look_ahead <= reach);
@@ -98,7 +98,7 @@ bool bad_fraction(std::uint32_t ts_usec) {
     return ts_usec > (nanoseconds != 0 ? 1000000000U : 1000000U);
 }
 
-// Whether no header can come of these values any more once their first `settled` bytes stay.
+// Whether no header is possible any more when the first `settled` bytes are final.
 bool hopeless(const packet_hdr_s &header, std::size_t settled, std::uint32_t prior_ts) {
     return (settled >= 4 &&
             (far_after(header.ts_sec, prior_ts) || far_before(header.ts_sec, prior_ts))) ||
@@ -106,13 +106,13 @@ bool hopeless(const packet_hdr_s &header, std::size_t settled, std::uint32_t pri
            (settled >= 12 && (header.incl_len < 10 || header.incl_len > max_packet));
 }
 
-// Lengths fit 16 bits, so that the upper halves of both are zero in every header: where in it that
-// of incl_len starts. That of orig_len is 4 bytes further.
+// Both lengths fit 16 bits, so their upper halves are zero in every header: the offset of that of
+// incl_len; that of orig_len is 4 bytes further.
 std::size_t upper_half() {
     return (std::endian::native == std::endian::little) == (swapped == 0) ? 10 : 8;
 }
 
-// Whether up to `deletions` bytes less can bring zeros to both places.
+// Whether deleting up to `deletions` bytes can move zeros to both offsets.
 bool zeros_in_reach(const unsigned char *bytes, std::size_t deletions) {
     const unsigned char *upper = bytes + upper_half();
     const unsigned char *const last = upper + deletions;
@@ -125,10 +125,9 @@ bool zeros_in_reach(const unsigned char *bytes, std::size_t deletions) {
     return upper <= last;
 }
 
-// The body of check_header for at most 32 bytes; `header` is only touched on success. A copy is the
-// same whatever the order in which its carriage returns were deleted, and the first order that is
-// tried is the one from left to right. So the deletions after the one at index `from` are looked
-// for from there on, and each copy is made once.
+// The recursion of check_header, for at most 32 bytes; `header` is only written on success. The
+// order of deletions does not matter: deleting from left to right, with further ones searched from
+// index `from` on, tries each combination once.
 int check_copy(const unsigned char *bytes, std::size_t size, std::uint32_t prior_ts,
                std::size_t from, packet_hdr_s &header) {
     const packet_hdr_s candidate = load_header(bytes);
@@ -143,7 +142,7 @@ int check_copy(const unsigned char *bytes, std::size_t size, std::uint32_t prior
     if (size < 26 || !zeros_in_reach(bytes, size - 25)) {
         return -1;
     }
-    // Bytes that no further deletion moves: carriage returns may still go one after the other.
+    // Bytes that no further deletion moves; the carriage return before `from` may still go.
     std::size_t settled = from - 1;
     while (settled > 0 && bytes[settled - 1] == '\r') {
         settled--;
@@ -193,7 +192,7 @@ bool load_window(repair_s &r) {
     r.window_start = r.verbatim_start = r.verbatim_end = r.pos;
     const std::uint64_t rest = std::min<std::uint64_t>(r.window_capacity, r.filesize - r.pos);
     const auto room = static_cast<std::size_t>(rest) - kept;
-    loop_run_due(); // a repair of minutes holds nothing up
+    loop_run_due(); // a repair may take minutes
     r.window_end += std::fread(r.window.get() + kept, 1, room, r.in);
     return r.window_end >= wanted;
 }
@@ -206,7 +205,7 @@ void log_packet(const repair_s &r, const char *what, std::uint64_t number, std::
                  what, number, position, h.ts_sec, h.ts_usec, h.incl_len, h.orig_len, end);
 }
 
-// A record whose data stands at `data`; one that stands in the input just like this is `intact`.
+// Writes a record with its data at `data`. `intact`: the input holds exactly these bytes.
 void write_packet(repair_s &r, const packet_hdr_s &header, std::uint64_t data, bool intact) {
     const std::uint64_t end = data + header.incl_len;
     if (intact && r.verbatim_end == data - header_size) {
@@ -227,8 +226,8 @@ void write_packet(repair_s &r, const packet_hdr_s &header, std::uint64_t data, b
     r.last_correct_ts_usec = header.ts_usec;
 }
 
-// Whether a header may start at one of `count` positions from `bytes`; whether a carriage return
-// stands before a line feed at one of them. Loops that compilers make vectors of.
+// Whether a header may start at one of `count` positions; whether one of them holds a carriage
+// return before a line feed. Both loops are vectorised by compilers.
 bool may_hold_header(const unsigned char *bytes, std::size_t count) {
     const unsigned char *const upper = bytes + upper_half();
     unsigned char any = 0;
@@ -245,8 +244,8 @@ bool holds_line_end(const unsigned char *bytes, std::size_t count) {
     return any != 0;
 }
 
-// The first header that starts in [from, to) and has its 32 bytes in the file; all of them in the
-// window. Most garbage is passed in blocks.
+// The first header that starts in [from, to), with 32 bytes of it in the file. The window holds the
+// range. Most garbage is skipped in blocks.
 std::optional<found_header_s> find_header(const repair_s &r, std::uint64_t from, std::uint64_t to) {
     constexpr std::uint64_t block = 64;
     to = std::min(to, r.filesize - look_ahead + 1);
@@ -331,7 +330,7 @@ void fix_global_header(repair_s &r) {
     if (!field_is_good(r, minor == 4, "Minor version number", minor)) {
         header.version_minor = conshort(4);
     }
-    // Only the first two bytes are looked at, so that a file with others passes as it is.
+    // Only the first two bytes are checked; the others pass as they are.
     std::uint16_t zone = 0;
     std::memcpy(&zone, &header.thiszone, sizeof zone);
     zone = conshort(zone);
@@ -371,8 +370,7 @@ void fix_global_header(repair_s &r) {
     write_out(r, &header, sizeof header);
 }
 
-// A step of the walk at a plausible header, found at r.pos once `deleted` carriage returns are
-// gone.
+// A step of the walk at a plausible header at r.pos, after deleting `deleted` carriage returns.
 void copy_packet(repair_s &r, packet_hdr_s header, std::uint64_t deleted) {
     const std::uint64_t p = r.pos + deleted;
     const std::uint64_t data = p + header_size;
@@ -433,8 +431,8 @@ int find_first_packet(repair_s &r) {
     }
 }
 
-// A step of the walk where no header stands: what lies before the next one becomes a record. 0, or
-// the negative result of the repair.
+// A step of the walk without a header at r.pos: the bytes before the next one become a record. 0,
+// or the negative result of the repair.
 int rebuild_packet(repair_s &r) {
     const std::uint64_t data = r.pos + header_size;
     const bool first = r.count == 1;

@@ -22,10 +22,9 @@ struct packet_hdr_s {
 // record's seconds, 0 for none.
 int is_plausible(const packet_hdr_s &header, std::uint32_t prior_ts);
 
-// Looks for a record header at the start of `size` bytes (16 or more; those after the 32nd are not
-// looked at). 0: there is one; n > 0: there is one once n carriage returns that stand before line
-// feeds are deleted (only from 26 bytes on); -1: none. `header` gets what was found, or on -1 the
-// first 16 bytes as they are.
+// Looks for a record header at the start of `size` bytes (16 or more; the first 32 count). 0: there
+// is one; n > 0: there is one after deleting n carriage returns before line feeds (needs 26 bytes);
+// -1: none. `header` gets the header found, or on -1 the first 16 bytes as they are.
 int check_header(const unsigned char *bytes, std::size_t size, std::uint32_t prior_ts,
                  packet_hdr_s &header);
 

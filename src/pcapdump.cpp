@@ -1,11 +1,10 @@
 #include "pcapdump.h"
 
 #include "app_state.h"
-#include "data_export.h"
-#include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
 #include "pcap.h"
+#include "process_list.h"
 #include "session_globals.h"
 #include "session_info.h"
 #include "shell_word.h"
@@ -36,8 +35,6 @@ constexpr std::size_t index_line_max = 255;
 constexpr std::size_t download_name_max = 99;
 constexpr const char *index_path =
     "/usr/local/packages/Vandrel/localdata/found_wireshark_sessions.txt";
-constexpr const char *json = "application/json; charset=utf-8";
-constexpr const char *text = "text/plain; charset=utf-8";
 constexpr http_status ok = http_status::ok;
 
 // Set while a session is active.
@@ -75,9 +72,10 @@ std::string in_folder(const std::string &folder, const char *file) {
     return format_bounded(trace_path_size, "%s/%s", folder.c_str(), file);
 }
 
-// The tool may have been started only just now: by the script that may still run in the background.
+// The script that starts the tool may still run in the background, so it is killed until it is
+// gone.
 void end_capture() {
-    // By the clock: what is run for it may hang, too.
+    // A deadline, not a count of rounds: the commands may hang, too.
     const auto end = std::chrono::steady_clock::now() + 10s;
     while (std::chrono::steady_clock::now() < end) {
         command_read_lines("killall pcapdump 2>&1", index_line_max, [](const std::string &) {});
@@ -156,7 +154,7 @@ std::string index_json() {
     return out + (open ? ", \"stoptime\": \"Active\"}" : "");
 }
 
-// Runs the script for what comes at a trace's end: its work is done in the trace's folder.
+// Runs one of the scripts for the end of a trace; they work in the trace's folder.
 void run_session_script(const std::string &folder, const std::string &recording, const char *verb) {
     (void)system_ret(format_bounded(script_command_size,
                                     "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' "
@@ -191,7 +189,7 @@ bool has_file(const std::string &folder, const char *file) {
     return is_file(in_folder(folder, file).c_str());
 }
 
-// Those that have no end, or an end but no archive.
+// Traces without an end, or with an end but no archive.
 void find_cut_off() {
     cut_off.clear();
     std::string folder;
@@ -231,7 +229,7 @@ void mend(const std::string &folder) {
 
 void mend_cut_off_traces() {
     if (wireshark_session_destination) {
-        return; // its tools are the same
+        return; // the running trace uses the same tools
     }
     if (const std::string mounts = storage_mounts(); mounts != known_mounts) {
         if (std::exchange(known_mounts, mounts)) {
@@ -242,7 +240,7 @@ void mend_cut_off_traces() {
     }
     const bool is_due = index_is_new || !cut_off.empty();
     if (!is_due || ps_grep_and_check_if_included("wireshark_session", ".sh")) {
-        return; // what packs one may have outlived the daemon
+        return; // a packing script may have outlived the daemon
     }
     if (index_is_new) {
         index_is_new = false;
@@ -313,12 +311,13 @@ void action_activate_wireshark_session(GDataOutputStream *stream, GHashTable *ar
                                  ? destination_of(storage, recording)
                                  : std::nullopt;
     if (!destination) {
-        http_reply(stream, ok, json,
+        http_reply(stream, ok, content_type::json_utf8,
                    "{\"error\":\"Miss recording id or second storage name.\"}\r\n");
         return;
     }
     if (wireshark_session_destination) {
-        http_reply(stream, ok, json, "{\"error\":\"A session has already been activated.\"}\r\n");
+        http_reply(stream, ok, content_type::json_utf8,
+                   "{\"error\":\"A session has already been activated.\"}\r\n");
         return;
     }
     wireshark_session_destination = destination;
@@ -328,7 +327,8 @@ void action_activate_wireshark_session(GDataOutputStream *stream, GHashTable *ar
         format_bounded(script_command_size,
                        "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' '%s' start &",
                        recording, storage, serial_number.value_or("").c_str());
-    http_reply(stream, ok, json, "{\"success\":\"Wireshark session created.\"}\r\n");
+    http_reply(stream, ok, content_type::json_utf8,
+               "{\"success\":\"Wireshark session created.\"}\r\n");
     // The client is not kept waiting.
     g_output_stream_close(G_OUTPUT_STREAM(stream), nullptr, nullptr);
     (void)system_ret(command.c_str());
@@ -338,10 +338,11 @@ void action_activate_wireshark_session(GDataOutputStream *stream, GHashTable *ar
 
 void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
     if (!wireshark_session_destination) {
-        http_reply(stream, ok, text, "Error: There is no active wireshark session to stop.\r\n");
+        http_reply(stream, ok, content_type::text_utf8,
+                   "Error: There is no active wireshark session to stop.\r\n");
         return;
     }
-    http_reply(stream, ok, text, "Wireshark session deactivated.\r\n");
+    http_reply(stream, ok, content_type::text_utf8, "Wireshark session deactivated.\r\n");
     // The reply ends when the trace can be had.
     g_output_stream_flush(G_OUTPUT_STREAM(stream), nullptr, nullptr);
     pcapdump_is_active = false;
@@ -358,10 +359,11 @@ void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
 void action_view_wireshark_sessions(GDataOutputStream *stream, GHashTable *) {
     if (!is_readable(index_path)) {
         errno = 0;
-        http_reply(stream, ok, text, "{\"error\":\"Failed to open wireshark session info file.\"}");
+        http_reply(stream, ok, content_type::text_utf8,
+                   "{\"error\":\"Failed to open wireshark session info file.\"}");
         return;
     }
-    http_reply(stream, ok, text,
+    http_reply(stream, ok, content_type::text_utf8,
                format_text("{\"current_destination\": \"%s\",\"pcapdump_is_active\":%d,"
                            "\"sessions\":[",
                            wireshark_session_destination.value_or("None").c_str(),
@@ -373,7 +375,7 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
     const char *folder = http_argument(arguments, "storage");
     if (!is_trace_dir(folder)) {
         errno = 0;
-        http_reply(stream, ok, "text/html; charset=utf-8",
+        http_reply(stream, ok, content_type::html_utf8,
                    "<!DOCTYPE html><body><pre>Invalid path given.</pre></body></html>\r\n");
         return;
     }
@@ -384,7 +386,7 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
             str_replace_char(name, '/', '_');
         }
     }
-    http_write_header(stream, ok, "application/octet-stream",
+    http_write_header(stream, ok, content_type::binary,
                       "Content-Description: File Transfer\r\nContent-Disposition: attachment; "
                       "filename=\"" +
                           name + "\"\r\n");
@@ -403,7 +405,7 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
 void action_remove_wireshark_session(GDataOutputStream *stream, GHashTable *arguments) {
     const char *folder = http_argument(arguments, "storage");
     if (folder == nullptr || std::strlen(folder) >= destination_size || !is_shell_word(folder)) {
-        http_reply(stream, ok, text, "Storage not provided.\r\n");
+        http_reply(stream, ok, content_type::text_utf8, "Storage not provided.\r\n");
         return;
     }
     // Anything but a trace's folder stays; so does the one that a capture is running into.
@@ -412,18 +414,18 @@ void action_remove_wireshark_session(GDataOutputStream *stream, GHashTable *argu
     }
     errno = 0;
     collect_wireshark_sessions(false);
-    http_reply(stream, ok, text, "Session deleted.\r\n");
+    http_reply(stream, ok, content_type::text_utf8, "Session deleted.\r\n");
 }
 
 void action_wireshark_direct(GDataOutputStream *stream, GHashTable *arguments) {
     const char *argument = http_argument(arguments, "duration");
     if (argument == nullptr) {
-        http_reply(stream, ok, text, "Not ok.. what duration?\r\n");
+        http_reply(stream, ok, content_type::text_utf8, "Not ok.. what duration?\r\n");
         return;
     }
     const auto duration = static_cast<unsigned>(decimal_prefix_unsigned(argument));
-    // The seconds are the whole duration's, not the rest's.
+    // Hours, minutes modulo 60, but total seconds: kept, clients compare this text.
     log_info("Direct Network Trace Download, duration: %u hours, %u minutes, %u seconds",
              duration / 3600, duration / 60 % 60, duration);
-    http_reply(stream, ok, text, "Ok\r\n");
+    http_reply(stream, ok, content_type::text_utf8, "Ok\r\n");
 }

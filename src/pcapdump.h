@@ -21,12 +21,11 @@ void collect_wireshark_sessions(bool in_background);
 
 // Ends the capture tool.
 void kill_all_pcapdump();
-// At start: that of an earlier run which was killed. It would fill its storage for ever.
+// At start: ends the capture tool of a killed run, which would fill its storage.
 void end_left_over_capture();
 
-// Once a minute: a trace that a restart or the loss of its storage has cut off is repaired, packed
-// and given its end, one a minute, while none runs. Looks for such at the first call and when a
-// storage has come.
+// Once a minute: repairs, packs and ends one trace that a restart or the loss of its storage cut
+// off, while no trace runs. Searches for such at the first call and when a storage was mounted.
 void mend_cut_off_traces();
 
 // Ends the capture into the folder, waiting a bounded time for the tool, and repairs its file;

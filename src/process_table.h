@@ -12,8 +12,8 @@ struct process_use {
     std::uint64_t resident_bytes = 0;
 };
 
-// By the names that the session's folders of processes have; kernel threads are left out. Read from
-// /proc at most once a minute, as it costs a file for each process; in between the last answer.
+// By process_folder_name; without kernel threads. Read from /proc at most once a minute, as each
+// process costs a file; in between the last answer.
 const std::map<std::string, process_use> &process_table();
 
 // The name of a process as a folder's: "(sd-pam)" -> "_sd-pam_"

@@ -11,14 +11,14 @@
 // when the service has no presets. Shares nothing.
 void ptz_loop();
 
-// What of GetPresets' print has been read; fed line by line.
+// State of the parser of GetPresets' output, which is fed line by line.
 struct preset_names {
     std::vector<std::string> names; // of preset 1 and up; at most 255 bytes each
     bool first_line = true;
     char quote = '\0'; // what ends the name that is being read, also in a later line
 };
 
-// Takes a line of it, with its end. False when nothing more is to be read.
+// Takes a line with its newline. False at the end of the list.
 bool preset_names_take(preset_names &presets, std::string_view line);
 
 // Status and number of the preset in a line of the monitor; nothing when it tells of neither.

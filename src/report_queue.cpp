@@ -15,7 +15,7 @@
 namespace {
 
 constexpr std::size_t waiting_max = 100;
-constexpr unsigned look_again_ms = 250; // only while one runs
+constexpr unsigned look_again_ms = 250; // polling period while a command runs
 
 std::deque<report_job> waiting;
 std::optional<command_beside> running;

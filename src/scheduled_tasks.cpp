@@ -27,13 +27,13 @@ namespace {
 
 constexpr std::size_t interval_line_max = 198;
 constexpr std::size_t times_max = 4095; // bytes of a list of times
-// After a start, before a restart at a time of day: the one that has just happened may have been at
-// this very time, and the clock may not be set yet.
+// No restart by time of day so soon after a start: that start may be the restart of this very
+// minute, and the clock may not be set yet.
 constexpr auto restart_pause = std::chrono::seconds(90);
 constexpr long long interval_too_short = 2; // minutes
 
-// One of the two tasks: its settings, files, command and what is said about it. The texts differ in
-// more than the name; they are what clients and log readers know.
+// One of the two tasks: its settings, files, command and texts. The texts differ in more than the
+// name: kept, clients and log readers compare them.
 struct task {
     const char *rule;
     const char *name;    // in the log when it is due
@@ -46,7 +46,7 @@ struct task {
     unsigned long &length; // of the interval, in ticks
     unsigned long &start;  // tick from which it counts
     std::optional<std::string> &times;
-    std::string fired; // that time: "2026-11-21 08:00"
+    std::string fired{}; // that time: "2026-11-21 08:00"
 
     const char *interval_reply;
     const char *times_reply;
@@ -62,53 +62,51 @@ struct task {
 };
 
 task restart{
-    "automatic_restart",
-    "Automatic Restart",
-    "/sbin/reboot",
-    "/usr/local/packages/Vandrel/localdata/automatic_restart_interval.info",
-    "/usr/local/packages/Vandrel/localdata/automatic_restart_times.info",
-    "/usr/local/packages/Vandrel/localdata/automatic_restart_fired.info",
-    automatic_restart_interval,
-    nbr_of_ticks_until_activation,
-    starting_tick,
-    automatic_restart_given_times,
-    "",
-    "Automatic restart rule has been set.\r\n",
-    "Automatic restart rule has been set.\r\n",
-    "Automatic restart rule has been stopped.\r\n",
-    "Automatic restart rule at given times has been stopped.\r\n",
-    "Started Automatic Restart",
-    "Updated Automatic Restart Interval",
-    "Started Automatic Restart Times",
-    "Updated Automatic Restart Times",
-    "Stopped Automatic Restart",
-    "Stopped Automatic Restart Times",
+    .rule = "automatic_restart",
+    .name = "Automatic Restart",
+    .command = "/sbin/reboot",
+    .interval_path = "/usr/local/packages/Vandrel/localdata/automatic_restart_interval.info",
+    .times_path = "/usr/local/packages/Vandrel/localdata/automatic_restart_times.info",
+    .fired_path = "/usr/local/packages/Vandrel/localdata/automatic_restart_fired.info",
+    .interval = automatic_restart_interval,
+    .length = nbr_of_ticks_until_activation,
+    .start = starting_tick,
+    .times = automatic_restart_given_times,
+    .interval_reply = "Automatic restart rule has been set.\r\n",
+    .times_reply = "Automatic restart rule has been set.\r\n",
+    .interval_stopped_reply = "Automatic restart rule has been stopped.\r\n",
+    .times_stopped_reply = "Automatic restart rule at given times has been stopped.\r\n",
+    .interval_started = "Started Automatic Restart",
+    .interval_updated = "Updated Automatic Restart Interval",
+    .times_started = "Started Automatic Restart Times",
+    .times_updated = "Updated Automatic Restart Times",
+    .interval_stopped = "Stopped Automatic Restart",
+    .times_stopped = "Stopped Automatic Restart Times",
 };
 
 task ptz_test{
-    "automatic_ptz_test",
-    "Automatic PTZ Test",
-    "dbus-send --system --type=method_call --print-reply --reply-timeout=3000 "
-    "--dest=com.tarvo.PTZ.Coordinator /com/tarvo/PTZ/Coordinator/1 "
-    "com.tarvo.PTZ.Coordinator.Auxiliary string:\"Operator\" int32:0 string:\"reset\"",
-    "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_interval.info",
-    "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_times.info",
-    nullptr,
-    ptz_test_interval,
-    ptz_nbr_of_ticks_until_activation,
-    ptz_starting_tick,
-    ptz_test_given_times,
-    "",
-    "Automatic PTZ test has been set.\r\n",
-    "PTZ test rule has been set.\r\n",
-    "Automatic PTZ test has been stopped.\r\n",
-    "PTZ test rule at given times has been stopped.\r\n",
-    "Started automatic PTZ test",
-    "Updated automatic PTZ test interval",
-    "Started PTZ Test Times",
-    "Updated PTZ Test Times",
-    "Stopped automatic PTZ testing",
-    "Stopped PTZ Times",
+    .rule = "automatic_ptz_test",
+    .name = "Automatic PTZ Test",
+    .command = "dbus-send --system --type=method_call --print-reply --reply-timeout=3000 "
+               "--dest=com.tarvo.PTZ.Coordinator /com/tarvo/PTZ/Coordinator/1 "
+               "com.tarvo.PTZ.Coordinator.Auxiliary string:\"Operator\" int32:0 string:\"reset\"",
+    .interval_path = "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_interval.info",
+    .times_path = "/usr/local/packages/Vandrel/localdata/automatic_PTZ_test_times.info",
+    .fired_path = nullptr,
+    .interval = ptz_test_interval,
+    .length = ptz_nbr_of_ticks_until_activation,
+    .start = ptz_starting_tick,
+    .times = ptz_test_given_times,
+    .interval_reply = "Automatic PTZ test has been set.\r\n",
+    .times_reply = "PTZ test rule has been set.\r\n",
+    .interval_stopped_reply = "Automatic PTZ test has been stopped.\r\n",
+    .times_stopped_reply = "PTZ test rule at given times has been stopped.\r\n",
+    .interval_started = "Started automatic PTZ test",
+    .interval_updated = "Updated automatic PTZ test interval",
+    .times_started = "Started PTZ Test Times",
+    .times_updated = "Updated PTZ Test Times",
+    .interval_stopped = "Stopped automatic PTZ testing",
+    .times_stopped = "Stopped PTZ Times",
 };
 
 std::chrono::steady_clock::time_point read_at; // the start of the daemon
@@ -140,9 +138,9 @@ bool has_entry(std::string_view times, std::string_view wanted) {
     }
 }
 
-// Two timer ticks fall into each minute, sometimes three: what has fired in it does not fire again.
-// Nor does a listed time up to it when it comes again on the same date, because the clock is wrong
-// until the network sets it, begins at the same time with each boot, or summer time ends.
+// Two or three timer ticks fall into each minute, but a time fires once. Times up to the last one
+// fired don't fire again on its date: the clock goes back when the network sets it, at each boot of
+// a device without a battery, and when summer time ends.
 void act_at_times(task &what, const std::string &date_and_time) {
     constexpr std::size_t date_length = 11; // "2026-11-21 "
     if (what.interval || !what.times || date_and_time.size() <= date_length ||
@@ -229,7 +227,7 @@ const char *set_interval(task &what, const char *argument) {
 const char *set_times(task &what, const char *argument) {
     std::string times = argument;
     const bool first = !what.times;
-    if (first) { // only then is it cut
+    if (first) { // later ones are used as they are
         str_terminate_at(times, '\n');
         str_terminate_at(times, '"');
     }
@@ -245,7 +243,7 @@ const char *set_times(task &what, const char *argument) {
 const char *stop(task &what) {
     if (what.interval) {
         what.interval = false;
-        // Of both tasks it is the restart's count that starts anew, and its length that is logged.
+        // For both tasks the restart's count is reset and its length logged: kept, clients see it.
         starting_tick = 0;
         file_remove(what.interval_path);
         log_info("%s: Every %lu hours.", what.interval_stopped, nbr_of_ticks_until_activation / 60);
@@ -369,5 +367,5 @@ void action_miscellaneous(GDataOutputStream *stream, GHashTable *arguments) {
     } else {
         return; // no reply at all: the web server makes its own
     }
-    http_reply(stream, http_status::ok, "text/plain", reply);
+    http_reply(stream, http_status::ok, content_type::text, reply);
 }

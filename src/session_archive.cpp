@@ -1,12 +1,11 @@
 #include "session_archive.h"
 
 #include "app_state.h"
-#include "data_export.h"
-#include "filehandler.h"
 #include "fileutil.h"
 #include "log.h"
 #include "loop.h"
-#include "monitoring_session.h"
+#include "process_list.h"
+#include "session_finder.h"
 #include "session_globals.h"
 #include "session_info.h"
 #include "shell_word.h"
@@ -30,8 +29,6 @@ namespace fs = std::filesystem;
 constexpr std::size_t archive_name_size = 128;
 constexpr std::size_t zip_command_size = 1024;
 constexpr long live_temporary_age_s = 600;
-constexpr const char *json = "application/json";
-constexpr const char *text = "text/plain";
 constexpr const char *being_zipped =
     "The monitoring session is in the process of being compressed into a zip archive. Please try "
     "downloading it again in a few minutes.";
@@ -46,7 +43,7 @@ struct packing {
 std::vector<packing> packings;
 constexpr int still_minutes_max = 10;
 
-// A tool that hangs would lock its session for ever: its limit is one of progress.
+// A hung tool would lock its session: it is ended when it makes no progress.
 gboolean look_at_packings(gpointer) noexcept {
     std::erase_if(packings, [](packing &one) {
         const auto ticks = group_cpu_ticks(one.group);
@@ -71,13 +68,13 @@ std::string base_name(const std::string &path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// "ziKhWrXF": what zip makes an archive as, under a name of its own beside it.
+// "ziKhWrXF": zip's temporary beside the archive.
 bool is_zip_temporary(const std::string &name) {
     return name.size() == 8 && name.starts_with("zi") &&
            std::all_of(name.begin(), name.end(), [](char ch) { return g_ascii_isalnum(ch) != 0; });
 }
 
-// A reply without a content type, as these refusals have always been.
+// A reply without a content type: kept, clients compare the header.
 void reply_untyped(GDataOutputStream *stream, const char *status, const char *body) {
     http_write(stream, format_text("Status: %s\r\nPragma: no-cache\r\nCache-Control: no-cache\r\n"
                                    "Expires: -1\r\n\r\n%s",
@@ -88,7 +85,7 @@ void reply_zipping(GDataOutputStream *stream) {
     reply_untyped(stream, "503 Service Unavailable", being_zipped);
 }
 
-// A request can make the path that the message quotes long: it is cut.
+// The quoted path comes from a request: it is truncated.
 void log_invalid_session(const char *path) {
     errno = 0;
     log_error("Cannot download session '%.*s': Invalid session path.",
@@ -157,7 +154,7 @@ void sweep_zip_leftovers(const std::string &root) {
             left.push_back(entry->path());
         }
     }
-    // Asked behind the list: what runs now may have made one of them, what starts later has not.
+    // After the listing: a zip that starts later can't own one of the files listed.
     if (left.empty() || ps_grep_and_check_if_included("zip", "--recurse-paths")) {
         return;
     }
@@ -233,20 +230,21 @@ int zip_session(const std::string &session_directory) {
 void action_zip_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {
     const char *session = http_argument(arguments, "storage");
     if (session == nullptr) {
-        http_reply(stream, http_status::bad_request, json, "{\"error\":\"No storage given.\"}\r\n");
+        http_reply(stream, http_status::bad_request, content_type::json,
+                   "{\"error\":\"No storage given.\"}\r\n");
     } else if (!is_monitory_dir(session)) {
         log_invalid_session(session);
-        http_reply(stream, http_status::bad_request, json,
+        http_reply(stream, http_status::bad_request, content_type::json,
                    "{\"error\":\"Invalid session path.\"}\r\n");
     } else if (is_zipping_session(session)) {
-        http_reply(stream, http_status::service_unavailable, json,
+        http_reply(stream, http_status::service_unavailable, content_type::json,
                    format_text("{\"error\":\"%s\"}\r\n", being_zipped));
     } else if (is_file(session_archive_path(session).c_str())) {
-        http_reply(stream, http_status::ok, json,
+        http_reply(stream, http_status::ok, content_type::json,
                    "{\"message\":\"The monitoring session has been zipped.\"}\r\n");
     } else {
         zip_session(session);
-        http_reply(stream, http_status::accepted, json,
+        http_reply(stream, http_status::accepted, content_type::json,
                    format_text("{\"message\":\"%s\"}\r\n", being_zipped));
     }
 }
@@ -254,7 +252,8 @@ void action_zip_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {
 void action_get_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {
     const char *session = http_argument(arguments, "storage");
     if (session == nullptr) {
-        http_reply(stream, http_status::bad_request, text, "Error: No storage or status given.");
+        http_reply(stream, http_status::bad_request, content_type::text,
+                   "Error: No storage or status given.");
         return;
     }
     if (!is_monitory_dir(session)) {
@@ -267,7 +266,7 @@ void action_get_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {
     if (!model || !firmware) {
         errno = 0;
         log_critical("Could not read product model and/or firmware version from parameters.");
-        http_reply(stream, http_status::internal_server_error, text,
+        http_reply(stream, http_status::internal_server_error, content_type::text,
                    "Error: Could not product model and/or firmware version from parameters.");
         return;
     }
@@ -291,20 +290,21 @@ void action_get_monitor_data(GDataOutputStream *stream, GHashTable *arguments) {
 void action_remove(GDataOutputStream *stream, GHashTable *arguments) {
     const char *path = http_argument(arguments, "path");
     if (path == nullptr) {
-        http_reply(stream, http_status::bad_request, text, "Error: No storage given.\r\n");
+        http_reply(stream, http_status::bad_request, content_type::text,
+                   "Error: No storage given.\r\n");
     } else if (!is_monitory_dir(path)) {
-        http_reply(stream, http_status::bad_request, text,
+        http_reply(stream, http_status::bad_request, content_type::text,
                    "Error: Not a valid monitoring session.\r\n");
     } else if (is_current_monitor_dir(path)) {
-        http_reply(stream, http_status::bad_request, text,
+        http_reply(stream, http_status::bad_request, content_type::text,
                    "Error: Can't delete the current active monitoring session. Please deactivate "
                    "the current monitoring session before attempting to delete it.\r\n");
     } else if (is_zipping_session(path)) {
-        http_reply(stream, http_status::service_unavailable, text,
+        http_reply(stream, http_status::service_unavailable, content_type::text,
                    "Error: Can't delete session right now, please try again in a few minutes.\r\n");
     } else {
         remove_monitoring_session(path);
         collect_monitoring_sessions(collect_only_from_this_camera ? serial_number : std::nullopt);
-        http_reply(stream, http_status::ok, text, "Files deleted.\r\n");
+        http_reply(stream, http_status::ok, content_type::text, "Files deleted.\r\n");
     }
 }

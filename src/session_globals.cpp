@@ -16,11 +16,6 @@ std::optional<std::string> monitor_start_time;
 unsigned long monitor_active_minutes_count = 0;
 std::optional<unsigned long> collected_data_points;
 unsigned long connection_lost_count = 0;
-unsigned long advanced_debug_mode_crash_recurrence = 0;
-unsigned long advanced_debug_mode_crash_recurrence_tick = 0;
-bool advanced_debug_mode_crash_interval_activated = false;
-std::atomic<bool> advanced_debug_mode_crash_log_message_activated = false;
-int crash_report_being_created = 0;
 
 occurrence_counts occurrences;
 

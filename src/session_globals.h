@@ -22,24 +22,12 @@ extern std::optional<std::string> monitor_start_time;
 // Minutes that the session has been active, in step with its information file's "Duration".
 extern unsigned long monitor_active_minutes_count;
 
-// The information file's "Collected Data Points"; nothing until the first collection after a
-// resume.
+// The information file's "Collected Data Points"; none from a resume to the first collection.
 extern std::optional<unsigned long> collected_data_points;
 
 // Consecutive ticks in which the session's external storage could not be used; 0 while it can.
 // Written by the main timer, cleared when a session starts.
 extern unsigned long connection_lost_count;
-
-// Period of scheduled crash reports in ticks, 0 when off, and the tick within it. Set at activation
-// and resume.
-extern unsigned long advanced_debug_mode_crash_recurrence;
-extern unsigned long advanced_debug_mode_crash_recurrence_tick;
-// Whether crash reports are made on a schedule, and on log messages. Set at activation, cleared at
-// deactivation.
-extern bool advanced_debug_mode_crash_interval_activated;
-extern std::atomic<bool> advanced_debug_mode_crash_log_message_activated; // also the log follower
-// 1 while a crash report is being made; cleared at activation.
-extern int crash_report_being_created;
 
 // What came to pass since the start; each only grows.
 struct occurrence_counts {
@@ -66,7 +54,7 @@ inline constexpr std::size_t session_directory_max = 110;
 inline constexpr std::size_t session_directory_size = 200; // of a text that holds one
 inline constexpr std::size_t session_folder_length = 17;   // "20230531_08_27_40"
 
-// Whether it is one: letters and digits. The package's scripts ask the same.
+// Letters and digits only. The package's scripts check the same.
 bool is_serial_number(const std::optional<std::string> &text);
 
 // "/var/spool/storage/STORAGE/Vandrel_SERIAL/", or nothing without a serial number, when a session

@@ -2,11 +2,13 @@
 
 #include "app_state.h"
 #include "dateutil.h"
+#include "debug_mode.h"
 #include "fileutil.h"
 #include "log.h"
 #include "monitoring_session.h"
 #include "scheduled_tasks.h"
 #include "session_archive.h"
+#include "session_finder.h"
 #include "session_globals.h"
 #include "session_info.h"
 #include "storage_investigator.h"
@@ -27,7 +29,7 @@ constexpr const char *lost_list = "/usr/local/packages/Vandrel/localdata/"
                                   "lost_monitoring_sessions.txt";
 constexpr const char *syslog_server_path = "/usr/local/packages/Vandrel/localdata/"
                                            "syslog_server.info";
-constexpr long long list_min = 61;  // bytes; a shorter list is empty
+constexpr long long list_min = 61;  // bytes; a shorter file holds no whole block
 constexpr std::size_t path_tag = 5; // "Path:"
 constexpr std::size_t list_line_max = 299;
 constexpr std::size_t server_line_max = 118;
@@ -107,8 +109,8 @@ class list_reader {
     std::vector<listed_session> sessions_;
 };
 
-// The size of a session that has ended stays as it is as long as its folder, its information and
-// its archive do. To measure a thousand at each request would take seconds.
+// Cache: measuring a thousand sessions takes seconds. The size of an ended session is valid as long
+// as its folder, information file and archive don't change.
 struct measured_session {
     timespec changed[3];
     unsigned long bytes;
@@ -151,7 +153,7 @@ std::string session_json(const listed_session &session, session_list_kind kind) 
         json += ",{\"Monitor\":\"" + monitor + "\"}";
     }
     json += "]";
-    // Nothing is done with a path that is no session's: the list is a file like any other.
+    // The list is a file that others can write: only a session's path is used.
     const bool present = is_monitory_dir(session.path.c_str());
     if (kind == session_list_kind::found) {
         const bool zipped = is_file(session_archive_path(session.path).c_str());
@@ -168,8 +170,8 @@ std::string session_json(const listed_session &session, session_list_kind kind) 
     return json + "}";
 }
 
-// The file's lines, or nothing when it is missing, empty or unreadable; the first two are logged as
-// they have always been, each list in its way.
+// The file's sessions; none when it is missing (logged at the level of its kind), too short, or
+// unreadable (a warning).
 std::vector<listed_session> read_list(const char *path, session_list_kind kind) {
     if (!is_file(path)) {
         errno = 0;
@@ -188,7 +190,7 @@ std::vector<listed_session> read_list(const char *path, session_list_kind kind) 
     std::string line;
     while (file && reader.sessions().size() <= sessions_max &&
            read_line(file.get(), list_line_max, line)) {
-        // What has no line end is a part of a line.
+        // Without a newline it is a truncated line.
         if (str_terminate_at(line, '\n')) {
             reader.take_line(line);
         }
@@ -216,7 +218,8 @@ std::string state_json() {
         value("root.Brand.ProdShortName").c_str(),
         value("root.Properties.Firmware.Version").c_str(), serial_number.value_or("").c_str(),
         value("root.Brand.ProdType").c_str(), value("root.Properties.System.Architecture").c_str(),
-        syslog_program_installed == 3, syslog_program_installed == 2, has_libcapture, lost_count,
+        syslog_program_installed == syslog_variant_syslog_ng,
+        syslog_program_installed == syslog_variant_rsyslog, has_libcapture, lost_count,
         monitor_active_minutes_count);
 }
 

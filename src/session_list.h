@@ -8,7 +8,7 @@
 
 void action_list_data(GDataOutputStream *stream, GHashTable *arguments);
 
-// The sessions of a list file that the collection script has written, as the JSON array's text.
-// What a cut or damaged list still names in whole lines is listed.
+// The sessions of a list file of the collection script as a JSON array. Of a truncated or damaged
+// list, whatever whole lines name is listed.
 enum class session_list_kind { found, lost };
 std::string session_list_json(const char *path, session_list_kind kind);

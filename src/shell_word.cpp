@@ -22,7 +22,7 @@ constexpr std::string_view shell_names[] = {
     "set",      "shift",  "test",    "then",  "time",   "times", "trap", "true",     "type",
     "ulimit",   "umask",  "unalias", "unset", "until",  "wait",  "while"};
 
-// What may stand outside quotes and means itself.
+// A character without a meaning to the shell outside quotes.
 bool is_plain(char ch) {
     return is_word_character(ch) || ch == ',' || ch == '=' || ch == '@' || ch == '%';
 }

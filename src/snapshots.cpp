@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t directory_size = 200;
 constexpr mode_t interrupts_mode = 0666;
 
-// So that only one archive is kept on storage that is small.
+// Internal storage is small: it keeps one archive only.
 void pack_serverreports(const std::string &basic_directory) {
     report_queue_add({format_text("( cd %s/%s && zip -J %s Server_Report_* && rm Server_Report_* )",
                                   basic_directory.c_str(), "Server_Reports", "Server_Reports.zip"),

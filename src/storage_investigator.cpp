@@ -32,8 +32,7 @@ constexpr unsigned last_property = 16;
 constexpr unsigned must_be_true = 6;
 constexpr unsigned must_be_false[] = {9, 10};
 
-// The storages whose last test failed. Their names come from requests, too: the list is begun anew
-// when it gets long.
+// The storages whose last test failed. Names also come from requests: cleared when it gets long.
 std::set<std::string> failing;
 constexpr std::size_t failing_max = 50;
 
@@ -74,7 +73,7 @@ std::string quoted(const std::string &line) {
                                                       : line.substr(begin + 1, end - begin - 1);
 }
 
-// The storages of the service's reply: of each block the line behind "struct {" has the name.
+// The storages of the service's reply; the line after each "struct {" has the name.
 std::vector<storage_state> states_in(const std::vector<std::string> &reply) {
     std::vector<storage_state> found;
     for (std::size_t i = 0; i + 1 < reply.size(); ++i) {
@@ -113,7 +112,7 @@ const std::vector<storage_state> &storage_states() {
                        [&reply](const std::string &line) { reply.push_back(line); });
     states = states_in(reply);
     states.push_back({"localdata", "OK", true, 0, -1});
-    // The last line is that of the internal storage, whatever it is mounted on.
+    // df's last line is the internal storage's, whatever its mount point is.
     std::string last;
     command_read_lines("/bin/df -k -P; /bin/df -k -P /usr/local/packages/Vandrel/localdata",
                        line_max, [&last](const std::string &line) {

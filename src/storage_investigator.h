@@ -13,7 +13,7 @@
 // `log_also`, until a test of it succeeds again.
 bool determine_if_this_storage_is_ok(const char *name_to_go_by, bool log_also);
 
-// The same, but nothing when the tool that asks has hung: it tells nothing of the storage.
+// The same, but nothing when the tool hung, which says nothing about the storage.
 std::optional<bool> ask_whether_storage_is_ok(const char *name_to_go_by, bool log_also);
 
 // Finds one storage in the storage service's printed reply, line after line. A storage is healthy
@@ -48,15 +48,14 @@ struct storage_state {
 // every 30 seconds; in between the last answer. Without the storage service only the internal one.
 const std::vector<storage_state> &storage_states();
 
-// The last answer of storage_states, for who must not wait; empty when it is older than that, or
-// nobody has asked.
+// The last answer of storage_states, without asking; empty when there is none, or an older one.
 std::vector<storage_state> recent_storage_states(std::chrono::seconds age_max);
 
 // Percent used of the partition that holds the path: 0 when the tool's output has no such number,
 // -1 on error. `has_hung`, if given, tells whether that is because the tool did not answer.
 int get_storage_use_pcent(const char *path, bool *has_hung = nullptr);
 
-// Whether a storage of which so much is used may be written to.
+// Whether a storage with this usage may be written to.
 bool storage_has_room(int percent_used);
 
 // Whether the partition that holds the path has room: less than 90 percent are used. False, with a

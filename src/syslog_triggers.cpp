@@ -1,6 +1,7 @@
 #include "syslog_triggers.h"
 
 #include "dateutil.h"
+#include "debug_mode.h"
 #include "event.h"
 #include "fileutil.h"
 #include "line_parser.h"
@@ -29,23 +30,22 @@ constexpr std::size_t rule_line_max = 499;
 constexpr std::size_t json_text_max = 255;
 constexpr const char *not_triggered = "Not triggered yet";
 
-// What the package's scripts log under for lines that no rule may match.
+// The tag under which the package's scripts log lines that no rule may match.
 constexpr std::string_view silent_tag = "Vandrel-silent: ";
 
 std::mutex rules_mutex; // guards the list, all of its rules, their filters, the events to send
 std::unique_ptr<systemlogs_monitor_t> systemlog_rules_list;
 
-// Most lines contain no rule's key, and most of those not even some pair of neighbouring characters
-// of it. For each rule, in the list's order, up to four of its key's pairs; apart from the rules,
-// so that all of them stay in the processor's cache.
-constexpr std::size_t pairs_max = 1024;  // pairs are told apart by that many hashes
-constexpr std::uint16_t any = pairs_max; // every line has it
+// Prefilter: a line that lacks one of up to four character pairs (bigrams) of a key can't contain
+// the key. The filters are in list order, in an array of their own that fits the processor's cache.
+constexpr std::size_t pairs_max = 1024;  // number of hash values of pairs
+constexpr std::uint16_t any = pairs_max; // a value that every line has
 struct key_filter {
     std::array<std::uint16_t, 4> pairs;
     systemlogs_monitor_t *rule;
 };
 std::vector<key_filter> key_filters;
-// Of a rule at most so many events wait to be sent; the loop sends some each time it comes by.
+// Pending events per rule, and events sent per idle call.
 constexpr std::uint32_t waiting_max = 500;
 constexpr std::size_t events_a_turn = 100;
 std::deque<std::uint32_t> events_to_send;
@@ -59,7 +59,7 @@ unsigned next_event_number = 0; // a number is used once in a run
 
 // --- Filters
 
-using line_pairs = std::array<bool, pairs_max + 1>; // which of them a line has
+using line_pairs = std::array<bool, pairs_max + 1>; // the pairs of a line, by hash
 
 std::uint16_t pair_at(const char *text) {
     return static_cast<std::uint16_t>(
@@ -71,7 +71,7 @@ line_pairs pairs_of(const char *line) {
     line_pairs pairs{};
     pairs[any] = true;
     for (; line[0] != '\0'; ++line) {
-        pairs[pair_at(line)] = true; // the last is one with the line's end, which no key has
+        pairs[pair_at(line)] = true; // the last pair holds the NUL and matches no key
     }
     return pairs;
 }
@@ -161,7 +161,7 @@ std::string rules_text(bool subscribed) {
     return text;
 }
 
-// Hands a record of a rule file on.
+// Makes a rule of a record of a rule file.
 void create_stored_rule(const trigger_request &request, const char *path) {
     if (!create_a_systemlog_trigger_rule(request, false)) {
         log_warning("A systemlog trigger in '%s' can not be used: %.100s", path,
@@ -175,8 +175,8 @@ std::uint32_t number_behind(const std::string &line, std::size_t key_length) {
                                      std::numeric_limits<std::uint32_t>::max()));
 }
 
-// Both kinds of files: the last line of a record is KEY in one and COOLDOWN in the other. False
-// when the file can't be opened.
+// Reads either rule file: a record ends with KEY in one and with COOLDOWN in the other. False when
+// the file can't be opened.
 bool read_rules(const char *path, bool subscribed) {
     const unique_file file = file_open_or_warn(path, "r");
     if (!file) {
@@ -209,8 +209,7 @@ bool read_rules(const char *path, bool subscribed) {
 
 // --- Matching, on the follower's thread
 
-// What the daemon says because a rule has matched or an event has come, and what its scripts say
-// so.
+// Whether the line is a reaction of the daemon or of its scripts.
 bool is_own_reaction(std::string_view line) {
     static const std::string tag = "Vandrel[" + std::to_string(::getpid()) + "]: ";
     const std::size_t at = line.find(tag);
@@ -218,7 +217,8 @@ bool is_own_reaction(std::string_view line) {
            (at != std::string_view::npos && log_was_reaction(line.substr(at + tag.size())));
 }
 
-// Whether the rule's event shall be sent now; counts if so. A crash-report rule says why it isn't.
+// Whether the rule's event is to be sent now; counts it if so. A refusal of a crash-report rule is
+// logged.
 bool count_match(systemlogs_monitor_t &rule, std::time_t now) {
     const log_reaction what_is_said;
     if (!rule.is_subscribed) {
@@ -233,8 +233,8 @@ bool count_match(systemlogs_monitor_t &rule, std::time_t now) {
         return false;
     }
     const std::int64_t elapsed = now - rule.latest_activation;
-    // The first match passes whatever the clock says: a camera's may begin at 1970. So does one
-    // when it was set back since the last: how long ago that was is not known.
+    // The first match always passes (a camera's clock may begin at 1970), and so does one after the
+    // clock was set back, when the time elapsed is unknown.
     if (rule.latest_activation != 0 && elapsed >= 0 && elapsed < rule.cooldown) {
         const auto left = static_cast<unsigned>(rule.cooldown - elapsed);
         log_info("Advanced Debug Mode: Found log message within Cool Down time. No Crash Report "
@@ -247,8 +247,7 @@ bool count_match(systemlogs_monitor_t &rule, std::time_t now) {
     return true;
 }
 
-// Once a minute for all rules: a flood of lines must not become one of messages. With the lock
-// held.
+// Rate-limited to once a minute for all rules. With the lock held.
 void note_left_out(const systemlogs_monitor_t &rule, std::time_t now) {
     constexpr std::time_t pause_s = 60;
     ++events_left_out;
@@ -261,7 +260,7 @@ void note_left_out(const systemlogs_monitor_t &rule, std::time_t now) {
     }
 }
 
-// Some at a time: in between the loop does what else there is.
+// Sends a batch per idle call, so that the loop serves others in between.
 gboolean send_events(gpointer) noexcept {
     std::vector<std::uint32_t> events;
     bool are_more = false;
@@ -279,24 +278,23 @@ gboolean send_events(gpointer) noexcept {
     }
     const log_reaction what_is_said;
     for (const std::uint32_t event : events) {
-        send_event_systemlogs(event); // of a rule that has gone meanwhile: nothing is sent
+        send_event_systemlogs(event); // sends nothing if the rule was removed
     }
     return are_more ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
 }
 
 // --- The action
 
-// Blanks come as "+"; a plus sign that is meant comes as ESC.
+// Decodes "+" to a blank and ESC to "+": the page sends them so.
 std::string decode_plus(std::string text) {
     str_replace_char(text, '+', ' ');
     str_replace_char(text, '\x1b', '+');
     return text;
 }
 
-constexpr const char *reply_type = "text/plain; charset=utf-8";
 constexpr std::string_view added = "New systemlog trigger added.";
 
-// A number of the request; nothing when it is none or does not fit.
+// A number of the request; nothing when missing, invalid or too large.
 std::optional<std::uint32_t> number_argument(const char *value) {
     const auto number = plain_decimal(value);
     if (!number || *number > std::numeric_limits<std::uint32_t>::max()) {
@@ -337,7 +335,7 @@ void add_crash_report_rule(GDataOutputStream *stream, const char *name, const ch
         print_http_error(stream, "name or subscription_message is empty or can not be used.");
         return;
     }
-    http_reply(stream, http_status::ok, reply_type, added);
+    http_reply(stream, http_status::ok, content_type::text_utf8, added);
 }
 
 void add_plain_rule(GDataOutputStream *stream, const char *name, const char *key) {
@@ -350,9 +348,9 @@ void add_plain_rule(GDataOutputStream *stream, const char *name, const char *key
         print_http_error(stream, "name or key is empty or can not be used.");
         return;
     }
-    http_reply(stream, http_status::ok, reply_type, added);
+    http_reply(stream, http_status::ok, content_type::text_utf8, added);
     log_plain_rule(request.key_word);
-    http_write(stream, added); // said twice: clients know it so
+    http_write(stream, added); // twice: kept, clients compare this text
 }
 
 void add_rule(GDataOutputStream *stream, GHashTable *arguments) {
@@ -374,17 +372,17 @@ void remove_rule(GDataOutputStream *stream, GHashTable *arguments) {
                    ? "Systemlog trigger removed."
                    : "Systemlog trigger not removed (not found).";
     }
-    http_reply(stream, http_status::ok, reply_type, body);
+    http_reply(stream, http_status::ok, content_type::text_utf8, body);
 }
 
 void list_rules(GDataOutputStream *stream) {
-    http_reply(stream, http_status::ok, "application/json; charset=utf-8",
+    http_reply(stream, http_status::ok, content_type::json_utf8,
                format_text("{\"active\":%d,\"systemlog_trigger_rules\":", monitory_active.load()));
     output_all_triggers_as_json_string(stream);
     http_write(stream, "}");
 }
 
-// Cut to what a listing gives of a text; never between a backslash and what it stands for.
+// Truncated to the listing's field size, never inside an escape sequence.
 std::string json_text(const std::string &text) {
     std::string escaped;
     for (const char ch : text) {
@@ -479,7 +477,7 @@ void traverse_and_trigger_if_so(const char *line) {
     const std::lock_guard lock(rules_mutex);
     const line_pairs pairs = pairs_of(line);
     std::time_t now = 0;
-    std::string now_text; // made for the first match: most lines match nothing
+    std::string now_text; // formatted at the first match: most lines match nothing
     for (const key_filter &filter : key_filters) {
         systemlogs_monitor_t *rule = filter.rule;
         if (!may_contain(pairs, filter) || std::strstr(line, rule->key_word.c_str()) == nullptr) {
@@ -610,6 +608,7 @@ void action_systemlog_trigger(GDataOutputStream *stream, GHashTable *arguments) 
     } else if (command == "list") {
         list_rules(stream);
     } else {
-        http_reply(stream, http_status::ok, reply_type, "Error: do=[add|remove|list].");
+        http_reply(stream, http_status::ok, content_type::text_utf8,
+                   "Error: do=[add|remove|list].");
     }
 }

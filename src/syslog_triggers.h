@@ -13,17 +13,17 @@
 #include <tvevent.h>
 #include <vector>
 
-// What the event's title and the lines of the rule files can hold, in bytes. Longer ones, empty
-// ones and ones with control characters make no rule, nor does a name that is no UTF-8: it goes
-// over the bus. A key may be any bytes, as a log line may.
+// In bytes: what the event's title and the lines of the rule files can hold. Longer, empty and
+// control-character texts are refused, and names that are not UTF-8, which D-Bus would refuse. A
+// key may hold any other bytes, as log lines do.
 inline constexpr std::size_t trigger_name_max = 242;
 inline constexpr std::size_t trigger_key_max = 494;
 
 // The package's own copy of the system log.
 inline constexpr const char *vandrel_log_path = "/usr/local/vandrel.log";
 
-// A rule. All of it is guarded by the module's lock against the log follower, which changes the
-// fields marked so; the rest changes on the main loop alone and may be read there without the lock.
+// A rule, guarded by the module's lock. The log follower writes the fields marked (follower); the
+// main loop alone writes the others, and may read those without the lock.
 struct systemlogs_monitor_t {
     std::string name;                  // of all rules no two have the same
     std::string key_word;              // what a line must contain
@@ -48,7 +48,7 @@ struct systemlogs_monitor_t {
     std::unique_ptr<systemlogs_monitor_t> next;
 };
 
-// What a new rule is made of.
+// The arguments of a new rule.
 struct trigger_request {
     std::string name;
     std::string key_word;
@@ -68,10 +68,9 @@ int remove_a_systemlog_trigger_rule(std::string_view name);
 // Removes all crash-report rules.
 void remove_all_subscribed_triggers();
 
-// Takes one line of the log: counts the rules whose key it contains and lets the main loop send
-// their events, in the order of the list. Called on the log follower's thread. Lines that the
-// daemon itself logs because a rule has matched or an event has come match nothing: they would go
-// on for ever.
+// Takes one line of the log: counts the rules whose key it contains and has the main loop send
+// their events, in list order. Called on the log follower's thread. The daemon's own reactions to a
+// match or an event match no rule (log_reaction).
 void traverse_and_trigger_if_so(const char *line);
 
 // Undoes the latest match of a crash-report rule: it does not count, and starts no cooldown unless

@@ -23,8 +23,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t output_piece = 16384;
-constexpr auto look_again = 1000ms; // whether a SIGTERM shortens what is waited for
-constexpr auto kill_grace = 500ms;  // a killed process is gone at once, unless it is in the kernel
+constexpr auto look_again = 1000ms; // period of checks for a SIGTERM, which shortens waits
+constexpr auto kill_grace = 500ms; // a process that survives SIGKILL so long is stuck in the kernel
 
 // The descriptors and the session of a child that posix_spawn makes: it does not copy the process,
 // so that threads and their locks don't matter.
@@ -84,7 +84,7 @@ pid_t spawn(const char *const argv[], const spawn_settings &settings) {
     return errno == 0 ? pid : -1;
 }
 
-// Found by PATH as a shell finds it.
+// Searches PATH as a shell does.
 pid_t spawn_words(const command_words &words, const spawn_settings &settings) {
     std::vector<const char *> arguments;
     arguments.reserve(words.size() + 1);
@@ -98,7 +98,7 @@ pid_t spawn_words(const command_words &words, const spawn_settings &settings) {
     return errno == 0 ? pid : -1;
 }
 
-// A command that needs no shell costs none; one that can't be found has the shell say so.
+// Without a shell where possible; for a command not found the shell runs, and reports it.
 pid_t spawn_command(const char *command, const spawn_settings &settings) {
     if (const auto words = words_without_shell(command)) {
         const pid_t pid = spawn_words(*words, settings);
@@ -110,21 +110,20 @@ pid_t spawn_command(const char *command, const spawn_settings &settings) {
     return spawn(argv, settings);
 }
 
-// Real time, for differences: of the processor's ticks, which nobody sets, slows or speeds up.
+// For differences only; a clock that nothing sets or scales.
 std::chrono::milliseconds real_time() {
     static const long per_second = ::sysconf(_SC_CLK_TCK);
     struct tms unused {};
     return std::chrono::milliseconds(static_cast<long long>(::times(&unused)) * 1000 / per_second);
 }
 
-// After a SIGTERM all share what is left of the time to end, each at least a little.
+// What a SIGTERM leaves for a wait (loop_time_left): at least two seconds for the whole of it.
 std::chrono::milliseconds time_left(std::chrono::milliseconds waited) {
     constexpr auto at_least = 2s;
     return std::max<std::chrono::milliseconds>(loop_time_left(), at_least - waited);
 }
 
-// Children that did not even end by SIGKILL: they wait in the kernel for something that does not
-// come, and are reaped when it does.
+// Children stuck in the kernel despite SIGKILL, reaped when they end.
 std::mutex undying_mutex;
 std::vector<pid_t> undying;
 
@@ -144,7 +143,7 @@ void leave_undying(pid_t pid) {
                 static_cast<int>(pid), count);
 }
 
-// The status of a child with its whole session, which is ended by force.
+// Kills a child with its whole session and returns its status.
 int kill_session(pid_t pid) {
     ::kill(-pid, SIGKILL);
     int status = SIGKILL; // as of one ended by that signal
@@ -168,8 +167,8 @@ void log_signal(const char *command, int status) {
 
 void reaped(GPid, gint, gpointer) noexcept {}
 
-// "/usr/local/packages/Vandrel/power.sh FOLDER &": what a shell would start and leave alone needs
-// none. False when it does; then nothing was started.
+// "/usr/local/packages/Vandrel/power.sh FOLDER &": starts it without a shell. False, with nothing
+// started, when the command needs one.
 bool start_and_forget(std::string_view command) {
     constexpr std::string_view ending = " &";
     const auto words = command.ends_with(ending)
@@ -287,7 +286,7 @@ pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limi
     if (result != 0 || limit <= 0ms) {
         return result;
     }
-    // Without such descriptors (before Linux 5.3) by looking again and again.
+    // Kernels before 5.3 have no pidfd: poll.
     const unique_fd end(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
     errno = 0;
     const auto begin = real_time();
@@ -451,7 +450,7 @@ command_pipe::command_pipe(const char *command) : command_pipe(command, std::not
     }
 }
 
-// Reads on. False at the end of the output, and of the limit.
+// Reads more output. False at its end, and at the limit.
 bool command_pipe::fill() {
     buffer_.erase(0, std::exchange(given_, 0));
     while (child_.output) {
@@ -492,7 +491,7 @@ bool command_pipe::next_line(std::size_t max_characters, std::string &line) {
             line.assign(buffer_, given_, std::min({size, rest, max_characters}));
             given_ += line.size();
             const bool is_one = !line.empty();
-            line.resize(std::min(line.size(), line.find('\0'))); // ends as fgets lets it end
+            line.resize(std::min(line.size(), line.find('\0'))); // as with fgets
             return is_one;
         }
     }

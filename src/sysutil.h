@@ -17,10 +17,9 @@ inline constexpr int system_ret_no_shell = -2;   // logged
 inline constexpr int system_ret_no_command = -3; // the command was null
 inline constexpr int system_ret_signal = -4;     // logged
 
-// Every command that is waited for has a limit (command_limits). One that passes it is ended with
-// all that it has started: one log line, and the result of a command ended by a signal, as also for
-// a tool that is left out for having hung before. What was started with "&" is neither waited for
-// nor ended.
+// Every command that is waited for has a limit (command_limits). At its limit a command is killed
+// with all that it has started, which is logged; the result is that of a command ended by a signal.
+// So is that of a skipped tool. What a command starts with "&" is neither waited for nor killed.
 
 // Runs a shell command, waits for it and returns its exit status (0 to 255) or one of the values
 // above. The command inherits standard input, output and error, no other descriptor. Any thread.
@@ -35,26 +34,25 @@ pid_t start_in_background(const char *command);
 std::optional<unsigned long long> group_cpu_ticks(pid_t group);
 
 // Runs the program at the path argv[0] without a shell, as the leader of a session of its own and
-// with nothing open at all, and waits for it. The wait status as waitpid gives it, with errno
-// ETIMEDOUT when it was ended at its limit, or -1 with errno when it could not be started. Any
-// thread.
+// without any open descriptor, and waits for it. waitpid's status, with errno ETIMEDOUT when it was
+// killed at its limit; -1 with errno when it could not be started. Any thread.
 int run_program(const char *const argv[], std::chrono::milliseconds limit);
 
 // A shell command that runs while the daemon does other things.
 struct running_command {
     pid_t pid = -1;             // for the caller to reap; the leader of a process group of its own
     std::vector<pid_t> feeding; // of a pipeline that needs no shell: the other processes
-    unique_fd output; // of its standard output; a command that writes once it is closed ends
+    unique_fd output; // reads its standard output; once closed, the command ends at its next write
 };
 
-// Starts it with an empty input and errors as the daemon's; it inherits no other descriptor. Not
-// being able to ends the process.
+// Starts it with empty standard input and the daemon's standard error, no other descriptor. A
+// failure ends the process.
 running_command start_command(const char *command);
 
 // A shell command that runs beside the main loop, with the limit of its row.
 class command_beside {
   public:
-    // As with system_ret; one that could not be started, or is left out, has ended at once.
+    // As with system_ret; a command that could not be started or is skipped has ended at once.
     command_beside(const char *command, int output);
     ~command_beside() { (void)end(); }
     command_beside(const command_beside &) = delete;
@@ -80,8 +78,8 @@ class command_beside {
 // Waits until a child has ended, at most for `limit`. As waitpid: 0 means that it still runs.
 pid_t wait_for_child(pid_t pid, int *wait_status, std::chrono::milliseconds limit);
 
-// A shell command whose output is read. Not being able to start a shell ends the process. Its limit
-// is one of the time that is spent waiting for it: a reader may take its time.
+// A shell command whose output is read. A failure to start a shell ends the process. Only the time
+// spent waiting for output counts against its limit, not that of a slow reader.
 class command_pipe {
   public:
     explicit command_pipe(const char *command);
@@ -95,8 +93,8 @@ class command_pipe {
     // The next line as read_line of fileutil gives it.
     bool next_line(std::size_t max_characters, std::string &line);
 
-    // What it has printed since, as soon as there is something; empty at the end. Not to be mixed
-    // with lines.
+    // The next bytes of output, as soon as there are any; empty at the end. Not to be mixed with
+    // next_line.
     std::string next_piece();
 
     // Closes the pipe, waits for the command and returns its wait status as waitpid gives it, or

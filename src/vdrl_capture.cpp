@@ -79,8 +79,8 @@ using stream_ptr = std::unique_ptr<CaptureStream, deleter<close_stream>>;
 
 // --- The thread
 
-// One start of capturing: made by vdrl_capture_start, shared with its thread, let go when that was
-// joined.
+// One run of capturing: made by vdrl_capture_start, shared with its thread, released after the
+// join.
 struct capture_job {
     std::chrono::seconds interval{0};
     std::string folder;
@@ -91,28 +91,28 @@ struct capture_job {
     unique_fd ended; // eventfd; readable once the thread is done with the library
     GThread *thread = nullptr;
     bool given_up = false; // it did not end in time
-    bool is_retry = false; // why it fails has been said
+    bool is_retry = false; // its failure was logged before
 };
 
-// The last one that was started and not joined yet. Main loop only, as what follows.
+// The last run that was started and not joined yet. Main loop only, as what follows.
 std::shared_ptr<capture_job> current_job;
 bool vdrl_capture_running = false;
 std::atomic<std::time_t> last_image = 0;
 
-// What was started last and not stopped.
+// The settings of the last start, until the stop.
 struct wanted_images {
     int interval_s;
     std::string folder;
 };
 std::optional<wanted_images> wanted;
+bool was_tried = false; // to start, since the last stop
 
 void raise(const unique_fd &event) {
     const std::uint64_t one = 1;
     (void)TEMP_FAILURE_RETRY(::write(event.get(), &one, sizeof one)); // far from its limit
 }
 
-// Whether the eventfd was raised within the time. A poll, not a condition: its time-out is in the
-// same time as everything else where time is made to run faster.
+// Whether the eventfd was raised within the time.
 bool wait_for(const unique_fd &event, std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     pollfd source{event.get(), POLLIN, 0};
@@ -156,7 +156,7 @@ bool save_image(capture_job &job, CaptureFrame *frame, const std::string &path) 
     return true;
 }
 
-// Takes one image; false when there is none, which is logged unless it was so the last time too.
+// Takes one image; false when there is none, logged unless `failed_before`.
 bool take_image(capture_job &job, CaptureStream *stream, bool failed_before) {
     const std::string path = format_bounded(4096, "%s/%s.jpg", job.folder.c_str(),
                                             date_format_now("%Y%m%dT%H%M%S").c_str());
@@ -173,7 +173,7 @@ bool take_image(capture_job &job, CaptureStream *stream, bool failed_before) {
     return saved;
 }
 
-// Null when there is no folder or picture to come, which is logged.
+// Makes the folder and opens the stream. Null, logged, on failure.
 stream_ptr prepare(const capture_job &job) {
     if (!make_folder(job.folder.c_str(), 0777)) {
         if (!job.is_retry) {
@@ -210,7 +210,7 @@ void capture_images(capture_job &job) {
     if (job.is_retry) {
         log_info("Image capturing goes on.");
     }
-    // A storage that has gone costs the images of that time and one line.
+    // A lost storage costs its images and one line of the log.
     bool failing = false;
     while (job.run) {
         failing = !take_image(job, stream.get(), failing);
@@ -297,6 +297,7 @@ bool vdrl_capture_load() {
 
 bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::string &folder) {
     errno = 0;
+    was_tried = true;
     if (vdrl_capture_running) {
         log_error("Could not start capturing: Image capturing is already running.");
         return false;
@@ -318,15 +319,18 @@ bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::stri
     return true;
 }
 
-void vdrl_capture_keep_going(TVParameter *parameters) {
+void vdrl_capture_keep_going(TVParameter *parameters, int interval_s, const std::string &folder) {
     errno = 0;
-    if (wanted && (!vdrl_capture_running || wait_for(current_job->ended, 0ms))) {
+    if (!was_tried) {
+        (void)vdrl_capture_start(parameters, interval_s, folder);
+    } else if (wanted && (!vdrl_capture_running || wait_for(current_job->ended, 0ms))) {
         (void)start_thread(parameters, true);
         errno = 0;
     }
 }
 
 void vdrl_capture_stop() {
+    was_tried = false;
     wanted.reset();
     if (!vdrl_capture_running) {
         return;

@@ -17,12 +17,12 @@ bool vdrl_capture_load();
 // the thread is logged and ends it; capturing counts as running until it is stopped.
 bool vdrl_capture_start(TVParameter *parameters, int interval_s, const std::string &folder);
 
-// Tries again what vdrl_capture_start could not start, or what has ended by itself: for every tick
-// in which the storage can be used. Only success is logged.
-void vdrl_capture_keep_going(TVParameter *parameters);
+// The same for every minute in which the storage can be used: starts once, and tries again what
+// could not be started or has ended by itself. Of later tries only success is logged.
+void vdrl_capture_keep_going(TVParameter *parameters, int interval_s, const std::string &folder);
 
-// Ends capturing: no image appears once it has returned, and the thread is awake to end. Does not
-// wait for it. Nothing is done when nothing runs.
+// Ends capturing: no image appears after it returns. The thread is woken to end, not joined. May be
+// called when nothing runs.
 void vdrl_capture_stop();
 
 // When the last image became visible, in seconds since 1970; 0 before the first of this run. Any

@@ -2,7 +2,6 @@
 
 #include "app_state.h"
 #include "csv.h"
-#include "data_export.h"
 #include "dateutil.h"
 #include "fileutil.h"
 #include "http.h"
@@ -44,7 +43,7 @@ constexpr const char *session_log_folder = "network_device_test"; // not spelled
 constexpr const char *log_name = "Network_Device_Test_Log.txt";
 constexpr mode_t log_folder_mode = 0777;
 
-// Without a Host line: any web server answers it, if only with a refusal.
+// Without a Host line: any web server answers, if only with an error.
 constexpr const char *http_probe =
     "GET / HTTP/1.1\r\n"
     "Accept: text/html,application/xhtml+xml,application/xml;q=0.9,*/*;q=0.8\r\n"
@@ -82,7 +81,7 @@ std::string host_text(const nc_rules_t &rule) {
 
 void make_log_folder(const std::string &path) {
     (void)make_folder(path.c_str(), log_folder_mode);
-    errno = 0; // what can't be made is seen when the file in it can't be opened
+    errno = 0; // a failure shows when the file in it is opened
 }
 
 std::string storage_folder(const char *storage, const std::string &serial) {
@@ -97,7 +96,7 @@ std::string storage_log_path(const char *storage, const std::string &serial) {
 // `time`: the same in the session's log and in the storage's.
 bool vdrl_dt_log_status_in_file(const nc_rules_t &rule, const std::string &path, bool status,
                                 const std::string &time) {
-    // What a full storage did not take is no missing file.
+    // A write that a full storage refused does not count as a missing file.
     return append_rows(path, "",
                        format_text("%s Network Device Test: [%s] %s: %s\r\n", time.c_str(),
                                    rule.nc_name.c_str(),
@@ -120,8 +119,7 @@ void vdrl_dt_log_status_on_storage(nc_rules_t &rule, bool status, const char *st
 
 void log_status_in_session(const nc_rules_t &rule, bool status, const std::string &time) {
     const auto session = session_directory();
-    // Nothing is made in the empty mount point of a storage that has gone; the tick says that it
-    // has.
+    // Nothing is made in an empty mount point; the tick logs the loss.
     if (!monitory_active || !session || !is_directory(session->c_str())) {
         return;
     }
@@ -132,7 +130,7 @@ void log_status_in_session(const nc_rules_t &rule, bool status, const std::strin
                                status, time);
 }
 
-// Asked for once for all results that are counted one after the other.
+// Looked up once for a series of results.
 struct usable_storage {
     bool is_known = false;
     const char *name = nullptr; // null: there is none
@@ -194,11 +192,11 @@ struct check {
     int runs = 0; // of the device test that have found the command running
 };
 
-// At once: so many processes a small device still carries.
+// Commands at a time: a small device carries so many processes.
 constexpr int running_max = 32;
 constexpr std::size_t output_max = 4096;
-// A command that goes on for ever is ended after this many runs, two minutes; all others have a
-// limit of seconds of their own.
+// A check that has not ended after this many runs (two minutes) is killed; most commands have a
+// limit of seconds themselves.
 constexpr int runs_max = 12;
 
 std::deque<check> checks;
@@ -212,7 +210,7 @@ std::string_view take_line(std::string_view &text) {
     return line;
 }
 
-// What nc says about itself begins with "nc:"; anything else is the host's answer.
+// nc's own messages begin with "nc:"; anything else is the host's answer.
 //
 //    nc: connect to 203.0.113.1 port 7002 (tcp) failed: Connection refused
 constexpr std::string_view nc_prefix = "nc:";
@@ -234,7 +232,7 @@ bool ended_well(const check &c) {
         log_error("[nfd]: Error reported by pclose from command: %s", c.command.c_str());
         return false;
     }
-    // Not that of a host that was still talking when its first words were enough.
+    // A host that went on talking after its first words sufficed: we closed the pipe.
     const bool by_our_closing =
         WIFEXITED(c.wait_status) && WEXITSTATUS(c.wait_status) == 128 + SIGPIPE;
     if (was_ended_by_signal(c.wait_status) && !by_our_closing) {
@@ -273,7 +271,7 @@ void vdrl_dt_icmp(nc_rules_t &rule, const check &c) {
     }
 }
 
-// The tool says something only when it fails.
+// The tool prints only on failure.
 void count_tcptest(nc_rules_t &rule, const check &c) {
     ++rule.checks_total;
     if (c.output.empty()) {
@@ -283,7 +281,7 @@ void count_tcptest(nc_rules_t &rule, const check &c) {
     }
 }
 
-// The doubled events are what the device's rules have always seen of this variant.
+// The events come twice: kept, clients' action rules see both.
 void count_nc(nc_rules_t &rule, const check &c) {
     std::string_view rest = c.output;
     while (!rest.empty()) {
@@ -346,8 +344,7 @@ bool may_be_counted(const check &c) {
     return c.state == check_state::ended || (c.state == check_state::waiting && c.rule == nullptr);
 }
 
-// One result at a time, as it may write to a slow storage: in between the loop does what else there
-// is.
+// One result per idle call, as it may write to a slow storage: the loop serves others in between.
 gboolean count_next(gpointer) noexcept {
     if (!checks.empty() && may_be_counted(checks.front())) {
         count_result(checks.front());
@@ -511,7 +508,7 @@ std::unique_ptr<nc_rules_t> vdrl_dt_rules_read_from_file() {
     std::unique_ptr<nc_rules_t> rules;
     std::unique_ptr<nc_rules_t> *end = &rules;
     std::string line;
-    // At the end of the file the last line stands in for those that are missing.
+    // Lines missing at the end of the file take the value of the last line.
     const auto next_value = [&] {
         std::string next;
         if (read_line(file.get(), rule_line_max, next)) {
@@ -611,11 +608,11 @@ void vdrl_dt_rules_print(const nc_rules_t *rules, GDataOutputStream *stream) {
                            rule->nc_start_time.value_or("Waiting").c_str(), rule->nc_name.c_str());
         text += rule->next ? "," : "";
     }
-    http_reply(stream, http_status::ok, "application/json; ", text + "]}");
+    http_reply(stream, http_status::ok, content_type::json_open, text + "]}");
 }
 
 void vdrl_dt_run(nc_rules_t *rules, const std::string &serial) {
-    static std::uint64_t timer_tick = 1; // never 0, of which every interval would be due
+    static std::uint64_t timer_tick = 1; // never 0, at which every rule would be due
     end_endless_ones();
     for (nc_rules_t *rule = rules; rule != nullptr; rule = rule->next.get()) {
         const bool is_due = rule->timer != 0 && timer_tick % rule->timer == 0;
@@ -636,7 +633,7 @@ void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const std::string name = argument("name");
     const std::string port_text = argument("port");
     const int port = port_text.empty() || port_text == "ICMP" ? nc_port_icmp : port_of(port_text);
-    // A negative interval becomes one that never ends.
+    // A negative interval becomes a huge one: the rule is never due.
     const auto timer =
         static_cast<std::uint64_t>(static_cast<std::int64_t>(low_bits(argument("timer"))));
     const int nbr_of_fails = low_bits(argument("nbr_of_fails"));
@@ -656,7 +653,7 @@ void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     } else {
         reply = "{ \"error\": \"Not all required parameters were given.\" }";
     }
-    http_reply(stream, http_status::ok, "application/json; ", reply);
+    http_reply(stream, http_status::ok, content_type::json_open, reply);
 }
 
 void action_remove_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
@@ -665,7 +662,7 @@ void action_remove_nc_rule(GDataOutputStream *stream, GHashTable *arguments) {
     const bool removed =
         address != nullptr && port != nullptr &&
         vdrl_dt_rule_remove(nc_rules, serial_number.value_or(""), address, port_of(port));
-    http_reply(stream, http_status::ok, "application/json; charset=utf-8",
+    http_reply(stream, http_status::ok, content_type::json_utf8,
                removed ? "{ \"success\": \"All required parameters were given and OK, could "
                          "remove nc-rule.\" }"
                        : "{ \"error\": \"Could not remove nc-rule.\" }");
@@ -678,10 +675,11 @@ void action_list_nc_rules(GDataOutputStream *stream, GHashTable *) {
 void action_download_nc_log(GDataOutputStream *stream, GHashTable *arguments) {
     const char *path = http_argument(arguments, "path");
     if (path == nullptr) {
-        http_reply(stream, http_status::ok, "text/plain", "Error: No storage or status given.\r\n");
+        http_reply(stream, http_status::ok, content_type::text,
+                   "Error: No storage or status given.\r\n");
         return;
     }
-    http_write_header(stream, http_status::ok, "text/plain",
+    http_write_header(stream, http_status::ok, content_type::text,
                       "Content-Description: File Transfer\r\nContent-Disposition: attachment; "
                       "filename=\"Network_Device_Test_Log.txt\"\r\n");
     const long_reply_turns turns(long_reply::device_test_log);

@@ -1,6 +1,6 @@
-// The network device test: a list of hosts that are checked by ICMP or TCP every few times ten
-// seconds, with an event, a log line and counters for each result. Main loop only; a check blocks
-// it for as long as its command runs, some five seconds for a host that is silent.
+// The network device test: a list of hosts that are checked by ICMP or TCP at multiples of ten
+// seconds, with an event, a log line and counters for each result. Main loop only; the commands of
+// checks run beside it.
 #pragma once
 
 #include "event.h"
@@ -18,7 +18,7 @@ struct nc_rules_s {
     nfd_event_ids events;
     std::string nc_address; // at most nc_address_max bytes
     int port = nc_port_icmp;
-    std::uint64_t timer = 0;                  // in runs; 0 is never
+    std::uint64_t timer = 0;                  // interval in runs; 0 is never
     int nbr_of_fails = 0;                     // failures in a row after which "nc" is believed
     bool connected = false;                   // the last check's result
     int fail_count = 0;                       // failures in a row
@@ -40,8 +40,8 @@ extern std::unique_ptr<nc_rules_t> nc_rules;
 inline constexpr std::size_t nc_address_max = 46;
 inline constexpr std::size_t nc_name_max = 47;
 
-// Whether a rule can be made for it: the address is that of a host and nothing else in a command
-// line, the port is one or nc_port_icmp, and both together fit into messages.
+// Whether a rule can be made: the address is a host's and harmless in a command line, the port is
+// valid or nc_port_icmp, and messages have room for both.
 bool vdrl_dt_is_host(const std::string &address, int port);
 
 // The rules of the rule file, in its order, with their events declared; null without any. A record
@@ -64,9 +64,9 @@ void vdrl_dt_rules_free(std::unique_ptr<nc_rules_t> &rules);
 // The whole reply of list_nc_rules.
 void vdrl_dt_rules_print(const nc_rules_t *rules, GDataOutputStream *stream);
 
-// One run: starts the checks of the rules that are due, but of none whose last is still going on.
-// Their results count in list order, after those of earlier runs, once the main loop has them; that
-// of a rule which is removed meanwhile does not.
+// One run: starts the checks of the rules that are due and have none pending. The main loop counts
+// the results in list order, after those of earlier runs; those of rules removed meanwhile are
+// dropped.
 void vdrl_dt_run(nc_rules_t *rules, const std::string &serial);
 
 void action_declare_nc_rule(GDataOutputStream *stream, GHashTable *arguments);

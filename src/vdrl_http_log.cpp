@@ -29,7 +29,7 @@ constexpr long long rotation_size = 100'000; // bytes
 constexpr int follower_wait_ms = 200;
 
 unique_fd deleted_log;      // of the latest rotation, if its follower does not read on
-off_t deleted_log_read = 0; // so far it was read
+off_t deleted_log_read = 0; // the offset up to which it was read
 
 } // namespace
 
@@ -62,8 +62,8 @@ void vdrl_http_log_rotate(bool followed) {
     (void)::inotify_add_watch(closings.get(), http_log_path, IN_CLOSE_NOWRITE);
     deleted_log = unique_fd(::open(http_log_path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     file_remove(http_log_path);
-    // A follower that is woken by changes closes the file now, with its last read right before. One
-    // that looks once a second reads on until nothing comes any more, and misses nothing.
+    // A follower by inotify closes the file now, right after its last read. One that polls once a
+    // second reads on to the end and misses nothing.
     pollfd closing = {closings.get(), POLLIN, 0};
     struct stat status {};
     if (followed && ::poll(&closing, 1, follower_wait_ms) == 1 &&

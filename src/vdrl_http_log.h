@@ -3,8 +3,8 @@
 
 #include <string>
 
-// Writes the web server's configuration of the log, which counts once the caller has the server
-// reloaded. False, and logged, without such a web server or when it can't be written.
+// Writes the web server's configuration of the log; takes effect when the caller reloads the
+// server. False, logged, without such a web server or when the file can't be written.
 bool vdrl_http_log_setup();
 
 // Whether the configuration is there.
@@ -17,9 +17,8 @@ void vdrl_http_log_disable();
 // somebody following the log by its name it may wait for a fifth of a second.
 void vdrl_http_log_rotate(bool followed);
 
-// What the web server has written to the old log after the follower closed it at the latest
-// rotation. Given once; to be asked for when the server writes the new one, before the next
-// rotation.
+// What the web server wrote to the old log after the follower closed it at the last rotation.
+// Returned once; call it when the server writes the new log, before the next rotation.
 std::string vdrl_http_log_late_lines();
 
 inline constexpr const char *http_log_path = "/var/log/HTTP_log.txt";

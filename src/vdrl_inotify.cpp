@@ -10,8 +10,8 @@ namespace {
 
 enum class read_result { complete, nothing, failed };
 
-// Fills the whole buffer, repeating short reads. The channel's own buffer takes whole events from
-// the kernel, so that what is missing here only says that there is no event.
+// Fills the whole buffer, repeating short reads. The channel's buffer takes whole events from the
+// kernel, so a short result only means that there is no event.
 read_result read_exactly(GIOChannel *channel, char *buffer, std::size_t size) {
     std::size_t filled = 0;
     while (filled < size) {

@@ -67,11 +67,10 @@ bool vdrl_nettools_portcheck(const std::string &address, const std::string &port
         const std::string command =
             format_bounded(command_size, ": | nc -w 5 \"%s\" \"%s\" > /dev/null 2>&1",
                            address.c_str(), port.c_str());
-        // nc's own limit is one of silence: connected to a host that goes on talking, it stays
-        // until it is ended.
+        // nc's own limit is one of silence: with a host that keeps talking it never ends.
         return system_ret(command.c_str()) == 0;
     }
-    bool silent = true; // it says something only when it fails
+    bool silent = true; // the tool prints only on failure
     const int status = command_read_lines(
         format_bounded(command_size, "tcptest 4 \"%s\" \"%s\" 2>&1", address.c_str(), port.c_str())
             .c_str(),

@@ -10,8 +10,8 @@
 inline constexpr std::size_t nettools_ping_address_max = 2000;
 inline constexpr std::size_t nettools_address_max = 400;
 
-// Whether it can stand in a tool's command line as what it is: no option, nothing that leaves the
-// quotes, not empty and not more than `size_max` bytes.
+// Whether the text can be a quoted argument of a tool: not empty, at most `size_max` bytes, no
+// option, nothing that leaves the quotes.
 bool vdrl_nettools_is_argument(const std::string &text, std::size_t size_max);
 
 // Both write each line of the tool's output at once, with "<br>" behind it, and return the pipe's

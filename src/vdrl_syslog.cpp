@@ -3,8 +3,8 @@
 #include "fileutil.h"
 #include "log.h"
 
-int vdrl_syslog_get_variant() {
-    static int variant = syslog_variant_unknown;
+syslog_variant vdrl_syslog_get_variant() {
+    static syslog_variant variant = syslog_variant_unknown;
     if (variant != syslog_variant_unknown) {
         return variant;
     }

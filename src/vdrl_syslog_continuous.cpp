@@ -27,7 +27,7 @@ struct installed_file {
     const char *not_removed;
 };
 
-// What a log program needs: the rotation first, without which the copy would fill the flash.
+// The files that a log program needs; rotation first, or the copy would fill the flash.
 struct set_up {
     installed_file rotation;
     installed_file configuration;
@@ -65,8 +65,8 @@ const set_up *of_this_device() {
     }
 }
 
-// Not made in its place: half a file, or one that can't be run, would be taken for the installed
-// one after a power cut; and logrotate reads whatever lies in its folder.
+// Staged and renamed: a partial or non-executable file would pass for the installed one after a
+// power cut, and logrotate reads every file in its folder.
 bool install(const installed_file &file) {
     const auto text = file_get_contents(file.source);
     const bool installed = text && file_put_string(file.staged, *text) &&
@@ -107,7 +107,7 @@ void vdrl_syslog_unsubscribe() {
         }
     }
     if (session_runs) {
-        // Nothing comes any more: what was written since.
+        // The log program has stopped writing: takes the last lines.
         (void)system_ret((std::string(take_command) + " written").c_str());
     }
     file_remove(copy_path);

@@ -2,8 +2,8 @@
 // writes and rotates to vandrel.log.1. Main loop only.
 #pragma once
 
-// Has the log program write the copy. What is installed already is left alone, so that a restart of
-// the daemon does not restart the log program. Failures are logged.
+// Configures the log program to write the copy. An installed configuration is kept, so that a
+// restart of the daemon does not restart the log program. Failures are logged.
 void vdrl_syslog_subscribe();
 
 // Ends that, brings what is left into a running session and removes the copy. Failures are logged.
@@ -13,6 +13,6 @@ void vdrl_syslog_unsubscribe();
 inline constexpr const char *continuous_syslog_link =
     "/usr/local/packages/Vandrel/localdata/current_continuous_syslog.txt";
 
-// Has all lines logged until now brought into the session that the link leads into; without it they
-// are passed over, and the next session begins behind them. Waits.
+// Appends all lines logged until now to the session that the link points to; without a link they
+// are skipped, and the next session begins after them. Waits for the script.
 void vdrl_syslog_take_lines();

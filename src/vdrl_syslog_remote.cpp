@@ -27,7 +27,7 @@ constexpr guint restart_delay_ms = 2000;
 
 // --- Addresses
 
-// The forwarding line with it is one that is found again as a whole.
+// So that the forwarding line fits line_max and is found again.
 constexpr std::size_t address_max = line_max - forwarding.size() - sizeof "[]\n" + 1;
 
 bool is_letter_or_digit(char ch) {
@@ -127,7 +127,7 @@ gboolean restart_rsyslog_now(gpointer) noexcept {
     rsyslog_restart = 0;
     (void)system_ret("systemctl restart rsyslog syslog.socket 2> "
                      "/usr/local/packages/Vandrel/localdata/felmeddelande.restart");
-    // Before, it would go to the server that was set until now.
+    // A test message before the restart would go to the previous server.
     if (std::exchange(test_after_restart, false)) {
         send_test_message();
     }
@@ -159,7 +159,7 @@ int setup_rsyslog(const char *address) {
     const std::string line = std::string(forwarding) +
                              (is_ipv6(address) ? format_text("[%s]", address) : address) + "\n";
     if (!is_file(rsyslog_path)) {
-        // The first server is neither remembered nor logged.
+        // The first server is neither remembered nor logged: kept, clients see it.
         if (!file_replace(rsyslog_path, line)) {
             return syslog_remote_failed;
         }

@@ -70,7 +70,7 @@ class ConfigLogs : public testing::Test {
 
 TEST_F(ConfigLogs, FollowAPackagesConfiguration) {
     log_capture log;
-    configlogs_inotify_gio_setup(session_, "door", 3);
+    configlogs_inotify_gio_keep_watching(session_);
     EXPECT_EQ(newest("-initial"), "first");
     next_second();
     write_file(configuration("door"), "second");
@@ -92,7 +92,7 @@ TEST_F(ConfigLogs, FollowAPackagesConfiguration) {
     fs::remove(configuration("door"));
     next_second();
     write_file(configuration("door"), "back");
-    configlogs_inotify_gio_catch_up(session_);
+    configlogs_inotify_gio_keep_watching(session_);
     EXPECT_TRUE(comes("back", "-initial"));
 
     const texts lines = log.texts();
@@ -111,7 +111,7 @@ TEST_F(ConfigLogs, FollowAPackagesConfiguration) {
 }
 
 TEST_F(ConfigLogs, NothingIsCopiedWithoutASession) {
-    configlogs_inotify_gio_setup(session_, "door", 0);
+    configlogs_inotify_gio_keep_watching(session_);
     log_capture log;
     next_second();
     monitory_active = false;
@@ -121,7 +121,7 @@ TEST_F(ConfigLogs, NothingIsCopiedWithoutASession) {
     // What was missed is made up for once.
     monitory_active = true;
     for (int minute = 0; minute < 2; ++minute) {
-        configlogs_inotify_gio_catch_up(session_);
+        configlogs_inotify_gio_keep_watching(session_);
         EXPECT_EQ(newest(""), "unseen");
         EXPECT_EQ(log.texts(), texts{changed});
     }
@@ -152,7 +152,7 @@ TEST_F(ConfigLogs, WhatIsNoConfiguration) {
         fs::remove_all(copies_);
         c.make();
         log_capture log;
-        configlogs_inotify_gio_setup(session_, "door", 0);
+        configlogs_inotify_gio_keep_watching(session_);
         const texts lines = log.texts();
         EXPECT_EQ(std::count(lines.begin(), lines.end(), added), c.watched ? 1 : 0) << c.what;
         EXPECT_EQ(lines.size(), (c.watched ? 1U : 0U) + (c.watched && !c.copied ? 1U : 0U))

@@ -4,6 +4,7 @@
 #include "crash_report.h"
 #include "crashcatcher_core.h"
 #include "crashcatcher_inotify.h"
+#include "debug_mode.h"
 #include "kernel_crash.h"
 #include "kernel_file.h"
 #include "log_capture.h"

@@ -231,24 +231,3 @@ TEST(Filehandler, WritesPageFaultsFreePagesAndLoad) {
               "Date,Time,Load average (1 min),Load average (5 min),Load average (15 min)\r\n"
               "D,T,0.52,0.58,1.59\r\n");
 }
-
-TEST(Filehandler, LooksAtProcessesAndFolders) {
-    install_tool("ps",
-                 "echo '  12 root /usr/local/packages/Vandrel/collect_monitoring_sessions.sh'\n");
-    EXPECT_TRUE(ps_grep_and_check_if_included("Vandrel", "collect_m"));
-    EXPECT_FALSE(ps_grep_and_check_if_included("Vandrel", "zip"));
-    EXPECT_FALSE(ps_grep_and_check_if_included("zip", "collect_m"));
-
-    const std::string folder = fresh_folder();
-    for (int i = 0; i < 120; ++i) {
-        fs::create_directory(folder + "/d" + std::to_string(i));
-    }
-    fs::create_directory_symlink("/etc", folder + "/link");
-    EXPECT_EQ(get_subdirectories(folder.c_str()).size(), 100U);
-    EXPECT_TRUE(get_subdirectories("/missing").empty());
-    const std::string small = fresh_folder();
-    write_file(small + "/a b", "");
-    write_file(small + "/c", "");
-    EXPECT_EQ(get_names_listed_from_directory(small, 100), "a b,c");
-    EXPECT_EQ(get_names_listed_from_directory(small, 4), "a b");
-}

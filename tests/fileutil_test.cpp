@@ -38,6 +38,14 @@ TEST(Fileutil, TellsFilesFromFolders) {
         }
     }
     EXPECT_EQ(file_open("/dev/zero", "r"), nullptr);
+    for (int i = 0; i < 101; ++i) { // links are none
+        EXPECT_EQ(get_subdirectories(folder.c_str()).size(), static_cast<std::size_t>(i));
+        fs::create_directory(folder + "/d" + std::to_string(i));
+    }
+    bool are_all = true;
+    EXPECT_EQ(get_subdirectories(folder.c_str(), &are_all).size(), 100U);
+    EXPECT_FALSE(are_all);
+    EXPECT_TRUE(get_subdirectories("/missing").empty());
     fs::create_symlink(folder + "/file", folder + "/file_link");
     EXPECT_EQ(file_open((folder + "/file_link").c_str(), "a"), nullptr);
     EXPECT_NE(file_open((folder + "/file_link").c_str(), "r"), nullptr);

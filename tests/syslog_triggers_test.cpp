@@ -1,6 +1,7 @@
 #include "syslog_triggers.h"
 
 #include "action_reply.h"
+#include "debug_mode.h"
 #include "event.h"
 #include "log.h"
 #include "log_capture.h"

@@ -1,6 +1,7 @@
 #include "log_capture.h"
 #include "loop.h"
 #include "popen2.h"
+#include "process_list.h"
 #include "sandbox.h"
 #include "sysutil.h"
 
@@ -168,6 +169,20 @@ TEST(Popen2, TalksBothWaysAndLeavesNothingBehind) {
     EXPECT_EQ(open_descriptors(), descriptors);
     EXPECT_EQ(zombie_children(), 0);
     EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(ProcessList, FindsTwoTextsInALineAndIsReadOnceWhileRemembered) {
+    install_tool("ps", "echo '  12 root /usr/local/packages/Vandrel/collect_m.sh'\n");
+    EXPECT_TRUE(ps_grep_and_check_if_included("Vandrel", "collect_m"));
+    EXPECT_FALSE(ps_grep_and_check_if_included("Vandrel", "zip"));
+    EXPECT_FALSE(ps_grep_and_check_if_included("zip", "collect_m"));
+    {
+        const process_list_memory once;
+        EXPECT_TRUE(ps_grep_and_check_if_included("Vandrel", "collect_m"));
+        install_tool("ps", "true\n");
+        EXPECT_TRUE(ps_grep_and_check_if_included("Vandrel", "collect_m"));
+    }
+    EXPECT_FALSE(ps_grep_and_check_if_included("Vandrel", "collect_m"));
 }
 
 TEST(Popen2, AMissingProgramIsAChildThatEndsWithZero) {

@@ -163,18 +163,18 @@ TEST(Capture, WhatEndsTheThread) {
     for (const auto &c : cases) {
         set_resolution(c.resolution);
         log_capture log;
-        ASSERT_TRUE(vdrl_capture_start(parameters.get(), 2, c.folder));
+        vdrl_capture_keep_going(parameters.get(), 2, c.folder);
         EXPECT_TRUE(wait_until([&log] { return log.texts().size() == 2; }));
         // Tried again, without a word as long as it fails.
         for (int tick = 0; tick < 20; ++tick) {
-            vdrl_capture_keep_going(parameters.get());
+            vdrl_capture_keep_going(parameters.get(), 2, c.folder);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         const bool can_be_mended = c.folder == good;
         if (can_be_mended) {
             set_resolution("16x16,");
             EXPECT_TRUE(wait_until([&] {
-                vdrl_capture_keep_going(parameters.get());
+                vdrl_capture_keep_going(parameters.get(), 2, c.folder);
                 return !images(good).empty();
             }));
         }

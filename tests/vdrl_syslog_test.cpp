@@ -227,7 +227,7 @@ TEST_F(Continuous, TakesEachLineOnceWhereverItIsRotated) {
 
 TEST_F(Continuous, LeavesWhatIsInstalledAndSaysWhatIsMissing) {
     const struct {
-        int variant;
+        syslog_variant variant;
         std::string configuration, rotation_source;
     } cases[] = {
         {syslog_variant_rsyslog, "/etc/rsyslog.d/66-vandrel.conf", "rsyslog_rotate.sh"},

@@ -47,19 +47,17 @@ class CountingCamera extends Camera {
 
   get changes() { return Number(readFileSync(this.counts).readBigInt64LE(0)); }
 
-  async runs() { return (await this.command("status")).status === 0; }
-
-  /** Starts it again once the power is gone; false if what was done took fewer changes than before. */
-  async afterCut() {
-    const cut = await until(async () => !await this.runs(), "the power cut", 10_000).catch(() => false);
+  /** Does it with the power cut at the n-th change, which loses what is not on the card yet, and
+   * starts the camera again. False if it took fewer changes than before. */
+  async cutAt(n, work = async () => {}) {
+    this.killAt(n);
+    const working = work().catch(() => {});
+    const cut = await until(() => this.changes >= n, "the power cut", 10_000).catch(() => false);
+    if (cut) await this.command("stop", "--now");
+    await working;
     this.killAt(0);
-    if (!cut && await this.runs()) return false;
-    // What held it together may still be going down.
-    await until(async () => {
-      await this.start("--speed", "60").catch(() => {});
-      return (await this.exec("true")).status === 0;
-    }, "the start after the cut");
-    return true;
+    if (cut) await this.start("--speed", "60");
+    return cut;
   }
 
   async data() { return JSON.parse((await this.action("list_data")).body); }
@@ -122,9 +120,7 @@ test("the power goes while a session starts, collects and stops", async (t) => {
     assert.ok(changes > 20, `${changes} changes`);
     await stop(camera);
     for (const n of cuts(changes)) {
-      camera.killAt(n);
-      await start(camera).catch(() => {});
-      await camera.afterCut();
+      await camera.cutAt(n, () => start(camera));
       await assertWhole(camera);
       await stop(camera);
     }
@@ -141,10 +137,10 @@ test("the power goes while a session starts, collects and stops", async (t) => {
     const changes = Math.ceil(camera.changes / 2);
     let [points, minutes] = await assertWhole(camera);
     for (const n of cuts(changes)) {
-      camera.killAt(n);
-      assert.ok(await camera.afterCut());
+      assert.ok(await camera.cutAt(n));
       const now = await assertWhole(camera);
-      assert.ok(now[0] >= points && now[1] >= minutes, `${points}, ${minutes} became ${now} at change ${n}`);
+      // The last minute's rename may not have been on the card.
+      assert.ok(now[0] >= points - 1 && now[1] >= minutes - 1, `${points}, ${minutes} became ${now} at change ${n}`);
       [points, minutes] = now;
     }
     assert.equal((await camera.data()).current_storage, session);
@@ -158,9 +154,7 @@ test("the power goes while a session starts, collects and stops", async (t) => {
     const changes = camera.changes;
     for (const n of cuts(changes)) {
       await start(camera);
-      camera.killAt(n);
-      await camera.action("deactivate_monitor_session").catch(() => {});
-      await camera.afterCut();
+      await camera.cutAt(n, () => camera.action("deactivate_monitor_session"));
       await assertWhole(camera);
       await stop(camera);
     }

@@ -1,6 +1,7 @@
-/* Pulls the plug at the n-th change of a file: preloaded into the daemon and its children, it
- * counts what they write, rename, make and remove, all of them together, and kills everything in
- * the camera just before the one whose number stands in /usr/local/kill_at. Or lets the n-th use of
+/* The power goes at the n-th change of a file: preloaded into the daemon and its children, this
+ * counts what they write, rename, make and remove, all of them together, and freezes everything in
+ * the camera just before the one whose number stands in /usr/local/kill_at; the test then has what
+ * was not flushed forgotten (camera stop --now). Or lets the n-th use of
  * something on the card fail, to be opened as well, with an error that stands there. */
 #include <dlfcn.h>
 #include <errno.h>
@@ -27,6 +28,9 @@ struct counts {
 };
 static struct counts *counts;
 
+/* It is what cuts the power. Process 1 is the sandbox's. */
+static const pid_t camera_init = 2;
+
 __attribute__((constructor)) static void attach(void) {
     const int file = open("/usr/local/kill_at", O_RDWR | O_CLOEXEC);
     if (file >= 0) {
@@ -38,8 +42,9 @@ __attribute__((constructor)) static void attach(void) {
 
 static void change(void) {
     if (counts != NULL && atomic_fetch_add(&counts->changes, 1) + 1 == counts->kill_at) {
-        kill(-1, SIGKILL);
-        raise(SIGKILL);
+        kill(-1, SIGSTOP);
+        kill(camera_init, SIGCONT);
+        raise(SIGSTOP);
     }
 }
 

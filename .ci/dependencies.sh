@@ -3,6 +3,7 @@
 #
 #   .ci/dependencies.sh run     what ./run needs: to build, and to simulate a camera
 #   .ci/dependencies.sh test    what ./test needs on top of it
+#   .ci/dependencies.sh bench   what bench/run needs on top of it: the peers
 #   .ci/dependencies.sh emulator    what ./test --long runs other processors' programs with
 #   .ci/dependencies.sh package ARCH...   what ./pack needs: amd64, aarch64, armhf
 #
@@ -60,6 +61,21 @@ unpacked_test_packages() {
     sed 's/ *#.*//' <<'END'
 prometheus               # scrapes the cameras of a test; promtool
 python3-prometheus-client # reads OpenMetrics strictly
+END
+}
+
+# Peers of the benchmarks.
+unpacked_bench_packages() {
+    sed 's/ *#.*//' <<'END'
+sysstat                  # sadc
+collectd-core            # collectd
+prometheus-node-exporter # a scrape
+END
+}
+bench_packages() {
+    sed 's/ *#.*//' <<'END'
+goaccess            # statistics of the HTTP log
+libltdl7            # under collectd
 END
 }
 
@@ -141,7 +157,8 @@ package)
 run) mapfile -t wanted < <(run_packages) ;;
 emulator) wanted=(qemu-user-static) ;;
 test) mapfile -t wanted < <(run_packages; test_packages) ;;
-*) sed -n '2,9s/^# \{0,1\}//p' "$0"; exit 2 ;;
+bench) mapfile -t wanted < <(run_packages; test_packages; bench_packages) ;;
+*) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 2 ;;
 esac
 mapfile -t missing < <(missing_packages "${wanted[@]}")
 # Whoever has Node.js from elsewhere keeps it.
@@ -177,7 +194,8 @@ unpack() { # PACKAGE
     rm -rf "$work"
     return $status
 }
-mapfile -t unpacked < <(unpacked_packages; [ "$1" != test ] || unpacked_test_packages)
+mapfile -t unpacked < <(unpacked_packages; [ "$1" != test ] || unpacked_test_packages
+    [ "$1" != bench ] || unpacked_bench_packages)
 for package in "${unpacked[@]}"; do
     if ! unpack "$package"; then
         echo "$package can not be unpacked" >&2
@@ -214,7 +232,7 @@ done
 # The page's libraries and what bundles them; a test needs the browser's tools on top of that.
 omitted=(--omit=dev)
 needed=node_modules/esbuild
-if [ "$1" = test ] || [ -d node_modules/typescript ]; then
+if [ "$1" = test ] || [ "$1" = bench ] || [ -d node_modules/typescript ]; then
     omitted=()
     needed=node_modules/typescript
 fi

@@ -3,16 +3,18 @@
 //
 //   simulator/sandbox --build build/release -- build/release/bin/collection_bench [COLLECTIONS]
 //
-// Needs the Debian packages sysstat and collectd-core.
+// After .ci/dependencies.sh bench.
 
 #include "app_state.h"
 #include "environment.h"
 #include "filehandler.h"
+#include "loop.h"
 #include "main_timer.h"
 #include "monitoring_session.h"
 #include "process_list.h"
 #include "session_globals.h"
 #include "strutil.h"
+#include "support/figures.h"
 #include "system_bus.h"
 #include "sysutil.h"
 
@@ -26,6 +28,7 @@
 #include <string_view>
 #include <sys/resource.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -92,6 +95,32 @@ void start_services() {
     init_environment_monitor_settings();
 }
 
+// As a camera has them.
+void install_tools() {
+    for (const char *name : {"ps", "top", "uptime"}) {
+        fs::create_symlink("/host/usr/bin/busybox", std::string("/test/bin/") + name);
+    }
+}
+
+int children() {
+    std::ifstream file("/proc/self/task/" + std::to_string(::getpid()) + "/children");
+    int count = 0;
+    for (int pid = 0; file >> pid;) {
+        ++count;
+    }
+    return count;
+}
+
+// Until the scripts that a tick started have ended and are reaped: what follows has the processor
+// to itself, and finds no zombies in /proc.
+void let_scripts_end(int services) {
+    const loop_turns reaping;
+    while (children() > services) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        loop_run_due();
+    }
+}
+
 std::string make_session() {
     fs::copy(fs::path(std::getenv("VANDREL_SOURCE")) / "package", package,
              fs::copy_options::recursive | fs::copy_options::overwrite_existing);
@@ -148,22 +177,30 @@ cost background_scripts(int times, const std::string &session) {
     });
 }
 
+// Where their packages are unpacked.
+std::string peers() {
+    return (fs::path(std::getenv("VANDREL_SOURCE")) / "build/packages").string();
+}
+
 double sadc_processor_ms(int samples) {
-    const std::string command =
-        format_text("/usr/lib/sysstat/sadc -S ALL 1 %d /tmp/sadc.data", samples);
+    const std::string command = format_text(
+        "%s/sysstat/usr/lib/sysstat/sadc -S ALL 1 %d /tmp/sadc.data", peers().c_str(), samples);
     return measure(1, [&] { (void)system_ret(command.c_str()); }).processor_ms / samples;
 }
 
 double collectd_processor_ms(int samples) {
+    const std::string installed = peers() + "/collectd-core/usr/";
     std::ofstream("/tmp/collectd.conf")
-        << "BaseDir \"/tmp/collectd\"\nPIDFile \"/tmp/collectd.pid\"\nPluginDir "
-           "\"/usr/lib/collectd\"\n"
-           "TypesDB \"/usr/share/collectd/types.db\"\nInterval 1\nReadThreads 1\nWriteThreads 1\n"
+        << "PluginDir \"" << installed << "lib/collectd\"\nTypesDB \"" << installed
+        << "share/collectd/types.db\"\n"
+           "BaseDir \"/tmp/collectd\"\nPIDFile \"/tmp/collectd.pid\"\n"
+           "Interval 1\nReadThreads 1\nWriteThreads 1\n"
            "LoadPlugin csv\n<Plugin csv>\nDataDir \"/tmp/collectd/csv\"\n</Plugin>\n"
            "LoadPlugin interface\nLoadPlugin memory\nLoadPlugin load\nLoadPlugin vmem\n"
            "LoadPlugin buddyinfo\nLoadPlugin irq\nLoadPlugin processes\n";
-    const std::string command = format_text(
-        "timeout -s INT %d collectd -f -C /tmp/collectd.conf > /dev/null 2>&1", samples + 1);
+    const std::string command = format_text("timeout -s INT %d %ssbin/collectd -f -C "
+                                            "/tmp/collectd.conf > /dev/null 2>&1",
+                                            samples + 1, installed.c_str());
     return measure(1, [&] { (void)system_ret(command.c_str()); }).processor_ms / samples;
 }
 
@@ -173,7 +210,9 @@ int main(int argc, char **argv) {
     const int collections = argc > 1 ? std::atoi(argv[1]) : 50;
     constexpr int samples = 10;
     const system_bus bus;
+    install_tools();
     start_services();
+    const int services = children();
     const std::string session = make_session();
     const long memory = resident_kb();
     std::printf("Each duty of a collecting tick, mean of %d:\n", collections);
@@ -189,29 +228,23 @@ int main(int argc, char **argv) {
                 costs[d].wall_ms += each.wall_ms / collections;
             }
         }
+        let_scripts_end(services);
         bare += measure(1, [] { (void)system_ret(bare_commands); }).processor_ms / collections;
     }
     double processor = 0;
-    double wall = 0;
     for (std::size_t d = 0; d < duties.size(); ++d) {
         print(std::string("  ") + duties[d].name, costs[d]);
         processor += costs[d].processor_ms;
-        wall += costs[d].wall_ms;
     }
     const cost scripts = background_scripts(collections, session);
-    print("in the tick, together", {wall, processor});
-    std::printf("%-34s %9.2f ms processor, ratio %.2f\n", "its commands alone, by a shell", bare,
-                processor / bare);
     print("its scripts in the background", scripts);
     const double ours = processor + scripts.processor_ms;
-    const double sadc = sadc_processor_ms(samples);
-    const double collectd = collectd_processor_ms(samples);
-    std::printf("\nProcessor time a collection: ours %.1f ms, sadc %.1f ms, collectd %.1f ms\n",
-                ours, sadc, collectd);
-    std::printf(
-        "ratios: ours to sadc %.1f, ours to collectd %.1f; without the scripts %.1f and %.1f\n",
-        ours / sadc, ours / collectd, processor / sadc, processor / collectd);
-    std::printf("resident memory: %ld kB before, %ld kB after %d collections\n", memory,
-                resident_kb(), collections);
+    figure("a collection, in the tick", processor, "ms", "its commands alone, by a shell", bare,
+           {.ratio = 1.1, .most = 20});
+    figure("a collection, its scripts behind", scripts.processor_ms, "ms", "", 1, {.most = 8});
+    figure("a collection, both", ours, "ms", "sadc", sadc_processor_ms(samples));
+    figure("a collection, both", ours, "ms", "collectd", collectd_processor_ms(samples));
+    figure("memory after the collections", static_cast<double>(resident_kb()), "kB", "before",
+           static_cast<double>(memory));
     return 0;
 }

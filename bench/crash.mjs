@@ -3,12 +3,12 @@
 //
 //   node bench/crash.mjs [CRASHES]
 import { Camera, until } from "../tests/camera/support/camera.mjs";
+import { figure, median } from "./support/figures.mjs";
 
 const CRASHES = Number(process.argv[2] ?? 50);
 const REPORT = "_server-report.log";
 
 const camera = await new Camera().start();
-const median = (values) => [...values].sort((a, b) => a - b)[Math.floor(values.length / 2)];
 
 try {
   await camera.action("activate_monitor_session", { storage: "SD_DISK" });
@@ -30,9 +30,8 @@ try {
     const [core, report] = line.split(" ").map(Number);
     answered.push((report - core) * 1000);
   }
-  const [both, own] = [median(answered), median(alone)];
-  console.log(`${CRASHES} crashes: report complete ${both.toFixed(1)} ms after the core (median), `
-    + `by hand ${own.toFixed(1)} ms, ratio ${(both / own).toFixed(2)}`);
+  figure(`a crash, from its core to its complete report, of ${CRASHES}`, median(answered), "ms",
+    { peer: "the report by hand", theirs: median(alone) });
 } finally {
   await camera.remove();
 }

@@ -9,6 +9,7 @@
 #include "koral_cgi_monitoring.h"
 #include "line_parser.h"
 #include "session_globals.h"
+#include "support/figures.h"
 
 #include <algorithm>
 #include <chrono>
@@ -99,8 +100,7 @@ int main(int argc, char **argv) {
         peer = std::min(peer, goaccess(folder / "log"));
     }
     fs::remove_all(folder);
-    std::cout << "daemon    " << static_cast<long>(lines / own) << " lines/s\n"
-              << "goaccess  " << static_cast<long>(lines / peer) << " lines/s\n"
-              << "ratio     " << peer / own << "\n";
+    figure("a line of the HTTP log", own / lines * 1e6, "us", "goaccess", peer / lines * 1e6,
+           {.ratio = 0.5});
     return 0;
 }

@@ -3,6 +3,7 @@
 //
 //   node bench/images.mjs [IMAGES]
 import { Camera, until } from "../tests/camera/support/camera.mjs";
+import { figure } from "./support/figures.mjs";
 
 const IMAGES = Number(process.argv[2] ?? 5000);
 const WARM_UP = 10;
@@ -40,11 +41,10 @@ try {
   const without = await cost();
   await new Promise((resolve) => { setTimeout(resolve, taken_ms); });
   const idle = (await cost()).ticks - without.ticks;
-  console.log(`resident memory: ${start.kB} kB after ${WARM_UP} images, ${end.kB} kB after ${IMAGES}: ` +
-    `ratio ${(end.kB / start.kB).toFixed(3)}`);
-  console.log(`processor time of the daemon: ${((end.ticks - start.ticks) * 10 / (IMAGES - WARM_UP)).toFixed(1)} ms an ` +
-    `image (pictures made by the simulated library included); the same minutes without: ` +
-    `${idle * 10} ms in all`);
+  figure(`memory after ${IMAGES} images`, end.kB, "kB", { peer: `after ${WARM_UP}`, theirs: start.kB, ratio: 1.02 });
+  // Pictures are made by the simulated library, in the daemon.
+  figure(`processor time of an image, of ${IMAGES}`, (end.ticks - start.ticks) * 10 / (IMAGES - WARM_UP), "ms",
+    { peer: "as long without", theirs: idle * 10 / (IMAGES - WARM_UP) });
 } finally {
   await camera.remove();
 }

@@ -2,11 +2,12 @@
 // same web server serves in the same run; the daemon's processor time beside that of node_exporter,
 // asked as often over the same subjects; and the daemon's memory before and after.
 //
-//   node bench/metrics.mjs [SCRAPES]
-import { execFileSync, spawn } from "node:child_process";
-import { existsSync, readFileSync, readdirSync, statSync } from "node:fs";
+//   node bench/metrics.mjs [SCRAPES]    after .ci/dependencies.sh bench
+import { spawn } from "node:child_process";
+import { readFileSync, readdirSync, statSync } from "node:fs";
 import http from "node:http";
 import { Camera, until } from "../tests/camera/support/camera.mjs";
+import { figure, median } from "./support/figures.mjs";
 
 const SCRAPES = Number(process.argv[2] ?? 4000);
 const ROUND = 200;
@@ -14,10 +15,6 @@ const SUBJECTS = ["loadavg", "meminfo", "vmstat", "buddyinfo", "netdev", "stat",
 const EXPORTER = "build/packages/prometheus-node-exporter/usr/bin/prometheus-node-exporter";
 const METRICS = "/local/Vandrel/access.cgi?action=metrics";
 
-if (!existsSync(EXPORTER)) {
-  execFileSync("sh", ["-c", "cd build/packages && apt-get -qq download prometheus-node-exporter"
-    + " && dpkg -x prometheus-node-exporter_*.deb prometheus-node-exporter && rm prometheus-node-exporter_*.deb"]);
-}
 const exporter = spawn(EXPORTER, ["--web.listen-address=127.0.0.1:19100", "--web.disable-exporter-metrics", "--collector.disable-defaults",
   ...SUBJECTS.map((name) => `--collector.${name}`)], { stdio: "ignore" });
 const camera = await new Camera().start();
@@ -34,7 +31,6 @@ function get(url) {
     }).on("error", reject);
   });
 }
-const median = (values) => [...values].sort((a, b) => a - b)[Math.floor(values.length / 2)];
 const HUNDREDTHS = 100;
 /** Processor time in milliseconds of what /proc/PID/stat says. @param {string} stat */
 function processorMs(stat) {
@@ -60,14 +56,12 @@ try {
       for (let i = 0; i < ROUND; i++) times[name].push((await get(url)).ms);
     }
   }
-  const [scrape, file, peer] = [median(times.scrape), median(times.file), median(times.exporter)];
   const own = (await daemonMs() - before.daemon) / times.scrape.length;
   const other = (exporterMs() - before.exporter) / times.exporter.length;
-  console.log(`scrape           ${scrape.toFixed(3)} ms median of ${times.scrape.length}, ${size} bytes`);
-  console.log(`static file      ${file.toFixed(3)} ms, ${statSync(`package/html/${nearest}`).size} bytes; ratio ${(scrape / file).toFixed(2)}`);
-  console.log(`node_exporter    ${peer.toFixed(3)} ms without a web server before it`);
-  console.log(`processor        ${own.toFixed(3)} ms a scrape in the daemon, ${other.toFixed(3)} ms in node_exporter; ratio ${(own / other).toFixed(2)}`);
-  console.log(`daemon memory    ${before.memory} kB before, ${await status()} kB after`);
+  figure(`a scrape of ${(size / 1000).toFixed(0)} kB, of ${SCRAPES}`, median(times.scrape), "ms",
+    { peer: "a static file of that size", theirs: median(times.file), ratio: 2 });
+  figure("processor time of a scrape", own, "ms", { peer: "node_exporter", theirs: other, ratio: 1 });
+  figure("memory after the scrapes", await status(), "kB", { peer: "before", theirs: before.memory, ratio: 1.02 });
 } finally {
   agent.destroy();
   exporter.kill();

@@ -1,7 +1,7 @@
 // The page in a browser: what its first view costs, how long a chart of 10,000 rows in 20 series takes
 // beside the mere transfer of its file, and what of a 500 MB archive is read.
 //
-//   node bench/page.mjs
+//   node bench/page.mjs [ROUNDS]
 import { execFileSync } from "node:child_process";
 import { mkdirSync, mkdtempSync, rmSync, truncateSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
@@ -10,19 +10,18 @@ import { fileURLToPath, pathToFileURL } from "node:url";
 
 import { Camera } from "../tests/camera/support/camera.mjs";
 import { launchBrowser } from "../tests/web/support/browser.mjs";
+import { figure, median } from "./support/figures.mjs";
 
 const ROWS = 10000;
 const SERIES = 20;
 const ARCHIVE_MB = 500;
-const ROUNDS = 3;
+const ROUNDS = Number(process.argv[2] ?? 3);
 const REDRAWS = 30;
 const VIEWER = fileURLToPath(new URL("../package/html/viewer.html", import.meta.url));
 
 const camera = await new Camera().start();
 const browser = await launchBrowser();
 const folder = mkdtempSync(join(tmpdir(), "page_bench-"));
-
-const median = (values) => [...values].sort((a, b) => a - b)[Math.floor(values.length / 2)];
 
 async function newPage() {
   const context = await browser.newContext({ httpCredentials: { username: "root", password: "camera" } });
@@ -74,9 +73,8 @@ try {
     views.push(await firstView());
     empty.push(await emptyPage());
   }
-  const first = median(views.map(({ ms }) => ms));
-  console.log(`first view: usable after ${first.toFixed(0)} ms, ${(first / median(empty)).toFixed(1)} times an icon's; `
-    + `${(views[0].bytes / 1000).toFixed(0)} kB in ${views[0].requests} requests`);
+  figure(`first view of the page, ${(views[0].bytes / 1000).toFixed(0)} kB in ${views[0].requests} requests`,
+    median(views.map(({ ms }) => ms)), "ms", { peer: "an icon", theirs: median(empty) });
 
   const serial = JSON.parse((await camera.action("list_data")).body).device.SerialNumber;
   const session = `/var/spool/storage/SD_DISK/Vandrel_${serial}/20260101_00_00_00`;
@@ -118,9 +116,8 @@ try {
     }
     return { all, one: await time() };
   }, [SERIES, REDRAWS]);
-  console.log(`${ROWS} rows in ${SERIES} series: drawn ${drawn.toFixed(0)} ms after they were asked for, ${
-    (drawn / transfer).toFixed(1)} times the transfer of the file (${transfer.toFixed(0)} ms)`);
-  console.log(`drawn again in ${redraw.all.toFixed(1)} ms, ${(redraw.all / redraw.one).toFixed(1)} times one series`);
+  figure(`a chart of ${ROWS} rows in ${SERIES} series, from click`, drawn, "ms", { peer: "the file's transfer", theirs: transfer, most: 250 });
+  figure("the same drawn again", redraw.all, "ms", { peer: "one series", theirs: redraw.one });
 
   const root = join(folder, "20260101_00_00_00");
   mkdirSync(join(root, "coredumps"), { recursive: true });
@@ -144,10 +141,8 @@ try {
   await viewer.goto(pathToFileURL(VIEWER).href);
   await viewer.getByLabel("Archive", { exact: true }).setInputFiles(join(folder, "large.zip"));
   await viewer.waitForFunction((rows) => document.querySelector(".plot")?.plot?.data[0].length >= rows, ROWS);
-  const reads = await viewer.evaluate(() => window.reads);
-  const read = reads.reduce((sum, size) => sum + size, 0);
-  console.log(`archive of ${ARCHIVE_MB} MB opened and charted: ${reads.length} reads, ${
-    (read / 1e6).toFixed(1)} MB, ${(100 * read / (ARCHIVE_MB * 1e6)).toFixed(2)} % of it`);
+  const read = (await viewer.evaluate(() => window.reads)).reduce((sum, size) => sum + size, 0);
+  figure("read to open an archive and chart it", read / 1e6, "MB", { peer: "the whole archive", theirs: ARCHIVE_MB, ratio: 0.01 });
 } finally {
   await browser.close();
   await camera.remove();

@@ -6,6 +6,7 @@
 // takes it away again; needs three times the size there. Every time is the best of five rounds in
 // which the peers take turns, with the input in the page cache.
 #include "pcap.h"
+#include "support/figures.h"
 
 #include <chrono>
 #include <cstdlib>
@@ -139,18 +140,15 @@ int main(int argc, char **argv) {
         make_capture(damaged, size, length, mebibyte);
         const auto best = race({[&] { repair(in, out); }, [&] { command("cp " + files); },
                                 [&] { command(tcpdump); }, [&] { repair(damaged, out); }});
-        std::printf(
-            "%u-byte packets, intact: repair %.2f s, cp %.2f s (ratio %.2f), "
-            "tcpdump %.2f s (ratio %.2f)\n"
-            "%u-byte packets, one damaged in every MiB: repair %.2f s (ratio to intact %.2f)\n",
-            length, best[0], best[1], best[0] / best[1], best[2], best[0] / best[2], length,
-            best[3], best[3] / best[0]);
+        const std::string what = "repair of packets of " + std::to_string(length) + " bytes";
+        figure(what + ", intact", best[0], "s", "cp", best[1]);
+        figure(what + ", intact", best[0], "s", "tcpdump", best[2], {.ratio = 1});
+        figure(what + ", one damaged in every MiB", best[3], "s", "intact", best[0]);
     }
     // Garbage of which each piece is short, so that what a search costs to start would show.
     make_capture(damaged, size / 64, 60, 2 * 76);
     const double dense = race({[&] { repair(damaged, out); }})[0];
-    std::printf("every other packet damaged: repair %.0f MB/s\n",
-                static_cast<double>(size / 64) / 1e6 / dense);
+    figure("repair of every other packet", dense * 64, "s");
     std::filesystem::remove(damaged);
 
     make_garbage(in, size);
@@ -171,9 +169,8 @@ int main(int argc, char **argv) {
                       p++;
                   }
               }});
-    const auto megabytes = static_cast<double>(size) / 1e6;
-    std::printf("garbage: search for a header %.0f MB/s, memchr %.0f MB/s (%zu hits, ratio %.2f)\n",
-                megabytes / best[0], megabytes / best[1], found, best[0] / best[1]);
+    figure("search for a header in garbage", best[0], "s",
+           "memchr, " + std::to_string(found) + " hits,", best[1]);
     std::filesystem::remove_all(folder);
     return 0;
 }

@@ -4,6 +4,7 @@
 //   node bench/requests.mjs [REQUESTS]
 import http from "node:http";
 import { Camera } from "../tests/camera/support/camera.mjs";
+import { figure, median } from "./support/figures.mjs";
 
 const REQUESTS = Number(process.argv[2] ?? 10_000);
 const ROUND = 500;
@@ -21,8 +22,6 @@ function get(path) {
     }).on("error", reject);
   });
 }
-
-const median = (values) => [...values].sort((a, b) => a - b)[Math.floor(values.length / 2)];
 
 async function memory() {
   const pid = await camera.pid("Vandrel");
@@ -42,11 +41,8 @@ try {
       for (let i = 0; i < ROUND; i++) times[name].push(await get(path));
     }
   }
-  const [daemon, file] = [median(times.daemon), median(times.file)];
-  console.log(`action=test    ${daemon.toFixed(3)} ms median of ${times.daemon.length} requests`);
-  console.log(`static file    ${file.toFixed(3)} ms median of ${times.file.length} requests`);
-  console.log(`ratio          ${(daemon / file).toFixed(2)}`);
-  console.log(`daemon memory  ${before} kB after start, ${await memory()} kB after the requests`);
+  figure(`a request, of ${REQUESTS}`, median(times.daemon), "ms", { peer: "a static file", theirs: median(times.file) });
+  figure("memory after the requests", await memory(), "kB", { peer: "before", theirs: before, ratio: 1.02 });
 } finally {
   agent.destroy();
   await camera.remove();

@@ -1,12 +1,13 @@
 // The web page's main view with many sessions on the storage, and the download of a large archive
 // through the daemon beside the same file served by the same web server itself.
 //
-//   node bench/sessions.mjs [SESSIONS...]
+//   node bench/sessions.mjs [MIB [SESSIONS...]]
 import http from "node:http";
 import { Camera } from "../tests/camera/support/camera.mjs";
+import { figure } from "./support/figures.mjs";
 
-const COUNTS = process.argv.length > 2 ? process.argv.slice(2).map(Number) : [10, 100, 1000];
-const MIB = 1024;
+const MIB = Number(process.argv[2] ?? 1024);
+const COUNTS = process.argv.length > 3 ? process.argv.slice(3).map(Number) : [10, 100, 1000];
 const ROUNDS = 3;
 
 const camera = await new Camera().start();
@@ -43,8 +44,8 @@ try {
     made = count;
     const reload = await best("/local/Vandrel/access.cgi?action=list_data&special_request=reload");
     const list = await best("/local/Vandrel/access.cgi?action=list_data");
-    console.log(`${count} sessions: list_data ${list.ms.toFixed(0)} ms (${list.bytes} bytes), ` +
-      `with the lists collected anew ${reload.ms.toFixed(0)} ms`);
+    figure(`the lists with ${count} sessions, ${(list.bytes / 1000).toFixed(0)} kB`, list.ms, "ms", { most: 100 });
+    figure(`the lists with ${count} sessions collected anew`, reload.ms, "ms");
   }
 
   const session = `${root}/20240101_00_00_00`;
@@ -54,9 +55,7 @@ try {
   const archive = `/local/Vandrel/access.cgi?action=get_monitor_data&storage=${session}`;
   const daemon = await best(archive);
   const file = await best("/bench/20240101_00_00_00.zip");
-  const speed = ({ bytes, ms }) => (bytes / 1048576 / (ms / 1000)).toFixed(0);
-  console.log(`download of ${MIB} MiB: ${speed(daemon)} MiB/s through the daemon, ` +
-    `${speed(file)} MiB/s as a file, ratio ${(daemon.ms / file.ms).toFixed(2)}`);
+  figure(`a download of ${MIB} MiB`, daemon.ms, "ms", { peer: "the same static file", theirs: file.ms, ratio: 1.11 });
 } finally {
   await camera.remove();
 }

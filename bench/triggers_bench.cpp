@@ -9,6 +9,7 @@
 // the package has it do. One line in a thousand matches. At the end ten rules see 50 lines a
 // second.
 #include "line_parser.h"
+#include "support/figures.h"
 #include "syslog_triggers.h"
 
 #include <array>
@@ -182,14 +183,17 @@ void steady(const fs::path &folder) {
         log << message(i) << std::endl;
         std::this_thread::sleep_until(start_time + (i + 1) * 20ms);
     }
+    std::this_thread::sleep_for(500ms); // the last lines
     const double own = used(RUSAGE_SELF) - before;
     process_stop(reader.get());
     process_wait(reader.get());
     process_free(reader);
     const double follower = used(RUSAGE_CHILDREN) - children_before;
-    std::cout << "50 lines a second, 10 rules: " << own * 10 << " % of a processor, with the "
-              << "writing; tail " << follower * 10 << " % (" << taken << " of " << lines
-              << " lines)\n";
+    if (taken != lines) {
+        fail("a line is missing");
+    }
+    figure("50 log lines a second, 10 rules, the writing included", own * 10, "%", "tail",
+           follower * 10);
 }
 
 } // namespace
@@ -209,7 +213,6 @@ int main(int argc, char **argv) {
         }
     }
     const double rsyslog = rsyslog_time(folder, lines);
-    std::cout << "processor time a line, in us: rsyslog " << rsyslog / lines * 1e6 << "\n";
     int rules = 0;
     for (const int wanted : {1, 10, 100, 1000}) {
         std::ofstream keys(folder / "keys", std::ios::app);
@@ -228,9 +231,9 @@ int main(int argc, char **argv) {
             fail("a line's match is missing");
         }
         const double grep = grep_time(folder / "log", folder / "keys");
-        std::cout << wanted << " rules: daemon " << own / lines * 1e6 << " ("
-                  << static_cast<long>(lines / own) << " lines/s), grep " << grep / lines * 1e6
-                  << "; rsyslog/daemon " << rsyslog / own << ", grep/daemon " << grep / own << "\n";
+        const std::string what = "a log line, rules: " + std::to_string(wanted);
+        figure(what, own / lines * 1e6, "us", "rsyslog", rsyslog / lines * 1e6, {.ratio = 1});
+        figure(what, own / lines * 1e6, "us", "grep", grep / lines * 1e6);
     }
     fs::remove_all(folder);
     return 0;

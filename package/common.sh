@@ -104,10 +104,15 @@ leads_there() {
     done
 }
 
-# can_append FILE: whether it is a file, or nothing yet. On a card or a share it could be a pipe, which
-# waits for its reader, or a link to a file of the camera; so could the folders above it.
+# is_file_or_nothing PATH: whether rows can go there: on a card or a share it could be a pipe, which
+# waits for its reader, or a link to a file of the camera.
+is_file_or_nothing() {
+    ! [ -h "$1" ] && { [ -f "$1" ] || ! [ -e "$1" ]; }
+}
+
+# can_append FILE: the same with the folders above it, which could be links, too.
 can_append() {
-    ! [ -h "$1" ] && { [ -f "$1" ] || ! [ -e "$1" ]; } && leads_there "$1"
+    is_file_or_nothing "$1" && leads_there "$1"
 }
 
 # cut_back FILE: takes back what a full storage or a power cut left of a row at its end.
@@ -119,36 +124,69 @@ cut_back() {
     dd if=/dev/null of="$1" bs=1 seek=$(($(wc -c <"$1") - rest)) 2>/dev/null
 }
 
-# append_row FILE HEADER ROW: appends the row, to a new file behind the header; all of it or nothing.
-# The file's folder has to be there.
-append_row() {
-    can_append "$1" || return 1
+# put_row FILE HEADER ROW: appends the row to a file that is known to be one, to a new one behind the
+# header; all of it or nothing.
+put_row() {
     if [ -s "$1" ]; then
-        { printf '%s\n' "$3" >>"$1"; } 2>/dev/null && return 0
+        printf '%s\n' "$3" >>"$1" && return 0
     else
-        { printf '%s\n%s\n' "$2" "$3" >>"$1"; } 2>/dev/null && return 0
+        printf '%s\n%s\n' "$2" "$3" >>"$1" && return 0
     fi
     cut_back "$1"
     return 1
 }
 
-# append_rows DIRECTORY FILE HEADER: reads lines "FOLDER/SUBFOLDER<tab>ROW" and appends each row to
+# append_row FILE HEADER ROW: the same for any file. Its folder has to be there.
+append_row() {
+    can_append "$1" && { put_row "$@"; } 2>/dev/null
+}
+
+# append_rows DIRECTORY FILE HEADER ROWS: appends the row of each line "FOLDER/SUBFOLDER ROW" to
 # DIRECTORY/FOLDER/SUBFOLDER/FILE. Makes the folders, but never DIRECTORY itself: that may have gone
-# with its storage. What can't be written is said once, until a sample is whole again.
+# with its storage. What can't be written is said once, until a sample is whole again. Without a
+# process or a read for each row: there are hundreds.
 append_rows() {
-    tab=$(printf '\t')
-    said=/run/Vandrel_failing_${2%.csv}
-    failed=
-    while IFS=$tab read -r folder row; do
-        [ -d "$1/$folder" ] || { leads_there "$1/$folder/" && mkdir "$1/${folder%/*}" "$1/$folder"; } 2>/dev/null
-        append_row "$1/$folder/$2" "$3" "$row" || failed=${failed:-$folder/$2}
-    done
-    if [ -z "$failed" ]; then
-        rm -f "$said"
-    elif [ -d "$1" ] && ! [ -e "$said" ]; then
+    rows_in=$1 rows_file=$2 rows_header=$3 rows_failed=
+    IFS='
+'
+    set -f
+    # shellcheck disable=SC2086 # split at the line ends
+    set -- $4
+    set +f
+    { leads_there "$rows_in/." && make_folders "$@" && put_rows "$@"; } 2>/dev/null ||
+        rows_failed=${rows_failed:-$rows_file}
+    unset IFS
+    said=/run/Vandrel_failing_${rows_file%.csv}
+    if [ -z "$rows_failed" ]; then
+        ! [ -e "$said" ] || rm -f "$said"
+    elif [ -d "$rows_in" ] && ! [ -e "$said" ]; then
         : >"$said"
-        warn "$failed can not be written"
+        warn "$rows_failed can not be written"
     fi
+}
+
+# The folders of append_rows that are missing, all at once.
+make_folders() {
+    missing=
+    for line; do
+        folder=$rows_in/${line%% *}
+        [ -d "$folder" ] || [ -h "${folder%/*}" ] || missing="$missing${folder%/*}
+$folder
+"
+    done
+    # shellcheck disable=SC2086 # split at the line ends
+    [ -z "$missing" ] || mkdir $missing || :
+}
+
+put_rows() {
+    for line; do
+        folder=$rows_in/${line%% *}
+        if [ -h "${folder%/*}" ] || [ -h "$folder" ] || ! is_file_or_nothing "$folder/$rows_file" ||
+            ! put_row "$folder/$rows_file" "$rows_header" "${line#* }"; then
+            rows_failed=${rows_failed:-${line%% *}/$rows_file}
+        fi
+    done
+    [ -z "$rows_failed" ]
 }
 
 # mend_after_boot DIRECTORY: cuts back the files of a session's folder, in the first sample after a
@@ -163,16 +201,16 @@ mend_after_boot() {
     fi
 }
 
-# The columns DATE and TIME.
-time_stamp() {
-    date '+%Y-%m-%d,%H:%M:%S'
+# Sets $stamp to the columns DATE and TIME.
+take_time_stamp() {
+    stamp=$(date '+%Y-%m-%d,%H:%M:%S')
 }
 
 # An awk function that gives a process's folder NAME/PID, or "" for a process that there is nothing
 # to record of: one that is gone, that belongs to the kernel, or that is younger than a few seconds.
 # The short-lived helpers of each sample would leave a folder each, thousands in a week.
 # /proc/PID/stat: 29 (Vandrel) S 2 29 ... ; 20 fields behind the name stands the start, in 1/100 s
-# since boot, as "uptime" is given in seconds.
+# since boot, where /proc/uptime has seconds.
 # shellcheck disable=SC2016 # awk's own variables
 process_folder='
 function process_folder(pid, path, line, name, rest, field) {
@@ -189,13 +227,11 @@ function process_folder(pid, path, line, name, rest, field) {
     sub(/^[.-]/, "_", name)
     return name == "" ? "" : name "/" pid
 }
-'
-
-# Seconds since boot, for the function above.
-uptime_s() {
-    read -r seconds _ </proc/uptime
-    echo "$seconds"
+BEGIN {
+    getline uptime < "/proc/uptime"
+    uptime += 0
 }
+'
 
 # pack_trace FOLDER: a trace's files into its wireshark_archive.zip, whole or the old one stays.
 # zip_info.txt says meanwhile that it is being made.

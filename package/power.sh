@@ -67,7 +67,7 @@ record() {
         set -- ${header#DATE,TIME,}
         unset IFS
     fi
-    [ -n "$stamp" ] || stamp=$(time_stamp)
+    [ -n "$stamp" ] || take_time_stamp
     row=$stamp
     measured=
     for column; do

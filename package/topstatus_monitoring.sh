@@ -17,8 +17,9 @@ mend_after_boot "$1"
 #   PID  PPID USER     STAT   VSZ %VSZ %CPU COMMAND
 #    29     2 root     S     155m   1%   0% /usr/local/packages/Vandrel/Vandrel
 # STAT may hold blanks, and some devices have the processor's number between the shares.
+take_time_stamp
 # shellcheck disable=SC2154 # process_folder: common.sh
-top -n 1 -b | awk -v stamp="$(time_stamp)" -v uptime="$(uptime_s)" "$process_folder"'
+rows=$(top -n 1 -b | awk -v stamp="$stamp" "$process_folder"'
 $1 ~ /^[0-9]+$/ && $2 ~ /^[0-9]+$/ {
     memory = 5
     while (memory < NF && $memory !~ /^[0-9.]+%$/) ++memory
@@ -32,5 +33,6 @@ $1 ~ /^[0-9]+$/ && $2 ~ /^[0-9]+$/ {
     size = $(memory - 1)
     if (size ~ /m$/) size *= 1024
     else if (size ~ /g$/) size *= 1024 * 1024
-    print folder "\t" stamp "," state "," size + 0 "," $memory + 0 "," $processor + 0
-}' | append_rows "$1" topstatus.csv 'DATE,TIME,STATE,VSZ,%VSZ,%CPU'
+    print folder " " stamp "," state "," size + 0 "," $memory + 0 "," $processor + 0
+}')
+append_rows "$1" topstatus.csv 'DATE,TIME,STATE,VSZ,%VSZ,%CPU' "$rows"

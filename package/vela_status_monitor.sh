@@ -29,25 +29,27 @@ done
 directory=$1
 shift
 
+# "version FOLDER FILE": where a package's version stands.
 put_versions() {
     for folder in "$packages"/*; do
         is_plain "${folder##*/}" || continue
-        version=
         if [ -f "$folder/package.conf" ]; then
-            version=$(sed -n 's/^VERSION *= *"\{0,1\}\([A-Za-z0-9._+-]*\).*/\1/p' "$folder/package.conf")
+            echo "version $folder package.conf"
         elif [ -f "$folder/manifest.json" ]; then
-            version=$(sed -n 's/.*"version" *: *"\([A-Za-z0-9._+-]*\)".*/\1/p' "$folder/manifest.json")
+            echo "version $folder manifest.json"
         fi
-        printf 'version %s %s\n' "$folder" "${version%%[!A-Za-z0-9._+-]*}" # one line of it
     done
 }
 
-{
+take_time_stamp
+# shellcheck disable=SC2154 # stamp: common.sh
+rows=$({
     put_versions
-    du -ks -- "$@" 2>/dev/null | sed 's/^/size /'
     echo processes
     ps
-} | awk -v packages="$packages/" -v stamp="$(time_stamp)" '
+    echo sizes
+    du -ks -- "$@" 2>/dev/null # the last: a file's name can hold what ends a section
+} | awk -v packages="$packages/" -v stamp="$stamp" '
 # The package of a path, or "".
 function package_of(path) {
     if (substr(path, 1, length(packages)) != packages) return ""
@@ -56,9 +58,25 @@ function package_of(path) {
     return path ~ /^[A-Za-z0-9_][A-Za-z0-9._-]*$/ ? path : ""
 }
 
-!processes && $1 == "version" { version[package_of($2)] = $3; next }
-!processes && $1 == "size" { size[package_of($3)] += $2; next }
-!processes { processes = $1 == "processes"; next }
+# package.conf: VERSION="1.2"; manifest.json: {"version": "1.2"}. The first that there is.
+function version_in(path, line, found) {
+    found = ""
+    while (found == "" && (getline line < path) > 0) {
+        if (path ~ /conf$/ && sub(/^VERSION *= *"?/, "", line)) found = line "\n"
+        while (path ~ /json$/ && match(line, /"version" *: *"[A-Za-z0-9._+-]*"/)) {
+            found = substr(line, RSTART, RLENGTH - 1) "\n"
+            line = substr(line, RSTART + 1)
+        }
+    }
+    close(path)
+    sub(/^"version" *: *"/, "", found)
+    sub(/[^A-Za-z0-9._+-].*$/, "", found)
+    return found
+}
+
+section == "" && $1 == "version" { version[package_of($2)] = version_in($2 "/" $3); next }
+NF == 1 && ($1 == "processes" || $1 == "sizes") { section = $1; next }
+section == "sizes" { size[package_of($2)] += $1; next }
 !first { first = NF; next } # the head; the last column is the command
 {
     # "29 root /usr/local/packages/Vandrel/Vandrel", or "{name} sh /usr/local/packages/..."
@@ -73,11 +91,11 @@ function package_of(path) {
 END {
     for (name in size)
         if (name != "")
-            print name "\t" stamp "," version[name] "," (running[name] ? "running" : "stopped") "," \
+            print name " " stamp "," version[name] "," (running[name] ? "running" : "stopped") "," \
                 running[name] + 0 "," size[name]
-}' | {
-    tab=$(printf '\t')
-    while IFS=$tab read -r name row; do
-        append_row "$directory/$name.csv" DATE,TIME,VERSION,STATUS,PROCESSES,SIZE "$row"
-    done
-}
+}')
+IFS='
+'
+for row in $rows; do
+    append_row "$directory/${row%% *}.csv" DATE,TIME,VERSION,STATUS,PROCESSES,SIZE "${row#* }"
+done

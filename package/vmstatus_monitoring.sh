@@ -17,8 +17,9 @@ mend_after_boot "$1"
 header=DATE,TIME,STATE,THREADS,VM_PEAK,VM_SIZE,VM_HWM,VM_RSS,RSS_ANON,RSS_FILE,RSS_SHMEM,VM_DATA
 header=$header,VM_STACK,VM_EXE,VM_LIB,VM_PTE,VM_SWAP
 
+take_time_stamp
 # shellcheck disable=SC2154 # process_folder: common.sh
-awk -v stamp="$(time_stamp)" -v uptime="$(uptime_s)" "$process_folder"'
+append_rows "$1" vmstatus.csv "$header" "$(awk -v stamp="$stamp" "$process_folder"'
 BEGIN {
     count = split("State Threads VmPeak VmSize VmHWM VmRSS RssAnon RssFile RssShmem VmData VmStk" \
                   " VmExe VmLib VmPTE VmSwap", keys, " ")
@@ -27,17 +28,20 @@ BEGIN {
         folder = process_folder(pid)
         if (folder == "") continue
         path = ARGV[i] "/status" # "VmRSS:	    7236 kB"
-        split("", value)
-        while ((getline line < path) > 0) {
-            split(line, word)
-            sub(/:$/, "", word[1])
-            value[word[1]] = word[2]
-        }
+        status = ""
+        RS = "" # all lines at once
+        while ((getline lines < path) > 0) status = status "\n" lines
+        RS = "\n"
         close(path)
-        if (value["VmSize"] == "") continue # it ended
+        if (!index(status, "\nVmSize:")) continue # it ended
         row = stamp
-        for (k = 1; k <= count; ++k) row = row "," value[keys[k]]
-        print folder "\t" row
+        for (k = 1; k <= count; ++k) {
+            at = index(status, "\n" keys[k] ":")
+            word[1] = ""
+            if (at) split(substr(status, at + length(keys[k]) + 2, 40), word)
+            row = row "," word[1]
+        }
+        print folder " " row
     }
     exit
-}' /proc/[0-9]* | append_rows "$1" vmstatus.csv "$header"
+}' /proc/[0-9]*)"

@@ -52,10 +52,37 @@ class line_cutter {
     bool dropping_ = false;
 };
 
+// Lines that come one by one are gathered for a moment: a wake-up for each costs more than the
+// line. A pipe holds 64 KiB meanwhile, and what fills it at once is read without such a pause.
+constexpr int gather_ms = 100;
+constexpr std::size_t few_bytes = 4096;
+constexpr int last_reads_max = 64;
+
+bool is_readable_now(int descriptor) {
+    pollfd source{descriptor, POLLIN, 0};
+    return ::poll(&source, 1, 0) > 0;
+}
+
+// What has come before the stop is still delivered, but of an endless output no more than this.
+void read_last_lines(const thread_info &info, const popen2_file &child, line_cutter &lines) {
+    for (int i = 0; i < last_reads_max && !info.at_end && is_readable_now(child.stdout.get());
+         ++i) {
+        const ssize_t size = ::read(child.stdout.get(), lines.free_space(), lines.free_size());
+        if (size <= 0) {
+            break;
+        }
+        lines.take(static_cast<std::size_t>(size), info.callback);
+    }
+    if (info.pause != nullptr) {
+        info.pause();
+    }
+}
+
 // Reads until told to stop. With the child's output at its end there is nothing left to wait for
 // but the stop, so that a dead child costs nothing.
 void read_lines(thread_info &info, const popen2_file &child) {
     line_cutter lines;
+    std::size_t came_together = 0; // bytes
     pollfd sources[] = {{info.wake.get(), POLLIN, 0}, {child.stdout.get(), POLLIN, 0}};
     while (true) {
         if (::poll(sources, std::size(sources), -1) < 0) {
@@ -66,12 +93,14 @@ void read_lines(thread_info &info, const popen2_file &child) {
             return;
         }
         if (!info.run) {
+            read_last_lines(info, child, lines);
             return;
         }
         if (sources[1].revents == 0) {
             continue;
         }
-        const ssize_t size = ::read(child.stdout.get(), lines.free_space(), lines.free_size());
+        const std::size_t room = lines.free_size();
+        const ssize_t size = ::read(child.stdout.get(), lines.free_space(), room);
         if (size < 0) {
             if (errno == EINTR) {
                 continue;
@@ -85,9 +114,17 @@ void read_lines(thread_info &info, const popen2_file &child) {
             sources[1].revents = 0;
             continue;
         }
-        lines.take(static_cast<std::size_t>(size), info.callback);
+        const auto added = static_cast<std::size_t>(size);
+        lines.take(added, info.callback);
         if (info.pause != nullptr) {
             info.pause();
+        }
+        came_together += added;
+        if (added < room) { // all that there was
+            if (came_together < few_bytes) {
+                (void)::poll(sources, 1, gather_ms); // only for the stop
+            }
+            came_together = 0;
         }
     }
 }

@@ -16,8 +16,9 @@ using process_line_cb = void (*)(const char *line);
 // Called on the reader's thread when the lines that arrived together have all been delivered.
 using process_pause_cb = void (*)();
 
-// A line-reader child: made by process_create, told to end by process_stop, joined by process_wait,
-// freed by process_free, in this order.
+// A line-reader child, whose lines are delivered at most a tenth of a second late: made by
+// process_create, told to end by process_stop, joined by process_wait, freed by process_free, in
+// this order.
 struct thread_info {
     std::atomic<bool> run{true};      // false tells the reader to end
     std::atomic<bool> running{false}; // the reader works
@@ -39,7 +40,8 @@ inline constexpr std::size_t process_line_max = 4095;
 std::unique_ptr<thread_info> process_create(const char *const argv[], process_line_cb callback,
                                             process_pause_cb pause = nullptr);
 
-// Tells the reader to end its child and itself; returns at once. Null is allowed.
+// Tells the reader to end its child and itself; returns at once. What the child has already printed
+// is still delivered. Null is allowed.
 void process_stop(thread_info *info);
 
 // Joins the reader: returns once the child has ended (popen2_term says how long that may take), and

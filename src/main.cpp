@@ -44,6 +44,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 
 namespace {
 
@@ -299,6 +300,16 @@ void open_missing_standard_descriptors() {
     errno = 0;
 }
 
+// The C library's allocator keeps what was once needed for a moment: a pool for each thread, and
+// whatever the largest block so far was. A camera's memory is dear.
+void give_memory_back() {
+    constexpr int pools = 2;
+    constexpr int kept = 128 * 1024; // bytes; as it is before the first large block
+    (void)::mallopt(M_ARENA_MAX, pools);
+    (void)::mallopt(M_MMAP_THRESHOLD, kept);
+    (void)::mallopt(M_TRIM_THRESHOLD, kept);
+}
+
 // A client that goes away must not end the daemon. Ignoring the signal would be inherited by every
 // child; a handler is not.
 void survive_broken_pipes() {
@@ -405,6 +416,7 @@ void start_ptz_tracker() {
 void start_up() {
     open_missing_standard_descriptors();
     survive_broken_pipes();
+    give_memory_back();
     log_install_out_of_memory_handler();
 
     log_open();

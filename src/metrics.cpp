@@ -20,7 +20,6 @@
 #include "vdrl_device_test.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -106,9 +105,9 @@ void write_memory(open_metrics_text &out) {
         std::string name(field->name);
         std::replace(name.begin(), name.end(), '(', '_');
         std::erase(name, ')');
-        const std::string end = field->is_in_kib ? "_bytes" : "";
-        out.begin(type::gauge, "node_memory_" + name + end,
-                  "Memory information field " + name + end + ".", field->is_in_kib ? "bytes" : "");
+        name.append(field->is_in_kib ? "_bytes" : "");
+        out.begin(type::gauge, "node_memory_" + name, "Memory information field " + name + ".",
+                  field->is_in_kib ? "bytes" : "");
         out.add({}, std::uint64_t{*value} * (field->is_in_kib ? 1024 : 1));
     }
 }
@@ -271,27 +270,23 @@ void write_self(open_metrics_text &out) {
 // --- The device
 
 // Read once: they change with the firmware only, and so with a restart.
-const std::array<std::string, 3> &device_parameters() {
-    static std::array<std::string, 3> values;
-    constexpr const char *names[] = {"root.Brand.ProdShortName", "root.Properties.Firmware.Version",
-                                     "root.Properties.System.Architecture"};
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        if (values[i].empty()) {
-            values[i] = parameter_get(names[i]).value_or("");
-        }
+const std::string &device_parameter(const char *name) {
+    static std::map<std::string, std::string> values;
+    std::string &value = values[name];
+    if (value.empty()) {
+        value = parameter_get(name).value_or("");
     }
-    return values;
+    return value;
 }
 
 void write_identity(open_metrics_text &out) {
     out.begin(type::info, "vandrel_build", "The version of the package.");
     out.add({{"version", VANDREL_VERSION}}, std::uint64_t{1});
-    const auto &[model, firmware, architecture] = device_parameters();
     out.begin(type::info, "vandrel_device", "The device; what it does not tell is empty.");
     out.add({{"serial", serial_number.value_or("")},
-             {"model", model},
-             {"firmware", firmware},
-             {"architecture", architecture}},
+             {"model", device_parameter("root.Brand.ProdShortName")},
+             {"firmware", device_parameter("root.Properties.Firmware.Version")},
+             {"architecture", device_parameter("root.Properties.System.Architecture")}},
             std::uint64_t{1});
 }
 

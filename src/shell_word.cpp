@@ -15,12 +15,12 @@ bool is_word_character(char ch) {
 
 // Commands that the shell runs itself, and words that begin something longer.
 constexpr std::string_view shell_names[] = {
-    ".",      "[",       "alias", "bg",     "break", "case", "cd",       "command", "continue",
-    "do",     "done",    "echo",  "elif",   "else",  "esac", "eval",     "exec",    "exit",
-    "export", "false",   "fc",    "fg",     "fi",    "for",  "getopts",  "hash",    "if",
-    "jobs",   "kill",    "local", "printf", "pwd",   "read", "readonly", "return",  "set",
-    "shift",  "test",    "then",  "time",   "times", "trap", "true",     "type",    "ulimit",
-    "umask",  "unalias", "unset", "until",  "wait",  "while"};
+    ".",        ":",      "[",       "alias", "bg",     "break", "case", "cd",       "command",
+    "continue", "do",     "done",    "echo",  "elif",   "else",  "esac", "eval",     "exec",
+    "exit",     "export", "false",   "fc",    "fg",     "fi",    "for",  "getopts",  "hash",
+    "if",       "jobs",   "kill",    "local", "printf", "pwd",   "read", "readonly", "return",
+    "set",      "shift",  "test",    "then",  "time",   "times", "trap", "true",     "type",
+    "ulimit",   "umask",  "unalias", "unset", "until",  "wait",  "while"};
 
 // A character without a meaning to the shell outside quotes.
 bool is_plain(char ch) {
@@ -44,8 +44,8 @@ bool is_safe_in_single_quotes(std::string_view text) {
                         [](char ch) { return is_control(ch) || ch == '\''; });
 }
 
-std::optional<std::vector<std::string>> words_without_shell(std::string_view command) {
-    std::vector<std::string> words;
+std::optional<command_words> words_without_shell(std::string_view command) {
+    command_words words;
     bool in_word = false;
     while (!command.empty()) {
         const char ch = command[0];
@@ -79,4 +79,25 @@ std::optional<std::vector<std::string>> words_without_shell(std::string_view com
                             std::find(std::begin(shell_names), std::end(shell_names), words[0]) ==
                                 std::end(shell_names);
     return is_program ? std::optional(std::move(words)) : std::nullopt;
+}
+
+std::optional<std::vector<command_words>> pipeline_without_shell(std::string_view command) {
+    std::vector<command_words> parts;
+    char quote = '\0'; // within such a pair
+    for (std::size_t begin = 0, at = 0; at <= command.size(); ++at) {
+        const char ch = at < command.size() ? command[at] : '\0';
+        if (at == command.size() || (ch == '|' && quote == '\0')) {
+            auto words = words_without_shell(command.substr(begin, at - begin));
+            if (!words) {
+                return std::nullopt;
+            }
+            parts.push_back(std::move(*words));
+            begin = at + 1;
+        } else if (ch == quote) {
+            quote = '\0';
+        } else if (quote == '\0' && (ch == '"' || ch == '\'')) {
+            quote = ch;
+        }
+    }
+    return parts.size() > 1 ? std::optional(std::move(parts)) : std::nullopt;
 }

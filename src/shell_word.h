@@ -20,4 +20,9 @@ bool is_safe_in_single_quotes(std::string_view text);
 // The words of a command in which a shell has nothing to do but to part them: a program and its
 // arguments, with quotes around some. Nothing for anything else, as pipes, variables or commands of
 // the shell's own. `grep "a b" /proc/vmstat` -> {"grep", "a b", "/proc/vmstat"}
-std::optional<std::vector<std::string>> words_without_shell(std::string_view command);
+using command_words = std::vector<std::string>;
+std::optional<command_words> words_without_shell(std::string_view command);
+
+// The same for each command of a pipeline of two or more. `ps | grep "a|b"` -> {"ps"}, {"grep",
+// "a|b"}
+std::optional<std::vector<command_words>> pipeline_without_shell(std::string_view command);

@@ -42,9 +42,20 @@ class spawn_settings {
     spawn_settings(const spawn_settings &) = delete;
     spawn_settings &operator=(const spawn_settings &) = delete;
 
-    void write_into(int descriptor) {
-        ::posix_spawn_file_actions_adddup2(&actions_, descriptor, STDOUT_FILENO);
-        keep_standard_ones();
+    // An input of -1 is an empty one.
+    void use_pipes(int input, int output) {
+        ::posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO);
+        if (input >= 0) {
+            ::posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO);
+        } else {
+            read_nothing();
+        }
+        ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+    }
+    // Instead of a session of its own a process group: an existing one, or for 0 a new one.
+    void use_group(pid_t group) {
+        ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETPGROUP);
+        ::posix_spawnattr_setpgroup(&attributes_, group);
     }
     void inherit_standard_ones(int output) {
         if (output >= 0) {
@@ -61,11 +72,6 @@ class spawn_settings {
     [[nodiscard]] const posix_spawnattr_t *attributes() const { return &attributes_; }
 
   private:
-    void keep_standard_ones() {
-        read_nothing();
-        ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
-    }
-
     posix_spawn_file_actions_t actions_{};
     posix_spawnattr_t attributes_{};
 };
@@ -79,8 +85,9 @@ pid_t spawn(const char *const argv[], const spawn_settings &settings) {
 }
 
 // Searches PATH as a shell does.
-pid_t spawn_words(const std::vector<std::string> &words, const spawn_settings &settings) {
+pid_t spawn_words(const command_words &words, const spawn_settings &settings) {
     std::vector<const char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string &word : words) {
         arguments.push_back(word.c_str());
     }
@@ -178,16 +185,71 @@ bool start_and_forget(std::string_view command) {
     return pid >= 0;
 }
 
+struct pipe_ends {
+    unique_fd read;
+    unique_fd write;
+};
+
+pipe_ends make_pipe() {
+    int ends[2];
+    return ::pipe2(ends, O_CLOEXEC) == 0 ? pipe_ends{unique_fd(ends[0]), unique_fd(ends[1])}
+                                         : pipe_ends{};
+}
+
 running_command start_if_possible(const char *command) {
     reap_undying();
     running_command started;
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) == 0) {
-        started.output = unique_fd(ends[0]);
-        const unique_fd write_end(ends[1]);
+    pipe_ends output = make_pipe();
+    if (output.read) {
         spawn_settings settings;
-        settings.write_into(write_end.get());
+        settings.use_pipes(-1, output.write.get());
         started.pid = spawn_command(command, settings);
+        started.output = std::move(output.read);
+    }
+    return started;
+}
+
+// Ends what is left of a pipeline besides its last command.
+void end_feeding(running_command &command) {
+    for (const pid_t pid : std::exchange(command.feeding, {})) {
+        if (wait_for_child(pid, nullptr, kill_grace) == 0) {
+            leave_undying(pid);
+        }
+    }
+}
+
+// The last command first, so that nothing has run when another can't be found; their process group
+// is that one's. Nothing when a shell is needed.
+running_command start_pipeline(const char *command) {
+    const auto parts = pipeline_without_shell(command);
+    if (!parts) {
+        return {};
+    }
+    reap_undying();
+    pipe_ends output = make_pipe();
+    running_command started;
+    started.output = std::move(output.read);
+    for (auto part = parts->rbegin(); part != parts->rend(); ++part) {
+        const bool is_first = std::next(part) == parts->rend();
+        pipe_ends input = is_first ? pipe_ends{} : make_pipe();
+        spawn_settings settings;
+        settings.use_group(std::max(started.pid, 0));
+        settings.use_pipes(input.read.get(), output.write.get());
+        const bool has_pipes = output.write && (is_first || input.read);
+        const pid_t pid = has_pipes ? spawn_words(*part, settings) : -1;
+        if (pid < 0) {
+            if (started.pid >= 0) {
+                (void)kill_session(started.pid);
+                end_feeding(started);
+            }
+            return {};
+        }
+        if (started.pid < 0) {
+            started.pid = pid;
+        } else {
+            started.feeding.push_back(pid);
+        }
+        output.write = std::move(input.write);
     }
     return started;
 }
@@ -372,7 +434,10 @@ command_pipe::command_pipe(const char *command, std::nothrow_t) : command_(comma
     if (!has_hung_) {
         left_ = limit_of(command_).limit;
         is_limited_ = left_ > 0ms;
-        child_ = start_if_possible(command);
+        child_ = start_pipeline(command);
+        if (child_.pid < 0) {
+            child_ = start_if_possible(command);
+        }
         if (child_.output) {
             ::fcntl(child_.output.get(), F_SETFL, O_NONBLOCK);
         }
@@ -451,10 +516,18 @@ int command_pipe::close() noexcept {
     if (!has_hung_) {
         const auto limit = is_limited_ ? std::max(left_ - waited_, kill_grace) : 24h * 365;
         has_hung_ = wait_for_child(pid, &status, limit) == 0;
+        while (!has_hung_ && !child_.feeding.empty()) {
+            has_hung_ =
+                wait_for_child(child_.feeding.back(), nullptr, limit - (real_time() - begin)) == 0;
+            if (!has_hung_) {
+                child_.feeding.pop_back();
+            }
+        }
         waited_ += real_time() - begin;
     }
     if (has_hung_) {
         status = kill_session(pid);
+        end_feeding(child_);
         log_limit(command_.c_str(), left_);
     }
     note_duration(command_, waited_, has_hung_);

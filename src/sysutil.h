@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 // What system_ret returns when there is no exit status.
 inline constexpr int system_ret_stopped = -1;
@@ -39,7 +40,8 @@ int run_program(const char *const argv[], std::chrono::milliseconds limit);
 
 // A shell command that runs while the daemon does other things.
 struct running_command {
-    pid_t pid = -1;   // for the caller to reap; the leader of a session of its own
+    pid_t pid = -1;             // for the caller to reap; the leader of a process group of its own
+    std::vector<pid_t> feeding; // of a pipeline that needs no shell: the other processes
     unique_fd output; // reads its standard output; once closed, the command ends at its next write
 };
 

@@ -166,4 +166,9 @@ TEST(ShellWord, PartsWhatNeedsNoShell) {
     for (const auto &[command, expected] : cases) {
         EXPECT_EQ(words_without_shell(command), expected) << command;
     }
+    EXPECT_EQ(pipeline_without_shell("ps|grep 'a|b\"' | sort"),
+              (std::vector<words>{{"ps"}, {"grep", "a|b\""}, {"sort"}}));
+    for (const char *command : {"ps", "a |", "| a", "a || b", "a |& b", ": | a", "a | b > c"}) {
+        EXPECT_EQ(pipeline_without_shell(command), std::nullopt) << command;
+    }
 }

@@ -46,6 +46,13 @@ TEST(Sysutil, ReadsACommandToItsEndAndKnowsItsStatus) {
     status = command_read_lines("kill -9 $$", 3, take);
     EXPECT_TRUE(WIFSIGNALED(status));
 
+    // Without a shell; a command that can't be found is the shell's to tell.
+    lines.clear();
+    EXPECT_EQ(WEXITSTATUS(command_read_lines("yes ab | head -n 1 | grep -c b", 9, take)), 0);
+    EXPECT_EQ(WEXITSTATUS(command_read_lines("seq 3 | missing-program", 9, take)), 127);
+    EXPECT_EQ(lines, std::vector<std::string>{"1\n"});
+    EXPECT_EQ(zombie_children(), 0);
+
     // A reader that leaves early ends an endless writer.
     command_pipe endless("exec yes");
     std::string line;
@@ -67,12 +74,16 @@ TEST(Sysutil, AHungToolIsEndedWithItsChildrenAndLeftAloneForAWhile) {
 
     log_capture log;
     std::vector<std::string> lines;
-    const int status = command_read_lines(call("com.one").c_str(), 100,
-                                          [&](const std::string &line) { lines.push_back(line); });
-    EXPECT_EQ(lines, std::vector<std::string>{"first\n"});
-    EXPECT_TRUE(was_ended_by_signal(status));
-    const pid_t child = std::stoi(read_file(note));
-    EXPECT_TRUE(wait_until([child] { return ::kill(child, 0) != 0; }));
+    const std::string piped = call("com.zero") + " | cat";
+    for (const std::string &command : {piped, call("com.one")}) {
+        lines.clear();
+        const int status = command_read_lines(
+            command.c_str(), 100, [&](const std::string &line) { lines.push_back(line); });
+        EXPECT_EQ(lines, std::vector<std::string>{"first\n"});
+        EXPECT_TRUE(was_ended_by_signal(status));
+        const pid_t child = std::stoi(read_file(note));
+        EXPECT_TRUE(wait_until([child] { return ::kill(child, 0) != 0; }));
+    }
     EXPECT_EQ(::kill(background, 0), 0);
 
     // At once, and without a word: the same service. Another one is asked.
@@ -83,9 +94,12 @@ TEST(Sysutil, AHungToolIsEndedWithItsChildrenAndLeftAloneForAWhile) {
     EXPECT_TRUE(was_ended_by_signal(left_out.close()));
     install_tool("dbus-send", "exit 5");
     EXPECT_EQ(system_ret(call("com.two").c_str()), 5);
-    EXPECT_EQ(read_file(note + ".asked"), "--dest=com.one\n");
+    EXPECT_EQ(read_file(note + ".asked"), "--dest=com.zero\n--dest=com.one\n");
     EXPECT_EQ(log.texts(),
               (std::vector<std::string>{
+                  "NOTICE Command ended at its limit of 4 s: " + piped,
+                  "WARNING 'dbus-send --dest=com.zero' does not answer: it is left out for 150 "
+                  "seconds.",
                   "NOTICE Command ended at its limit of 4 s: " + call("com.one"),
                   "WARNING 'dbus-send --dest=com.one' does not answer: it is left out for 150 "
                   "seconds."}));

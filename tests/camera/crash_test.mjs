@@ -133,15 +133,15 @@ test("kernel dumps are copied once, also when switching takes a restart", async 
   assert.equal((await camera.shell("sysctl debug.crashdump")).trim(), "debug.crashdump = storage");
 
   await run(camera, "kernel-crash", "SD_DISK", "--size", "30000000"); // and the restart that comes with it
-  const copied = await until(async () => (await files(camera, `${folder}/coredumps`))[0], "the dump");
+  const found = async () => files(camera, `${folder}/coredumps`);
+  await until(async () => (await found()).length > 1, "the dump and its report");
+  const [copied, report] = await found();
+  assert.equal(report, `${copied}_server-report.log`); // as that of a core
   await run(camera, "reboot");
   await until(async () => (await state(camera)).active === 1);
   await until(async () => (await log(camera, "Continuing System Monitoring Session")) !== "");
-  // Copied once, with the report of a core under its own name.
-  assert.deepEqual(await until(async () => {
-    const found = await files(camera, `${folder}/coredumps`);
-    return found.length > 1 && found;
-  }), [copied, `${copied}_server-report.log`]);
+  await until(async () => (await found()).length > 0);
+  assert.deepEqual(await found(), [copied, report]); // copied once
   assert.equal((await camera.shell(`cmp ${folder}/coredumps/${copied} /var/spool/storage/SD_DISK/dumps/${copied} && echo same`)).trim(), "same");
 
   const pid = await camera.pid("Vandrel");

@@ -101,6 +101,15 @@ describe("crashes", () => {
     assert.equal((await camera.action("systemlog_trigger", { do: "list" })).body, "{\"active\":0,\"systemlog_trigger_rules\":[]}");
   });
 
+  test("without an interval reports are made on log messages alone", async () => {
+    for (const recurrence_crash_reports of ["log", "both"]) {
+      await start(camera, { recurrence_crash_reports });
+      const text = await camera.shell(`cat ${await session(camera)}/Session_Information.txt`);
+      assert.deepEqual(text.match(/^Advanced Debug Mode: .*/gm), ["Advanced Debug Mode: Crash Report generation based on Log Message configured."]);
+      await stop(camera);
+    }
+  });
+
   test("a report that the stop of the session meets is packed with what it has", async () => {
     const root = (await files(camera, "-d /var/spool/storage/SD_DISK/Vandrel_*"))[0];
     await run(camera, "dcore", "hang");

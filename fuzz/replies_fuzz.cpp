@@ -4,6 +4,7 @@
 #include "environment.h"
 #include "eventlistener.h"
 #include "filehandler.h"
+#include "key_filter.h"
 #include "log.h"
 #include "ptz.h"
 #include "storage_investigator.h"
@@ -125,9 +126,23 @@ void storages(const std::string &print) {
     (void)reader.is_healthy();
 }
 
-constexpr void (*parsers[])(const std::string &) = {controller,  streamer,     top,
-                                                    events,      ptz_presets,  ptz_movements,
-                                                    resolutions, kernel_files, storages};
+// The first line is the key, what follows is searched.
+void key_filters(const std::string &print) {
+    const std::size_t end = print.find('\n');
+    if (end == 0 || end == std::string::npos) {
+        return;
+    }
+    const std::string text = print.substr(end + 1);
+    const std::string key = print.substr(0, end);
+    const key_filter filter = filter_of(key);
+    require(text.find(key) == std::string::npos || may_contain(pairs_of(text.c_str()), filter),
+            "a line with the key is filtered out");
+    require(may_contain(pairs_of((text + key).c_str()), filter), "the key is filtered out");
+}
+
+constexpr void (*parsers[])(const std::string &) = {
+    controller,    streamer,    top,          events,   ptz_presets,
+    ptz_movements, resolutions, kernel_files, storages, key_filters};
 
 } // namespace
 

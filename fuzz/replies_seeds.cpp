@@ -23,6 +23,7 @@ const char *const prints[] = {
     "Inter-|   Receive  |  Transmit\n face |bytes    packets errs drop|bytes packets errs drop\n"
     "    lo: 12 1 0 0 12 1 0 0\nNode 0, zone   Normal    1    2\nload average: 1.00, 0.5, 2\n",
     "\"SD_DISK\"\n1\n2\n\"OK\"\n4\ntrue\ntrue\n8\nfalse\nfalse\n}\n",
+    "does not answer\nsensor 0007 does not answer, attempt 3",
 };
 
 } // namespace

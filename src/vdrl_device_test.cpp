@@ -1,12 +1,12 @@
 #include "vdrl_device_test.h"
 
 #include "app_state.h"
+#include "check_queue.h"
 #include "csv.h"
 #include "dateutil.h"
 #include "fileutil.h"
 #include "http.h"
 #include "log.h"
-#include "loop.h"
 #include "session_globals.h"
 #include "shell_word.h"
 #include "storage_investigator.h"
@@ -14,11 +14,8 @@
 #include "sysutil.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
-#include <deque>
-#include <glib-unix.h>
 #include <sys/wait.h>
 #include <utility>
 
@@ -174,34 +171,7 @@ void empty_storage_logs(const std::string &serial) {
     errno = 0;
 }
 
-// --- Checks: their commands run beside the daemon, their results count in the order of the rules
-
-enum class check_tool { ping, tcptest, nc };
-enum class check_state { waiting, running, ended };
-
-// From the run in which its rule is due until its result has been counted.
-struct check {
-    nc_rules_t *rule; // null once that has been removed
-    std::string serial;
-    check_tool tool = check_tool::ping;
-    std::string command{};
-    check_state state = check_state::waiting;
-    running_command child{};
-    std::string output{}; // its start, at most output_max bytes
-    int wait_status = 0;
-    int runs = 0; // of the device test that have found the command running
-};
-
-// Commands at a time: a small device carries so many processes.
-constexpr int running_max = 32;
-constexpr std::size_t output_max = 4096;
-// A check that has not ended after this many runs (two minutes) is killed; most commands have a
-// limit of seconds themselves.
-constexpr int runs_max = 12;
-
-std::deque<check> checks;
-bool is_counting = false; // an idle source counts results
-int running = 0;
+// --- Checks
 
 // The next line of the text, which loses it.
 std::string_view take_line(std::string_view &text) {
@@ -227,7 +197,7 @@ bool host_has_answered(std::string_view output) {
 }
 
 // False, with an error line, when the command could not be waited for or was killed.
-bool ended_well(const check &c) {
+bool ended_well(const check_result &c) {
     if (c.wait_status == -1) {
         log_error("[nfd]: Error reported by pclose from command: %s", c.command.c_str());
         return false;
@@ -261,34 +231,34 @@ void note_unreachable(nc_rules_t &rule, const std::string &serial, const std::st
     ++rule.fail_count;
 }
 
-void vdrl_dt_icmp(nc_rules_t &rule, const check &c) {
+void vdrl_dt_icmp(nc_rules_t &rule, const std::string &serial, const check_result &c) {
     const bool reachable = ended_well(c);
     ++rule.checks_total;
     if (reachable) {
-        note_reachable(rule, c.serial);
+        note_reachable(rule, serial);
     } else {
-        note_unreachable(rule, c.serial, rule.nc_address + " (ICMP)");
+        note_unreachable(rule, serial, rule.nc_address + " (ICMP)");
     }
 }
 
 // The tool prints only on failure.
-void count_tcptest(nc_rules_t &rule, const check &c) {
+void count_tcptest(nc_rules_t &rule, const std::string &serial, const check_result &c) {
     ++rule.checks_total;
     if (c.output.empty()) {
-        note_reachable(rule, c.serial);
+        note_reachable(rule, serial);
     } else {
-        note_unreachable(rule, c.serial, host_text(rule));
+        note_unreachable(rule, serial, host_text(rule));
     }
 }
 
 // The events come twice: kept, clients' action rules see both.
-void count_nc(nc_rules_t &rule, const check &c) {
+void count_nc(nc_rules_t &rule, const std::string &serial, const check_result &c) {
     std::string_view rest = c.output;
     while (!rest.empty()) {
         if (!take_line(rest).starts_with(nc_prefix)) {
             send_event_nfd(rule.events.ping_ok);
             rule.connected = true;
-            vdrl_dt_log_status(rule, true, c.serial);
+            vdrl_dt_log_status(rule, true, serial);
             ++rule.checks_total;
             rule.fail_count = 0;
             send_event_nfd(rule.events.ping_ok);
@@ -297,7 +267,7 @@ void count_nc(nc_rules_t &rule, const check &c) {
         ++rule.fails_total;
         ++rule.fail_count;
         rule.connected = false;
-        vdrl_dt_log_status(rule, false, c.serial);
+        vdrl_dt_log_status(rule, false, serial);
         if (rule.fail_count >= rule.nbr_of_fails) {
             send_event_nfd(rule.events.ping_not_ok);
             if (rule.fail_count == 1) {
@@ -314,126 +284,49 @@ void count_nc(nc_rules_t &rule, const check &c) {
         send_event_nfd(rule.events.ping_not_ok);
         rule.connected = false;
     } else { // connected, and the host said nothing
-        note_reachable(rule, c.serial);
+        note_reachable(rule, serial);
     }
 }
 
-void vdrl_dt_tcp(nc_rules_t &rule, const check &c) {
-    if (c.tool == check_tool::tcptest) {
-        count_tcptest(rule, c);
+// The status of these commands does not count.
+void vdrl_dt_tcp(nc_rules_t &rule, const std::string &serial, const check_result &c) {
+    if (c.command.starts_with(tcptest_path)) {
+        count_tcptest(rule, serial, c);
     } else {
-        count_nc(rule, c);
+        count_nc(rule, serial, c);
     }
-    (void)ended_well(c); // its status does not count
+    (void)ended_well(c);
 }
 
-void count_result(const check &c) {
-    errno = 0;
-    if (c.rule == nullptr) {
-        return;
+check_command begin_check(nc_rules_t &rule, const std::string &serial) {
+    if (!rule.nc_start_time) {
+        rule.nc_start_time = date_format_now(date_format_information);
     }
-    c.rule->being_checked = false;
-    if (c.tool == check_tool::ping) {
-        vdrl_dt_icmp(*c.rule, c);
-    } else {
-        vdrl_dt_tcp(*c.rule, c);
-    }
-}
-
-bool may_be_counted(const check &c) {
-    return c.state == check_state::ended || (c.state == check_state::waiting && c.rule == nullptr);
-}
-
-// One result per idle call, as it may write to a slow storage: the loop serves others in between.
-gboolean count_next(gpointer) noexcept {
-    if (!checks.empty() && may_be_counted(checks.front())) {
-        count_result(checks.front());
-        checks.pop_front();
-    }
-    is_counting = !checks.empty() && may_be_counted(checks.front());
-    return is_counting ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
-}
-
-void start_waiting();
-
-void note_end(GPid, gint wait_status, gpointer data) noexcept {
-    auto &c = *static_cast<check *>(data);
-    c.state = check_state::ended;
-    c.wait_status = wait_status;
-    --running;
-    start_waiting();
-    if (!std::exchange(is_counting, true)) {
-        storage_of_results.is_known = false;
-        loop_add_idle(count_next, nullptr);
-    }
-}
-
-gboolean take_output(gint descriptor, GIOCondition, gpointer data) noexcept {
-    auto &c = *static_cast<check *>(data);
-    std::array<char, output_max> piece;
-    const ssize_t size = TEMP_FAILURE_RETRY(::read(descriptor, piece.data(), piece.size()));
-    if (size > 0) {
-        c.output.append(piece.data(),
-                        std::min(static_cast<std::size_t>(size), output_max - c.output.size()));
-        const bool is_enough = c.tool == check_tool::nc &&
-                               (c.output.size() == output_max || host_has_answered(c.output));
-        if (!is_enough) {
-            return G_SOURCE_CONTINUE;
-        }
-    }
-    (void)c.child.output.close();
-    loop_add_child(c.child.pid, note_end, &c);
-    return G_SOURCE_REMOVE;
-}
-
-void choose_command(check &c) {
-    const nc_rules_t &rule = *c.rule;
+    check_command command;
+    const char *address = rule.nc_address.c_str();
     if (rule.port == nc_port_icmp) {
-        c.tool = check_tool::ping;
-        c.command = format_bounded(check_command_size, "ping \"%s\" 2>&1", rule.nc_address.c_str());
+        command.text = format_bounded(check_command_size, "ping \"%s\" 2>&1", address);
     } else if (is_executable(tcptest_path)) {
-        c.tool = check_tool::tcptest;
-        c.command = format_bounded(check_command_size, "%s 4 \"%s\" %d 2>&1", tcptest_path,
-                                   rule.nc_address.c_str(), rule.port);
+        command.text = format_bounded(check_command_size, "%s 4 \"%s\" %d 2>&1", tcptest_path,
+                                      address, rule.port);
     } else {
-        c.tool = check_tool::nc;
-        c.command = format_bounded(check_command_size, "printf \"%s\" | nc -w 4 \"%s\" %d 2>&1",
-                                   rule.port == http_port ? http_probe : "TEST",
-                                   rule.nc_address.c_str(), rule.port);
+        command.text =
+            format_bounded(check_command_size, "printf \"%s\" | nc -w 4 \"%s\" %d 2>&1",
+                           rule.port == http_port ? http_probe : "TEST", address, rule.port);
+        command.is_enough = host_has_answered;
     }
-}
-
-void start(check &c) {
-    choose_command(c);
-    c.child = start_command(c.command.c_str());
-    if (!c.rule->nc_start_time) {
-        c.rule->nc_start_time = date_format_now(date_format_information);
-    }
-    c.state = check_state::running;
-    ++running;
-    loop_add_fd(c.child.output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
-                take_output, &c);
-}
-
-void start_waiting() {
-    for (check &c : checks) {
-        if (running == running_max) {
-            break;
+    command.count = [&rule, serial](const check_result &c) {
+        if (c.is_first) {
+            storage_of_results.is_known = false;
         }
-        if (c.state == check_state::waiting && c.rule != nullptr) {
-            start(c);
+        rule.being_checked = false;
+        if (rule.port == nc_port_icmp) {
+            vdrl_dt_icmp(rule, serial, c);
+        } else {
+            vdrl_dt_tcp(rule, serial, c);
         }
-    }
-    errno = 0;
-}
-
-void end_endless_ones() {
-    for (check &c : checks) {
-        if (c.state == check_state::running && ++c.runs == runs_max) {
-            ::kill(-c.child.pid, SIGKILL);
-        }
-    }
-    errno = 0;
+    };
+    return command;
 }
 
 // --- The list
@@ -461,11 +354,7 @@ std::unique_ptr<nc_rules_t> &find_rule(std::unique_ptr<nc_rules_t> &rules,
 }
 
 void vdrl_dt_rule_free(std::unique_ptr<nc_rules_t> &rule) {
-    for (check &c : checks) {
-        if (c.rule == rule.get()) {
-            c.rule = nullptr;
-        }
-    }
+    check_queue_forget(rule.get());
     nfd_event_undeclare(rule->events);
     rule.reset();
 }
@@ -613,14 +502,13 @@ void vdrl_dt_rules_print(const nc_rules_t *rules, GDataOutputStream *stream) {
 
 void vdrl_dt_run(nc_rules_t *rules, const std::string &serial) {
     static std::uint64_t timer_tick = 1; // never 0, at which every rule would be due
-    end_endless_ones();
     for (nc_rules_t *rule = rules; rule != nullptr; rule = rule->next.get()) {
         const bool is_due = rule->timer != 0 && timer_tick % rule->timer == 0;
         if (is_due && !std::exchange(rule->being_checked, true)) {
-            checks.push_back({rule, serial});
+            check_queue_add(rule, [rule, serial] { return begin_check(*rule, serial); });
         }
     }
-    start_waiting();
+    check_queue_run();
     timer_tick = timer_tick == timer_tick_wrap ? 1 : timer_tick + 1;
 }
 

@@ -333,13 +333,15 @@ TEST_F(Crash, KernelDumpsAreCopiedOnce) {
               "INFO Systemlog kernel crash detection: Found new kernel crash archive, ee.elf.lzo, "
               "will copy it to the monitoring session under 'coredumps'.");
 
-    // A copy that does not work is said once and tried again.
+    // A copy that does not work is said once and tried again; one beside it is made, once.
     write_file(dumps + "late.elf.lzo", "x");
+    write_file(dumps + "fine.elf.lzo", "y");
     fs::create_directory(cores + "late.elf.lzo");
     log_.clear();
     update_kernel_crash_status(session, serial);
     update_kernel_crash_status(session, serial);
-    EXPECT_EQ(log_.texts().size(), 3U); // found, and twice why not
+    EXPECT_EQ(log_.texts().size(), 4U); // found both, and twice why not
+    EXPECT_EQ(read_file(cores + "fine.elf.lzo"), "y");
     fs::remove(cores + "late.elf.lzo");
     update_kernel_crash_status(session, serial);
     EXPECT_EQ(read_file(cores + "late.elf.lzo"), "x");

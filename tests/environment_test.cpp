@@ -226,3 +226,16 @@ TEST(Radar, CopiesDataOnceAndStatisticsEveryTime) {
     EXPECT_EQ(read_file(target + "instqual_lt_stats_0.csv"), "2");
     EXPECT_EQ(log.texts().size(), 6U) << "a line for each that is no file";
 }
+
+// The last one: the service is left out from then on.
+TEST(Environment, AHeaterThatHangsEndsItsRound) {
+    service({{"GetNbrOfHeaters", head("   int32 3\n")}});
+    start({});
+    install_tool("dbus-send",
+                 "echo \"$*\" >> /tmp/asked\ncase \"$*\" in *int32:1) sleep 1; exit 1 ;; esac\n"
+                 "echo '   string \"Running\"'\n");
+    write_file("/tmp/asked", "");
+    store_heater_status(environment);
+    EXPECT_EQ(list_folder(environment), texts{"Heater_0.csv"});
+    EXPECT_EQ(read_file("/tmp/asked").find("int32:2"), std::string::npos);
+}

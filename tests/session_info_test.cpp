@@ -109,7 +109,7 @@ TEST(SessionInfo, RewritesOneField) {
               "x\nCollected Data Points: 1\n");
 }
 
-TEST(SessionInfo, KeepsTheOldFileWhenTheNewOneCanNotBeWritten) {
+TEST(SessionInfo, LosesNothingWhenANewFileCanNotBeWritten) {
     const std::string folder = fresh_folder();
     log_capture log;
     update_session_duration(folder);
@@ -126,6 +126,17 @@ TEST(SessionInfo, KeepsTheOldFileWhenTheNewOneCanNotBeWritten) {
               "Duration: 0 Days 0 hours 1 minutes\n");
     EXPECT_EQ(log.lines().size(), 1U);
     log.clear();
+    // On a full storage it is written in place.
+    const std::string full = fresh_folder();
+    const std::string others(5000, 'x');
+    ASSERT_EQ(std::system(("mount -t tmpfs -o size=16k none " + full).c_str()), 0);
+    write_file(full + "/Session_Information.txt", "Duration: 0 Days 0 hours 9 minutes\n" + others);
+    write_file(full + "/rest", std::string(8192, 'x'));
+    update_session_duration(full);
+    EXPECT_EQ(read_file(full + "/Session_Information.txt"),
+              "Duration: 0 Days 0 hours 10 minutes\n" + others);
+    EXPECT_EQ(list_folder(full), (std::vector<std::string>{"Session_Information.txt", "rest"}));
+    EXPECT_TRUE(log.lines().empty());
     read_and_update_session_info(folder, std::string(1001, 'x'), update_data_points, "1");
     EXPECT_NE(log.texts().at(0).find("Cannot read field names larger than 1000 characters"),
               std::string::npos);

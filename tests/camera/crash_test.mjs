@@ -101,6 +101,15 @@ describe("crashes", () => {
     assert.equal((await camera.action("systemlog_trigger", { do: "list" })).body, "{\"active\":0,\"systemlog_trigger_rules\":[]}");
   });
 
+  test("without an interval reports are made on log messages alone", async () => {
+    for (const recurrence_crash_reports of ["log", "both"]) {
+      await start(camera, { recurrence_crash_reports });
+      const text = await camera.shell(`cat ${await session(camera)}/Session_Information.txt`);
+      assert.deepEqual(text.match(/^Advanced Debug Mode: .*/gm), ["Advanced Debug Mode: Crash Report generation based on Log Message configured."]);
+      await stop(camera);
+    }
+  });
+
   test("a report that the stop of the session meets is packed with what it has", async () => {
     const root = (await files(camera, "-d /var/spool/storage/SD_DISK/Vandrel_*"))[0];
     await run(camera, "dcore", "hang");
@@ -133,15 +142,15 @@ test("kernel dumps are copied once, also when switching takes a restart", async 
   assert.equal((await camera.shell("sysctl debug.crashdump")).trim(), "debug.crashdump = storage");
 
   await run(camera, "kernel-crash", "SD_DISK", "--size", "30000000"); // and the restart that comes with it
-  const copied = await until(async () => (await files(camera, `${folder}/coredumps`))[0], "the dump");
+  const found = async () => files(camera, `${folder}/coredumps`);
+  await until(async () => (await found()).length > 1, "the dump and its report");
+  const [copied, report] = await found();
+  assert.equal(report, `${copied}_server-report.log`); // as that of a core
   await run(camera, "reboot");
   await until(async () => (await state(camera)).active === 1);
   await until(async () => (await log(camera, "Continuing System Monitoring Session")) !== "");
-  // Copied once, with the report of a core under its own name.
-  assert.deepEqual(await until(async () => {
-    const found = await files(camera, `${folder}/coredumps`);
-    return found.length > 1 && found;
-  }), [copied, `${copied}_server-report.log`]);
+  await until(async () => (await found()).length > 0);
+  assert.deepEqual(await found(), [copied, report]); // copied once
   assert.equal((await camera.shell(`cmp ${folder}/coredumps/${copied} /var/spool/storage/SD_DISK/dumps/${copied} && echo same`)).trim(), "same");
 
   const pid = await camera.pid("Vandrel");

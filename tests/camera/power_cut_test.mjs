@@ -52,7 +52,7 @@ class CountingCamera extends Camera {
   async cutAt(n, work = async () => {}) {
     this.killAt(n);
     const working = work().catch(() => {});
-    const cut = await until(() => this.changes >= n, "the power cut", 10_000).catch(() => false);
+    const cut = await until(() => this.changes >= n, "the power cut", 30_000).catch(() => false);
     if (cut) await this.command("stop", "--now");
     await working;
     this.killAt(0);

@@ -127,6 +127,19 @@ describe("a trace", () => {
     assert.equal((await camera.command("fill", "SD_DISK", "10")).status, 0);
   });
 
+  test("keeps its raw capture when the repair leaves out much of it, and says why", async () => {
+    await start("damaged");
+    const folder = `${root}/damaged`;
+    await until(async () => (await camera.exec("test", "-s", `${folder}/pcapdump.pcap`)).status === 0);
+    // The tool goes on at its own place, over the first of them.
+    await camera.shell(`head -c 200000 /dev/zero >>${folder}/pcapdump.pcap`);
+    await stop();
+    await view();
+    assert.ok(await packets(`${folder}/pcapdump.pcap`) > 0);
+    assert.match(await camera.shell(`cat ${folder}/note.txt`),
+      /The raw capture pcapdump.pcap was kept: the repair left out more than its unfinished end\./);
+  });
+
   test("is refused for names that are none, and nothing is run", async () => {
     for (const name of ["", "a b", "../x", "a/b", ".", "..", "'; touch /tmp/run; '", "$(touch /tmp/run)",
       "-rf", "x".repeat(5000), "a\n"]) {

@@ -194,6 +194,7 @@ class trace_packing {
         if (hangs) {
             log_warning("The archive of '%s' makes no progress: its packing is ended.",
                         folder_.c_str());
+            collect_wireshark_sessions(true); // the script would have, at its end
         }
         return true;
     }

@@ -269,6 +269,7 @@ END
         echo POWER_SUPPLY_NAME=BAT0 >hwmon/hwmon0/device/uevent; echo 12000 >hwmon/hwmon0/in0_input
         echo poe/1 >hwmon/hwmon1/name; echo 250 >hwmon/hwmon1/curr1_input; echo 12000000 >hwmon/hwmon1/power1_input
         mkdir -p /usr/local/packages/Other; echo 'VERSION="1.2"' >/usr/local/packages/Other/package.conf
+        mkdir -p /usr/local/packages/Third; printf '{\n"of": 1, "version": "2", "needs": {"version" : "3.1"}}' >/usr/local/packages/Third/manifest.json
         sleep 6 # what is too young is left out`);
       await sample();
       const tree = `${session}/system_monitoring`;
@@ -302,6 +303,7 @@ END
       assert.deepEqual(await csv("environment/power.csv"), ["DATE,TIME,POWER_mW", "12000", "12000"]);
       assert.match((await csv("vela/Vandrel.csv"))[1], /^[^,]*,running,1,\d+$/);
       assert.match((await csv("vela/Other.csv"))[2], /^1\.2,stopped,0,\d+$/);
+      assert.match((await csv("vela/Third.csv"))[1], /^3\.1,stopped,0,\d+$/);
 
       await camera.shell(`umount /sys/class; mount -t tmpfs none /sys/class; rm -r ${tree}/monitoring_environment/*`);
       await camera.command("fill", "SD_DISK", "100");

@@ -26,7 +26,7 @@ const tick = async () => Number((await ask("list_data")).body.match(/"current_ti
 
 /** The least of some looks: what a command that runs just now needs is not what the daemon keeps. */
 async function held() {
-  const looks = (await camera.shell(`pid=$(pidof Vandrel); for i in $(seq ${SAMPLES}); do
+  const looks = (await camera.shell(`pid=${await camera.pid("Vandrel")}; for i in $(seq ${SAMPLES}); do
     echo $(sed -n 's/^VmRSS:\\s*\\([0-9]*\\).*/\\1/p;s/^Threads:\\s*//p' /proc/$pid/status) \\
       $(ls /proc/$pid/fd | wc -l) $(cat /proc/[0-9]*/stat 2>/dev/null | grep -c ") Z $pid " || :) $pid
     sleep 30; done`)).trim().split("\n").map((line) => line.split(" ").map(Number));

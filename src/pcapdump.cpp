@@ -3,6 +3,7 @@
 #include "app_state.h"
 #include "fileutil.h"
 #include "log.h"
+#include "loop.h"
 #include "pcap.h"
 #include "process_list.h"
 #include "session_globals.h"
@@ -154,21 +155,64 @@ std::string index_json() {
     return out + (open ? ", \"stoptime\": \"Active\"}" : "");
 }
 
-// Runs one of the scripts for the end of a trace; they work in the trace's folder.
-void run_session_script(const std::string &folder, const std::string &recording, const char *verb) {
-    (void)system_ret(format_bounded(script_command_size,
-                                    "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' "
-                                    "'%s' %s",
-                                    folder.c_str(), serial_number.value_or("").c_str(),
-                                    recording.c_str(), verb)
-                         .c_str());
+std::string session_script(const std::string &folder, const std::string &recording,
+                           const char *verb) {
+    return format_bounded(
+        script_command_size, "/usr/local/packages/Vandrel/wireshark_session.sh '%s' '%s' '%s' %s",
+        folder.c_str(), serial_number.value_or("").c_str(), recording.c_str(), verb);
 }
+
+// A script that packs a trace, for as long as the trace is large. A script that hangs uses no
+// processor time: it is ended after some minutes, long before its limit.
+class trace_packing {
+  public:
+    trace_packing(std::string folder, const std::string &command)
+        : folder_(std::move(folder)), script_(command.c_str(), -1) {}
+
+    void wait_for_end() {
+        while (!has_ended(1min)) {
+        }
+    }
+
+    // Waits at most for `patience`. To be asked once a minute.
+    bool has_ended(std::chrono::milliseconds patience) {
+        if (script_.wait(patience)) {
+            return true;
+        }
+        const auto ticks = script_.cpu_ticks();
+        minutes_still_ = ticks == ticks_ ? minutes_still_ + 1 : 0;
+        ticks_ = ticks;
+        const bool hangs = minutes_still_ >= still_minutes_max;
+        if (!hangs && loop_time_left() > 0ms) {
+            return false;
+        }
+        (void)script_.end();
+        for (const char *file : {"zip_info.txt", "wireshark_archive.new.zip"}) {
+            file_remove(in_folder(folder_, file).c_str());
+        }
+        errno = 0;
+        if (hangs) {
+            log_warning("The archive of '%s' makes no progress: its packing is ended.",
+                        folder_.c_str());
+        }
+        return true;
+    }
+
+  private:
+    static constexpr int still_minutes_max = 3;
+
+    std::string folder_;
+    command_beside script_;
+    std::optional<unsigned long long> ticks_;
+    int minutes_still_ = 0;
+};
 
 // --- Traces that a restart or the loss of their storage has cut off
 
 std::optional<std::string> known_mounts; // of the storages, as the kernel lists them
 bool index_is_new = true;                // since it was looked through
 std::vector<std::string> cut_off;
+std::optional<trace_packing> mending; // beside the loop
 
 // "38 27 179:1 / /var/spool/storage/SD_DISK rw,nosuid - ext4 /dev/mmcblk0p1 rw"; the first number
 // is another one when the storage has come back. The storages themselves are not touched.
@@ -218,16 +262,20 @@ void find_cut_off() {
 void mend(const std::string &folder) {
     log_info("The trace in '%s' was cut off: it is repaired and packed.", folder.c_str());
     const std::string recording = folder.substr(folder.rfind('/') + 1);
-    run_session_script(folder, recording, "cut");
+    (void)system_ret(session_script(folder, recording, "cut").c_str());
     if (has_file(folder, "pcapdump.pcap")) {
         terminate_pcapdump(folder);
     }
-    run_session_script(folder, recording, "stop");
+    mending.emplace(folder, session_script(folder, recording, "stop"));
 }
 
 } // namespace
 
 void mend_cut_off_traces() {
+    if (mending && !mending->has_ended(0ms)) {
+        return;
+    }
+    mending.reset();
     if (wireshark_session_destination) {
         return; // the running trace uses the same tools
     }
@@ -348,7 +396,9 @@ void action_stop_wireshark_session(GDataOutputStream *stream, GHashTable *) {
     pcapdump_is_active = false;
     const long_reply_turns turns(long_reply::trace_repair);
     terminate_pcapdump(*wireshark_session_destination);
-    run_session_script(*wireshark_session_destination, current_rec_id, "stop");
+    trace_packing(*wireshark_session_destination,
+                  session_script(*wireshark_session_destination, current_rec_id, "stop"))
+        .wait_for_end();
     if (!is_directory(wireshark_session_destination->c_str())) {
         known_mounts = ""; // to be mended when its storage is back, however soon that was
     }
@@ -392,11 +442,11 @@ void action_download_wireshark_session(GDataOutputStream *stream, GHashTable *ar
                           name + "\"\r\n");
     const long_reply_turns turns(long_reply::trace_archive);
     if (folder == wireshark_session_destination) {
-        (void)system_ret(format_bounded(script_command_size,
-                                        "/usr/local/packages/Vandrel/update_wireshark_session.sh "
-                                        "'%s'",
-                                        folder)
-                             .c_str());
+        trace_packing(folder,
+                      format_bounded(script_command_size,
+                                     "/usr/local/packages/Vandrel/update_wireshark_session.sh '%s'",
+                                     folder))
+            .wait_for_end();
     }
     output_file(stream, in_folder(folder, "wireshark_archive.zip").c_str());
     log_info("Wireshark+Video archive \"%s\" downloaded", name.c_str());

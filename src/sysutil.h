@@ -65,6 +65,11 @@ class command_beside {
     // Ends it, if it still runs, with all that it has started: its wait status.
     int end();
 
+    // The processor time of what runs of it, in ticks.
+    [[nodiscard]] std::optional<unsigned long long> cpu_ticks() const {
+        return group_cpu_ticks(pid_);
+    }
+
   private:
     void finish(int status, bool was_ended);
 

@@ -147,6 +147,8 @@ const FAULTS = [
     'restart', 'grave', /^The camera or the daemon went down without having been ended, .* 4 times/, ''],
   ['a plug with errors', { fault: { errors: (time) => Math.max(0, time - 2 * DAY) / 30 } },
     'network errors', 'warning', /^eth0 counted 14,\d+ of “received: errors”, at most 120 in an hour, from /, 'errors-eth0'],
+  ['a plug that is loose', { fault: { log: evenly(12, 2 * DAY, 3 * DAY).map((time) => [time, 'INFO', 'kernel: tvnet 1000.eth eth0: Link is Down']) } },
+    'link', 'warning', /^The link of eth0 went down 12 times between 2026-10-22 06:00 and 2026-10-23 06:00, mostly 2 h 11 min apart\.$/, 'traffic-eth0'],
   ['a link that was down', { fault: { errors: () => 0, link: (time) => time < 2 * DAY || time > 2 * DAY + 3 * HOUR } },
     'traffic', 'warning', /^Traffic of eth0 broke off once, at 2026-10-22 06:0., for (?:2 h 58|3 h)/, 'traffic-eth0'],
 ];

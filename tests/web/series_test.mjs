@@ -93,6 +93,8 @@ test('holes, a clock set back, and counters that begin anew', () => {
   assert.equal(values[3], null);
   const back = seriesOf(tableOf('Date,Time,N\n2026-10-25,02:58:00,1\n2026-10-25,02:00:00,2\n'))[0];
   assert.deepEqual(back.values, [2, 1]);
+  const over = seriesOf(tableOf('Date,Time,N\n' + ['02:57:00,60', '02:59:00,180', '02:58:00,240', '03:00:00,360'].map((row) => `2026-10-25,${row}\n`).join('')))[0];
+  assert.deepEqual(rateOf(over).values, [null, null, 1, 1]); // from the row written before, not the one of the time before
   // Two files' rows fall on different times: neither breaks the other's line.
   const of = (name, line, cells) => ({ name, times: line, values: cells, categories: null });
   assert.deepEqual(aligned([of('a', [0, 120], [1, 2]), of('b', [30, 150], [3, null])]),

@@ -58,7 +58,7 @@ export const SEVERITIES = /** @type {const} */ (['grave', 'warning', 'note']);
 
 /** In which order findings of one severity stand: causes before what comes of them. */
 const ORDER = ['kernel dump', 'full storage', 'storage lost', 'crash', 'clock', 'restart', 'calls', 'more calls', 'log storm', 'memory of a process', 'slab caches',
-  'memory of the system', 'memory low', 'page faults', 'process takes a core', 'fan', 'temperature', 'load', 'host', 'traffic', 'network errors', 'bandwidth',
+  'memory of the system', 'memory low', 'page faults', 'process takes a core', 'fan', 'temperature', 'load', 'link', 'host', 'traffic', 'network errors', 'bandwidth',
   'errors in the log', 'images', 'rows', 'triggers'];
 
 /** @type {Rule[]} */
@@ -99,7 +99,7 @@ async function createKnown({ recording, source, contents, marks, range, signal }
     if (bytes > MOST_LOG_BYTES) {
       remarks.push(`of ${path} all but the last ${byteSize(MOST_LOG_BYTES)}`);
     }
-    return digest.finish(steps);
+    return digest.finish(bytes > MOST_LOG_BYTES ? 0 : steps);
   }
   const allRows = contents.csv.some(({ path }) => path === REGULAR) ? (await source.table(REGULAR, /./, { signal })).times : [];
   const rows = allRows.filter(within);

@@ -28,10 +28,13 @@ const CRASHES = [
   /systemd\[1\]: ([\w.@-]{1,64})\.service: Main process exited, code=(?:dumped|killed), status=(?:4|6|7|8|11)\//,
 ];
 const FOR_MEMORY = /kernel: .*(?:Out of memory: )?Killed process \d+ \(([^)]{1,64})\)/;
+// "kernel: tvnet 1000.eth eth0: Link is Down", "systemd-networkd[80]: eth0: Lost carrier"
+const LINK_DOWN = /\b((?:eth|en|wlan|wl|br)[\w.]{1,13}): (?:.*\b)?(?:link (?:is )?down|lost carrier)\b/i;
 const OF_SELF_TEST = /^A test \w+ message!/; // of the page, to try out triggers
 const MAYBE_PLANNED = /eboot|estart|hutdown|ower|irmware|taken up|going down|sysupgrade/;
 const START_S = 120; // that a session takes to start
 const SAME_CRASH_S = 5;
+const SAME_LINK_S = 2; // the kernel and the network's service each tell of it
 const CLOCK_S = 60; // by which a clock is set at least to be told
 const PROCESSORS = /\bBrought up \d+ nodes?, (\d{1,3}) CPUs?\b|\bTotal of (\d{1,3}) processors activated/;
 const CLOCK_SET = /\b(?:chronyd|ntpd|ntpdate|sntp|systemd-timesyncd)\b.*\b(?:stepped|step|reset|set|jump\w*)\b.*?([-+]?\d+(?:\.\d+)?) ?s(?:ec|\b)/i;
@@ -94,6 +97,8 @@ export function logDigest(within = () => true) {
   const starts = [];
   /** @type {Map<string, {times: number[], forMemory: number}>} */
   const crashes = new Map();
+  /** @type {Map<string, number[]>} when the link of each interface went down */
+  const links = new Map();
   /** @type {{time: number, by: number}[]} */
   const zoneSteps = [];
   let zone = NaN;
@@ -133,6 +138,16 @@ export function logDigest(within = () => true) {
         crash.times.push(time);
         crash.forMemory += Number(forMemory !== undefined);
       }
+    }
+  }
+
+  /** @param {string} line @param {number} time */
+  function linkAt(line, time) {
+    const name = LINK_DOWN.exec(line)?.[1];
+    const known = name === undefined ? undefined : links.get(name) ?? (links.size < MOST_PROGRAMS ? [] : undefined);
+    if (name !== undefined && known && known.length < MOST_STEPS && !(Math.abs(time - (known.at(-1) ?? -Infinity)) <= SAME_LINK_S)) {
+      known.push(time);
+      links.set(name, known);
     }
   }
 
@@ -192,6 +207,9 @@ export function logDigest(within = () => true) {
         return;
       }
       crashAt(line, program, time);
+      if (program === 'kernel' || program.startsWith('systemd-n')) {
+        linkAt(line, time);
+      }
       if (MAYBE_PLANNED.test(line) && PLANNED.test(line)) {
         planned.push(time);
       } else if (line.includes(': Monitoring session started (')) {
@@ -206,7 +224,7 @@ export function logDigest(within = () => true) {
     },
     finish() {
       return {
-        all, errors, steps, clockSteps, zoneSteps, crashes, processors,
+        all, errors, steps, clockSteps, zoneSteps, crashes, links, processors,
         patterns: [...patterns.values()].filter(({ count }) => count > 0).sort((a, b) => a.severity - b.severity || b.count - a.count),
         usual: usualCount([...steps.values()].map(({ count }) => count)),
         planned: planned.filter((time) => !starts.some((start) => start >= time && start < time + START_S)),

@@ -41,6 +41,7 @@ const NAMING = /^(?:zone|name|address|port)$/i;
  * @property {(number | null)[]} values null where nothing is known
  * @property {string[] | null} categories the texts that the values are indices of
  * @property {string} [unit] as units.js has them
+ * @property {(number | undefined)[]} [before] where a clock was set back: which row was written before each; otherwise the one of the time before
  */
 
 /** Seconds of "2026-11-21" and "08:46:09", NaN when they are no time. @param {string} day @param {string} time */
@@ -436,9 +437,15 @@ export function seriesOf(table) {
   const groups = membersOf(table);
   return [...groups].flatMap(([group, all]) => {
     let members = all;
+    /** @type {(number | undefined)[] | undefined} */
+    let before;
     if (!isAscending(members ? members.map((index) => times[index] ?? 0) : times)) {
       // A clock that was set back: rows stay, in the order of their times.
-      members = [...(members ?? times.keys())].sort((a, b) => (times[a] ?? 0) - (times[b] ?? 0));
+      const written = [...(members ?? times.keys())];
+      members = [...written].sort((a, b) => (times[a] ?? 0) - (times[b] ?? 0));
+      const place = new Map(members.map((row, index) => [row, index]));
+      const beforeRow = new Map(written.map((row, index) => [row, written[index - 1]]));
+      before = members.map((row) => place.get(beforeRow.get(row) ?? -1));
     }
     const chosen = members;
     const ownTimes = chosen ? chosen.map((index) => times[index] ?? 0) : times;
@@ -447,7 +454,7 @@ export function seriesOf(table) {
       if (NAMING.test(column) || values.every((value) => value === null)) {
         return [];
       }
-      const series = { name: groups.size > 1 ? `${group}: ${column}` : column, column, group, times: ownTimes };
+      const series = { name: groups.size > 1 ? `${group}: ${column}` : column, column, group, times: ownTimes, ...(before ? { before } : {}) };
       if (!texts) {
         return [{ ...series, values, categories: null }];
       }
@@ -489,12 +496,13 @@ export function amountRateOf(series) {
  * @returns {Some}
  */
 function perSecond(series, grown) {
-  const { times, values, categories } = series;
+  const { times, values, categories, before } = series;
   return categories ? series : {
     ...series,
     values: values.map((value, index) => {
-      const passed = (times[index] ?? 0) - (times[index - 1] ?? NaN);
-      const growth = value === null || !(passed > 0) ? null : grown(value, values[index - 1] ?? null);
+      const last = (before ? before[index] : index - 1) ?? -1;
+      const passed = (times[index] ?? 0) - (times[last] ?? NaN);
+      const growth = value === null || !(passed > 0) ? null : grown(value, values[last] ?? null);
       return growth === null ? null : growth / passed;
     }),
   };

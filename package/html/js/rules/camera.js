@@ -103,7 +103,7 @@ export const CAMERA_RULES = [
         .some((step) => Math.abs(step.time - time) < limits.near && Math.abs(step.by - by) < limits.near);
       const back = rows.flatMap((time, row) => {
         const before = rows[row - 1] ?? time;
-        return time < before - limits.back && !isSummerTime(time, time - before) ? [{ before, time }] : [];
+        return time < before - limits.back && !isSummerTime(time, time - before) ? [{ before, time, row }] : [];
       });
       for (const { time, by } of log?.zoneSteps ?? []) {
         found.push({ severity: 'note', from: time, to: time, path: LOG,
@@ -111,19 +111,23 @@ export const CAMERA_RULES = [
       }
       const [first] = back;
       if (first) {
+        const by = first.before - first.time;
+        // As a camera does that lost its power, until it hears of the time.
+        const right = by < DAY ? -1 : rows.findIndex((time, row) => row > first.row && time - (rows[row - 1] ?? time) > by / 2);
         found.push({
-          severity: 'warning', from: first.time, to: first.before, path: REGULAR,
-          text: `The clock was set back ${back.length === 1 ? '' : `${times(back.length)}, first `}by ${lasting(first.before - first.time)}, from ${
-            wallText(first.before)} to ${wallText(first.time)}.`,
+          severity: 'warning', from: by < DAY ? first.time : first.before, to: rows[right] ?? first.before, path: REGULAR,
+          text: `The clock was set back ${back.length === 1 ? '' : `${times(back.length)}, first `}by ${lasting(by)}, from ${
+            wallText(first.before)} to ${wallText(first.time)}${right < 0 ? '' : `, and forward again, from ${wallText(rows[right - 1] ?? 0)} to ${wallText(rows[right] ?? 0)}`}.`,
         });
       }
+      const writtenBefore = new Map(rows.map((time, row) => [time, rows[row - 1]]));
       for (const { from, to } of (log?.clockSteps ?? []).slice(0, 5)) {
         found.push({
           severity: 'warning', from: Math.min(from, to), to: Math.max(from, to), path: LOG,
           text: `The clock was set ${to > from ? 'forward' : 'back'} by ${lasting(Math.abs(to - from))} at ${at(to)}, as the log tells.`,
         });
       }
-      const long = gaps.filter(([from, to]) => to - from >= limits.silent && !isSummerTime(to, to - from)).slice(0, limits.shown);
+      const long = gaps.filter(([from, to]) => to - from >= limits.silent && writtenBefore.get(to) === from && !isSummerTime(to, to - from)).slice(0, limits.shown);
       for (const [from, to] of log ? long : []) {
         const told = marks.some(({ time, kind }) => kind !== 'gap' && kind !== 'report' && kind !== 'trigger' && time > from - 600 && time < to + 600);
         const lines = [...log?.steps ?? []].reduce((sum, [step, { count }]) => sum + (step > from && step + LOG_STEP_S < to ? count : 0), 0);

@@ -9,8 +9,8 @@ import { at, DAY, HOUR, lasting, mostOf, percent, times } from './words.js';
 /** @type {import('../findings.js').Rule[]} */
 export const LOG_RULES = [
   {
-    name: 'log storm', subject: 'the log', reads: ['log'], limits: { lines: 1500, usual: 10, few: 600, far: 30, grave: 60000, boot: 900, atBoot: 6000 },
-    why: 'Ten times as many lines in ten minutes as usual, and at least 1,500, or thirty times and 600: what matters is lost among them, and they wear the storage. Some thousand lines are usual when a camera starts.',
+    name: 'log storm', subject: 'the log', reads: ['log'], limits: { lines: 1500, always: 12000, usual: 10, few: 600, far: 30, grave: 60000, boot: 900, atBoot: 6000 },
+    why: 'Ten times as many lines in ten minutes as usual, and at least 1,500, or thirty times and 600, or twenty a second at any rate: what matters is lost among them, and they wear the storage. Some thousand lines are usual when a camera starts.',
     async find({ log, figure, restarts, within }, limits) {
       if (!log || log.all.count === 0) {
         return [];
@@ -18,7 +18,7 @@ export const LOG_RULES = [
       figure('Log', `${counted(log.all.count, 'line')}, ${counted(log.errors.count, 'error')}`);
       const isBoot = (/** @type {number} */ step) => restarts.some((time) => time > step - limits.boot && time < step + LOG_STEP_S + limits.boot);
       const isStorm = (/** @type {number} */ count, /** @type {number} */ step) => (isBoot(step) ? count >= limits.atBoot && count >= limits.usual * log.usual
-        : (count >= limits.lines && count >= limits.usual * log.usual) || (count >= limits.few && count >= limits.far * log.usual));
+        : count >= limits.always || (count >= limits.lines && count >= limits.usual * log.usual) || (count >= limits.few && count >= limits.far * log.usual));
       const storms = [...log.steps].filter(([step, { count }]) => within(step) && isStorm(count, step))
         .sort(([a], [b]) => a - b);
       const fullest = mostOf(storms.map(([, { count }]) => count));

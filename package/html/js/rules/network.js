@@ -1,6 +1,7 @@
 // Rules about what the camera has to do with others: hosts that it tests, callers of its web server,
 // its traffic.
 
+import { LOG } from '../catalogue.js';
 import { LOG_STEP_S } from '../log_digest.js';
 import { median, medians, quantile, smoothed, stretches } from '../robust.js';
 import { wallText } from '../series.js';
@@ -35,8 +36,8 @@ function amounts({ times: moments, values }) {
 /** @type {Rule[]} */
 export const NETWORK_RULES = [
   {
-    name: 'calls', subject: 'callers of the HTTP API', reads: ['http'], limits: { flood: 3000, many: 1000, usual: 10, own: 5, refused: 20 },
-    why: 'Five calls a second for ten minutes keep a camera’s web server busy, where it is not what this caller does all the time; a thousand count where that is ten times what comes from all usually. Twenty refused logins in ten minutes are no typing errors.',
+    name: 'calls', subject: 'callers of the HTTP API', reads: ['http'], limits: { flood: 3000, always: 12000, many: 1000, usual: 10, own: 5, refused: 20 },
+    why: 'Five calls a second for ten minutes keep a camera’s web server busy, where it is not what this caller does all the time; a thousand count where that is ten times what comes from all usually. Twenty a second count even where they come all the time. Twenty refused logins in ten minutes are no typing errors.',
     async find({ http, figure }, limits) {
       if (!http || http.all.count === 0) {
         return [];
@@ -45,7 +46,7 @@ export const NETWORK_RULES = [
       return http.callers.flatMap(({ address, calls, refused, busiest, mostRefused, users, usual: own }) => {
         /** @type {Found[]} */
         const found = [];
-        if ((busiest.count >= limits.flood && busiest.count >= limits.own * own) || (busiest.count >= limits.many && busiest.count >= limits.usual * http.usual)) {
+        if (busiest.count >= limits.always || (busiest.count >= limits.flood && busiest.count >= limits.own * own) || (busiest.count >= limits.many && busiest.count >= limits.usual * http.usual)) {
           found.push({
             severity: 'warning', from: busiest.from, to: Math.max(busiest.from + LOG_STEP_S, calls.last), path: HTTP_LOG, chart: 'http-calls',
             text: `${address} called the web server ${times(calls.count)}, ${percent(calls.count / http.all.count)} of all calls, at most ${
@@ -146,8 +147,19 @@ export const NETWORK_RULES = [
     },
   },
   {
-    name: 'traffic', subject: 'traffic', reads: ['traffic-'], limits: { least: 5000, broken: 0.02, silent: 100, flood: 10, much: MB, time: 10 * MINUTE, rows: 2, rare: 0.1 },
-    why: 'Ten minutes in which nothing came in or went out, where usually something does, are a link that was down; less than 100 B/s are what a network tells everybody, with which somebody who watched has gone. Ten times the usual and a megabyte a second are a flood.',
+    name: 'link', subject: 'the network’s link', reads: ['log'], limits: { down: 3, boot: 5 * MINUTE },
+    why: 'A link goes down when somebody pulls the plug or restarts the switch, and when the camera restarts; three times without that is a wire, a plug or a port that fails.',
+    find: async ({ log, restarts, idsOf }, limits) => [...log?.links ?? []].flatMap(/** @returns {Found[]} */ ([name, all]) => {
+      const moments = all.filter((time) => !restarts.some((restart) => Math.abs(time - restart) < limits.boot)).sort((a, b) => a - b);
+      return moments.length === 0 ? [] : [{
+        severity: moments.length >= limits.down ? 'warning' : 'note', from: moments[0] ?? 0, to: moments.at(-1) ?? 0, path: LOG,
+        chart: idsOf(`traffic-${name}`)[0] ?? 'log', text: `The link of ${name} went down ${often(moments)}.`,
+      }];
+    }),
+  },
+  {
+    name: 'traffic', subject: 'traffic', reads: ['traffic-'], limits: { least: 5000, broken: 0.02, silent: 100, flood: 10, much: MB, time: 10 * MINUTE, rows: 2, rare: 0.1, still: 0.5 },
+    why: 'Ten minutes in which nothing came in or went out, where usually something does, are a link that was down; less than 100 B/s are what a network tells everybody, with which somebody who watched has gone: where it is more than a tenth of the time it counts only if it was nothing at all, for less than half of it. Ten times the usual and a megabyte a second are a flood.',
     async find({ series, idsOf }, limits) {
       /** @type {Found[]} */
       const found = [];
@@ -161,9 +173,11 @@ export const NETWORK_RULES = [
           const isOff = (/** @type {number | null | undefined} */ value, /** @type {string} */ direction) => (value ?? 0) <= Math.min(limits.silent, (usual.get(direction) ?? 0) * limits.broken);
           const off = stretches({ ...received, values: received.values.map((value, row) => (value === null ? null
             : Number(isOff(value, 'received') && isOff(sent.values[row], 'sent')))) }, (value) => value === 1).filter(lasted);
-          const sum = off.reduce((all, { rows }) => all + rows, 0);
+          const share = off.reduce((all, { rows }) => all + rows, 0) / received.whole.times.length;
+          const isStill = share < limits.still && received.values.every((value, row) => (value ?? 0) === 0
+            || !off.some(({ from, to }) => from <= (received.times[row] ?? 0) && (received.times[row] ?? 0) < to));
           const [first, last] = [off[0], off.at(-1)];
-          if (first && last && (usual.get('sent') ?? 0) + (usual.get('received') ?? 0) >= limits.least && sum < received.whole.times.length * limits.rare) {
+          if (first && last && (usual.get('sent') ?? 0) + (usual.get('received') ?? 0) >= limits.least && (share < limits.rare || isStill)) {
             found.push({
               severity: 'warning', from: first.from, to: last.to, chart: id, path: name,
               text: `Traffic of ${name} broke off ${often(off.map(({ from }) => from))}, for ${lasting(lengthOf(off))} in all; usually ${
@@ -173,7 +187,7 @@ export const NETWORK_RULES = [
         }
         if (received) {
           const limit = Math.max(limits.much, limits.flood * quantile(valuesOf(received.whole), 0.25));
-          const flood = stretches(received, (value) => value >= limit).filter(lasted);
+          const flood = stretches(smoothed(received), (value) => value >= limit).filter(lasted);
           const [first, last] = [flood[0], flood.at(-1)];
           if (first && last) {
             found.push({

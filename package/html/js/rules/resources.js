@@ -168,8 +168,8 @@ export const RESOURCE_RULES = [
     },
   },
   {
-    name: 'page faults', subject: 'page faults', reads: ['major-faults'], limits: { rate: 100, usual: 10, time: 10 * MINUTE, low: 0.15 },
-    why: 'A hundred pages a second from the storage, and ten times the usual. Where less than 15 % of memory is available, it is so short that programs are read again and again; else much was read for the first time, which is told.',
+    name: 'page faults', subject: 'page faults', reads: ['major-faults'], limits: { rate: 100, usual: 10, time: 10 * MINUTE, low: 0.15, page: 4096 },
+    why: 'A hundred pages a second from the storage, and ten times the usual. Where less than 15 % of memory is available, or more was read than there is memory, programs are read again and again; else much was read for the first time, which is told.',
     async find({ series }, limits) {
       const [faults] = await series('major-faults');
       const usual = faults ? quantile(valuesOf(faults.whole), 0.25) : 0;
@@ -177,7 +177,8 @@ export const RESOURCE_RULES = [
       const [first, last] = [storms[0], storms.at(-1)];
       const [[available], { total }] = [await series('available'), await memoryOf(series)];
       const isPlenty = available && total > 0 && storms.every(({ from, to }) => available.values.every((value, row) => value === null || value >= limits.low * total
-        || (available.times[row] ?? 0) < from || (available.times[row] ?? 0) > to));
+        || (available.times[row] ?? 0) < from || (available.times[row] ?? 0) > to))
+        && storms.every(({ from, to, most }) => most / 2 * (to - from) * limits.page < total);
       return !first || !last ? [] : [{
         severity: isPlenty ? 'note' : 'warning', from: first.from, to: last.to, chart: 'major-faults', path: 'pagefaults',
         text: `Up to ${valueText(mostOf(storms.map(({ most }) => most)), '1/s')} page faults were served from the storage, ${often(storms.map(({ from }) => from))}.`,

@@ -86,6 +86,7 @@ clang               # a second compiler, for the static analysis and the fuzz ta
 clang-tidy          # static analysis
 clang-format        # format of the sources
 shellcheck          # check of the scripts
+pyflakes3           # check of the simulator's Python
 unzip               # opens what the daemon packed
 git                 # lists the files to check
 chromium            # tests of the page

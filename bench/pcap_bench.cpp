@@ -146,7 +146,7 @@ int main(int argc, char **argv) {
         figure(what + ", one damaged in every MiB", best[3], "s", "intact", best[0]);
     }
     // Garbage of which each piece is short, so that what a search costs to start would show.
-    make_capture(damaged, size / 64, 60, 2 * 76);
+    make_capture(damaged, size / 64, 60, std::uint64_t{2} * 76);
     const double dense = race({[&] { repair(damaged, out); }})[0];
     figure("repair of every other packet", dense * 64, "s");
     std::filesystem::remove(damaged);

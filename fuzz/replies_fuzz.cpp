@@ -115,6 +115,11 @@ void kernel_files(const std::string &print) {
     (void)parse_buddyinfo(print);
     for (const std::string &line : lines_of(print)) {
         (void)parse_load_average(line);
+        (void)parse_meminfo_line(line);
+        require(parse_vmstat_line(line).find_first_not_of("0123456789") == std::string::npos,
+                "a counter of more than digits");
+        const auto slab = parse_slab_line(line);
+        require(!slab || slab->numbers.find(' ') == std::string::npos, "a number with a blank");
     }
 }
 

@@ -4,9 +4,10 @@
 // shell would take apart. Commands are not run (no_commands.cpp). To be run in simulator/sandbox:
 // it writes where the daemon does.
 #define main vandrel_main
-#include "../src/main.cpp"
+#include "../src/main.cpp" // NOLINT(bugprone-suspicious-include)
 #undef main
 
+#include "debug_mode.h"
 #include "koral_cgi_monitoring.h"
 #include "session_info.h"
 

@@ -198,17 +198,6 @@ constexpr std::string_view slab_header =
     "slab, Tunables: Limit, Batch count, Shared factor, Slab data : Active slabs, Number of slabs, "
     "Shared available\r\n";
 
-// "kmalloc-192  1302  1302  192  42  2 : tunables  0  0  0 : slabdata  31  31  0"
-std::string slab_row(std::string_view name, std::string_view numbers) {
-    std::string row = row_time().append(",").append(name);
-    for (std::string_view word = next_word(numbers); !word.empty(); word = next_word(numbers)) {
-        if (is_digit(word[0])) {
-            row.append(",").append(word);
-        }
-    }
-    return row + "\r\n";
-}
-
 // The caches' names for the page, replaced whole: readers always find a whole list.
 void store_slab_names(const std::string &session, const std::string &names) {
     const std::string temporary = session_file(session, "monitoring_slabinfo", ".slab_names_tmp");
@@ -279,13 +268,17 @@ std::string vmstat_get_val(const char *counter_name) {
             return "";
         }
     }
+    return std::string(parse_vmstat_line(line));
+}
+
+std::string_view parse_vmstat_line(std::string_view line) {
     const auto blank = line.find(' ');
-    if (blank == std::string::npos) {
-        return "";
+    if (blank == std::string_view::npos) {
+        return {};
     }
-    const auto begin = line.begin() + static_cast<std::ptrdiff_t>(blank) + 1;
-    const auto end = std::find_if_not(begin, line.end(), is_digit);
-    return std::string(begin, end).substr(0, vmstat_digits_max);
+    const auto *const begin = line.begin() + blank + 1;
+    const auto *const end = std::find_if_not(begin, line.end(), is_digit);
+    return std::string_view(begin, end).substr(0, vmstat_digits_max);
 }
 
 void store_page_faults(const std::string &session) {
@@ -381,6 +374,21 @@ void store_proc_meminfo(const std::string &session) {
     }
 }
 
+std::optional<slab_line> parse_slab_line(std::string_view line) {
+    const auto blank = line.find(' ');
+    if (blank == std::string_view::npos || line.starts_with('#')) {
+        return std::nullopt;
+    }
+    slab_line slab{line.substr(0, blank), ""};
+    line.remove_prefix(blank);
+    for (std::string_view word = next_word(line); !word.empty(); word = next_word(line)) {
+        if (is_digit(word[0])) {
+            slab.numbers.append(",").append(word);
+        }
+    }
+    return slab;
+}
+
 void store_slab_info(const std::string &session) {
     const std::string directory = session + "/system_monitoring/monitoring_slabinfo";
     (void)make_folder(directory.c_str(), 0666);
@@ -390,12 +398,11 @@ void store_slab_info(const std::string &session) {
     command_read_lines("cat /proc/slabinfo", source_line_max, [&](const std::string &text) {
         std::string line = text;
         str_terminate_at(line, '\n');
-        const auto blank = line.find(' ');
-        if (!version_line && blank != std::string::npos && !line.starts_with('#')) {
-            const std::string name = line.substr(0, blank);
+        if (const auto slab = version_line ? std::nullopt : parse_slab_line(line)) {
+            const std::string name(slab->name);
             names += ",{\"name\":\"" + name + "\"}";
             append_rows(session_file(session, "monitoring_slabinfo", file_name_of(name) + ".csv"),
-                        slab_header, slab_row(name, std::string_view(line).substr(blank)));
+                        slab_header, row_time() + "," + name + slab->numbers + "\r\n");
         }
         version_line = false;
     });

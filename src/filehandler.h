@@ -61,6 +61,17 @@ struct meminfo_line {
 };
 std::optional<meminfo_line> parse_meminfo_line(std::string_view line);
 
+// The digits of a line of /proc/vmstat, "pgfault 1234567", at most 20; "" without any.
+std::string_view parse_vmstat_line(std::string_view line);
+
+// A line of /proc/slabinfo, "kmalloc-192  1302  1302  192  42  2 : tunables  0  0  0 : slabdata  31
+// 31  0"; nothing for its comments.
+struct slab_line {
+    std::string_view name;
+    std::string numbers; // ",1302,1302,192,42,2,0,0,0,31,31,0"
+};
+std::optional<slab_line> parse_slab_line(std::string_view line);
+
 // The digits of a counter in the text of /proc/vmstat; "" without it.
 std::string_view find_vmstat_counter(std::string_view text, std::string_view counter);
 

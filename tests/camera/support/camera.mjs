@@ -8,7 +8,7 @@ import { fileURLToPath } from "node:url";
 import { setTimeout as sleep } from "node:timers/promises";
 
 const PROGRAM = fileURLToPath(new URL("../../../simulator/camera", import.meta.url));
-const PATIENCE_MS = 60_000;
+const PATIENCE_MS = 90_000;
 
 /** Runs a program to its end: its exit status, and what it wrote. */
 export function run(file, words, input = "") {
@@ -24,13 +24,14 @@ export function run(file, words, input = "") {
  * restart cuts, as when a session begins its HTTP log, is asked again. */
 export async function until(condition, what = condition, patience_ms = PATIENCE_MS) {
   const end = Date.now() + patience_ms;
-  for (;;) {
+  // A look costs up to a tenth of a second of processor time, in which the camera could go on.
+  for (let pause = 20; ; pause = Math.min(pause * 1.5, 200)) {
     const result = await Promise.resolve().then(condition).catch((error) => {
       if (error.code !== "ECONNRESET") throw error;
     });
     if (result) return result;
     if (Date.now() > end) throw new Error(`waited in vain for: ${what}`);
-    await sleep(20);
+    await sleep(pause);
   }
 }
 

@@ -306,10 +306,11 @@ export const RESOURCE_RULES = [
         const limit = Math.round(Math.min(limits.always, Math.max(limits.high, usual + limits.above), Math.max(limits.warm, usual + limits.far)));
         const hot = stretches(smoothed(sensor), (value) => value >= limit).filter(lasted(limits.time, limits.rows));
         const [first, last] = [hot[0], hot.at(-1)];
+        const cooler = median(values.filter((value) => value < limit));
         return !first || !last ? [] : [{
           severity: most >= limits.grave ? 'grave' : 'warning', from: first.from, to: last.to, chart: 'temperature', path: sensor.name.replaceAll(' ', '_'),
           limit: { value: limit, text: valueText(limit, '°C') },
-          text: `Temperature of ${sensor.name} reached ${valueText(most, '°C')}, usual are ${valueText(quantile(values, 0.5), '°C')}: ${
+          text: `Temperature of ${sensor.name} reached ${valueText(most, '°C')}${Number.isNaN(cooler) ? '' : `, usual are ${valueText(cooler, '°C')}`}: ${
             valueText(limit, '°C')} or more for ${lasting(lengthOf(hot))}, first at ${at(first.from)}.`,
         }];
       });

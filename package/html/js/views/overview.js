@@ -35,7 +35,9 @@ function daemonCard() {
       el('dt', {}, 'State'), text,
       el('dt', {}, 'Last answer'), answered,
       el('dt', {}, 'Round trip'), roundTrip,
-      el('dt', {}, 'Camera'), el('dd', {}, location.host)));
+      el('dt', {}, 'Camera'), el('dd', {}, location.host)),
+    el('p', { class: 'quiet' }, 'For a whole fleet: ', el('a', { href: 'access.cgi?action=metrics' }, 'this camera’s figures'),
+      ', as Prometheus reads them.'));
 }
 
 function cameraCard() {

@@ -3,9 +3,8 @@
 
 import { request, RequestError } from '../api.js';
 import { onCamera, schedule } from '../camera.js';
-import { createFacts } from '../controls.js';
 import { onDaemonState } from '../daemon.js';
-import { el, setText } from '../dom.js';
+import { createFacts, el, setText } from '../dom.js';
 import { clock } from '../format.js';
 import { sessionCard } from './session_state.js';
 

@@ -92,7 +92,7 @@ test('a report and a copy have no secrets, a comparison tells what differs', asy
   const report = await saved('Save report');
   const html = readFileSync(report, 'utf8');
   assertClean(html, 'report');
-  for (const words of ['11.4.6.3', 'reached 9', 'serial-1', '<svg', 'streamd crashed', '&lt;img src=x']) {
+  for (const words of ['11.4.6.3', 'reached 9', 'limit: ', 'What happened, 20', 'serial-1', '<svg', 'streamd crashed', '&lt;img src=x']) {
     assert.ok(html.includes(words), words);
   }
   const opened = await openViewer(browser, {}, '', report);

@@ -94,6 +94,8 @@ const direction = (column) => (/^transmit/i.test(column) ? 'sent' : 'received');
 /** @param {string} column "Receive: errs" */
 const ofTraffic = (column) => `${direction(column)}: ${column.replace(/^.*?: */, '').replace('errs', 'errors')}`;
 
+const hostName = (/** @type {string} */ _, /** @type {string} */ __, /** @type {string} */ host) => host.replace(/ -1$/, ' ping'); // no port
+
 /** @type {Rule[]} */
 const RULES = [
   {
@@ -203,11 +205,11 @@ const RULES = [
   },
   {
     path: DEVICE_TEST, id: 'hosts', group: 'Network', title: 'Hosts of the device test', kind: 'state', columns: /^connected_status$/,
-    name: (_, __, host) => host, rank: 5,
+    name: hostName, rank: 5,
   },
   {
     path: DEVICE_TEST, id: 'host-fails', group: 'Network', title: 'Failed checks of the device test', unit: '1/s', kind: 'counter', columns: /^total_ping_fails$/,
-    name: (_, __, host) => host,
+    name: hostName,
   },
   {
     path: /^monitoring_environment\/((?:Heater|Fan)_\d+)\.csv$/, id: 'climate', group: 'Temperature and power', title: 'Heaters and fans', kind: 'state',

@@ -2,7 +2,8 @@
 // marks. Pure.
 
 import { aligned, firstFrom, summaryOf, wallText } from './series.js';
-import { scaleOf, valueText } from './units.js';
+import { scaleOf, toneOf, valueText } from './units.js';
+import { KIND_TITLES, KINDS } from './marks.js';
 
 const WIDTH = 720;
 const HEIGHT = 200;
@@ -16,8 +17,10 @@ const MOST_POINTED = 0.95; // of what is in sight: what is pointed out stands be
 // Told apart also by those who see few colours, and on paper.
 const COLOURS = ['#2f7ed8', '#d9730d', '#1f9e77', '#c2449a', '#8a6fe8', '#a08000', '#d64545', '#3aa0b5', '#7a8b99', '#5b7f2a'];
 const DASHES = ['', '6 4', '2 3', '10 4 2 4'];
-const STATES = ['#7fb3a0', '#e0a458', '#9aa5b1', '#c98bb9', '#8fa8d8', '#b8b06a'];
-const BAD_STATE = /^(?:not |lost|fail|d$|z$|error)/i;
+const STATES = ['#e0a458', '#9aa5b1', '#c98bb9', '#8fa8d8', '#b8b06a'];
+const TONES = { bad: '#d64545', good: '#7fb3a0', quiet: '#c9d0d7' };
+const KIND_LEFT = 96; // names of kinds beside their lanes
+const KIND_COLOURS = { crash: '#b3261e', reboot: '#7a3fb0', storage: '#c25700', gap: '#e0a458', session: '#0f6d78', host: '#8f5a00', trigger: '#2f6fbf', report: '#55626f' };
 
 /** @typedef {import('./series.js').Series} Series */
 /** @typedef {[number, number]} Range */
@@ -78,6 +81,55 @@ function pathOf(times, values, x, y) {
   return path;
 }
 
+/** Where a time stands. @param {Range} range @param {number} left @returns {(time: number) => number} */
+const placeOf = ([from, to], left) => (time) => left + (time - from) / (to - from) * (WIDTH - left - 8);
+
+/** Lines through a picture at round times, and what they are. @param {Range} range @param {(time: number) => number} x @param {number} base */
+function timesBelow([from, to], x, base) {
+  const step = STEPS_S.find((one) => (to - from) / one <= FEWEST_TIMES + 2) ?? Math.ceil((to - from) / FEWEST_TIMES / 86400) * 86400;
+  let out = '';
+  let day = '';
+  for (let time = Math.ceil(from / step) * step; time <= to; time += step) {
+    const [date = '', clock = ''] = wallText(time).split(' ');
+    const texts = [...(step < 86400 ? [clock.slice(0, step < 60 ? 8 : 5)] : []), ...(date === day ? [] : [date])];
+    day = date;
+    out += `<path d="M${place(x(time))} ${TOP}V${base}" class="grid"/>${texts.map((text, line) =>
+      `<text x="${place(Math.min(x(time), WIDTH - 34))}" y="${base + 13 + line * 13}" class="mid">${text}</text>`).join('')}`;
+  }
+  return out;
+}
+
+/**
+ * The line of time: a lane for each kind of mark.
+ * @param {import('./marks.js').Mark[]} marks @param {Range} range
+ * @returns {string} "" without any
+ */
+export function timelineFigure(marks, range) {
+  const [from, to] = range;
+  const shown = marks.filter(({ time, until }) => (until ?? time) >= from && time <= to);
+  const kinds = KINDS.filter((kind) => shown.some((mark) => mark.kind === kind));
+  if (kinds.length === 0 || to <= from) {
+    return '';
+  }
+  const x = placeOf(range, KIND_LEFT);
+  const base = TOP + kinds.length * LANE;
+  let out = timesBelow(range, x, base);
+  for (const [lane, kind] of kinds.entries()) {
+    const top = TOP + lane * LANE;
+    const own = shown.filter((mark) => mark.kind === kind);
+    out += `<text x="${KIND_LEFT - 8}" y="${top + 15}" class="end">${KIND_TITLES[kind]} ${own.length.toLocaleString('en')}</text>`;
+    let drawn = -Infinity; // of thousands each pixel once
+    for (const { time, until } of own) {
+      const [begin, end] = [x(Math.max(time, from)), x(Math.min(until ?? time, to))];
+      if (end >= drawn + 1) {
+        out += `<rect x="${place(begin - 1)}" y="${top + 4}" width="${place(Math.max(3, end - begin))}" height="${LANE - 8}" fill="${KIND_COLOURS[kind]}"/>`;
+        drawn = end;
+      }
+    }
+  }
+  return `<figure><svg viewBox="0 0 ${WIDTH} ${base + BOTTOM}" role="img" aria-label="What happened, ${wallText(from)} to ${wallText(to)}">${out}</svg></figure>`;
+}
+
 /**
  * @param {object} chart
  * @param {string} chart.title
@@ -85,9 +137,10 @@ function pathOf(times, values, x, y) {
  * @param {Range} chart.range in sight
  * @param {Range} [chart.matters] the span that is pointed out
  * @param {{time: number, until?: number, text: string}[]} [chart.marks]
+ * @param {{value: number, text: string}} [chart.limit] of a finding, for a chart of lines
  * @returns {string} a figure with the picture and its legend; "" where nothing is in sight
  */
-export function chartFigure({ title, series, range, matters, marks = [] }) {
+export function chartFigure({ title, series, range, matters, marks = [], limit }) {
   const [from, to] = range;
   const cut = series.map((one) => {
     const [first, end] = [firstFrom(one.times, from), firstFrom(one.times, to + 1e-6)];
@@ -102,7 +155,7 @@ export function chartFigure({ title, series, range, matters, marks = [] }) {
   const plotHeight = lines.length > 0 ? HEIGHT - TOP - BOTTOM : 0;
   const base = TOP + plotHeight;
   const height = base + bandsHeight + BOTTOM;
-  const x = (/** @type {number} */ time) => LEFT + (time - from) / (to - from) * (WIDTH - LEFT - 8);
+  const x = placeOf(range, LEFT);
   let out = '';
   const box = (/** @type {number} */ begin, /** @type {number} */ end, /** @type {string} */ fill) =>
     `<rect x="${place(x(Math.max(begin, from)))}" y="${TOP}" width="${place(Math.max(1, x(Math.min(end, to)) - x(Math.max(begin, from))))}" height="${place(base - TOP + bandsHeight)}" fill="${fill}"/>`;
@@ -113,17 +166,7 @@ export function chartFigure({ title, series, range, matters, marks = [] }) {
     out += box(time, until ?? time, until === undefined ? '#b3261e' : '#eceff2');
   }
 
-  // Times below
-  const step = STEPS_S.find((one) => (to - from) / one <= FEWEST_TIMES + 2) ?? Math.ceil((to - from) / FEWEST_TIMES / 86400) * 86400;
-  let day = '';
-  for (let time = Math.ceil(from / step) * step; time <= to; time += step) {
-    const [date = '', clock = ''] = wallText(time).split(' ');
-    const texts = [...(step < 86400 ? [clock.slice(0, step < 60 ? 8 : 5)] : []), ...(date === day ? [] : [date])];
-    day = date;
-    out += `<path d="M${place(x(time))} ${TOP}V${base + bandsHeight}" class="grid"/>${texts.map((text, line) =>
-      `<text x="${place(Math.min(x(time), WIDTH - 34))}" y="${base + bandsHeight + 13 + line * 13}" class="mid">${text}</text>`).join('')}`;
-  }
-
+  out += timesBelow(range, x, base + bandsHeight);
   if (lines.length > 0) {
     const [times, ...columns] = aligned(lines);
     let [least, most] = [Infinity, -Infinity];
@@ -133,6 +176,9 @@ export function chartFigure({ title, series, range, matters, marks = [] }) {
           [least, most] = [Math.min(least, value), Math.max(most, value)];
         }
       }
+    }
+    if (limit) {
+      [least, most] = [Math.min(least, limit.value), Math.max(most, limit.value)];
     }
     least = least >= 0 && least < most * 0.6 ? Math.min(0, least) : least;
     if (least === most) {
@@ -149,6 +195,10 @@ export function chartFigure({ title, series, range, matters, marks = [] }) {
         (value / size).toLocaleString('en', { minimumFractionDigits: digits, maximumFractionDigits: digits })}</text>`;
     }
     out += `<text x="${LEFT - 6}" y="10" class="end">${markup(text)}</text>`;
+    if (limit) {
+      out += `<path d="M${LEFT} ${place(y(limit.value))}H${WIDTH - 8}" stroke="#b3261e" stroke-dasharray="5 3" fill="none"/>`
+        + `<text x="${WIDTH - 10}" y="${place(y(limit.value) - 3)}" class="end">limit: ${markup(limit.text)}</text>`;
+    }
     for (const [index, column] of columns.entries()) {
       const dash = dashOf(index);
       out += `<path d="${pathOf(times, column, x, y)}" fill="none" stroke="${colourOf(index)}" stroke-width="1.4"${dash ? ` stroke-dasharray="${dash}"` : ''}/>`;
@@ -165,9 +215,10 @@ export function chartFigure({ title, series, range, matters, marks = [] }) {
       }
       const [begin = 0, until = begin] = [times[row], times[Math.min(end, times.length - 1)]];
       const state = value === null ? '' : categories?.[value] ?? '';
+      const tone = toneOf(state);
       if (value !== null) {
         out += `<rect x="${place(x(begin))}" y="${top + 3}" width="${place(Math.max(1, x(until) - x(begin)))}" height="${LANE - 6}" fill="${
-          BAD_STATE.test(state) ? '#d64545' : STATES[value % STATES.length]}"><title>${markup(`${name}: ${state}`)}</title></rect>`;
+          tone ? TONES[tone] : STATES[value % STATES.length]}"><title>${markup(`${name}: ${state}`)}</title></rect>`;
         if (x(until) - x(begin) > state.length * 7 + 8) {
           out += `<text x="${place(x(begin) + 4)}" y="${top + 15}">${markup(state)}</text>`;
         }

@@ -1,4 +1,4 @@
-// The parts that views are built of: fields, buttons, messages, facts, confirmation.
+// The parts that views are built of: fields, buttons, messages, confirmation.
 
 import { RequestError } from './api.js';
 import { el, setText } from './dom.js';
@@ -153,28 +153,6 @@ export function createMessage() {
         show('bad', `${what ? `${what}: ` : ''}${message} ${advice ?? ''}`.trim());
         // It is no longer true once the daemon answers again.
         box.dataset.away = String(['unreachable', 'stopped', 'timeout'].includes(kind));
-      }
-    },
-  };
-}
-
-/**
- * A list of names and values of which the empty ones are left out.
- */
-export function createFacts() {
-  const element = el('dl', { class: 'facts' });
-  return {
-    element,
-    /** @param {[string, string][]} facts */
-    show(facts) {
-      const texts = facts.filter(([, value]) => value !== '').flat();
-      while (element.children.length > texts.length) {
-        element.lastElementChild?.remove();
-      }
-      for (const [index, text] of texts.entries()) {
-        const part = element.children[index]
-          ?? element.appendChild(el(index % 2 === 0 ? 'dt' : 'dd'));
-        setText(part, text);
       }
     },
   };

@@ -69,3 +69,25 @@ export function setText(node, text) {
     node.textContent = shown;
   }
 }
+
+/**
+ * A list of names and values of which the empty ones are left out.
+ */
+export function createFacts() {
+  const element = el('dl', { class: 'facts' });
+  return {
+    element,
+    /** @param {[string, string][]} facts */
+    show(facts) {
+      const texts = facts.filter(([, value]) => value !== '').flat();
+      while (element.children.length > texts.length) {
+        element.lastElementChild?.remove();
+      }
+      for (const [index, text] of texts.entries()) {
+        const part = element.children[index]
+          ?? element.appendChild(el(index % 2 === 0 ? 'dt' : 'dd'));
+        setText(part, text);
+      }
+    },
+  };
+}

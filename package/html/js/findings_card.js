@@ -1,7 +1,7 @@
 // The findings of a recording: what was wrong, the gravest first, and the figures of the rest.
 
-import { actionButton, createFacts, createMessage } from './controls.js';
-import { el, setText } from './dom.js';
+import { actionButton, createMessage } from './controls.js';
+import { createFacts, el, setText } from './dom.js';
 import { bytesToRead } from './findings.js';
 import { foundBefore, lookFor } from './findings_memory.js';
 import { byteSize, counted } from './format.js';

@@ -1,7 +1,7 @@
 // Which calls of the HTTP API a recording has seen: its koral_status.txt as a table.
 
-import { createFacts, createTable } from './controls.js';
-import { el, setText } from './dom.js';
+import { createTable } from './controls.js';
+import { createFacts, el, setText } from './dom.js';
 import { counted } from './format.js';
 import { readWhole } from './recording.js';
 import { deviceTime } from './session_data.js';

@@ -327,11 +327,9 @@ export function bandsOf(marks, images, [first, last]) {
   };
   const gaps = (/** @type {Mark['cause']} */ cause) => marks.flatMap((mark) => (mark.kind === 'gap' && mark.cause === cause
     ? [/** @type {[number, number]} */ ([mark.time, mark.until ?? mark.time])] : []));
-  const lost = marks.flatMap((mark, index) => {
-    const isLost = mark.kind === 'storage' && mark.text.startsWith('The storage was lost');
-    const back = marks.slice(index + 1).find(({ kind, text }) => kind === 'reboot' || (kind === 'storage' && text.startsWith('The storage was back')));
-    return isLost ? [/** @type {[number, number]} */ ([mark.time, back?.time ?? last])] : [];
-  });
+  const isBack = (/** @type {Mark} */ { kind, text }) => kind === 'reboot' || (kind === 'storage' && text.startsWith('The storage was back'));
+  const lost = marks.flatMap(({ kind, text, time }, index) => (kind !== 'storage' || !text.startsWith('The storage was lost') ? []
+    : [/** @type {[number, number]} */ ([time, marks.find((mark, later) => later > index && isBack(mark))?.time ?? last])]));
   const steps = images.slice(1).map((time, index) => time - (images[index] ?? 0)).sort((a, b) => a - b);
   const least = Math.max(LEAST_IMAGE_HOLE_S, 3 * (steps[steps.length >> 1] ?? 0));
   const [firstImage = first, lastImage = last] = [images[0], images.at(-1)];

@@ -78,12 +78,14 @@ async function whatIsSet(camera) {
   ];
 }
 
+/** As the address has a time. @param {number} seconds */
+const stamp = (seconds) => wallText(seconds).replace(' ', 'T');
+
 /** Where a finding is shown: its chart at its time. @param {string} directory @param {import('./findings.js').Finding} finding */
 function hrefOfFinding(directory, { chart, path, from, to }) {
   const margin = Math.max(HOUR_S / 4, (to - from) / 10);
-  const time = (/** @type {number} */ seconds) => wallText(seconds).replace(' ', 'T');
   const id = chart || (path.endsWith('.csv') ? idOfFile(path) : 'log');
-  return `#/session?path=${encodeURIComponent(directory)}&charts=${encodeURIComponent(id)}&from=${time(from - margin)}&to=${time(to + margin)}`;
+  return `#/session?path=${encodeURIComponent(directory)}&charts=${encodeURIComponent(id)}&from=${stamp(from - margin)}&to=${stamp(to + margin)}`;
 }
 
 /** @returns {HTMLElement[]} cards */
@@ -101,6 +103,9 @@ export function createNow() {
   const set = el('ul', { class: 'lately' });
   const setCard = el('section', { class: 'card', 'aria-label': 'What is set' }, el('h2', {}, 'What is set'), set);
 
+  /** The marks of all of its log, of which only the end is read each minute. @type {{directory: string, marks: import('./marks.js').Mark[]}} */
+  let whole = { directory: '', marks: [] };
+
   /** @param {Camera} camera */
   async function showSession({ directory }) {
     const recording = cameraRecording(directory);
@@ -115,9 +120,16 @@ export function createNow() {
     }));
     charts.replaceChildren(...shown.flat());
     setText(chartsNote, shown.flat().length === 0 ? 'Nothing has been recorded yet: the first rows come after two minutes.' : '');
-    const marks = (await readMarks(source, contents, [])).slice(-MOST_MARKS).reverse();
-    lately.replaceChildren(...marks.map(({ time, kind, text }) => el('li', {},
-      el('a', { href: `${href('')}&from=${wallText(time - HOUR_S / 2).replace(' ', 'T')}&to=${wallText(time + HOUR_S / 2).replace(' ', 'T')}` }, wallText(time)),
+    const marks = await readMarks(source, contents, []);
+    const known = whole.directory === directory ? whole.marks : [];
+    showLately(directory, [...known, ...marks.filter(({ time }) => time > (known.at(-1)?.time ?? -Infinity))]);
+  }
+
+  /** @param {string} directory @param {import('./marks.js').Mark[]} marks */
+  function showLately(directory, marks) {
+    const around = (/** @type {number} */ time) => `&from=${stamp(time - HOUR_S / 2)}&to=${stamp(time + HOUR_S / 2)}`;
+    lately.replaceChildren(...marks.slice(-MOST_MARKS).reverse().map(({ time, kind, text }) => el('li', {},
+      el('a', { href: `#/session?path=${encodeURIComponent(directory)}${around(time)}` }, wallText(time)),
       ` ${KIND_TITLES[kind]}: `, el('bdi', {}, text))));
     latelyCard.hidden = marks.length === 0;
   }
@@ -134,8 +146,13 @@ export function createNow() {
     const controller = new AbortController();
     const listed = new Map([...contents.files, ...contents.csv].map((file) => [file.path, file]));
     const source = createSource(recording, (path) => listed.get(path));
-    const told = foundBefore(recording.title, contents, FINDINGS_PERIOD_MS) ?? await lookFor(recording.title, {
-      recording, source, contents, marks: await readMarks(source, contents, []), signal: controller.signal,
+    let told = foundBefore(recording.title, contents, FINDINGS_PERIOD_MS);
+    if (!told || whole.directory !== directory) {
+      whole = { directory, marks: await readMarks(source, contents, []) };
+      showLately(directory, whole.marks);
+    }
+    told ??= await lookFor(recording.title, {
+      recording, source, contents, marks: whole.marks, signal: controller.signal,
       onProgress: () => (findingsCard.getClientRects().length === 0 ? controller.abort() : undefined), // who has gone on needs none
     });
     const wrong = told.findings.filter(({ severity }) => severity !== 'note');

@@ -6,7 +6,7 @@ import { el, setText } from './dom.js';
 import { elapsedText } from './format.js';
 import { gathered, KINDS } from './marks.js';
 import { aligned, wallText } from './series.js';
-import { scaleOf, valueText } from './units.js';
+import { scaleOf, toneOf, valueText } from './units.js';
 
 const HEIGHT = 230;
 const LANE = 36; // of a band with its name
@@ -21,9 +21,7 @@ const LEAST_AXIS = 56; // so that charts below each other have their times below
 // Told apart on a light and on a dark ground, also by those who see few colours.
 const COLOURS = ['#2f7ed8', '#d9730d', '#1f9e77', '#c2449a', '#8a6fe8', '#a08000', '#d64545', '#3aa0b5', '#7a8b99', '#5b7f2a'];
 const DASHES = [[], [6, 4], [2, 3], [10, 4, 2, 4]];
-const BAD_STATE = /^(?:not |lost|fail|d$|z$|error)/i;
-const GOOD_STATE = /^(?:run|reach|ok|s$|r$|on\b)/i;
-const QUIET_STATE = /^(?:stopp|off|no\b|none)/i;
+const TONES = { bad: '--bad', good: '--good', quiet: '--control-line' };
 
 /** @typedef {import('./series.js').Series} Series */
 /** @typedef {import('./chart_group.js').Mark} Mark */
@@ -41,9 +39,10 @@ export function lookOf(index) {
 }
 
 /** @param {string} state @param {number} index */
-const stateColour = (state, index) => (BAD_STATE.test(state) ? colour('--bad') : GOOD_STATE.test(state) ? colour('--good')
-  : QUIET_STATE.test(state) ? colour('--control-line')
-  : COLOURS[(index + 2) % COLOURS.length] ?? '');
+function stateColour(state, index) {
+  const tone = toneOf(state);
+  return tone ? colour(TONES[tone]) : COLOURS[(index + 2) % COLOURS.length] ?? '';
+}
 
 /** @param {Series} series @param {number | null | undefined} value */
 export function seriesText(series, value) {

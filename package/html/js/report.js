@@ -1,7 +1,7 @@
 // A recording as one document that can be mailed and printed: what was found, with pictures, what happened,
 // what the camera was. It has no script and reaches nothing. Pure.
 
-import { chartFigure, markup } from './chart_svg.js';
+import { chartFigure, markup, timelineFigure } from './chart_svg.js';
 import { folded, KIND_TITLES, KINDS } from './marks.js';
 import { wallText } from './series.js';
 import { visible } from './dom.js';
@@ -87,7 +87,7 @@ export function reportHtml(report, hide = (text) => text, replaced) {
     report.unjudged.length === 0 ? '' : `<p class="quiet">Not judged, as it was not recorded or can’t be read: ${text(report.unjudged.join(', '))}.</p>`,
     `<h2>Information</h2>${facts(report.facts)}`,
     report.versions.length === 0 ? '' : `<h3>Packages</h3>${facts(report.versions)}`,
-    `<h2>What happened</h2>${rows.length === 0 ? '<p>Nothing was told.</p>' : `<table><thead><tr><th scope="col">Time</th><th scope="col">Kind</th><th scope="col">What</th></tr></thead><tbody>${
+    `<h2>What happened</h2>${rows.length === 0 ? '<p>Nothing was told.</p>' : `${timelineFigure(report.marks, report.span)}<table><thead><tr><th scope="col">Time</th><th scope="col">Kind</th><th scope="col">What</th></tr></thead><tbody>${
       kept.map((mark) => `<tr>${stamp(mark.time)}<td class="stamp">${KIND_TITLES[mark.kind]}</td><td>${text(mark.text)}${
         mark.count > 1 ? `, ${mark.count.toLocaleString('en')} times until ${wallText(mark.last)}` : ''}</td></tr>`).join('')}</tbody></table>`}${
       rows.length > kept.length ? `<p class="quiet">The gravest ${kept.length} of ${rows.length}.</p>` : ''}`,

@@ -45,7 +45,7 @@ export async function readReport(recording, { contents, facts, marks }, { signal
     const chart = finding.chart && finding.severity !== 'note' ? chartOfId(charts, finding.chart, (path) => files.has(path)) : null;
     const margin = Math.max(MARGIN_S, (finding.to - finding.from) / 10);
     shown.push({ ...finding, ...(chart && pictures++ < MOST_PICTURES ? { picture: {
-      title: chart.title, series: await seriesOf(chart), matters: [finding.from, finding.to],
+      title: chart.title, series: await seriesOf(chart), matters: [finding.from, finding.to], ...(finding.limit ? { limit: finding.limit } : {}),
       range: [Math.max(span[0], finding.from - margin), Math.min(span[1], finding.to + margin)],
     } } : {}) });
   }

@@ -50,3 +50,7 @@ export function valueText(value, unit = '') {
   const number = numberText(value / size);
   return text === '%' || text === '' ? `${number}${text}` : text === '1/s' ? `${number}/s` : `${number} ${text}`;
 }
+
+const STATES = /** @type {const} */ ([['bad', /^(?:not |lost|fail|d$|z$|error)/i], ['good', /^(?:run|reach|ok|s$|r$|on\b)/i], ['quiet', /^(?:stopp|off|no\b|none)/i]]);
+/** What a state's word says of it; "" where it says nothing. @param {string} state */
+export const toneOf = (state) => STATES.find(([, words]) => words.test(state))?.[0] ?? '';

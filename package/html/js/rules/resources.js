@@ -3,7 +3,7 @@
 import { median, medians, quantile, smoothed, stretches, trend } from '../robust.js';
 import { isConstant } from '../series.js';
 import { numberText, valueText } from '../units.js';
-import { at, DAY, HOUR, lasting, lengthOf, MB, MINUTE, mostOf, often, percent } from './words.js';
+import { at, DAY, foundInEach, HOUR, lasting, lengthOf, MB, MINUTE, mostOf, often, percent } from './words.js';
 
 /** @typedef {import('../findings.js').Rule} Rule */
 /** @typedef {import('../findings.js').Found} Found */
@@ -189,7 +189,7 @@ export const RESOURCE_RULES = [
     name: 'process takes a core', subject: 'the processor of processes', reads: ['process-processor'],
     limits: { core: 0.85, always: 80, unknown: 22, usual: 2, time: 30 * MINUTE, rows: 3 },
     why: 'Of four cores one is 25 %. Half an hour of 85 % of a core counts where it is twice what the process takes otherwise, 80 % of all cores at any rate. Where it is not known how many cores there are, four are taken, as most cameras have at most.',
-    async find({ series, figure, cores }, limits) {
+    async find({ series, figure, cores, breathe }, limits) {
       const all = await series('process-processor');
       const usually = all.map((process) => ({ name: process.name, usual: median(valuesOf(process.whole)) })).sort((a, b) => b.usual - a.usual);
       if (usually[0]) {
@@ -197,7 +197,7 @@ export const RESOURCE_RULES = [
       }
       const count = await cores();
       const core = count > 0 ? limits.core * 100 / count : limits.unknown;
-      return all.flatMap((process) => {
+      return foundInEach(all, breathe, /** @returns {Found[]} */ (process) => {
         // What it takes at its quieter times: what it does for most of a session may be the fault itself.
         const quiet = quantile(valuesOf(process.whole), 0.25);
         const limit = Math.min(limits.always, Math.max(core, limits.usual * quiet));
@@ -288,8 +288,8 @@ export const RESOURCE_RULES = [
     name: 'temperature', subject: 'temperatures', reads: ['temperature'],
     limits: { high: 75, above: 12, warm: 60, far: 20, always: 85, grave: 90, time: 10 * MINUTE, rows: 3, days: 3, swing: 10 },
     why: 'High is what processors of cameras throttle near; a sensor counts that is also 12 °C above its own usual, or above 85 °C at any rate, and a warm one that is 20 °C above it. The usual is what most days reach, as temperatures follow the day; of less than three days 10 °C more than the cooler hours have.',
-    async find({ series, figure }, limits) {
-      return (await series('temperature')).flatMap((sensor) => {
+    async find({ series, figure, breathe }, limits) {
+      return foundInEach(await series('temperature'), breathe, /** @returns {Found[]} */ (sensor) => {
         const values = valuesOf(sensor.whole);
         const most = mostOf(valuesOf(sensor));
         if (!Number.isFinite(most) || isConstant(sensor.whole) && most < limits.always) {
@@ -306,10 +306,11 @@ export const RESOURCE_RULES = [
         const limit = Math.round(Math.min(limits.always, Math.max(limits.high, usual + limits.above), Math.max(limits.warm, usual + limits.far)));
         const hot = stretches(smoothed(sensor), (value) => value >= limit).filter(lasted(limits.time, limits.rows));
         const [first, last] = [hot[0], hot.at(-1)];
+        const cooler = median(values.filter((value) => value < limit));
         return !first || !last ? [] : [{
           severity: most >= limits.grave ? 'grave' : 'warning', from: first.from, to: last.to, chart: 'temperature', path: sensor.name.replaceAll(' ', '_'),
           limit: { value: limit, text: valueText(limit, '°C') },
-          text: `Temperature of ${sensor.name} reached ${valueText(most, '°C')}, usual are ${valueText(quantile(values, 0.5), '°C')}: ${
+          text: `Temperature of ${sensor.name} reached ${valueText(most, '°C')}${Number.isNaN(cooler) ? '' : `, usual are ${valueText(cooler, '°C')}`}: ${
             valueText(limit, '°C')} or more for ${lasting(lengthOf(hot))}, first at ${at(first.from)}.`,
         }];
       });

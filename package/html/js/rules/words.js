@@ -48,3 +48,18 @@ export function groupedBy(items, keyOf) {
   }
   return groups;
 }
+
+/**
+ * What is found in each of many things; the page goes on between them.
+ * @template Item, Found
+ * @param {Item[]} items @param {() => Promise<void>} breathe @param {(item: Item) => Found[]} find
+ */
+export async function foundInEach(items, breathe, find) {
+  /** @type {Found[]} */
+  const found = [];
+  for (const item of items) {
+    await breathe();
+    found.push(...find(item));
+  }
+  return found;
+}

@@ -2,9 +2,8 @@
 
 import { requestGranted } from '../api.js';
 import { onCamera, refreshCamera, schedule } from '../camera.js';
-import { actionButton, confirmed, createFacts, createMessage, explainedField, field, select }
-  from '../controls.js';
-import { el, setText } from '../dom.js';
+import { actionButton, confirmed, createMessage, explainedField, field, select } from '../controls.js';
+import { createFacts, el, setText } from '../dom.js';
 import { duration } from '../session_data.js';
 
 /** @typedef {import('../session_data.js').Schedule} Schedule */

@@ -3,9 +3,8 @@
 
 import { request, RequestError } from '../api.js';
 import { onCamera, schedule } from '../camera.js';
-import { createFacts } from '../controls.js';
 import { onDaemonState } from '../daemon.js';
-import { el, setText } from '../dom.js';
+import { createFacts, el, setText } from '../dom.js';
 import { clock } from '../format.js';
 import { sessionCard } from './session_state.js';
 
@@ -35,7 +34,9 @@ function daemonCard() {
       el('dt', {}, 'State'), text,
       el('dt', {}, 'Last answer'), answered,
       el('dt', {}, 'Round trip'), roundTrip,
-      el('dt', {}, 'Camera'), el('dd', {}, location.host)));
+      el('dt', {}, 'Camera'), el('dd', {}, location.host)),
+    el('p', { class: 'quiet' }, 'For a whole fleet: ', el('a', { href: 'access.cgi?action=metrics' }, 'this camera’s figures'),
+      ', as Prometheus reads them.'));
 }
 
 function cameraCard() {

@@ -1,8 +1,7 @@
 // The state of the running session, as a card.
 
 import { onCamera, refreshCamera } from '../camera.js';
-import { createFacts } from '../controls.js';
-import { el, setText } from '../dom.js';
+import { createFacts, el, setText } from '../dom.js';
 import { clock } from '../format.js';
 import { staleNotes } from '../poll.js';
 import { duration } from '../session_data.js';

@@ -1,8 +1,8 @@
 // The running trace, and stopping it.
 
 import { requestGranted } from '../api.js';
-import { actionButton, confirmed, createFacts } from '../controls.js';
-import { el, setText } from '../dom.js';
+import { actionButton, confirmed } from '../controls.js';
+import { createFacts, el, setText } from '../dom.js';
 import { byteSize, clock } from '../format.js';
 import { staleNotes } from '../poll.js';
 import { partsOfPath } from '../session_data.js';

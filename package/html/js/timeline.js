@@ -10,6 +10,7 @@ import { duration } from './session_data.js';
 
 const MOST_ROWS = 300;
 const NEAR = 0.035; // of what is in sight: two marks that are one button
+const NEAR_PX = 28; // at least, so that a number of three digits fits, and a finger
 const MOST_IN_READING = 8;
 const TICKS = 5;
 const DAY_S = 86400;
@@ -75,7 +76,7 @@ export function createTimeline(group, { save, go, showCharts, showLog }) {
     const shown = !group.isHidden(kind);
     const box = el('input', { type: 'checkbox', checked: shown, onchange: () => group.showKind(kind, box.checked) });
     const strip = el('div', { class: 'strip' });
-    const near = (to - from) * NEAR;
+    const near = (to - from) * Math.max(NEAR, NEAR_PX / (lanes.querySelector('.strip')?.clientWidth || innerWidth * 0.55)); // before it is laid out, about
     for (const { time, until, marks: some } of shown ? gathered(own.filter((mark) => (mark.until ?? mark.time) >= from && mark.time <= to), near) : []) {
       const [begin, end] = [Math.max(time, from), Math.min(until, to)];
       const what = some.length === 1 ? some[0]?.text : `${counted(some.length, 'mark')}: ${some[0]?.text} …`;

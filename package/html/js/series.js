@@ -532,11 +532,13 @@ export function aligned(many) {
     const moments = [];
     /** @type {number[]} */
     const rows = [];
+    const missing = holes(times);
     let next = 0;
-    for (const [row, time] of times.entries()) {
+    for (let row = 0; row < times.length; row++) {
+      const time = /** @type {number} */ (times[row]);
       moments.push(time);
       rows.push(row);
-      const hole = holes(times)[next];
+      const hole = missing[next];
       if (hole?.[0] === time && hole[1] === times[row + 1]) {
         moments.push((hole[0] + hole[1]) / 2);
         rows.push(-1);

@@ -203,7 +203,7 @@ export const NETWORK_RULES = [
   {
     name: 'bandwidth', subject: 'the bandwidth', reads: ['bandwidth'], limits: { more: 3, least: 2, time: HOUR, rows: 4, rare: 0.2, own: 20 },
     why: 'Three times, or a third of, what the camera usually sends with the same streams, for an hour: a scene or an encoder that has changed. By nights streams are small or large in their own way: where the same hour of another day had it too, it is usual. Without the list of streams it is a note, as somebody may just have watched.',
-    async find({ series, figure }, limits) {
+    async find({ series, figure, breathe }, limits) {
       const [bandwidth] = await series('bandwidth');
       const [streams] = await series('streams');
       if (!bandwidth) {
@@ -229,7 +229,9 @@ export const NETWORK_RULES = [
       });
       const usual = new Map([...groups].map(([key, values]) => [key, values.length < limits.own ? NaN : median(values.filter((value) => !Number.isNaN(value)))]));
       const ofTime = new Map(bandwidth.whole.times.map((time, index) => [time, keys[index] ?? '']));
+      await breathe();
       const smooth = smoothed(bandwidth);
+      await breathe();
       const parts = smooth.values.map((value, index) => {
         const own = usual.get(ofTime.get(smooth.times[index] ?? 0) ?? '') ?? NaN;
         return value === null || Number.isNaN(own) || Math.max(own, value) < limits.least ? null : value / Math.max(own, 0.1);

@@ -2,6 +2,7 @@
 // pointed at in one is so in all of its group.
 
 import { GRAVE, KINDS } from './marks.js';
+import { CLOCK_IS_SET } from './series.js';
 
 const SHORTEST_RANGE_S = 10;
 const MARK_MARGIN_S = 600;
@@ -14,7 +15,7 @@ const MARK_REACH = 0.005; // of what is in sight
 /**
  * What a group knows of a chart.
  * @typedef {object} Member
- * @property {() => Range | null} extent of its rows; null without any
+ * @property {(from: number) => Range | null} extent of its rows from that time on; null without any
  * @property {(range: Range) => void} setRange
  * @property {(time: number | null) => void} setCursor
  * @property {() => void} redraw
@@ -41,16 +42,21 @@ export function createChartGroup({ pointed, opened } = {}) {
   let frame = 0;
   const controller = new AbortController();
 
-  /** @returns {Range} */
-  function whole() {
-    const extents = [...members].flatMap((member) => member.extent() ?? []);
+  /** From a time on. @returns {Range} */
+  function whole(since = -Infinity) {
+    const extents = [...members].flatMap((member) => member.extent(since) ?? []);
     const [first, last] = [Math.min(...extents), Math.max(...extents)];
     // What happened just before the first row and after the last is in sight too.
     const near = marks.map(({ time }) => time).filter((time) => time > first - MARK_MARGIN_S && time < last + MARK_MARGIN_S);
     const [from, to] = [Math.min(first, ...near.slice(0, 1)), Math.max(last, ...near.slice(-1))];
     return extents.length === 0 ? [0, 1] : from === to ? [from - 60, to + 60] : [from, to];
   }
-  const inSight = () => range ?? whole();
+  /** All but the minutes before the clock was set: there are decades of nothing between. */
+  function usual() {
+    const all = whole();
+    return all[0] < CLOCK_IS_SET && all[1] >= CLOCK_IS_SET ? whole(CLOCK_IS_SET) : all;
+  }
+  const inSight = () => range ?? usual();
 
   function apply() {
     cancelAnimationFrame(frame);
@@ -72,7 +78,7 @@ export function createChartGroup({ pointed, opened } = {}) {
     if (wanted) {
       const width = Math.min(Math.max(wanted[1] - wanted[0], SHORTEST_RANGE_S), last - first);
       const from = Math.min(Math.max(wanted[0], first), last - width);
-      range = width >= last - first ? null : [from, from + width];
+      range = width >= last - first && usual()[0] === first ? null : [from, from + width];
     } else {
       range = null;
     }

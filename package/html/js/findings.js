@@ -10,7 +10,7 @@ import { LOG_RULES } from './rules/log.js';
 import { HTTP_LOG, NETWORK_RULES } from './rules/network.js';
 import { RESOURCE_RULES } from './rules/resources.js';
 import { groupedBy } from './rules/words.js';
-import { firstFrom, holes, seriesOf } from './series.js';
+import { firstFrom, holes, orderedTimes, seriesOf } from './series.js';
 import { numberText } from './units.js';
 
 const IMAGES = /\/monitoring_snapshots\/[^/]+\.jpg$/;
@@ -105,7 +105,7 @@ async function createKnown({ recording, source, contents, marks, range, signal }
   const rows = allRows.filter(within);
   const log = await digestOf(LOG, logDigest(within));
   await breathe();
-  const everyRow = [...allRows].sort((a, b) => a - b);
+  const everyRow = orderedTimes(allRows);
   const http = await digestOf(HTTP_LOG, httpDigest(within), Math.round(((everyRow.at(-1) ?? 0) - (everyRow[0] ?? 0)) / LOG_STEP_S));
   await breathe();
   const ascending = everyRow.filter(within);

@@ -5,7 +5,7 @@ import { colourOfKind, isGrave } from './chart_group.js';
 import { el, setText } from './dom.js';
 import { elapsedText } from './format.js';
 import { gathered, KINDS } from './marks.js';
-import { aligned, wallText } from './series.js';
+import { aligned, extentOf, wallText } from './series.js';
 import { scaleOf, toneOf, valueText } from './units.js';
 
 const HEIGHT = 230;
@@ -88,10 +88,7 @@ export function createPlot(
 
   /** @type {import('./chart_group.js').Member} */
   const member = {
-    extent() {
-      const [times] = recorded;
-      return times.length === 0 ? null : [times[0] ?? 0, times[times.length - 1] ?? 0];
-    },
+    extent: (from) => extentOf(recorded[0], from),
     setRange([min, max]) {
       plot?.setScale('x', { min, max });
     },

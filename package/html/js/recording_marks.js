@@ -3,7 +3,7 @@
 
 import { LOG } from './catalogue.js';
 import { markOfFile, markOfLine, marksOfEvents, marksOfHoles, sortedMarks, triggerNames, zoneOf } from './marks.js';
-import { holes, wallSeconds } from './series.js';
+import { holes, orderedTimes, wallSeconds } from './series.js';
 
 const EVENTS = 'system_monitoring/monitoring_metadata/eventlistener.txt';
 const REGULAR = 'system_monitoring/monitoring_load/load.csv'; // has a row in every collection
@@ -50,14 +50,10 @@ export async function readMarks(source, contents, information) {
       found.push({ time: wallSeconds(day, clock), kind: 'session', text: name.startsWith('Start') ? 'The session was started' : 'The session was stopped' });
     }
   }
-  const regular = contents.csv.some(({ path }) => path === REGULAR) ? await source.table(REGULAR, /./) : null;
-  const gaps = holes([...regular?.times ?? []].sort((a, b) => a - b));
-  return sortedMarks([...found, ...marksOfHoles(gaps, found)]);
+  return sortedMarks([...found, ...marksOfHoles(holes(await readTimes(source, contents)), found)]);
 }
 
-/** The times of the first and the last row; null without any. @param {ReturnType<typeof import('./session_series.js').createSource>} source @param {import('./recording.js').Contents} contents */
-export async function readExtent(source, contents) {
-  const times = contents.csv.some(({ path }) => path === REGULAR) ? (await source.table(REGULAR, /./)).times : [];
-  const [first, last] = times.reduce(([least, most], time) => [Math.min(least, time), Math.max(most, time)], [Infinity, -Infinity]);
-  return last > first ? /** @type {[number, number]} */ ([first, last]) : null;
+/** The times of the rows. @param {ReturnType<typeof import('./session_series.js').createSource>} source @param {import('./recording.js').Contents} contents */
+export async function readTimes(source, contents) {
+  return contents.csv.some(({ path }) => path === REGULAR) ? orderedTimes((await source.table(REGULAR, /./)).times) : [];
 }

@@ -13,7 +13,7 @@ import { createHttpReport } from './http_report.js';
 import { createImageCard } from './image_card.js';
 import { writeSight } from './link.js';
 import { readWhole } from './recording.js';
-import { imagesOf, readExtent, readMarks } from './recording_marks.js';
+import { imagesOf, readMarks, readTimes } from './recording_marks.js';
 import { createRecordingTools } from './recording_tools.js';
 import { createSource } from './session_series.js';
 import { whenSeen } from './seen.js';
@@ -211,7 +211,7 @@ export function createRecordingView(recording, hrefOf, others = async () => []) 
       return;
     }
     group.setMarks(marks);
-    timeline.show(marks, await readExtent(source, contents), imagesOf(contents.files).map(({ time }) => time));
+    timeline.show(marks, await readTimes(source, contents), imagesOf(contents.files).map(({ time }) => time));
     tools.show({ contents, facts, marks });
     await condition.show(contents.csv);
     await httpReport.show(recording, contents.files);

@@ -658,6 +658,22 @@ export function firstFrom(times, time) {
   return low;
 }
 
+/** Earlier is the clock of a camera that was without power and has not been told the time yet. */
+export const CLOCK_IS_SET = Date.UTC(2015, 0, 1) / 1000;
+
+/** Times in their order, without those before the clock was set when there are others. @param {number[]} times @returns {number[]} */
+export function orderedTimes(times) {
+  const ascending = [...times].sort((a, b) => a - b);
+  const first = firstFrom(ascending, CLOCK_IS_SET);
+  return first < ascending.length ? ascending.slice(first) : ascending;
+}
+
+/** From the first to the last of the times that are not before another; null without any. @param {number[]} times ascending @param {number} [from] */
+export function extentOf(times, from = -Infinity) {
+  const first = times[firstFrom(times, from)];
+  return first === undefined ? null : /** @type {[number, number]} */ ([first, times[times.length - 1]]);
+}
+
 /**
  * What the rows of a time span say together; the average is that of the rows.
  * @param {Series} series of numbers

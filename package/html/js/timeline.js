@@ -5,7 +5,7 @@ import { actionButton, createTable } from './controls.js';
 import { el, setText } from './dom.js';
 import { counted } from './format.js';
 import { bandsOf, folded, gathered, KIND_TITLES, KINDS } from './marks.js';
-import { wallText } from './series.js';
+import { extentOf, wallText } from './series.js';
 import { duration } from './session_data.js';
 
 const MOST_ROWS = 300;
@@ -49,8 +49,8 @@ export function createTimeline(group, { save, go, showCharts, showLog }) {
   let marks = [];
   /** @type {ReturnType<typeof bandsOf>} */
   let bands = [];
-  /** @type {[number, number] | null} of the recording */
-  let extent = null;
+  /** Those of the rows, or of the marks where there are none. @type {number[]} */
+  let times = [];
   let at = NaN; // the cursor's time
 
   /** The marks of a place, with where they lead. @param {Mark[]} some */
@@ -136,7 +136,7 @@ export function createTimeline(group, { save, go, showCharts, showLog }) {
       const again = [...lanes.querySelectorAll('button')].find((button) => button.getAttribute('aria-label') === focused);
       again?.focus();
     }
-    element.hidden = marks.length === 0 && extent === null;
+    element.hidden = marks.length === 0 && times.length === 0;
     showCursor(at);
   }
   /** @param {number} time NaN for none */
@@ -156,7 +156,7 @@ export function createTimeline(group, { save, go, showCharts, showLog }) {
   });
   /** @type {import('./chart_group.js').Member} */
   const member = {
-    extent: () => extent,
+    extent: (from) => extentOf(times, from),
     setRange() {},
     setCursor: (time) => showCursor(time ?? NaN),
     redraw() {},
@@ -242,13 +242,13 @@ export function createTimeline(group, { save, go, showCharts, showLog }) {
     read,
     /**
      * @param {Mark[]} next in the order of their times
-     * @param {[number, number] | null} rows the first and the last
+     * @param {number[]} rows their times, ascending
      * @param {number[]} images their times, ascending
      */
     show(next, rows, images) {
       marks = next;
-      const [first, last] = [next[0], next.at(-1)];
-      extent = rows ?? (first && last && last.time > first.time ? [first.time, last.time] : null);
+      times = rows.length > 1 ? rows : next.map(({ time }) => time);
+      const extent = times.length > 1 ? extentOf(times) : null;
       bands = extent ? bandsOf(next, images, extent) : [];
       group.add(member);
       show();

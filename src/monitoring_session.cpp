@@ -208,6 +208,7 @@ crash_report_plan plan_of_crash_reports(std::optional<unsigned long> interval) {
 
 // For pending reports; the archive holds what is finished by then.
 constexpr auto report_patience = 30s;
+
 // The reply is sent before a restart of the device.
 void reply_or_restart(GDataOutputStream *stream, int result, const char *done,
                       const char *restarts) {
@@ -226,7 +227,7 @@ void sweep_leftovers(const std::string &) {
     }
 }
 
-// A power cut while the session was being started left these two out.
+// A power cut while the session was being started left this one out, and the next.
 void keep_session_information(const std::string &directory) {
     if (!is_file((directory + "/Session_Information.txt").c_str())) {
         const unsigned long interval = advanced_debug_mode_crash_recurrence;
@@ -235,6 +236,7 @@ void keep_session_information(const std::string &directory) {
             plan_of_crash_reports(interval > 0 ? std::optional(interval) : std::nullopt));
     }
 }
+
 void keep_continuous_syslog(const std::string &directory) {
     struct stat status {};
     if (::lstat(continuous_syslog_link, &status) != 0) {

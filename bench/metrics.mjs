@@ -60,6 +60,7 @@ try {
   const other = (exporterMs() - before.exporter) / times.exporter.length;
   figure(`a scrape of ${(size / 1000).toFixed(0)} kB, of ${SCRAPES}`, median(times.scrape), "ms",
     { peer: "a static file of that size", theirs: median(times.file), ratio: 2 });
+  figure("a scrape through the web server", median(times.scrape), "ms", { peer: "node_exporter without one", theirs: median(times.exporter), ratio: 1 });
   figure("processor time of a scrape", own, "ms", { peer: "node_exporter", theirs: other, ratio: 1 });
   figure("memory after the scrapes", await status(), "kB", { peer: "before", theirs: before.memory, ratio: 1.02 });
 } finally {
